@@ -1,0 +1,303 @@
+/*
+ * x509_auth.h: the C interface of libx509auth, API version 3.
+ *
+ * The library hands a host application the user's X.509 client certificates
+ * (from certificate files, PKCS#11 smart cards and CA certificates the host
+ * adds) and performs private-key operations with them. Usable from C (C99)
+ * and C++.
+ *
+ * Ownership: every record, array or buffer the library hands out stays owned
+ * by the library until its address is passed to X509_Auth_Free, or until the
+ * next X509_Auth_Init or X509_Auth_DeInit. Only the private key returned by
+ * X509_Auth_GetPrivateKeyForCertificate becomes the host's.
+ *
+ * Threading: the host serialises its calls. X509_Auth_Init,
+ * X509_Auth_PostInitUpdateSettings and X509_Auth_DeInit must not run while
+ * any other call is in progress.
+ *
+ * Exceptions: compiled as C++, X509_Auth_SignHash and X509_Auth_Decrypt throw
+ * std::invalid_argument for enumeration values out of range (see there). A
+ * host written in C must not pass such values.
+ */
+#ifndef X509_AUTH_H
+#define X509_AUTH_H
+
+#include <stdarg.h>
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define X509_AUTH_EXPORT __attribute__((visibility("default")))
+#else
+#define X509_AUTH_EXPORT
+#endif
+
+/* The API version this header describes; X509_Auth_GetApiVersion returns it. */
+#define X509_AUTH_API_VERSION 3
+
+/* Length in bytes of a certificate thumbprint (SHA-1 of its DER encoding). */
+#define X509_AUTH_THUMBPRINT_LENGTH 20
+
+/* X509_Auth_LogPriority is the priority the library gives each log line. */
+typedef enum X509_Auth_LogPriority {
+  X509_Auth_LogPriority_Debug = 0,
+  X509_Auth_LogPriority_Info = 1,
+  X509_Auth_LogPriority_Warning = 2,
+  /* A failure of the operation the host requested. */
+  X509_Auth_LogPriority_Error = 3
+} X509_Auth_LogPriority;
+
+/* X509_Auth_KeyAlgorithmGroup is the family of a certificate's public key. */
+typedef uint32_t X509_Auth_KeyAlgorithmGroup;
+enum {
+  /* Neither RSA nor EC; also RSASSA-PSS keys (1.2.840.113549.1.1.10). */
+  X509_Auth_KeyAlgorithmGroup_Other = 0,
+  X509_Auth_KeyAlgorithmGroup_Rsa = 1,
+  X509_Auth_KeyAlgorithmGroup_Ec = 2
+};
+
+/* X509_Auth_CertificateType tells where a certificate came from. */
+typedef uint32_t X509_Auth_CertificateType;
+enum {
+  /* A file of a "certs" directory; its key file is in the record's key path. */
+  X509_Auth_CertificateType_FileBased = 0,
+  /* A PKCS#11 token. */
+  X509_Auth_CertificateType_SmartCard = 1,
+  /* Anything else, for example a certificate added as encoded bytes. */
+  X509_Auth_CertificateType_Other = 2
+};
+
+/* X509_Auth_HashType selects the length of the hash given to
+ * X509_Auth_SignHash. */
+typedef uint32_t X509_Auth_HashType;
+enum {
+  X509_Auth_HashType_Sha1 = 0,   /* 20 bytes */
+  X509_Auth_HashType_Sha256 = 1, /* 32 bytes */
+  X509_Auth_HashType_Sha384 = 2, /* 48 bytes */
+  X509_Auth_HashType_Sha512 = 3  /* 64 bytes */
+};
+
+/* Key algorithm families accepted by X509_Auth_SignHash, passed as uint32_t. */
+enum {
+  X509_Auth_Algorithm_Unknown = 0,
+  X509_Auth_Algorithm_Rsa = 1,
+  X509_Auth_Algorithm_Ec = 2
+};
+
+/* Paddings accepted by X509_Auth_Decrypt, passed as uint32_t. */
+enum {
+  /* Accepted at the boundary but always refused with code 6. */
+  X509_Auth_DecryptAlgorithm_None = 0,
+  X509_Auth_DecryptAlgorithm_RsaPkcs1 = 1,
+  /* OAEP with OpenSSL's default digest and MGF1 (SHA-1). */
+  X509_Auth_DecryptAlgorithm_RsaOaep = 2
+};
+
+/* X509_Auth_ResultCode is the result of key operations. */
+typedef int32_t X509_Auth_ResultCode;
+enum {
+  X509_Auth_ResultCode_Success = 0,
+  /* The private-key operation itself failed. */
+  X509_Auth_ResultCode_KeyOperationFailed = 1,
+  /* X509_Auth_SignHash/Decrypt: the users' certificate store could not be
+   * opened. X509_Auth_GetPrivateKeyForCertificate: the certificate is null. */
+  X509_Auth_ResultCode_StoreOpenFailed = 2,
+  X509_Auth_ResultCode_NullCertificate = 2,
+  /* X509_Auth_SignHash/Decrypt: no certificate with the thumbprint.
+   * X509_Auth_GetPrivateKeyForCertificate: the key output is null. */
+  X509_Auth_ResultCode_CertificateNotFound = 3,
+  X509_Auth_ResultCode_NullKeyOutput = 3,
+  /* X509_Auth_SignHash/Decrypt: the private key could not be opened. */
+  X509_Auth_ResultCode_KeyOpenFailed = 4,
+  /* X509_Auth_GetPrivateKeyForCertificate: the store could not be opened. */
+  X509_Auth_ResultCode_KeyExportStoreOpenFailed = 5,
+  /* X509_Auth_SignHash/Decrypt: the algorithm is not supported.
+   * X509_Auth_GetPrivateKeyForCertificate: no certificate with the
+   * thumbprint. */
+  X509_Auth_ResultCode_AlgorithmNotSupported = 6,
+  X509_Auth_ResultCode_KeyExportCertificateNotFound = 6,
+  /* X509_Auth_GetPrivateKeyForCertificate: the token login failed. */
+  X509_Auth_ResultCode_TokenLoginFailed = 7,
+  /* X509_Auth_GetPrivateKeyForCertificate: no key on the token. */
+  X509_Auth_ResultCode_TokenKeyNotFound = 8,
+  /* X509_Auth_GetPrivateKeyForCertificate: an encoded certificate has no
+   * key. */
+  X509_Auth_ResultCode_EncodedCertificateHasNoKey = 9,
+  /* X509_Auth_GetPrivateKeyForCertificate: a file certificate; use the key
+   * path of its record instead. */
+  X509_Auth_ResultCode_UseKeyPath = 10
+};
+
+/* X509_Auth_Certificate describes one client certificate (104 bytes). Every
+ * pointer stays valid until the array it belongs to is passed to
+ * X509_Auth_Free. */
+typedef struct X509_Auth_Certificate {
+  const char* name;        /* subject common name */
+  const char* issuer_name; /* issuer common name */
+  int64_t not_before;      /* seconds since the Unix epoch */
+  int64_t not_after;
+  int32_t smart_card; /* 1 for a token certificate, else 0 */
+  uint32_t padding;   /* always 0 */
+  const uint8_t* thumbprint; /* X509_AUTH_THUMBPRINT_LENGTH bytes */
+  uint64_t encoded_length;
+  const uint8_t* encoded; /* DER encoding */
+  uint64_t ca_chain_count;
+  /* ca_chain_count pointers, each to a 20-byte thumbprint, from the
+   * certificate itself up the chain. May be null when the count is 0. */
+  const uint8_t* const* ca_chain;
+  X509_Auth_KeyAlgorithmGroup key_algorithm_group;
+  X509_Auth_CertificateType cert_type;
+  const char* key_path; /* key file of a file-based certificate, else "" */
+  uint64_t reserved;    /* always 0 */
+} X509_Auth_Certificate;
+
+/* X509_Auth_ASN_1 is one DER blob, or a decrypted plaintext (16 bytes). */
+typedef struct X509_Auth_ASN_1 {
+  uint64_t length;
+  const uint8_t* data;
+} X509_Auth_ASN_1;
+
+/* X509_Auth_Signature is a signature made by X509_Auth_SignHash (24 bytes). */
+typedef struct X509_Auth_Signature {
+  uint32_t algorithm; /* the X509_Auth_Algorithm_* that was used */
+  uint32_t padding;
+  uint64_t length;
+  const uint8_t* data;
+} X509_Auth_Signature;
+
+/* X509_Auth_Result is the result of X509_Auth_SignHash and X509_Auth_Decrypt
+ * (16 bytes, returned by value). */
+typedef struct X509_Auth_Result {
+  X509_Auth_ResultCode code;
+  uint32_t padding;
+  /* The error value of the failed step; 0 on success. */
+  uint64_t detail;
+} X509_Auth_Result;
+
+/* X509_Auth_PinEntryResult is allocated by the host's PIN-entry callback and
+ * handed back to its free callback. The library reads only these two fields;
+ * a host may embed it at the start of a larger record of its own. */
+typedef struct X509_Auth_PinEntryResult {
+  const char* value; /* the PIN or password; read only when status is 0 */
+  int32_t status;    /* 0: the user entered a value; else cancelled/failed */
+} X509_Auth_PinEntryResult;
+
+/* X509_Auth_Settings names the base directories searched for "certs" and
+ * "keys" subdirectories (32 bytes). Read only during the call receiving it. */
+typedef struct X509_Auth_Settings {
+  const char* const* certificate_directories; /* used as given */
+  uint64_t certificate_directory_count;
+  const char* const* home_certificate_directories; /* relative to $HOME */
+  uint64_t home_certificate_directory_count;
+} X509_Auth_Settings;
+
+/* The host's callbacks; any of them may be null. */
+typedef void (*X509_Auth_LogCallback)(X509_Auth_LogPriority priority,
+                                      const char* format, va_list arguments);
+typedef X509_Auth_PinEntryResult* (*X509_Auth_PinEntryCallback)(
+    const char* title, const char* prompt);
+typedef void (*X509_Auth_FreePinEntryResultCallback)(
+    X509_Auth_PinEntryResult* result);
+typedef void (*X509_Auth_MessageCallback)(const char* message,
+                                          const char* title);
+
+/* X509_Auth_Callbacks holds the host's four callbacks (32 bytes). The log
+ * callback receives an unformatted printf format and its arguments. */
+typedef struct X509_Auth_Callbacks {
+  X509_Auth_LogCallback log;
+  X509_Auth_PinEntryCallback pin_entry;
+  X509_Auth_FreePinEntryResultCallback free_pin_entry_result;
+  X509_Auth_MessageCallback message;
+} X509_Auth_Callbacks;
+
+/* X509_Auth_Init installs |callbacks|, replaces the directory lists with
+ * |settings| when it is not null, and starts a fresh key store. Calling it
+ * again invalidates everything handed out before. */
+X509_AUTH_EXPORT void X509_Auth_Init(const X509_Auth_Settings* settings,
+                                     X509_Auth_Callbacks callbacks);
+
+/* X509_Auth_PostInitUpdateSettings replaces the directory lists with
+ * |settings| (null: no change); the next request sees them. */
+X509_AUTH_EXPORT void X509_Auth_PostInitUpdateSettings(
+    const X509_Auth_Settings* settings);
+
+/* X509_Auth_DeInit destroys the key store with every result still held and
+ * releases the library's hold on the smart-card context. Callbacks and
+ * settings are kept. */
+X509_AUTH_EXPORT void X509_Auth_DeInit(void);
+
+/* X509_Auth_GetApiVersion returns X509_AUTH_API_VERSION (3). */
+X509_AUTH_EXPORT int X509_Auth_GetApiVersion(void);
+
+/* X509_Auth_LoadClientCertificates writes the number of usable client
+ * certificates to |*count| and the address of their array to
+ * |*certificates|, and returns true. It returns false, writing nothing, when
+ * the certificate store could not be opened. The array is the library's
+ * until passed to X509_Auth_Free. */
+X509_AUTH_EXPORT bool X509_Auth_LoadClientCertificates(
+    uint64_t* count, const X509_Auth_Certificate** certificates);
+
+/* X509_Auth_Free releases a certificate array, signature, plaintext or CA
+ * chain array handed out earlier. An unknown address is ignored. */
+X509_AUTH_EXPORT void X509_Auth_Free(const void* p);
+
+/* X509_Auth_AddAdditionalCertificateAuthorityToStore trusts a CA certificate
+ * given as PEM text (starting with "-----BEGIN CERTIFICATE-----") or DER
+ * bytes for chain building. Returns 1 when it was added, 0 otherwise. */
+X509_AUTH_EXPORT int X509_Auth_AddAdditionalCertificateAuthorityToStore(
+    const unsigned char* data, uint64_t length);
+
+/* X509_Auth_GetChainedCAsForCertificate writes the DER encodings of the
+ * certificates in |certificate|'s CA chain that the library's store holds.
+ * Returns 0 on success, 2 for a null certificate, 3 for a null |count|, 4
+ * for a null |asn1|. The array is the library's until passed to
+ * X509_Auth_Free. */
+X509_AUTH_EXPORT int32_t X509_Auth_GetChainedCAsForCertificate(
+    const X509_Auth_Certificate* certificate, uint64_t* count,
+    X509_Auth_ASN_1** asn1);
+
+/* X509_Auth_SignHash signs the digest |hash| with the private key of the
+ * certificate whose SHA-1 thumbprint is the 20 bytes at |thumbprint|. The
+ * certificate's key family must be among the |algorithm_count| values of
+ * |algorithms|. |hash| holds the number of bytes |hash_type| implies. On
+ * success |*signature| receives a record owned by the library until passed
+ * to X509_Auth_Free; on failure it receives null. Throws
+ * std::invalid_argument ("Unimplemented") for an algorithm above 2 and
+ * ("Invalid hash type") for a hash type above 3. */
+X509_AUTH_EXPORT X509_Auth_Result X509_Auth_SignHash(
+    const uint8_t* thumbprint, uint64_t algorithm_count,
+    const uint32_t* algorithms, X509_Auth_HashType hash_type,
+    const unsigned char* hash, const X509_Auth_Signature** signature);
+
+/* X509_Auth_Decrypt decrypts |length| bytes of |data| with the RSA private
+ * key of the certificate whose thumbprint is at |thumbprint|, using the
+ * padding |decrypt_algorithm|. On success |*plaintext| receives a record
+ * owned by the library until passed to X509_Auth_Free; on failure null.
+ * Throws std::invalid_argument ("Unimplemented") for an algorithm above 2. */
+X509_AUTH_EXPORT X509_Auth_Result X509_Auth_Decrypt(
+    const uint8_t* thumbprint, uint32_t decrypt_algorithm, uint64_t length,
+    const unsigned char* data, const X509_Auth_ASN_1** plaintext);
+
+/* X509_Auth_GetPrivateKeyForCertificate writes the EVP_PKEY* of a smart-card
+ * certificate's private key to |*key| and returns 0; the host owns the key
+ * and frees it with EVP_PKEY_free. Check the key: it may be null even when 0
+ * is returned. Other results are X509_Auth_ResultCode values 2 to 10. */
+X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(
+    const X509_Auth_Certificate* certificate, void** key);
+
+/* X509_Auth_ShowCertificateDialog shows |certificate| in the desktop's
+ * certificate viewer and returns true when the viewer was started. |parent|
+ * is ignored. */
+X509_AUTH_EXPORT bool X509_Auth_ShowCertificateDialog(
+    const X509_Auth_Certificate* certificate, void* parent);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* X509_AUTH_H */

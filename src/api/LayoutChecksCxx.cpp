@@ -1,0 +1,2 @@
+// Compiles the boundary layout checks as C++.
+#include "LayoutChecks.h"

@@ -1,0 +1,44 @@
+#include "SafeCallbacksWrapper.h"
+
+#include <openssl/err.h>
+
+#include <cstdarg>
+
+namespace quorvant::shared::x509 {
+
+SafeCallbacksWrapper& SafeCallbacksWrapper::GetInstance() {
+  static SafeCallbacksWrapper instance;
+  return instance;
+}
+
+void SafeCallbacksWrapper::Replace(const X509_Auth_Callbacks& callbacks) {
+  log_ = callbacks.log;
+  pin_entry_ = callbacks.pin_entry;
+  message_ = callbacks.message;
+  free_pin_entry_result_ = callbacks.free_pin_entry_result;
+}
+
+void SafeCallbacksWrapper::Log(X509_Auth_LogPriority priority, const char* format, ...) {
+  const X509_Auth_LogCallback log = GetInstance().log_;
+  if (log == nullptr) return;
+  va_list arguments;
+  va_start(arguments, format);
+  log(priority, format, arguments);
+  va_end(arguments);
+}
+
+namespace {
+
+int LogOpenSslErrorLine(const char* text, size_t /*length*/, void* /*user*/) {
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Info, "%s", text);
+  // Returning 0 makes OpenSSL stop after this line; the others stay queued.
+  return 0;
+}
+
+}  // namespace
+
+void LogAllOpenSslErrors() {
+  if (ERR_peek_last_error() != 0) ERR_print_errors_cb(LogOpenSslErrorLine, nullptr);
+}
+
+}  // namespace quorvant::shared::x509

@@ -1,0 +1,21 @@
+#pragma once
+// Reading private-key files (PEM, possibly password-protected, or DER) and
+// matching them to their certificate. Every failure is logged and returns an
+// empty handle; nothing is thrown on bad input.
+#include <filesystem>
+
+#include "api/OpenSslPtr.h"
+
+namespace quorvant::shared::x509 {
+
+EvpPkeyPtr ReadPrivateKeyFromPemFile(const std::filesystem::path& path);
+EvpPkeyPtr ReadPrivateKeyFromDerFile(const std::filesystem::path& path);
+// Tries PEM first and DER only when PEM yields nothing.
+EvpPkeyPtr ReadPrivateKeyFromDerOrPemFile(const std::filesystem::path& path);
+
+// GetPrivateKeyForX509Cert returns the key in |key_path| when it belongs to
+// |cert|, and an empty handle otherwise.
+EvpPkeyPtr GetPrivateKeyForX509Cert(X509* cert, const std::filesystem::path& cert_path,
+                                    const std::filesystem::path& key_path);
+
+}  // namespace quorvant::shared::x509

@@ -1,0 +1,99 @@
+#pragma once
+// Test PKI made on the fly with OpenSSL: keys of every kind the library
+// meets, CA, intermediate and leaf certificates with the usages a test is
+// about, and their PEM, DER and encrypted encodings. Nothing is read from
+// fixture files.
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace x509auth_test {
+
+struct X509Free {
+  void operator()(X509* p) const { X509_free(p); }
+};
+struct EvpPkeyFree {
+  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+};
+using TestX509 = std::unique_ptr<X509, X509Free>;
+using TestKey = std::unique_ptr<EVP_PKEY, EvpPkeyFree>;
+using Bytes = std::vector<unsigned char>;
+
+enum class KeyKind { kRsa, kEc, kRsaPss, kEd25519 };
+
+// A fresh key. RSA keys are 2048 bits, EC keys P-256.
+TestKey MakeKey(KeyKind kind);
+// A key of this kind shared by the whole test process (key generation is the
+// slow part of most tests); the caller gets its own reference.
+TestKey SharedKey(KeyKind kind, int index = 0);
+
+struct CertOptions {
+  std::string common_name = "Test Leaf";
+  bool omit_common_name = false;
+  std::string organisation;  // added to the subject when not empty
+  bool is_ca = false;
+  // OpenSSL config text, e.g. "digitalSignature,keyEncipherment"; none when
+  // empty.
+  std::string key_usage;
+  // e.g. "clientAuth" or "serverAuth,clientAuth"; none when empty.
+  std::string extended_key_usage;
+  // Validity as ASN.1 text: "YYMMDDhhmmssZ" for UTCTime or
+  // "YYYYMMDDhhmmssZ" for GeneralizedTime. Empty: now - 1 day / now + 365.
+  std::string not_before;
+  std::string not_after;
+  long serial = 0;  // 0: a fresh serial
+};
+
+// Makes a certificate for |subject_key| issued by |issuer| with
+// |issuer_key|; self-signed when |issuer| is null.
+TestX509 MakeCert(const CertOptions& options, EVP_PKEY* subject_key, X509* issuer = nullptr,
+                  EVP_PKEY* issuer_key = nullptr);
+
+// Root CA, intermediate CA and a client-auth leaf, each with its own key.
+struct Chain {
+  TestKey root_key, intermediate_key, leaf_key;
+  TestX509 root, intermediate, leaf;
+};
+Chain MakeChain(KeyKind leaf_kind = KeyKind::kRsa, const std::string& leaf_name = "Test Leaf");
+
+std::string CertToPem(X509* cert);
+Bytes CertToDer(X509* cert);
+Bytes Sha1Thumbprint(X509* cert);
+// PKCS#8 PEM; encrypted with AES-256-CBC when |password| is given.
+std::string KeyToPem(EVP_PKEY* key, const char* password = nullptr);
+// Traditional ("BEGIN RSA PRIVATE KEY" / "BEGIN EC PRIVATE KEY") PEM with
+// DEK-Info encryption when |password| is given.
+std::string KeyToTraditionalPem(EVP_PKEY* key, const char* password = nullptr);
+Bytes KeyToDer(EVP_PKEY* key);
+// Encrypted PKCS#8 DER.
+Bytes KeyToEncryptedDer(EVP_PKEY* key, const char* password);
+
+void WriteFile(const std::filesystem::path& path, const std::string& content);
+void WriteFile(const std::filesystem::path& path, const Bytes& content);
+Bytes ReadFileBytes(const std::filesystem::path& path);
+
+// A temporary directory removed with everything in it when destroyed.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Writes |cert| to base/certs/|file_name| (PEM or DER) and, when |key| is
+// given, its unencrypted PEM key to base/keys/|file_name|.key.
+void InstallFileCert(const std::filesystem::path& base, const std::string& file_name, X509* cert,
+                     EVP_PKEY* key = nullptr, bool der = false);
+
+}  // namespace x509auth_test
