@@ -1,0 +1,55 @@
+#pragma once
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "api/OpenSslPtr.h"
+#include "smartcard/Libp11Context.h"
+#include "store/ICertificateStore.h"
+
+namespace quorvant::shared::x509 {
+
+// Gathers token certificates, the default CA locations and the certificate
+// files of the configured directories into one X509_STORE. Used by one
+// thread at a time; certificates it hands out must not outlive it.
+class CertStore : public ICertificateStore {
+ public:
+  // A certificate read from a "certs" directory and where its key should be.
+  struct X509CertFromFileSystem {
+    X509Ptr x509;
+    std::filesystem::path cert_path;
+    std::filesystem::path key_path;  // need not exist
+  };
+
+  CertStore() = default;
+  ~CertStore() override;
+  // A moved-from store is closed and empty and may be opened again.
+  CertStore(CertStore&& other) noexcept;
+  CertStore& operator=(CertStore&& other) noexcept;
+
+  std::uint32_t Open(CertStoreType type) override;
+  bool IsOpen() const override;
+  std::uint32_t AddEncodedCertificate(const unsigned char* bytes, std::size_t size) override;
+  std::uint32_t FindThumbprint(Thumbprint thumbprint,
+                               std::unique_ptr<ICertificate>* out) const override;
+  std::vector<std::unique_ptr<ICertificate>> Certificates() const override;
+  X509_STORE* X509Store() const override;
+
+  // Scans every configured base directory; always returns 0.
+  std::uint32_t OpenFileStore();
+  // Scans base/"certs" for certificate files.
+  void LoadFileStoreCertsFromPath(const std::filesystem::path& base);
+  // Adds every token certificate; returns the status of the token context.
+  std::uint32_t OpenSmartCardStore();
+
+ private:
+  // Destroyed in reverse: added, file and token certificates, then the
+  // context share (token certificates point into it), then the X509_STORE.
+  X509StorePtr x509_store;
+  std::shared_ptr<Libp11Context> libp11_context;
+  std::vector<Libp11Context::Libp11CertAndSlot> smart_card_certs;
+  std::vector<X509CertFromFileSystem> file_certs;
+  std::vector<X509Ptr> encoded_certs;
+};
+
+}  // namespace quorvant::shared::x509
