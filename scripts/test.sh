@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# The project's one test command: installs the dependencies from Debian's
+# packages, then builds and runs every test twice, once in the normal build
+# and once under AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+
+jobs=$(nproc)
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build build -j"$jobs"
+ctest --test-dir build --output-on-failure -j"$jobs"
+
+# Packaging checks link a plain C host against the installed tree and the
+# valgrind run wants uninstrumented code, so both stay with the normal build.
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DX509AUTH_SANITIZE=ON \
+  -DX509AUTH_BUILD_BENCH=OFF
+cmake --build build-asan -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir build-asan --output-on-failure -j"$jobs" -LE 'packaging|valgrind'
