@@ -1,0 +1,277 @@
+#include "cert/Cert.h"
+
+#include <openssl/objects.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <stdexcept>
+
+#include "api/SafeCallbacksWrapper.h"
+#include "cert/Asn1Time.h"
+#include "files/CertificateFiles.h"
+#include "store/ICertificateStore.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+constexpr const char* k_viewer_program = "gcr-viewer";
+constexpr const char* k_viewer_folder = "Quorvant";
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+template <class... Ts>
+struct Overloaded : Ts... {
+  using Ts::operator()...;
+};
+template <class... Ts>
+Overloaded(Ts...) -> Overloaded<Ts...>;
+
+// Only the first common name counts; a name without one yields "".
+std::string CommonNameOf(X509_NAME* name) {
+  const int length = X509_NAME_get_text_by_NID(name, NID_commonName, nullptr, 0);
+  if (length <= 0) return std::string();
+  std::string text(static_cast<std::size_t>(length), '\0');
+  // The terminator lands in the string's own spare byte.
+  X509_NAME_get_text_by_NID(name, NID_commonName, text.data(), length + 1);
+  return text;
+}
+
+// Copies the certificates (not CRLs) of |from| into |to|; duplicates are no
+// failure, so the results are ignored.
+void CopyCertificates(X509_STORE* from, X509_STORE* to) {
+  STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(from);
+  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
+    if (X509* cert = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
+      X509_STORE_add_cert(to, cert);
+  }
+}
+
+}  // namespace
+
+Cert::Cert(CertContext context) : context_(std::move(context)) {}
+
+X509* Cert::GetX509() const {
+  return std::visit(Overloaded{[](const std::unique_ptr<CertFileContext>& c) { return c->x509.get(); },
+                               [](const std::unique_ptr<EncodedCertContext>& c) { return c->x509.get(); },
+                               [](const std::unique_ptr<Libp11CertContext>& c) { return c->cert->x509; }},
+                    context_);
+}
+
+X509_STORE* Cert::GetX509Store() const {
+  const ICertificateStore* store = std::visit([](const auto& c) { return c->store; }, context_);
+  return store->X509Store();
+}
+
+const CertContext& Cert::GetContext() const { return context_; }
+
+std::string Cert::PublicKeyAlgorithm() const {
+  X509_PUBKEY* public_key = X509_get_X509_PUBKEY(GetX509());
+  X509_ALGOR* algorithm = nullptr;
+  X509_PUBKEY_get0_param(nullptr, nullptr, nullptr, &algorithm, public_key);
+  const ASN1_OBJECT* object = nullptr;
+  X509_ALGOR_get0(&object, nullptr, nullptr, algorithm);
+  std::string text(1024, '\0');
+  // Flag 1: always the dotted numbers, never a short or long name.
+  const int length = OBJ_obj2txt(text.data(), 1024, object, 1);
+  text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return text;
+}
+
+Algorithm Cert::PublicKeyAlgorithmGroup() const {
+  const std::string oid = PublicKeyAlgorithm();
+  // RSASSA-PSS keys sit under the RSA arc but cannot do PKCS#1 v1.5, so they
+  // are deliberately not counted as RSA.
+  if (oid == "1.2.840.113549.1.1.10") return Algorithm::k_unknown;
+  if (oid.rfind("1.2.840.113549.", 0) == 0) return Algorithm::k_rsa;
+  if (oid.rfind("1.2.840.10045.", 0) == 0) return Algorithm::k_ec;
+  return Algorithm::k_unknown;
+}
+
+bool Cert::IntendedKeyUsage(std::uint32_t& usage) const {
+  const std::uint32_t bits = X509_get_key_usage(GetX509());
+  // OpenSSL answers all ones without the extension; callers want "none".
+  usage = bits == 0xFFFFFFFFu ? 0 : bits;
+  return true;
+}
+
+std::uint32_t Cert::EnhancedKeyUsage() const {
+  // Unlike the key usage, all ones (no extension) is handed on unchanged.
+  return X509_get_extended_key_usage(GetX509());
+}
+
+std::string Cert::Name() const {
+  X509_NAME* subject = X509_get_subject_name(GetX509());
+  if (subject == nullptr) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Subject name empty");
+    return std::string();
+  }
+  return CommonNameOf(subject);
+}
+
+std::string Cert::IssuerName() const {
+  X509_NAME* issuer = X509_get_issuer_name(GetX509());
+  if (issuer == nullptr) {
+    const std::string name = Name();
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Issuer name empty. Cert name: [%s]",
+                              name.c_str());
+    return std::string();
+  }
+  return CommonNameOf(issuer);
+}
+
+std::time_t Cert::NotBefore() const { return ConvertAsn1TimeToTimeT(X509_get0_notBefore(GetX509())); }
+
+std::time_t Cert::NotAfter() const { return ConvertAsn1TimeToTimeT(X509_get0_notAfter(GetX509())); }
+
+bool Cert::SupportsSmartCard() const { return context_.index() == 2; }
+
+std::vector<unsigned char> Cert::Encode() const {
+  const int size = i2d_X509(GetX509(), nullptr);
+  if (size < 0) throw std::length_error("Cert::Encode: negative DER size");
+  std::vector<unsigned char> der(static_cast<std::size_t>(size));
+  // With an empty array the cursor would be null and OpenSSL would allocate
+  // a buffer of its own, which nobody frees.
+  if (!der.empty()) {
+    unsigned char* cursor = der.data();
+    i2d_X509(GetX509(), &cursor);
+  }
+  return der;
+}
+
+bool Cert::Thumbprint(x509::Thumbprint& thumbprint) const {
+  return GetThumbprintForX509Cert(GetX509(), &thumbprint);
+}
+
+bool Cert::CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store) const {
+  // Declared before the context so that the context, which points to the
+  // store, is freed first.
+  X509StorePtr trusted;
+  X509StoreCtxPtr context(X509_STORE_CTX_new());
+  if (!context) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Cert::CaChain X509_STORE_CTX_new failed");
+    LogAllOpenSslErrors();
+    return false;
+  }
+  X509_STORE* extra = extra_store != nullptr ? extra_store->X509Store() : nullptr;
+  X509_STORE* own = GetX509Store();
+
+  // A fresh store, so that verification sees the certificate's own store,
+  // the extra store and the system CAs without changing either store.
+  trusted.reset(X509_STORE_new());
+  if (!trusted || own == nullptr) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Cert::CaChain failed to create new X509 store context");
+    LogAllOpenSslErrors();
+    return false;
+  }
+  CopyCertificates(own, trusted.get());
+  if (extra != nullptr) CopyCertificates(extra, trusted.get());
+  X509_STORE_set_default_paths(trusted.get());
+
+  if (X509_STORE_CTX_init(context.get(), trusted.get(), GetX509(), nullptr) != 1) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Cert::CaChain failed to create new X509 store context");
+    LogAllOpenSslErrors();
+    return false;
+  }
+  if (X509_verify_cert(context.get()) != 1) {
+    const int error = X509_STORE_CTX_get_error(context.get());
+    const int depth = X509_STORE_CTX_get_error_depth(context.get());
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                              "Cert::CaChain X509_verify_cert failed. Error code: [%i], Error "
+                              "message: [%s], Error depth: [%i]",
+                              error, X509_verify_cert_error_string(error), depth);
+    LogAllOpenSslErrors();
+    return false;
+  }
+  STACK_OF(X509)* members = X509_STORE_CTX_get0_chain(context.get());
+  if (members == nullptr) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Cert::CaChain failed to extract CA chain");
+    LogAllOpenSslErrors();
+    return false;
+  }
+  const int count = sk_X509_num(members);
+  // A reservation of the chain's size in total, not of that many more.
+  chain.reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    x509::Thumbprint thumbprint{};
+    if (!GetThumbprintForX509Cert(sk_X509_value(members, i), &thumbprint)) {
+      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                                "Cert::CaChain failed to get certificate thumprint");
+      LogAllOpenSslErrors();
+      return false;
+    }
+    chain.push_back(thumbprint);
+  }
+  return true;
+}
+
+bool Cert::ShowDialog(void* /*parent*/) const {
+  std::filesystem::path file_path;
+  try {
+    const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+    const long seconds =
+        static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since_epoch).count() /
+                          1000000000);
+    char digits[32];
+    std::snprintf(digits, sizeof digits, "%ld", seconds);
+    const std::string file_name = std::string("cert-") + digits + ".pem";
+    const std::filesystem::path folder = std::filesystem::temp_directory_path() / k_viewer_folder;
+    if (std::filesystem::status(folder).type() != std::filesystem::file_type::directory)
+      std::filesystem::create_directory(folder);
+    file_path = folder / file_name;
+  } catch (const std::exception& error) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Error geting temporary filename for cert: [%s]", error.what());
+    return false;
+  }
+
+  FilePtr file(std::fopen(file_path.c_str(), "w"));
+  if (!file) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Error opening file [%s]",
+                              file_path.c_str());
+    return false;
+  }
+  const int written = PEM_write_X509(file.get(), GetX509());
+  file.reset();  // closed before the viewer can read it
+  if (written != 1) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Error writing cert to temporary file: [%s]. Error: [%i]",
+                              file_path.c_str(), written);
+    return false;
+  }
+
+  std::string program = k_viewer_program;
+  std::string argument = file_path.string();
+  const pid_t pid = fork();
+  if (pid == -1) {
+    const int error = errno;
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error forking process: [%s]",
+                              std::strerror(error));
+    return false;
+  }
+  // The viewer runs on its own; it is neither waited for nor tracked.
+  if (pid > 0) return true;
+
+  char* const arguments[] = {program.data(), argument.data(), nullptr};
+  execvp(k_viewer_program, arguments);
+  const int error = errno;
+  // Still in the child: it reports false and carries on in the caller's code
+  // rather than terminating itself.
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error calling execv for [%s]: [%s]",
+                            k_viewer_program, std::strerror(error));
+  return false;
+}
+
+}  // namespace quorvant::shared::x509
