@@ -1,0 +1,249 @@
+#include "store/CertStore.h"
+
+#include <openssl/x509.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "api/SafeCallbacksWrapper.h"
+#include "api/X509Settings.h"
+#include "cert/Cert.h"
+#include "files/CertificateFiles.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint32_t k_status_failed = 0xFFFFFFFF;
+
+// The thumbprint as one run of unpadded decimal bytes: the form the log
+// readers of this library have always searched for.
+std::string DecimalThumbprintText(const Thumbprint& thumbprint) {
+  std::string text;
+  for (const unsigned char byte : thumbprint) text += std::to_string(static_cast<unsigned>(byte));
+  return text;
+}
+
+bool ThumbprintMatches(const X509* cert, const Thumbprint& wanted) {
+  Thumbprint thumbprint{};
+  return GetThumbprintForX509Cert(cert, &thumbprint) && thumbprint == wanted;
+}
+
+}  // namespace
+
+CertStore::~CertStore() = default;
+
+CertStore::CertStore(CertStore&& other) noexcept
+    : ICertificateStore(std::move(other)),
+      x509_store(std::move(other.x509_store)),
+      libp11_context(std::move(other.libp11_context)),
+      smart_card_certs(std::move(other.smart_card_certs)),
+      file_certs(std::move(other.file_certs)),
+      encoded_certs(std::move(other.encoded_certs)) {
+  // Leave the source closed and empty whatever the containers' moves do.
+  other.smart_card_certs.clear();
+  other.file_certs.clear();
+  other.encoded_certs.clear();
+}
+
+CertStore& CertStore::operator=(CertStore&& other) noexcept {
+  if (this == &other) return *this;
+  // Field order: the old X509_STORE goes before the old context share, and
+  // the old token entries (plain pointers) after it, which is safe because
+  // nothing dereferences them on the way out.
+  x509_store = std::move(other.x509_store);
+  libp11_context = std::move(other.libp11_context);
+  smart_card_certs = std::move(other.smart_card_certs);
+  file_certs = std::move(other.file_certs);
+  encoded_certs = std::move(other.encoded_certs);
+  other.smart_card_certs.clear();
+  other.file_certs.clear();
+  other.encoded_certs.clear();
+  return *this;
+}
+
+bool CertStore::IsOpen() const { return x509_store != nullptr; }
+
+X509_STORE* CertStore::X509Store() const { return x509_store.get(); }
+
+std::uint32_t CertStore::Open(CertStoreType type) {
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "CertStore::Open");
+  if (x509_store) return k_status_failed;
+
+  x509_store.reset(X509_STORE_new());
+  if (!x509_store) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to create X509 store");
+    LogAllOpenSslErrors();
+    return 1;
+  }
+  if (type != k_users_cert_store) {
+    SafeCallbacksWrapper::Log(
+        X509_Auth_LogPriority_Warning,
+        "CertStore::Open ::  NOT ICertificateStore::CertStoreType::k_users_cert_store");
+    return 0;
+  }
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                            "CertStore::Open :: ICertificateStore::CertStoreType::k_users_cert_store");
+
+  // Tokens come first, and a token source that fails ends the opening: the
+  // system CAs and the files are then not loaded, although the store is open.
+  if (const std::uint32_t status = OpenSmartCardStore(); status != 0) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                              "Failed to open smart card certificate store");
+    LogAllOpenSslErrors();
+    return status;
+  }
+  if (X509_STORE_set_default_paths(x509_store.get()) != 1) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to set CA paths");
+    LogAllOpenSslErrors();
+    return k_status_failed;
+  }
+  if (const std::uint32_t status = OpenFileStore(); status != 0) {
+    // OpenFileStore reports success always; kept as a guard.
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                              "Failed to open local certificate store");
+    LogAllOpenSslErrors();
+    return status;
+  }
+  return 0;
+}
+
+std::uint32_t CertStore::OpenFileStore() {
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "CertStore::OpenFileStore");
+  const X509Settings& settings = X509Settings::GetInstance();
+  for (const fs::path& base : settings.CertificateDirectories()) LoadFileStoreCertsFromPath(base);
+
+  const char* home = std::getenv("HOME");
+  if (home == nullptr) {
+    // Not a failure: the directories loaded so far stay.
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Unable to read HOME environment variable");
+    return 0;
+  }
+  for (const fs::path& relative : settings.HomeCertificateDirectories())
+    LoadFileStoreCertsFromPath(fs::path(home) / relative);
+  return 0;
+}
+
+void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
+  const fs::path certs_directory = base / "certs";
+  try {
+    if (!fs::is_directory(fs::status(certs_directory))) {
+      SafeCallbacksWrapper::Log(
+          X509_Auth_LogPriority_Warning,
+          "Certificates directory [%s] does not exist so no certificates can be loaded from it",
+          certs_directory.c_str());
+      return;
+    }
+    // No options: an unreadable directory raises, and ends this base only.
+    for (const fs::directory_entry& entry : fs::directory_iterator(certs_directory)) {
+      // The entry's cached type, or the link target's status for links.
+      if (!entry.is_regular_file()) continue;
+      X509Ptr cert = ReadX509FromDerOrPemFile(entry.path());
+      if (!cert) continue;
+      // A certificate already in the store is no failure, so ignore the result.
+      if (x509_store) X509_STORE_add_cert(x509_store.get(), cert.get());
+      // The whole file name, extension included: alice.pem -> alice.pem.key.
+      fs::path key_name = entry.path().filename();
+      key_name += ".key";
+      file_certs.push_back(
+          X509CertFromFileSystem{std::move(cert), entry.path(), base / "keys" / key_name});
+    }
+  } catch (const fs::filesystem_error& error) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "%s", error.what());
+  }
+}
+
+std::uint32_t CertStore::OpenSmartCardStore() {
+  libp11_context = Libp11Context::GetInstance();
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "CertStore::OpenSmartCardStore");
+  // The instance can die between its check and its share being taken; there
+  // is then nothing to ask for certificates.
+  if (!libp11_context) return k_status_failed;
+
+  const int status = libp11_context->GetCerts(smart_card_certs);
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
+    if (x509_store) X509_STORE_add_cert(x509_store.get(), entry.cert->x509);
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                            "CertStore::OpenSmartCardStore x509 certs that we added =%d",
+                            static_cast<int>(smart_card_certs.size()));
+  return static_cast<std::uint32_t>(status);
+}
+
+std::uint32_t CertStore::AddEncodedCertificate(const unsigned char* bytes, std::size_t size) {
+  const unsigned char* cursor = bytes;
+  // OpenSSL takes an int length: larger sizes are cut to their low 32 bits.
+  X509Ptr cert(d2i_X509(nullptr, &cursor, static_cast<int>(static_cast<std::uint32_t>(size))));
+  if (!cert) return 1;
+  const bool not_added =
+      !x509_store || X509_STORE_add_cert(x509_store.get(), cert.get()) == 0;
+  // Kept even when the X509_STORE refused it.
+  encoded_certs.push_back(std::move(cert));
+  return not_added ? 1 : 0;
+}
+
+namespace {
+
+std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store,
+                                       const CertStore::X509CertFromFileSystem& entry) {
+  return std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(CertFileContext{
+      store, X509Ptr(X509_dup(entry.x509.get())), entry.cert_path, entry.key_path})));
+}
+
+// The certificate and slot are libp11's; the new share of the context keeps
+// them alive for as long as the certificate object lives.
+std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store,
+                                       const std::shared_ptr<Libp11Context>& context,
+                                       const Libp11Context::Libp11CertAndSlot& entry) {
+  return std::make_unique<Cert>(CertContext(std::make_unique<Libp11CertContext>(
+      Libp11CertContext{store, context, entry.cert, entry.slot})));
+}
+
+std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store, const X509Ptr& x509) {
+  return std::make_unique<Cert>(CertContext(std::make_unique<EncodedCertContext>(
+      EncodedCertContext{store, X509Ptr(X509_dup(x509.get()))})));
+}
+
+}  // namespace
+
+std::vector<std::unique_ptr<ICertificate>> CertStore::Certificates() const {
+  std::vector<std::unique_ptr<ICertificate>> certificates;
+  // Added certificates are not counted here; the array grows for them.
+  certificates.reserve(file_certs.size() + smart_card_certs.size());
+  for (const X509CertFromFileSystem& entry : file_certs) certificates.push_back(MakeCert(this, entry));
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
+    certificates.push_back(MakeCert(this, libp11_context, entry));
+  for (const X509Ptr& x509 : encoded_certs) certificates.push_back(MakeCert(this, x509));
+  return certificates;
+}
+
+std::uint32_t CertStore::FindThumbprint(Thumbprint thumbprint,
+                                        std::unique_ptr<ICertificate>* out) const {
+  // Sources are searched in listing order and never merged, so a certificate
+  // that is also a file is found as the file, with its key path.
+  for (const X509CertFromFileSystem& entry : file_certs) {
+    if (ThumbprintMatches(entry.x509.get(), thumbprint)) {
+      *out = MakeCert(this, entry);
+      return 0;
+    }
+  }
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs) {
+    if (ThumbprintMatches(entry.cert->x509, thumbprint)) {
+      *out = MakeCert(this, libp11_context, entry);
+      return 0;
+    }
+  }
+  for (const X509Ptr& x509 : encoded_certs) {
+    if (ThumbprintMatches(x509.get(), thumbprint)) {
+      *out = MakeCert(this, x509);
+      return 0;
+    }
+  }
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                            "Failed to find certificate with thumprint: [%s]",
+                            DecimalThumbprintText(thumbprint).c_str());
+  return 1;
+}
+
+}  // namespace quorvant::shared::x509
