@@ -9,6 +9,7 @@
 
 #include "api/OpenSslPtr.h"
 #include "smartcard/Libp11LoginHandler.h"
+#include "smartcard/Pkcs11SessionProbe.h"
 
 namespace quorvant::shared::x509 {
 
@@ -34,6 +35,15 @@ class Libp11Context {
   // being taken.
   static std::shared_ptr<Libp11Context> GetInstance();
 
+ private:
+  // Only GetInstance makes instances; the key keeps the constructor usable
+  // by std::make_shared.
+  struct ConstructionKey {
+    explicit ConstructionKey() = default;
+  };
+
+ public:
+  explicit Libp11Context(ConstructionKey);
   ~Libp11Context();
   Libp11Context(const Libp11Context&) = delete;
   Libp11Context& operator=(const Libp11Context&) = delete;
@@ -47,6 +57,15 @@ class Libp11Context {
   // handler's code.
   int LogInToSlotIfRequired(PKCS11_slot_st* slot);
 
+  // Call before any libp11 call that opens a session on |slot| (key lookup,
+  // key use, login): libp11 0.4.12 waits forever when the module refuses a
+  // session. Returns 0 when a session can be opened now, else a negative
+  // code: -1 for a missing or uninitialised token or an unloaded module, or
+  // the module's CK_RV negated. A card pulled right after the probe can still
+  // hang libp11; that window cannot be closed from outside libp11.
+  int ProbeSession(const PKCS11_slot_st* slot) const { return session_probe_.Probe(slot); }
+  bool CanOpenSession(const PKCS11_slot_st* slot) const { return ProbeSession(slot) == 0; }
+
   // The OpenSSL UI writer through which libp11 asks the host for a PIN.
   static int PinEntryUiWriter(UI* ui, UI_STRING* uis);
 
@@ -59,14 +78,16 @@ class Libp11Context {
   bool IsModuleLoaded() const { return module_loaded_; }
   unsigned int SlotCount() const { return slot_count_; }
   const Libp11LoginHandler& LoginHandler() const { return login_handler_; }
+  const UI_METHOD* UiMethod() const { return ui_method_.get(); }
+  PKCS11_CTX* Pkcs11Context() const { return pkcs11_ctx_; }
+  PKCS11_SLOT* Slots() const { return slots_; }
 
  private:
-  Libp11Context() = default;
-
   static std::weak_ptr<Libp11Context> instance_;
   static std::mutex instance_mutex_;
 
-  Libp11LoginHandler login_handler_;
+  Libp11LoginHandler login_handler_{
+      [this](const PKCS11_slot_st* slot) { return ProbeSession(slot); }};
   UiMethodPtr ui_method_;
   // Released by hand in the destructor: slots, then the module, then the
   // context, an order a single deleter cannot express.
@@ -74,6 +95,9 @@ class Libp11Context {
   PKCS11_SLOT* slots_ = nullptr;
   unsigned int slot_count_ = 0;
   bool module_loaded_ = false;
+  // Declared last: it talks to the module, so it must be detached before the
+  // module is unloaded, which the destructor does explicitly.
+  Pkcs11SessionProbe session_probe_;
 };
 
 }  // namespace quorvant::shared::x509

@@ -1,6 +1,7 @@
 #pragma once
 #include <libp11.h>
 
+#include <functional>
 #include <set>
 
 namespace quorvant::shared::x509 {
@@ -10,14 +11,21 @@ namespace quorvant::shared::x509 {
 // be logged out together. Used by one thread at a time, like its context.
 class Libp11LoginHandler {
  public:
+  // Returns 0 when a session can be opened on the slot, else a negative
+  // code. libp11 hangs when its own session open fails, so every libp11
+  // call here that opens a session is preceded by the probe.
+  using SessionProbe = std::function<int(const PKCS11_slot_st*)>;
+
   Libp11LoginHandler() = default;
+  explicit Libp11LoginHandler(SessionProbe session_probe)
+      : session_probe_(std::move(session_probe)) {}
   ~Libp11LoginHandler();
   Libp11LoginHandler(const Libp11LoginHandler&) = delete;
   Libp11LoginHandler& operator=(const Libp11LoginHandler&) = delete;
 
   // LoginIfRequired returns 0 when no login was needed or it succeeded, else
   // a failure code (1, the host's non-zero status, or a negative login
-  // result).
+  // result; also the probe's negative code when no session can be opened).
   int LoginIfRequired(PKCS11_slot_st* slot);
   // Logs out of every remembered slot once, in pointer order, and forgets
   // them.
@@ -26,6 +34,11 @@ class Libp11LoginHandler {
   const std::set<PKCS11_slot_st*>& LoggedInSlots() const { return logged_in_slots_; }
 
  private:
+  int ProbeSession(const PKCS11_slot_st* slot) const {
+    return session_probe_ ? session_probe_(slot) : 0;
+  }
+
+  SessionProbe session_probe_;
   std::set<PKCS11_slot_st*> logged_in_slots_;
 };
 

@@ -1,0 +1,86 @@
+#include "smartcard/Libp11LoginHandler.h"
+
+#include <string>
+
+#include "api/SafeCallbacksWrapper.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+constexpr const char* k_pin_title = "Enter pin";
+constexpr const char* k_notice_caption = "Smartcard error";
+
+// Hands a PIN-entry result back to the host through the release callback
+// copied before the prompt, if the host gave one.
+void Release(X509_Auth_FreePinEntryResultCallback release, X509_Auth_PinEntryResult* result) {
+  if (result != nullptr && release != nullptr) release(result);
+}
+
+}  // namespace
+
+Libp11LoginHandler::~Libp11LoginHandler() { LogOutOfAllSlots(); }
+
+int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
+  if (!slot->token->loginRequired) return 0;
+
+  // Checked before anything that may open a session: a card that cannot take
+  // one is reported like a failed login check, and the user is not prompted.
+  if (const int probe = ProbeSession(slot); probe != 0) return probe;
+  int logged_in = 0;
+  if (const int result = PKCS11_is_logged_in(slot, 0, &logged_in); result != 0) return result;
+  if (logged_in != 0) return 0;
+
+  // std::string from a null label throws std::logic_error: a token without a
+  // label cannot be named in a prompt.
+  const std::string prompt = "Enter pin for token: " + std::string(slot->token->label);
+
+  const SafeCallbacksWrapper& callbacks = SafeCallbacksWrapper::GetInstance();
+  int code = 1;
+  X509_Auth_PinEntryResult* result = nullptr;
+  X509_Auth_FreePinEntryResultCallback release = nullptr;
+  if (const X509_Auth_PinEntryCallback pin_entry = callbacks.PinEntryCallback()) {
+    release = callbacks.FreePinEntryResultCallback();
+    result = pin_entry(k_pin_title, prompt.c_str());
+    if (result != nullptr) code = result->status;
+  }
+
+  if (result != nullptr && code == 0) {
+    // The card may have gone while the user typed; libp11 would then wait
+    // forever in its session pool instead of failing the login.
+    if (const int probe = ProbeSession(slot); probe != 0) {
+      Release(release, result);
+      return probe;
+    }
+    const int login = PKCS11_login(slot, 0, result->value);
+    if (login >= 0) {
+      logged_in_slots_.insert(slot);
+      Release(release, result);
+      return 0;
+    }
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Login failed. Maybe the pin was incorrect.\n");
+    const std::string notice = "Incorrect pin entered for: " + std::string(slot->token->label);
+    // Text first, caption second: the reverse of the PIN prompt's order.
+    if (const X509_Auth_MessageCallback message = callbacks.MessageCallback())
+      message(notice.c_str(), k_notice_caption);
+    Release(release, result);
+    return login;
+  }
+
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Error getting login details: %i", code);
+  Release(release, result);
+  return code;
+}
+
+void Libp11LoginHandler::LogOutOfAllSlots() {
+  for (PKCS11_slot_st* slot : logged_in_slots_) {
+    // A card that no longer takes a session has nothing left to log out of,
+    // and libp11 would wait forever trying.
+    if (ProbeSession(slot) != 0) continue;
+    PKCS11_logout(slot);
+  }
+  logged_in_slots_.clear();
+}
+
+}  // namespace quorvant::shared::x509

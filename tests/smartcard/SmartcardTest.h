@@ -1,0 +1,66 @@
+#pragma once
+// Shared setup for the smart-card tests: recording host callbacks and a
+// watchdog. The library must never hang a host, so a test that blocks is
+// killed by SIGALRM and fails instead of stalling the run.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "RecordingCallbacks.h"
+#include "TestPki.h"
+#include "api/SafeCallbacksWrapper.h"
+#include "smartcard/Libp11Context.h"
+
+namespace x509auth_test {
+
+class SmartcardTest : public ::testing::Test {
+ protected:
+  static constexpr unsigned k_watchdog_seconds = 60;
+
+  void SetUp() override {
+    alarm(k_watchdog_seconds);
+    rec().Reset();
+    InstallCallbacks();
+  }
+  void TearDown() override { alarm(0); }
+
+  static RecordingCallbacks& rec() { return RecordingCallbacks::Instance(); }
+  static void InstallCallbacks(bool log = true, bool pin_entry = true, bool free_result = true,
+                               bool message = true) {
+    quorvant::shared::x509::SafeCallbacksWrapper::GetInstance().Replace(
+        rec().Callbacks(log, pin_entry, free_result, message));
+  }
+
+  // The log lines in order as (priority, format, text), leaving out OpenSSL
+  // error lines drained by the library, whose wording belongs to OpenSSL.
+  static std::vector<std::tuple<int, std::string, std::string>> OwnLogLines() {
+    std::vector<std::tuple<int, std::string, std::string>> lines;
+    for (const LogEntry& entry : rec().Logs())
+      if (entry.format != "%s") lines.emplace_back(entry.priority, entry.format, entry.text);
+    return lines;
+  }
+};
+
+using LogLines = std::vector<std::tuple<int, std::string, std::string>>;
+
+inline CertOptions Named(const std::string& common_name) {
+  CertOptions options;
+  options.common_name = common_name;
+  return options;
+}
+
+// The context's slot whose token carries |label|, or null.
+inline PKCS11_SLOT* FindSlot(const quorvant::shared::x509::Libp11Context& context,
+                             const std::string& label) {
+  for (unsigned int i = 0; i < context.SlotCount(); ++i) {
+    PKCS11_SLOT* slot = &context.Slots()[i];
+    if (slot->token != nullptr && slot->token->label != nullptr && label == slot->token->label)
+      return slot;
+  }
+  return nullptr;
+}
+
+}  // namespace x509auth_test
