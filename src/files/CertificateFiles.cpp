@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <system_error>
 
 #include "api/SafeCallbacksWrapper.h"
 
@@ -37,6 +38,10 @@ X509Ptr ReadX509FromPemFile(const std::filesystem::path& path) {
 }
 
 X509Ptr ReadX509FromDerFile(const std::filesystem::path& path) {
+  // A directory opens as a stream on Linux, and seeking to its end reports a
+  // huge size on ext4, so it is refused before anything is allocated.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) return X509Ptr();
   std::ifstream stream(path, std::ios::in | std::ios::binary);
   if (!stream.is_open()) return X509Ptr();
   stream.seekg(0, std::ios::end);
