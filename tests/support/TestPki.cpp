@@ -218,6 +218,15 @@ Bytes KeyToDer(EVP_PKEY* key) {
   return Bytes(text.begin(), text.end());
 }
 
+Bytes KeyToTraditionalDer(EVP_PKEY* key) {
+  unsigned char* der = nullptr;
+  const int length = i2d_PrivateKey(key, &der);
+  Check(length > 0, "i2d_PrivateKey");
+  Bytes bytes(der, der + length);
+  OPENSSL_free(der);
+  return bytes;
+}
+
 Bytes KeyToEncryptedDer(EVP_PKEY* key, const char* password) {
   TestBio bio(BIO_new(BIO_s_mem()));
   Check(i2d_PKCS8PrivateKey_bio(bio.get(), key, EVP_aes_256_cbc(), nullptr, 0, nullptr,

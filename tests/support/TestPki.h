@@ -70,6 +70,8 @@ std::string KeyToPem(EVP_PKEY* key, const char* password = nullptr);
 // DEK-Info encryption when |password| is given.
 std::string KeyToTraditionalPem(EVP_PKEY* key, const char* password = nullptr);
 Bytes KeyToDer(EVP_PKEY* key);
+// Traditional DER (RSAPrivateKey / ECPrivateKey) for RSA and EC keys.
+Bytes KeyToTraditionalDer(EVP_PKEY* key);
 // Encrypted PKCS#8 DER.
 Bytes KeyToEncryptedDer(EVP_PKEY* key, const char* password);
 
