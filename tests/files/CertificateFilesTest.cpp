@@ -1,0 +1,256 @@
+#include "files/CertificateFiles.h"
+
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <string>
+#include <vector>
+
+#include "RecordingCallbacks.h"
+#include "TestPki.h"
+#include "api/SafeCallbacksWrapper.h"
+
+namespace quorvant::shared::x509 {
+namespace {
+
+using x509auth_test::Bytes;
+using x509auth_test::CertOptions;
+using x509auth_test::CertToDer;
+using x509auth_test::CertToPem;
+using x509auth_test::KeyKind;
+using x509auth_test::MakeCert;
+using x509auth_test::RecordingCallbacks;
+using x509auth_test::SharedKey;
+using x509auth_test::TempDir;
+using x509auth_test::TestKey;
+using x509auth_test::TestX509;
+using x509auth_test::WriteFile;
+
+class CertificateFilesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    rec().Reset();
+    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
+    ERR_clear_error();
+    key_ = SharedKey(KeyKind::kRsa);
+    CertOptions first;
+    first.common_name = "First";
+    cert_ = MakeCert(first, key_.get());
+    CertOptions second;
+    second.common_name = "Second";
+    other_ = MakeCert(second, key_.get());
+  }
+  void TearDown() override {
+    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
+    rec().Reset();
+    ERR_clear_error();
+  }
+  static RecordingCallbacks& rec() { return RecordingCallbacks::Instance(); }
+  static bool Same(const X509Ptr& read, X509* expected) {
+    return read && X509_cmp(read.get(), expected) == 0;
+  }
+
+  TempDir dir_;
+  TestKey key_;
+  TestX509 cert_;
+  TestX509 other_;
+};
+
+// ---- GetThumbprintForX509Cert ----
+
+TEST_F(CertificateFilesTest, ThumbprintIsTheSha1OfTheDerEncoding) {
+  const Bytes der = CertToDer(cert_.get());
+  unsigned char expected[EVP_MAX_MD_SIZE];
+  unsigned int expected_length = 0;
+  ASSERT_EQ(EVP_Digest(der.data(), der.size(), expected, &expected_length, EVP_sha1(), nullptr),
+            1);
+  ASSERT_EQ(expected_length, 20u);
+
+  Thumbprint thumbprint{};
+  ASSERT_TRUE(GetThumbprintForX509Cert(cert_.get(), &thumbprint));
+  EXPECT_EQ(Bytes(thumbprint.begin(), thumbprint.end()),
+            Bytes(expected, expected + expected_length));
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, ThumbprintsOfDifferentCertificatesDiffer) {
+  Thumbprint a{}, b{};
+  ASSERT_TRUE(GetThumbprintForX509Cert(cert_.get(), &a));
+  ASSERT_TRUE(GetThumbprintForX509Cert(other_.get(), &b));
+  EXPECT_NE(a, b);
+}
+
+TEST_F(CertificateFilesTest, ThumbprintFailureLeavesOutputUntouchedAndLogsNothing) {
+  // An empty X509 cannot be encoded, so X509_digest fails.
+  TestX509 empty(X509_new());
+  Thumbprint thumbprint;
+  thumbprint.fill(0xA5);
+  EXPECT_FALSE(GetThumbprintForX509Cert(empty.get(), &thumbprint));
+  for (unsigned char byte : thumbprint) EXPECT_EQ(byte, 0xA5);
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+// ---- file readers ----
+
+TEST_F(CertificateFilesTest, PemFileIsReadByPemReaderAndCombinedReader) {
+  WriteFile(dir_ / "c.pem", CertToPem(cert_.get()));
+  EXPECT_TRUE(Same(ReadX509FromPemFile(dir_ / "c.pem"), cert_.get()));
+  EXPECT_TRUE(Same(ReadX509FromDerOrPemFile(dir_ / "c.pem"), cert_.get()));
+  EXPECT_FALSE(ReadX509FromDerFile(dir_ / "c.pem"));
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, PemCertificateFollowedByGarbageYieldsThePemCertificate) {
+  WriteFile(dir_ / "c.pem", CertToPem(cert_.get()) + "\x01\x02 garbage \xff\n-----BEGIN junk");
+  EXPECT_TRUE(Same(ReadX509FromPemFile(dir_ / "c.pem"), cert_.get()));
+  EXPECT_TRUE(Same(ReadX509FromDerOrPemFile(dir_ / "c.pem"), cert_.get()));
+}
+
+TEST_F(CertificateFilesTest, TextBeforeThePemBlockIsSkipped) {
+  WriteFile(dir_ / "c.pem", "Subject: First\nsome explanatory text\n" + CertToPem(cert_.get()));
+  EXPECT_TRUE(Same(ReadX509FromDerOrPemFile(dir_ / "c.pem"), cert_.get()));
+}
+
+TEST_F(CertificateFilesTest, PemBundleYieldsOnlyTheFirstCertificate) {
+  WriteFile(dir_ / "bundle.pem", CertToPem(cert_.get()) + CertToPem(other_.get()));
+  EXPECT_TRUE(Same(ReadX509FromPemFile(dir_ / "bundle.pem"), cert_.get()));
+  EXPECT_TRUE(Same(ReadX509FromDerOrPemFile(dir_ / "bundle.pem"), cert_.get()));
+}
+
+TEST_F(CertificateFilesTest, DerFileFailsAsPemAndIsReadAsDer) {
+  WriteFile(dir_ / "c.der", CertToDer(cert_.get()));
+  EXPECT_FALSE(ReadX509FromPemFile(dir_ / "c.der"));
+  EXPECT_TRUE(Same(ReadX509FromDerFile(dir_ / "c.der"), cert_.get()));
+  EXPECT_TRUE(Same(ReadX509FromDerOrPemFile(dir_ / "c.der"), cert_.get()));
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, EmptyFileYieldsEmptyHandleFromEveryReader) {
+  WriteFile(dir_ / "empty", std::string());
+  EXPECT_FALSE(ReadX509FromPemFile(dir_ / "empty"));
+  EXPECT_FALSE(ReadX509FromDerFile(dir_ / "empty"));
+  EXPECT_FALSE(ReadX509FromDerOrPemFile(dir_ / "empty"));
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, MissingFileYieldsEmptyHandleAndNoLogLine) {
+  EXPECT_FALSE(ReadX509FromPemFile(dir_ / "missing"));
+  EXPECT_FALSE(ReadX509FromDerFile(dir_ / "missing"));
+  EXPECT_FALSE(ReadX509FromDerOrPemFile(dir_ / "missing"));
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, TruncatedDerYieldsEmptyHandle) {
+  Bytes der = CertToDer(cert_.get());
+  der.resize(der.size() / 2);
+  WriteFile(dir_ / "c.der", der);
+  EXPECT_FALSE(ReadX509FromDerFile(dir_ / "c.der"));
+  EXPECT_FALSE(ReadX509FromDerOrPemFile(dir_ / "c.der"));
+}
+
+TEST_F(CertificateFilesTest, DerWithTrailingBytesYieldsTheCertificate) {
+  Bytes der = CertToDer(cert_.get());
+  der.insert(der.end(), {0xde, 0xad, 0xbe, 0xef});
+  WriteFile(dir_ / "c.der", der);
+  EXPECT_TRUE(Same(ReadX509FromDerOrPemFile(dir_ / "c.der"), cert_.get()));
+}
+
+TEST_F(CertificateFilesTest, PemWithCorruptBodyYieldsEmptyHandle) {
+  std::string pem = CertToPem(cert_.get());
+  // Damage the base64 body inside the armour.
+  const std::size_t body = pem.find('\n') + 1;
+  pem.replace(body + 10, 40, std::string(40, '*'));
+  WriteFile(dir_ / "c.pem", pem);
+  EXPECT_FALSE(ReadX509FromPemFile(dir_ / "c.pem"));
+  EXPECT_FALSE(ReadX509FromDerOrPemFile(dir_ / "c.pem"));
+}
+
+TEST_F(CertificateFilesTest, RandomGarbageYieldsEmptyHandle) {
+  WriteFile(dir_ / "garbage", std::string("\x30\x82\xff\xff not a certificate at all", 30));
+  EXPECT_FALSE(ReadX509FromDerOrPemFile(dir_ / "garbage"));
+}
+
+TEST_F(CertificateFilesTest, DirectoryYieldsEmptyHandleWithoutExceptionOrLog) {
+  // Seeking to the end of a directory reports a huge size on ext4; the reader
+  // must refuse it rather than allocate or throw.
+  std::filesystem::create_directories(dir_ / "certs.d");
+  X509Ptr pem, der, any;
+  EXPECT_NO_THROW(pem = ReadX509FromPemFile(dir_ / "certs.d"));
+  EXPECT_NO_THROW(der = ReadX509FromDerFile(dir_ / "certs.d"));
+  EXPECT_NO_THROW(any = ReadX509FromDerOrPemFile(dir_ / "certs.d"));
+  EXPECT_FALSE(pem);
+  EXPECT_FALSE(der);
+  EXPECT_FALSE(any);
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+// ---- ConvertPemDataToDer ----
+
+Bytes AsBytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
+
+TEST_F(CertificateFilesTest, ConvertPemBundleReplacesLongerOutputWithFirstCertificateDer) {
+  const Bytes pem = AsBytes(CertToPem(cert_.get()) + CertToPem(other_.get()));
+  std::vector<unsigned char> der(5000, 0xAA);
+  ASSERT_TRUE(ConvertPemDataToDer(pem.data(), pem.size(), der));
+  EXPECT_EQ(der, CertToDer(cert_.get()));
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, ConvertPemReplacesShorterOutputWithTheDer) {
+  const Bytes pem = AsBytes(CertToPem(cert_.get()));
+  std::vector<unsigned char> der{1, 2, 3};
+  ASSERT_TRUE(ConvertPemDataToDer(pem.data(), pem.size(), der));
+  EXPECT_EQ(der, CertToDer(cert_.get()));
+}
+
+TEST_F(CertificateFilesTest, ConvertPemOverwritesOutputOfEqualLength) {
+  const Bytes pem = AsBytes(CertToPem(cert_.get()));
+  const Bytes expected = CertToDer(cert_.get());
+  std::vector<unsigned char> der(expected.size(), 0x55);
+  ASSERT_TRUE(ConvertPemDataToDer(pem.data(), pem.size(), der));
+  EXPECT_EQ(der, expected);
+}
+
+TEST_F(CertificateFilesTest, ConvertUnparsablePemLeavesOutputAndLogsOneWarning) {
+  const Bytes pem = AsBytes("-----BEGIN CERTIFICATE-----\nnot base64 !!\n-----END CERTIFICATE-----\n");
+  const std::vector<unsigned char> original{9, 8, 7, 6};
+  std::vector<unsigned char> der = original;
+  EXPECT_FALSE(ConvertPemDataToDer(pem.data(), pem.size(), der));
+  EXPECT_EQ(der, original);
+  ASSERT_EQ(rec().Logs().size(), 1u) << rec().Dump();
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Warning, "Unable to convert PEM to DER",
+                        "Unable to convert PEM to DER"));
+}
+
+TEST_F(CertificateFilesTest, ConvertDerInputFailsAndLeavesTheOpenSslQueueUndrained) {
+  const Bytes input = CertToDer(cert_.get());
+  std::vector<unsigned char> der;
+  EXPECT_FALSE(ConvertPemDataToDer(input.data(), input.size(), der));
+  EXPECT_TRUE(der.empty());
+  ASSERT_EQ(rec().Logs().size(), 1u) << rec().Dump();
+  EXPECT_EQ(rec().Logs()[0].priority, X509_Auth_LogPriority_Warning);
+  EXPECT_NE(ERR_peek_last_error(), 0u);
+}
+
+TEST_F(CertificateFilesTest, ConvertEmptyInputFails) {
+  const unsigned char nothing[1] = {0};
+  std::vector<unsigned char> der{1};
+  EXPECT_FALSE(ConvertPemDataToDer(nothing, 0, der));
+  EXPECT_EQ(der, std::vector<unsigned char>{1});
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Warning, "Unable to convert PEM to DER",
+                        "Unable to convert PEM to DER"));
+}
+
+TEST_F(CertificateFilesTest, ConvertReadsOnlyTheGivenLength) {
+  // The length cuts the text inside the first certificate, so nothing parses
+  // even though the buffer holds a whole certificate.
+  const Bytes pem = AsBytes(CertToPem(cert_.get()));
+  std::vector<unsigned char> der;
+  EXPECT_FALSE(ConvertPemDataToDer(pem.data(), pem.size() / 2, der));
+  EXPECT_TRUE(der.empty());
+}
+
+}  // namespace
+}  // namespace quorvant::shared::x509
