@@ -95,6 +95,7 @@ void Libp11Context::InitialiseContextAndSlots() {
 
   UiMethodPtr ui_method(UI_create_method("PIN entry"));
   UI_method_set_writer(ui_method.get(), PinEntryUiWriter);
+  UI_method_set_reader(ui_method.get(), PinEntryUiReader);
   ui_method_ = std::move(ui_method);
   if (const int result = PKCS11_set_ui_method(pkcs11_ctx_, ui_method_.get(), nullptr);
       result != 0)
@@ -130,6 +131,8 @@ int Libp11Context::PinEntryUiWriter(UI* ui, UI_STRING* uis) {
   if (release != nullptr) release(result);
   return answer;
 }
+
+int Libp11Context::PinEntryUiReader(UI* /*ui*/, UI_STRING* /*uis*/) { return 1; }
 
 int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Debug, "Libp11Context::GetCerts started.");

@@ -68,6 +68,9 @@ class Libp11Context {
 
   // The OpenSSL UI writer through which libp11 asks the host for a PIN.
   static int PinEntryUiWriter(UI* ui, UI_STRING* uis);
+  // The matching reader: the writer has already stored the answer, but
+  // OpenSSL 3's UI_process fails every UI whose method has no reader.
+  static int PinEntryUiReader(UI* ui, UI_STRING* uis);
 
   // The working directory with its first "bin" turned into "lib", if it
   // holds one.

@@ -74,12 +74,9 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
 }
 
 void Libp11LoginHandler::LogOutOfAllSlots() {
-  for (PKCS11_slot_st* slot : logged_in_slots_) {
-    // A card that no longer takes a session has nothing left to log out of,
-    // and libp11 would wait forever trying.
-    if (ProbeSession(slot) != 0) continue;
-    PKCS11_logout(slot);
-  }
+  // No probe here: libp11 logs out through the session it kept in its pool
+  // since the login, so a card gone by now cannot make it wait.
+  for (PKCS11_slot_st* slot : logged_in_slots_) PKCS11_logout(slot);
   logged_in_slots_.clear();
 }
 

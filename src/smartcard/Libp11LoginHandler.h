@@ -12,8 +12,8 @@ namespace quorvant::shared::x509 {
 class Libp11LoginHandler {
  public:
   // Returns 0 when a session can be opened on the slot, else a negative
-  // code. libp11 hangs when its own session open fails, so every libp11
-  // call here that opens a session is preceded by the probe.
+  // code. libp11 hangs when its own session open fails, so the login, which
+  // opens one, is preceded by the probe.
   using SessionProbe = std::function<int(const PKCS11_slot_st*)>;
 
   Libp11LoginHandler() = default;

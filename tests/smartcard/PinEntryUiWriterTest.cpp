@@ -1,0 +1,201 @@
+// The UI writer through which libp11 asks the host for a PIN, driven through
+// an OpenSSL UI exactly as libp11 drives the UI method it is given.
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/ui.h>
+
+#include <array>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "SmartcardTest.h"
+#include "SoftHsmToken.h"
+#include "smartcard/Libp11Context.h"
+
+namespace x509auth_test {
+namespace {
+
+using quorvant::shared::x509::Libp11Context;
+
+struct UiFree {
+  void operator()(UI* ui) const { UI_free(ui); }
+};
+struct UiMethodFree {
+  void operator()(UI_METHOD* method) const { UI_destroy_method(method); }
+};
+using UiHandle = std::unique_ptr<UI, UiFree>;
+using UiMethodHandle = std::unique_ptr<UI_METHOD, UiMethodFree>;
+
+constexpr const char* k_libp11_prompt = "PKCS#11 token PIN";
+
+// Every answer the writer gave, in order.
+std::vector<int> g_answers;
+
+int RecordingWriter(UI* ui, UI_STRING* uis) {
+  const int answer = Libp11Context::PinEntryUiWriter(ui, uis);
+  g_answers.push_back(answer);
+  return answer;
+}
+
+class PinEntryUiWriterTest : public SmartcardTest {
+ protected:
+  void SetUp() override {
+    SmartcardTest::SetUp();
+    g_answers.clear();
+    method_.reset(UI_create_method("PIN entry test"));
+    ASSERT_EQ(UI_method_set_writer(method_.get(), RecordingWriter), 0);
+    ASSERT_EQ(UI_method_set_reader(method_.get(), Libp11Context::PinEntryUiReader), 0);
+    ui_.reset(UI_new_method(method_.get()));
+    ASSERT_NE(ui_, nullptr);
+    pin_.fill('\0');
+  }
+  void TearDown() override {
+    ui_.reset();
+    ERR_clear_error();
+    SmartcardTest::TearDown();
+  }
+
+  void AddPinPrompt() {
+    ASSERT_GE(UI_add_input_string(ui_.get(), k_libp11_prompt, UI_INPUT_FLAG_DEFAULT_PWD,
+                                  pin_.data(), 0, static_cast<int>(pin_.size() - 1)),
+              0);
+  }
+
+  UiMethodHandle method_;
+  UiHandle ui_;
+  std::array<char, 33> pin_{};
+};
+
+TEST_F(PinEntryUiWriterTest, InformationAndErrorStringsAreAnsweredWithZeroWithoutPrompt) {
+  ASSERT_GE(UI_add_info_string(ui_.get(), "Insert your card"), 0);
+
+  EXPECT_LT(UI_process(ui_.get()), 0);
+
+  UiHandle error_ui(UI_new_method(method_.get()));
+  ASSERT_GE(UI_add_error_string(error_ui.get(), "Card error"), 0);
+  EXPECT_LT(UI_process(error_ui.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{0, 0}));
+  EXPECT_TRUE(rec().Prompts().empty());
+}
+
+TEST_F(PinEntryUiWriterTest, MissingPinCallbackAnswersMinusOne) {
+  InstallCallbacks(true, false, true, true);
+  AddPinPrompt();
+
+  EXPECT_LT(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{-1}));
+  EXPECT_TRUE(rec().Prompts().empty());
+}
+
+TEST_F(PinEntryUiWriterTest, HostReturningNoResultAnswersMinusOne) {
+  rec().ScriptAnswer(PinAnswer::NullResult());
+  AddPinPrompt();
+
+  EXPECT_LT(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{-1}));
+  ASSERT_EQ(rec().Prompts().size(), 1u);
+  EXPECT_EQ(rec().Releases(), 0);
+}
+
+TEST_F(PinEntryUiWriterTest, HostDecliningAnswersMinusOneAndReleasesItsResult) {
+  rec().ScriptAnswer(PinAnswer::Status(2, "1234"));
+  AddPinPrompt();
+
+  EXPECT_LT(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{-1}));
+  EXPECT_EQ(rec().Releases(), 1);
+  EXPECT_STREQ(pin_.data(), "");
+}
+
+TEST_F(PinEntryUiWriterTest, EmptyPinAnswersZeroAndReleasesItsResult) {
+  rec().ScriptAnswer(PinAnswer::Value(""));
+  AddPinPrompt();
+
+  EXPECT_LT(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{0}));
+  EXPECT_EQ(rec().Releases(), 1);
+}
+
+TEST_F(PinEntryUiWriterTest, NullPinTextAnswersZeroAndReleasesItsResult) {
+  rec().ScriptAnswer(PinAnswer::NullValue());
+  AddPinPrompt();
+
+  EXPECT_LT(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{0}));
+  EXPECT_EQ(rec().Releases(), 1);
+}
+
+TEST_F(PinEntryUiWriterTest, PinIsHandedToTheUiWithAnswerOne) {
+  rec().ScriptAnswer(PinAnswer::Value("1234"));
+  AddPinPrompt();
+
+  EXPECT_EQ(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{1}));
+  EXPECT_STREQ(UI_get0_result(ui_.get(), 0), "1234");
+  EXPECT_STREQ(pin_.data(), "1234");
+  ASSERT_EQ(rec().Prompts().size(), 1u);
+  EXPECT_EQ(rec().Prompts()[0].title, "Enter pin");
+  EXPECT_EQ(rec().Prompts()[0].prompt, k_libp11_prompt);
+  EXPECT_EQ(rec().Releases(), 1);
+  EXPECT_EQ(rec().Outstanding(), 0);
+}
+
+TEST_F(PinEntryUiWriterTest, VerifyPromptIsAnsweredLikeAPinPrompt) {
+  rec().ScriptAnswer(PinAnswer::Value("1234"));
+  rec().ScriptAnswer(PinAnswer::Value("1234"));
+  AddPinPrompt();
+  std::array<char, 33> verify{};
+  ASSERT_GE(UI_add_verify_string(ui_.get(), "Verify PIN", UI_INPUT_FLAG_DEFAULT_PWD,
+                                 verify.data(), 0, 32, pin_.data()),
+            0);
+
+  EXPECT_EQ(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{1, 1}));
+  EXPECT_EQ(rec().Prompts().size(), 2u);
+  EXPECT_EQ(rec().Releases(), 2);
+}
+
+TEST_F(PinEntryUiWriterTest, PinWithoutReleaseCallbackStaysWithTheHost) {
+  InstallCallbacks(true, true, false, true);
+  rec().ScriptAnswer(PinAnswer::Value("1234"));
+  AddPinPrompt();
+
+  EXPECT_EQ(UI_process(ui_.get()), 0);
+
+  EXPECT_EQ(g_answers, (std::vector<int>{1}));
+  EXPECT_EQ(rec().Outstanding(), 1);
+}
+
+TEST_F(PinEntryUiWriterTest, ContextHandsLibp11AUiMethodThatPromptsTheHost) {
+  SoftHsmToken hsm;
+  hsm.InitToken("Card A");
+  std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
+  EXPECT_EQ(context->UiMethod(), nullptr);
+  std::vector<Libp11Context::Libp11CertAndSlot> certs;
+  ASSERT_EQ(context->GetCerts(certs), 0);
+  ASSERT_NE(context->UiMethod(), nullptr);
+  UiHandle ui(UI_new_method(context->UiMethod()));
+  ASSERT_GE(UI_add_input_string(ui.get(), k_libp11_prompt, UI_INPUT_FLAG_DEFAULT_PWD,
+                                pin_.data(), 0, static_cast<int>(pin_.size() - 1)),
+            0);
+  rec().ScriptAnswer(PinAnswer::Value("1234"));
+
+  EXPECT_EQ(UI_process(ui.get()), 0);
+
+  EXPECT_STREQ(pin_.data(), "1234");
+  ASSERT_EQ(rec().Prompts().size(), 1u);
+  EXPECT_EQ(rec().Prompts()[0].title, "Enter pin");
+  EXPECT_EQ(rec().Releases(), 1);
+}
+
+}  // namespace
+}  // namespace x509auth_test
