@@ -33,6 +33,10 @@ class FileStoreTest : public StoreTest {
     ASSERT_EQ(store_.Open(static_cast<ICertificateStore::CertStoreType>(1)), 0u);
     recorder_->Reset();
   }
+  void TearDown() override {
+    store_ = CertStore();
+    StoreTest::TearDown();
+  }
   CertStore store_;
 };
 

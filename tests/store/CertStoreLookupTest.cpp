@@ -15,6 +15,11 @@ constexpr const char* k_not_found = "Failed to find certificate with thumprint: 
 // token certificates).
 class LookupTest : public StoreTest {
  protected:
+  void TearDown() override {
+    // Drops the PKCS#11 context share before the fixture's module goes.
+    store_ = CertStore();
+    StoreTest::TearDown();
+  }
   void OpenWithFiles(const std::vector<std::pair<std::string, X509*>>& files) {
     for (const auto& [name, cert] : files) x509auth_test::InstallFileCert(tmp_ / "base", name, cert);
     SetBaseDirectories({(tmp_ / "base").string()}, {});
