@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "SmartcardTest.h"
@@ -286,6 +287,29 @@ TEST_F(Libp11ContextTest, GetInstanceWhileHeldDoesNotReloadTheModule) {
 
   EXPECT_EQ(second->Slots(), slots);
   EXPECT_EQ(first.use_count(), 2);
+}
+
+TEST_F(Libp11ContextTest, ConcurrentGetInstanceCallsShareOneInstance) {
+  std::shared_ptr<Libp11Context> held = Libp11Context::GetInstance();
+  std::vector<std::shared_ptr<Libp11Context>> taken(8);
+  std::vector<std::thread> threads;
+  for (std::shared_ptr<Libp11Context>& slot : taken)
+    threads.emplace_back([&slot] { slot = Libp11Context::GetInstance(); });
+  for (std::thread& thread : threads) thread.join();
+
+  for (const std::shared_ptr<Libp11Context>& instance : taken) EXPECT_EQ(instance, held);
+  EXPECT_EQ(held.use_count(), 9);
+}
+
+TEST_F(Libp11ContextTest, NewInstanceLoadsNothingUntilTheFirstGetCerts) {
+  SoftHsmToken hsm;
+  std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
+
+  EXPECT_FALSE(context->IsInitialised());
+  EXPECT_FALSE(context->IsModuleLoaded());
+  EXPECT_EQ(context->SlotCount(), 0u);
+  EXPECT_EQ(context->Slots(), nullptr);
+  EXPECT_TRUE(rec().Logs().empty());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // an OpenSSL UI exactly as libp11 drives the UI method it is given.
 #include <gtest/gtest.h>
 #include <openssl/err.h>
+#include <openssl/rsa.h>
 #include <openssl/ui.h>
 
 #include <array>
@@ -11,6 +12,7 @@
 
 #include "SmartcardTest.h"
 #include "SoftHsmToken.h"
+#include "TestPki.h"
 #include "smartcard/Libp11Context.h"
 
 namespace x509auth_test {
@@ -195,6 +197,48 @@ TEST_F(PinEntryUiWriterTest, ContextHandsLibp11AUiMethodThatPromptsTheHost) {
   ASSERT_EQ(rec().Prompts().size(), 1u);
   EXPECT_EQ(rec().Prompts()[0].title, "Enter pin");
   EXPECT_EQ(rec().Releases(), 1);
+}
+
+TEST_F(PinEntryUiWriterTest, Libp11AsksTheHostThroughTheContextWhenAKeyNeedsThePinPerUse) {
+  SoftHsmToken hsm;
+  hsm.InitToken("Card A");
+  TestKey key = SharedKey(KeyKind::kRsa);
+  TestX509 cert = MakeCert(Named("Always Auth"), key.get());
+  hsm.ImportCert("Card A", cert.get(), "01", "signer");
+  hsm.ImportKey("Card A", key.get(), "01", "signer", SoftHsmToken::k_default_pin, true);
+  std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
+  std::vector<Libp11Context::Libp11CertAndSlot> certs;
+  ASSERT_EQ(context->GetCerts(certs), 0);
+  ASSERT_EQ(certs.size(), 1u);
+  rec().ScriptAnswer(PinAnswer::Value("1234"));  // the login
+  rec().ScriptAnswer(PinAnswer::Value("1234"));  // libp11's own prompt for the key
+  ASSERT_EQ(context->LogInToSlotIfRequired(certs[0].slot), 0);
+  ASSERT_TRUE(context->CanOpenSession(certs[0].slot));
+  PKCS11_KEY* token_key = PKCS11_find_key(certs[0].cert);
+  ASSERT_NE(token_key, nullptr);
+  EVP_PKEY* private_key = PKCS11_get_private_key(token_key);  // owned by libp11's key
+  ASSERT_NE(private_key, nullptr);
+
+  const std::array<unsigned char, 32> digest{1, 2, 3, 4};
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> sign(
+      EVP_PKEY_CTX_new(private_key, nullptr), EVP_PKEY_CTX_free);
+  ASSERT_EQ(EVP_PKEY_sign_init(sign.get()), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(sign.get(), RSA_PKCS1_PADDING), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_signature_md(sign.get(), EVP_sha256()), 1);
+  std::vector<unsigned char> signature(EVP_PKEY_size(private_key));
+  size_t length = signature.size();
+  ASSERT_EQ(EVP_PKEY_sign(sign.get(), signature.data(), &length, digest.data(), digest.size()), 1);
+
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> verify(
+      EVP_PKEY_CTX_new(X509_get0_pubkey(cert.get()), nullptr), EVP_PKEY_CTX_free);
+  ASSERT_EQ(EVP_PKEY_verify_init(verify.get()), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(verify.get(), RSA_PKCS1_PADDING), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_signature_md(verify.get(), EVP_sha256()), 1);
+  EXPECT_EQ(EVP_PKEY_verify(verify.get(), signature.data(), length, digest.data(), digest.size()),
+            1);
+  ASSERT_EQ(rec().Prompts().size(), 2u);
+  EXPECT_EQ(rec().Prompts()[1].title, "Enter pin");
+  EXPECT_EQ(rec().Outstanding(), 0);
 }
 
 }  // namespace

@@ -109,12 +109,16 @@ void SoftHsmToken::ImportCert(const std::string& token_label, X509* cert, const 
 }
 
 void SoftHsmToken::ImportKey(const std::string& token_label, EVP_PKEY* key, const std::string& id,
-                             const std::string& object_label, const std::string& pin) {
+                             const std::string& object_label, const std::string& pin,
+                             bool always_authenticate) {
   const std::filesystem::path file = root_ / ("key-" + std::to_string(++file_counter_) + ".pem");
   WriteFile(file, KeyToPem(key));
-  Run({"pkcs11-tool", "--module", ModulePath().string(), "--token-label", token_label, "--login",
-       "--pin", pin, "--write-object", file.string(), "--type", "privkey", "--id", id, "--label",
-       object_label});
+  std::vector<std::string> arguments = {
+      "pkcs11-tool", "--module", ModulePath().string(), "--token-label", token_label,
+      "--login",     "--pin",    pin, "--write-object", file.string(), "--type", "privkey",
+      "--id",        id,         "--label", object_label};
+  if (always_authenticate) arguments.push_back("--always-auth");
+  Run(arguments);
 }
 
 void SoftHsmToken::ImportCertAndKey(const std::string& token_label, X509* cert, EVP_PKEY* key,

@@ -64,9 +64,12 @@ class SoftHsmToken {
   // token labelled |token_label|, logging in with |pin|.
   void ImportCert(const std::string& token_label, X509* cert, const std::string& id,
                   const std::string& object_label, const std::string& pin = k_default_pin);
-  // Writes a private-key object (RSA or EC) the same way.
+  // Writes a private-key object (RSA or EC) the same way. With
+  // |always_authenticate| every use of the key needs the PIN again, which
+  // libp11 asks for through the UI method of its context.
   void ImportKey(const std::string& token_label, EVP_PKEY* key, const std::string& id,
-                 const std::string& object_label, const std::string& pin = k_default_pin);
+                 const std::string& object_label, const std::string& pin = k_default_pin,
+                 bool always_authenticate = false);
   // Both of the above under one id and label, as a card holds them.
   void ImportCertAndKey(const std::string& token_label, X509* cert, EVP_PKEY* key,
                         const std::string& id, const std::string& object_label,
