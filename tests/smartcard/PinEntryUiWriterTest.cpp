@@ -13,6 +13,7 @@
 #include "SmartcardTest.h"
 #include "SoftHsmToken.h"
 #include "TestPki.h"
+#include "api/OpenSslPtr.h"
 #include "smartcard/Libp11Context.h"
 
 namespace x509auth_test {
@@ -216,8 +217,10 @@ TEST_F(PinEntryUiWriterTest, Libp11AsksTheHostThroughTheContextWhenAKeyNeedsTheP
   ASSERT_TRUE(context->CanOpenSession(certs[0].slot));
   PKCS11_KEY* token_key = PKCS11_find_key(certs[0].cert);
   ASSERT_NE(token_key, nullptr);
-  EVP_PKEY* private_key = PKCS11_get_private_key(token_key);  // owned by libp11's key
-  ASSERT_NE(private_key, nullptr);
+  // libp11 0.4.12 hands out a reference of its own to the key's EVP_PKEY.
+  quorvant::shared::x509::EvpPkeyPtr owned_key(PKCS11_get_private_key(token_key));
+  ASSERT_NE(owned_key, nullptr);
+  EVP_PKEY* private_key = owned_key.get();
 
   const std::array<unsigned char, 32> digest{1, 2, 3, 4};
   std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> sign(
