@@ -5,7 +5,13 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "RecordingCallbacks.h"
@@ -184,6 +190,19 @@ TEST_F(CertificateFilesTest, DirectoryYieldsEmptyHandleWithoutExceptionOrLog) {
   EXPECT_FALSE(der);
   EXPECT_FALSE(any);
   EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, UnseekableFileRaisesLengthErrorFromDerReader) {
+  // A FIFO opens but cannot seek: the size is -1, and sizing the buffer from
+  // it raises std::length_error.
+  const std::filesystem::path fifo = dir_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::thread writer([fifo] {
+    const int fd = open(fifo.c_str(), O_WRONLY);
+    if (fd >= 0) close(fd);
+  });
+  EXPECT_THROW(ReadX509FromDerFile(fifo), std::length_error);
+  writer.join();
 }
 
 // ---- ConvertPemDataToDer ----

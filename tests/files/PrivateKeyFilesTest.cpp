@@ -6,7 +6,13 @@
 #include <openssl/x509.h>
 #include <openssl/x509err.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
@@ -243,6 +249,21 @@ TEST_F(PrivateKeyFilesTest, TooLongPasswordFallsBackToDerAndFailsToParse) {
   EXPECT_GT(parse, too_long) << rec().Dump();
 }
 
+TEST_F(PrivateKeyFilesTest, EmptyPasswordIsHandedOverAsZeroBytesAndOpensItsKey) {
+  // OpenSSL 3.0 takes a zero-length answer as an empty password, not as a
+  // refusal.
+  WriteFile(key_path_, KeyToPem(key_.get(), ""));
+  rec().ScriptAnswer(PinAnswer::Value(""));
+  EXPECT_TRUE(Same(ReadPrivateKeyFromPemFile(key_path_), key_.get()));
+  ExpectOnePasswordPrompt();
+  EXPECT_EQ(rec().Releases(), 1);
+  rec().Reset();
+  WriteFile(key_path_, KeyToTraditionalPem(key_.get(), ""));
+  rec().ScriptAnswer(PinAnswer::Value(""));
+  EXPECT_TRUE(Same(ReadPrivateKeyFromPemFile(key_path_), key_.get()));
+  ExpectOnePasswordPrompt();
+}
+
 TEST_F(PrivateKeyFilesTest, NonZeroStatusIsReleasedAndRefusedWhateverItsText) {
   WriteFile(key_path_, KeyToPem(key_.get(), "s3cret"));
   rec().ScriptAnswer(PinAnswer::Status(1, "s3cret"));
@@ -422,6 +443,18 @@ TEST_F(PrivateKeyFilesTest, DirectoryAsKeyFileGivesEmptyHandleWithoutException) 
                         "Could not open private key file [" + KeyPath() +
                             "]. Error message [Is a directory]"));
   EXPECT_EQ(rec().WithFormat(kCannotOpen).size(), 1u) << rec().Dump();
+}
+
+TEST_F(PrivateKeyFilesTest, UnseekableKeyFileRaisesLengthErrorFromDerReader) {
+  // A FIFO opens but cannot seek: the size is -1, and sizing the buffer from
+  // it raises std::length_error, which is not a file-system error.
+  ASSERT_EQ(mkfifo(key_path_.c_str(), 0600), 0);
+  std::thread writer([path = key_path_] {
+    const int fd = open(path.c_str(), O_WRONLY);
+    if (fd >= 0) close(fd);
+  });
+  EXPECT_THROW(ReadPrivateKeyFromDerFile(key_path_), std::length_error);
+  writer.join();
 }
 
 TEST_F(PrivateKeyFilesTest, KeyOfAnotherCertificateIsRefusedWithMatchMessageAndDrain) {
