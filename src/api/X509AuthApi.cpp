@@ -1,16 +1,142 @@
-// The exported C functions. Everything the host can call goes through here.
+// The exported C functions. They hold the process-wide key store and the
+// library's share of the PKCS#11 context, and forward everything else to the
+// key store without checking that one exists: the host calls them only
+// between X509_Auth_Init and X509_Auth_DeInit.
 #include "x509_auth.h"
 
-#include "api/X509Settings.h"
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+#include <vector>
 
+#include "api/SafeCallbacksWrapper.h"
+#include "api/X509Settings.h"
+#include "keystore/KeyStore.h"
+#include "smartcard/Libp11Context.h"
+
+namespace {
+
+using quorvant::shared::x509::Algorithm;
+using quorvant::shared::x509::DecryptAlgorithm;
+using quorvant::shared::x509::IKeyStore;
+using quorvant::shared::x509::KeyStore;
+using quorvant::shared::x509::Libp11Context;
+using quorvant::shared::x509::LogAllOpenSslErrors;
+using quorvant::shared::x509::SafeCallbacksWrapper;
+using quorvant::shared::x509::Thumbprint;
 using quorvant::shared::x509::X509Settings;
+
+// Function-local statics first made after the callbacks holder, so that at
+// process exit they are destroyed while it still exists.
+std::unique_ptr<IKeyStore>& KeyStoreOwner() {
+  static std::unique_ptr<IKeyStore> owner;
+  return owner;
+}
+
+std::shared_ptr<Libp11Context>& ContextHolder() {
+  static std::shared_ptr<Libp11Context> holder;
+  return holder;
+}
+
+Thumbprint CopyThumbprint(const uint8_t* thumbprint) {
+  Thumbprint copy{};
+  std::memcpy(copy.data(), thumbprint, copy.size());
+  return copy;
+}
+
+std::size_t HashLength(X509_Auth_HashType hash_type) {
+  switch (hash_type) {
+    case X509_Auth_HashType_Sha1: return 20;
+    case X509_Auth_HashType_Sha256: return 32;
+    case X509_Auth_HashType_Sha384: return 48;
+    case X509_Auth_HashType_Sha512: return 64;
+    default: throw std::invalid_argument("Invalid hash type");
+  }
+}
+
+}  // namespace
 
 extern "C" {
 
-int X509_Auth_GetApiVersion(void) { return X509_AUTH_API_VERSION; }
+void X509_Auth_Init(const X509_Auth_Settings* settings, X509_Auth_Callbacks callbacks) {
+  SafeCallbacksWrapper::GetInstance().Replace(callbacks);
+  if (settings != nullptr) X509Settings::GetInstance().Replace(*settings);
+  // The new store is installed before the old one and its results go away.
+  std::unique_ptr<IKeyStore> previous =
+      std::exchange(KeyStoreOwner(), std::make_unique<KeyStore>());
+  previous.reset();
+  KeyStoreOwner()->Init();
+  ContextHolder() = Libp11Context::GetInstance();
+}
 
 void X509_Auth_PostInitUpdateSettings(const X509_Auth_Settings* settings) {
   if (settings != nullptr) X509Settings::GetInstance().Replace(*settings);
+}
+
+void X509_Auth_DeInit(void) {
+  std::unique_ptr<IKeyStore> key_store = std::move(KeyStoreOwner());
+  key_store.reset();
+  ContextHolder().reset();
+  LogAllOpenSslErrors();
+}
+
+int X509_Auth_GetApiVersion(void) { return X509_AUTH_API_VERSION; }
+
+bool X509_Auth_LoadClientCertificates(uint64_t* count, const X509_Auth_Certificate** certificates) {
+  return KeyStoreOwner()->LoadClientCertificates(count, certificates);
+}
+
+void X509_Auth_Free(const void* p) { KeyStoreOwner()->Free(p); }
+
+int X509_Auth_AddAdditionalCertificateAuthorityToStore(const unsigned char* data,
+                                                        uint64_t length) {
+  return KeyStoreOwner()->AddAdditionalCertificateAuthorityToStore(data, length) ? 1 : 0;
+}
+
+int32_t X509_Auth_GetChainedCAsForCertificate(const X509_Auth_Certificate* certificate,
+                                              uint64_t* count, X509_Auth_ASN_1** asn1) {
+  return KeyStoreOwner()->GetChainedCAsForCertificate(certificate, count, asn1);
+}
+
+X509_Auth_Result X509_Auth_SignHash(const uint8_t* thumbprint, uint64_t algorithm_count,
+                                    const uint32_t* algorithms, X509_Auth_HashType hash_type,
+                                    const unsigned char* hash,
+                                    const X509_Auth_Signature** signature) {
+  const Thumbprint wanted = CopyThumbprint(thumbprint);
+  std::vector<Algorithm> accepted;
+  for (uint64_t i = 0; i < algorithm_count; ++i) {
+    // Values the host cannot have meant leave as exceptions, not codes.
+    if (algorithms[i] > 2) throw std::invalid_argument("Unimplemented");
+    accepted.push_back(static_cast<Algorithm>(algorithms[i]));
+  }
+  const std::size_t length = HashLength(hash_type);
+  const std::vector<unsigned char> digest(hash, hash + length);
+  const auto outcome = KeyStoreOwner()->SignHash(wanted, accepted, digest);
+  *signature = outcome.record;
+  return outcome.result;
+}
+
+X509_Auth_Result X509_Auth_Decrypt(const uint8_t* thumbprint, uint32_t decrypt_algorithm,
+                                   uint64_t length, const unsigned char* data,
+                                   const X509_Auth_ASN_1** plaintext) {
+  const Thumbprint wanted = CopyThumbprint(thumbprint);
+  if (decrypt_algorithm > 2) throw std::invalid_argument("Unimplemented");
+  const std::vector<unsigned char> ciphertext =
+      length == 0 ? std::vector<unsigned char>() : std::vector<unsigned char>(data, data + length);
+  const auto outcome = KeyStoreOwner()->Decrypt(
+      wanted, static_cast<DecryptAlgorithm>(decrypt_algorithm), ciphertext);
+  *plaintext = outcome.record;
+  return outcome.result;
+}
+
+X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(
+    const X509_Auth_Certificate* certificate, void** key) {
+  return KeyStoreOwner()->GetPrivateKeyForCertificate(certificate, key);
+}
+
+bool X509_Auth_ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) {
+  return KeyStoreOwner()->ShowCertificateDialog(certificate, parent);
 }
 
 }  // extern "C"

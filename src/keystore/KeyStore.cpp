@@ -1,0 +1,442 @@
+#include "keystore/KeyStore.h"
+
+#include <libp11.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+
+#include "api/SafeCallbacksWrapper.h"
+#include "cert/ICertificate.h"
+#include "cert/Key.h"
+#include "files/CertificateFiles.h"
+#include "smartcard/Libp11Context.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+constexpr auto k_info = X509_Auth_LogPriority_Info;
+constexpr auto k_warning = X509_Auth_LogPriority_Warning;
+constexpr auto k_error = X509_Auth_LogPriority_Error;
+
+// The client-authentication bit of X509_get_extended_key_usage.
+constexpr std::uint32_t k_eku_client_auth = 0x2;
+// The digital-signature bit of X509_get_key_usage.
+constexpr std::uint32_t k_ku_digital_signature = 0x80;
+
+Thumbprint ThumbprintOf(const X509_Auth_Certificate* certificate) {
+  Thumbprint thumbprint{};
+  std::memcpy(thumbprint.data(), certificate->thumbprint, thumbprint.size());
+  return thumbprint;
+}
+
+// Removes every entry for which |matches| holds, keeping the others' order;
+// returns how many were removed.
+template <typename List, typename Matches>
+std::size_t EraseMatching(List& list, Matches matches) {
+  const auto first = std::remove_if(list.begin(), list.end(), matches);
+  const auto removed = static_cast<std::size_t>(list.end() - first);
+  list.erase(first, list.end());
+  return removed;
+}
+
+// Opens a users' store, finds the certificate and opens its key: the steps
+// signing and decryption share. Returns the failure result, or nothing when
+// all three are ready. The caller declares store, certificate and key in
+// that order so they are released key first.
+std::optional<X509_Auth_Result> OpenForKeyOperation(const Thumbprint& thumbprint,
+                                                    CertStore& users_store,
+                                                    std::unique_ptr<ICertificate>& cert, Key& key) {
+  const std::uint32_t store_error = users_store.Open(ICertificateStore::k_users_cert_store);
+  if (store_error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
+                              static_cast<int>(store_error));
+    return X509_Auth_Result{2, 0, store_error};
+  }
+  const std::uint32_t find_error = users_store.FindThumbprint(thumbprint, &cert);
+  if (find_error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
+                              static_cast<int>(find_error));
+    return X509_Auth_Result{3, 0, find_error};
+  }
+  const std::int32_t open_result = key.Open(*cert);
+  if (open_result != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)",
+                              open_result);
+    return X509_Auth_Result{4, 0, static_cast<std::uint64_t>(open_result)};
+  }
+  return std::nullopt;
+}
+
+// Opens a users' store and finds the certificate of a handed-out record, for
+// the viewer and the key export, which share their failure wording on
+// purpose. Returns false after logging when either step fails; |store_failed|
+// tells which.
+bool FindForDialogOrExport(const X509_Auth_Certificate* certificate, CertStore& users_store,
+                           std::unique_ptr<ICertificate>& cert, bool& store_failed) {
+  const std::uint32_t store_error = users_store.Open(ICertificateStore::k_users_cert_store);
+  if (store_error != 0) {
+    SafeCallbacksWrapper::Log(
+        k_error, "Failed to show certificate dialog. Failed to open cert store (error: %d)",
+        static_cast<int>(store_error));
+    store_failed = true;
+    return false;
+  }
+  const std::uint32_t find_error = users_store.FindThumbprint(ThumbprintOf(certificate), &cert);
+  if (find_error != 0) {
+    SafeCallbacksWrapper::Log(
+        k_error, "Failed to show certificate dialog. Failed to find certificate thumbprint (error: %d)",
+        static_cast<int>(find_error));
+    store_failed = false;
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void KeyStore::Init() {
+  SafeCallbacksWrapper::Log(k_info, "Initialised");
+  if (!cert_store.IsOpen()) {
+    // Any kind but the users' gives an empty store for the host's CAs.
+    cert_store.Open(static_cast<ICertificateStore::CertStoreType>(1));
+  }
+}
+
+const X509_Auth_Signature* KeyStore::AllocateSignature(Algorithm algorithm,
+                                                       std::vector<unsigned char> signature) {
+  if (static_cast<std::uint32_t>(algorithm) > 2) throw std::invalid_argument("Unimplemented");
+  auto kept = std::make_unique<AllocatedSignature>();
+  kept->algorithm = static_cast<std::uint32_t>(algorithm);
+  kept->signature = std::move(signature);
+  kept->record.algorithm = kept->algorithm;
+  kept->record.length = kept->signature.size();
+  kept->record.data = kept->signature.data();
+  const X509_Auth_Signature* record = &kept->record;
+  signatures.push_back(std::move(kept));
+  return record;
+}
+
+const X509_Auth_ASN_1* KeyStore::AllocatePlaintext(std::vector<unsigned char> plaintext) {
+  auto kept = std::make_unique<AllocatedPlaintext>();
+  kept->plaintext = std::move(plaintext);
+  kept->record.length = kept->plaintext.size();
+  kept->record.data = kept->plaintext.data();
+  const X509_Auth_ASN_1* record = &kept->record;
+  plaintexts.push_back(std::move(kept));
+  return record;
+}
+
+void KeyStore::Free(const void* p) {
+  if (EraseMatching(certificate_lists, [p](const auto& list) {
+        return static_cast<const void*>(list->records.data()) == p;
+      }) > 0)
+    return;
+  if (EraseMatching(signatures, [p](const auto& kept) {
+        return static_cast<const void*>(&kept->record) == p;
+      }) > 0)
+    return;
+  if (EraseMatching(plaintexts, [p](const auto& kept) {
+        return static_cast<const void*>(&kept->record) == p;
+      }) > 0)
+    return;
+  EraseMatching(ca_chain_lists, [p](const auto& list) {
+    if (static_cast<const void*>(list->records.data()) != p) return false;
+    SafeCallbacksWrapper::Log(k_info, "asn1s ptr freed (ptr: %p)", p);
+    return true;
+  });
+}
+
+bool KeyStore::IsPermitted(const ICertificate& cert) {
+  const std::uint32_t eku = cert.EnhancedKeyUsage();
+  if ((eku & k_eku_client_auth) != 0) return true;
+  std::uint32_t ku = 0;
+  if (!cert.IntendedKeyUsage(ku)) return false;
+  if ((ku & k_ku_digital_signature) != 0) return true;
+  return eku == 0 && ku == 0;
+}
+
+bool KeyStore::LoadClientCertificates(std::uint64_t* count,
+                                      const X509_Auth_Certificate** certificates) {
+  SafeCallbacksWrapper::Log(k_info, "Loading client certificates from OS store");
+  CertStore users_store;
+  const std::uint32_t error = users_store.Open(ICertificateStore::k_users_cert_store);
+  if (error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
+                              static_cast<int>(error));
+    return false;
+  }
+
+  std::vector<std::unique_ptr<ICertificate>> certs = users_store.Certificates();
+  certs.erase(std::remove_if(certs.begin(), certs.end(),
+                             [](const std::unique_ptr<ICertificate>& cert) {
+                               return !IsPermitted(*cert);
+                             }),
+              certs.end());
+
+  std::vector<CertificateWrapper> wrappers;
+  for (const std::unique_ptr<ICertificate>& cert : certs) {
+    CertificateWrapper wrapper;
+    wrapper.name = cert->Name();
+    wrapper.issuer_name = cert->IssuerName();
+    wrapper.not_before = cert->NotBefore();
+    wrapper.not_after = cert->NotAfter();
+    wrapper.supports_smart_card = cert->SupportsSmartCard();
+    wrapper.encoded = cert->Encode();
+    wrapper.key_algorithm_group = static_cast<std::uint32_t>(cert->PublicKeyAlgorithmGroup());
+    SafeCallbacksWrapper::Log(k_warning, "cert: [%s]", cert->Name().c_str());
+
+    const CertContext& context = cert->GetContext();
+    if (const auto* file = std::get_if<std::unique_ptr<CertFileContext>>(&context)) {
+      wrapper.cert_type = X509_Auth_CertificateType_FileBased;
+      wrapper.key_path = (*file)->key_path.string();
+      SafeCallbacksWrapper::Log(k_warning, "cert type: [%d] FileBased",
+                                static_cast<int>(wrapper.cert_type));
+    } else if (std::holds_alternative<std::unique_ptr<Libp11CertContext>>(context)) {
+      wrapper.cert_type = X509_Auth_CertificateType_SmartCard;
+      SafeCallbacksWrapper::Log(k_warning,
+                                "Keys Path not returned for smart card, request separately");
+    } else {
+      wrapper.cert_type = X509_Auth_CertificateType_Other;
+      SafeCallbacksWrapper::Log(k_warning, "cert type: [%d]", static_cast<int>(wrapper.cert_type));
+    }
+
+    // Chains are built against the store holding the host's added CAs, not
+    // this request's users' store.
+    if (!cert->CaChain(wrapper.ca_chain, &cert_store)) {
+      SafeCallbacksWrapper::Log(k_error, "Failed to get CA chain for a certificate");
+      continue;
+    }
+    if (!cert->Thumbprint(wrapper.thumbprint)) {
+      SafeCallbacksWrapper::Log(k_error, "Failed to get thumbprint for a certificate");
+      continue;
+    }
+    wrappers.push_back(wrapper);
+  }
+  SafeCallbacksWrapper::Log(k_warning, "Total Client Certificates picked: %d",
+                            static_cast<int>(wrappers.size()));
+
+  auto list = std::make_unique<AllocatedCertificateList>();
+  list->wrappers = std::move(wrappers);
+  // Sized once: the records' addresses are handed out and must never move.
+  list->records.reserve(list->wrappers.size());
+  for (CertificateWrapper& wrapper : list->wrappers) {
+    for (const Thumbprint& member : wrapper.ca_chain)
+      wrapper.ca_chain_pointers.push_back(member.data());
+    if (wrapper.key_algorithm_group > 2) throw std::invalid_argument("Unimplemented");
+    X509_Auth_Certificate record{};
+    record.name = wrapper.name.c_str();
+    record.issuer_name = wrapper.issuer_name.c_str();
+    record.not_before = wrapper.not_before;
+    record.not_after = wrapper.not_after;
+    record.smart_card = wrapper.supports_smart_card ? 1 : 0;
+    record.padding = 0;
+    record.thumbprint = wrapper.thumbprint.data();
+    record.encoded_length = wrapper.encoded.size();
+    record.encoded = wrapper.encoded.data();
+    record.ca_chain_count = wrapper.ca_chain_pointers.size();
+    record.ca_chain = wrapper.ca_chain_pointers.data();
+    record.key_algorithm_group = wrapper.key_algorithm_group;
+    record.cert_type = wrapper.cert_type;
+    record.key_path = wrapper.key_path.c_str();
+    record.reserved = wrapper.reserved;
+    list->records.push_back(record);
+  }
+
+  *count = list->records.size();
+  *certificates = list->records.data();
+  const int returned = static_cast<int>(list->records.size());
+  certificate_lists.push_back(std::move(list));
+  SafeCallbacksWrapper::Log(k_warning, "Total Client Certificates returned: %d", returned);
+  return true;
+}
+
+bool KeyStore::AddAdditionalCertificateAuthorityToStore(const unsigned char* data,
+                                                        unsigned long length) {
+  const std::string marker = "-----BEGIN CERTIFICATE-----";
+  std::vector<unsigned char> der;
+  const unsigned char* bytes = data;
+  unsigned long size = length;
+  if (length >= marker.size() && std::memcmp(data, marker.data(), marker.size()) == 0) {
+    if (!ConvertPemDataToDer(data, length, der)) {
+      SafeCallbacksWrapper::Log(
+          k_info, "KeyStore::AddAdditionalCertificateAuthorityToStore ConvertPemDataToDer failed.");
+      return false;
+    }
+    bytes = der.data();
+    size = der.size();
+  }
+  const std::uint32_t error = cert_store.AddEncodedCertificate(bytes, size);
+  if (error != 0) {
+    SafeCallbacksWrapper::Log(k_warning, "AddAdditionalCertificateAuthorityToStore error (%lu)",
+                              static_cast<unsigned long>(error));
+    return false;
+  }
+  return true;
+}
+
+std::int32_t KeyStore::GetChainedCAsForCertificate(const X509_Auth_Certificate* certificate,
+                                                   unsigned long* count, X509_Auth_ASN_1** asn1) {
+  if (certificate == nullptr) {
+    SafeCallbacksWrapper::Log(k_error, "KeyStore::GetChainedCAsForCertificate Cert is null");
+    return 2;
+  }
+  if (count == nullptr) {
+    SafeCallbacksWrapper::Log(k_error, "KeyStore::GetChainedCAsForCertificate total is null");
+    return 3;
+  }
+  if (asn1 == nullptr) {
+    SafeCallbacksWrapper::Log(k_error, "KeyStore::GetChainedCAsForCertificate asn1 is null");
+    return 4;
+  }
+
+  std::vector<ASN1Wrapper> blobs;
+  for (std::uint64_t i = 0; i < certificate->ca_chain_count; ++i) {
+    Thumbprint thumbprint{};
+    std::memcpy(thumbprint.data(), certificate->ca_chain[i], thumbprint.size());
+    std::unique_ptr<ICertificate> found;
+    const std::uint32_t error = cert_store.FindThumbprint(thumbprint, &found);
+    if (error != 0) {
+      SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
+                                static_cast<int>(error));
+      continue;
+    }
+    blobs.push_back(ASN1Wrapper{found->Encode()});
+  }
+
+  auto list = std::make_unique<AllocatedCAChainASN1List>();
+  list->blobs = std::move(blobs);
+  list->records.reserve(list->blobs.size());
+  for (const ASN1Wrapper& blob : list->blobs)
+    list->records.push_back(X509_Auth_ASN_1{blob.data.size(), blob.data.data()});
+  *count = list->records.size();
+  *asn1 = list->records.data();
+  ca_chain_lists.push_back(std::move(list));
+  return 0;
+}
+
+KeyStoreResult<X509_Auth_Signature> KeyStore::SignHash(const Thumbprint& thumbprint,
+                                                       const std::vector<Algorithm>& algorithms,
+                                                       const std::vector<unsigned char>& hash) {
+  SafeCallbacksWrapper::Log(k_info, "Signing hash... (this might require user input)");
+  CertStore users_store;
+  std::unique_ptr<ICertificate> cert;
+  Key key;
+  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key)) return {nullptr, *failure};
+  const Algorithm group = cert->PublicKeyAlgorithmGroup();
+  if (group == Algorithm::k_unknown ||
+      std::find(algorithms.begin(), algorithms.end(), group) == algorithms.end()) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support requested algorithm");
+    return {nullptr, {6, 0, 0}};
+  }
+  std::vector<unsigned char> signature;
+  const ResultPair signed_result = key.Sign(hash, &signature);
+  if (signed_result.code != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to sign hash (error: %d, %lu)", signed_result.code,
+                              static_cast<unsigned long>(signed_result.detail));
+    return {nullptr, {signed_result.code, 0, signed_result.detail}};
+  }
+  SafeCallbacksWrapper::Log(k_info, "Successfully signed hash");
+  const X509_Auth_Signature* record = AllocateSignature(group, std::move(signature));
+  return {record, {0, 0, signed_result.detail}};
+}
+
+KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
+                                                  DecryptAlgorithm algorithm,
+                                                  const std::vector<unsigned char>& data) {
+  CertStore users_store;
+  std::unique_ptr<ICertificate> cert;
+  Key key;
+  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key)) return {nullptr, *failure};
+  if (cert->PublicKeyAlgorithmGroup() != Algorithm::k_rsa) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");
+    return {nullptr, {6, 0, 0}};
+  }
+  std::vector<unsigned char> plaintext;
+  const ResultPair decrypted = key.Decrypt(algorithm, data, &plaintext);
+  if (decrypted.code != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to decrypt data (error: %d, %lu)", decrypted.code,
+                              static_cast<unsigned long>(decrypted.detail));
+    return {nullptr, {decrypted.code, 0, decrypted.detail}};
+  }
+  SafeCallbacksWrapper::Log(k_info, "Successfully decrypted data");
+  const X509_Auth_ASN_1* record = AllocatePlaintext(std::move(plaintext));
+  return {record, {0, 0, decrypted.detail}};
+}
+
+X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(
+    const X509_Auth_Certificate* certificate, void** key) {
+  if (certificate == nullptr) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to GetPrivateKeyForCertificate Cert is null");
+    return 2;
+  }
+  if (key == nullptr) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to GetPrivateKeyForCertificate pvt_key ptr is null");
+    return 3;
+  }
+  CertStore users_store;
+  std::unique_ptr<ICertificate> cert;
+  bool store_failed = false;
+  if (!FindForDialogOrExport(certificate, users_store, cert, store_failed))
+    return store_failed ? 5 : 6;
+
+  const CertContext& context = cert->GetContext();
+  if (std::holds_alternative<std::unique_ptr<CertFileContext>>(context)) {
+    SafeCallbacksWrapper::Log(k_warning,
+                              "cert type is CertFileContext: Use Pvt Key Path not this function");
+    return 10;
+  }
+  if (std::holds_alternative<std::unique_ptr<EncodedCertContext>>(context)) {
+    SafeCallbacksWrapper::Log(k_warning, "cert type is EncodedCertContext, can not get pvt key");
+    return 9;
+  }
+  const Libp11CertContext& token = *std::get<std::unique_ptr<Libp11CertContext>>(context);
+  int login_result = 0;
+  {
+    // Held for the login only; the certificate's own share keeps the
+    // token objects alive afterwards.
+    std::shared_ptr<Libp11Context> libp11 = Libp11Context::GetInstance();
+    login_result = libp11 ? libp11->LogInToSlotIfRequired(token.slot) : -1;
+  }
+  if (login_result != 0) {
+    SafeCallbacksWrapper::Log(
+        k_error, "Error logging in to token before obtaining private key! Error code: [%i]",
+        login_result);
+    return 7;
+  }
+  SafeCallbacksWrapper::Log(k_warning, "cert type: Libp11CertContext");
+  SafeCallbacksWrapper::Log(k_error, "PKCS11_CERT* cert_ptr: [%p]", static_cast<void*>(token.cert));
+  // libp11 waits forever for a session the token refuses, so a token that
+  // cannot open one now is treated as holding no key.
+  const bool usable = token.libp11_context && token.libp11_context->CanOpenSession(token.slot);
+  PKCS11_KEY* found_key = usable ? PKCS11_find_key(token.cert) : nullptr;
+  if (found_key == nullptr) {
+    SafeCallbacksWrapper::Log(k_error,
+                              "Error loading private key for smart card cert: [%s] find key null",
+                              cert->Name().c_str());
+    return 8;
+  }
+  // The host owns the key from here and frees it with EVP_PKEY_free.
+  EVP_PKEY* private_key = PKCS11_get_private_key(found_key);
+  *key = private_key;
+  if (private_key == nullptr) {
+    SafeCallbacksWrapper::Log(k_error,
+                              "Error loading private key for smart card cert: [%s] get returned null",
+                              cert->Name().c_str());
+  }
+  return 0;
+}
+
+bool KeyStore::ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) {
+  CertStore users_store;
+  std::unique_ptr<ICertificate> cert;
+  bool store_failed = false;
+  if (!FindForDialogOrExport(certificate, users_store, cert, store_failed)) return false;
+  return cert->ShowDialog(parent);
+}
+
+}  // namespace quorvant::shared::x509

@@ -1,0 +1,81 @@
+#pragma once
+#include <memory>
+#include <vector>
+
+#include "keystore/ASN1Wrapper.h"
+#include "keystore/CertificateWrapper.h"
+#include "keystore/IKeyStore.h"
+#include "store/CertStore.h"
+
+namespace quorvant::shared::x509 {
+
+class ICertificate;
+
+// Keeps everything handed to the host until X509_Auth_Free or its own
+// destruction, and owns the long-lived store that receives the host's CA
+// certificates. No locking: the host serialises its calls.
+class KeyStore : public IKeyStore {
+ public:
+  // A handed-out certificate array; the host gets &records[0].
+  struct AllocatedCertificateList {
+    std::vector<CertificateWrapper> wrappers;
+    std::vector<X509_Auth_Certificate> records;
+  };
+  // A handed-out signature; the host gets &record.
+  struct AllocatedSignature {
+    std::uint32_t algorithm = 0;
+    std::vector<unsigned char> signature;
+    X509_Auth_Signature record{};
+  };
+  // A handed-out plaintext; the host gets &record.
+  struct AllocatedPlaintext {
+    std::vector<unsigned char> plaintext;
+    X509_Auth_ASN_1 record{};
+  };
+  // A handed-out CA chain; the host gets &records[0].
+  struct AllocatedCAChainASN1List {
+    std::vector<ASN1Wrapper> blobs;
+    std::vector<X509_Auth_ASN_1> records;
+  };
+
+  KeyStore() = default;
+  ~KeyStore() override = default;
+
+  void Init() override;
+  bool AddAdditionalCertificateAuthorityToStore(const unsigned char* data,
+                                                unsigned long length) override;
+  bool LoadClientCertificates(std::uint64_t* count,
+                              const X509_Auth_Certificate** certificates) override;
+  KeyStoreResult<X509_Auth_Signature> SignHash(const Thumbprint& thumbprint,
+                                               const std::vector<Algorithm>& algorithms,
+                                               const std::vector<unsigned char>& hash) override;
+  KeyStoreResult<X509_Auth_ASN_1> Decrypt(const Thumbprint& thumbprint, DecryptAlgorithm algorithm,
+                                          const std::vector<unsigned char>& data) override;
+  void Free(const void* p) override;
+  bool ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) override;
+  X509_Auth_ResultCode GetPrivateKeyForCertificate(const X509_Auth_Certificate* certificate,
+                                                   void** key) override;
+  std::int32_t GetChainedCAsForCertificate(const X509_Auth_Certificate* certificate,
+                                           unsigned long* count, X509_Auth_ASN_1** asn1) override;
+
+  // Throws std::invalid_argument("Unimplemented") for an algorithm above 2.
+  const X509_Auth_Signature* AllocateSignature(Algorithm algorithm,
+                                               std::vector<unsigned char> signature);
+  const X509_Auth_ASN_1* AllocatePlaintext(std::vector<unsigned char> plaintext);
+
+  // Whether a certificate is offered for TLS client authentication.
+  static bool IsPermitted(const ICertificate& cert);
+
+  // The key store's own store, holding the CA certificates the host added.
+  const CertStore& OwnStore() const { return cert_store; }
+
+ private:
+  // Destroyed in reverse: the store first, then every kept result.
+  std::vector<std::unique_ptr<AllocatedCertificateList>> certificate_lists;
+  std::vector<std::unique_ptr<AllocatedSignature>> signatures;
+  std::vector<std::unique_ptr<AllocatedPlaintext>> plaintexts;
+  std::vector<std::unique_ptr<AllocatedCAChainASN1List>> ca_chain_lists;
+  CertStore cert_store;
+};
+
+}  // namespace quorvant::shared::x509
