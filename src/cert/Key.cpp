@@ -73,7 +73,11 @@ std::int32_t Key::Open(const ICertificate& certificate) {
             "Error logging in to token before obtaining private key! Error code: [%i]", login);
       }
     }
-    PKCS11_KEY* token_key = PKCS11_find_key(token_context.cert);
+    // libp11 waits forever for a session the token refuses, so a token that
+    // cannot open one now is treated as holding no key.
+    const bool usable = token_context.libp11_context &&
+                        token_context.libp11_context->CanOpenSession(token_context.slot);
+    PKCS11_KEY* token_key = usable ? PKCS11_find_key(token_context.cert) : nullptr;
     if (token_key != nullptr) {
       key.reset(PKCS11_get_private_key(token_key));
     } else {
