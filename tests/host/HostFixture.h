@@ -1,0 +1,92 @@
+#pragma once
+// A host's view of the library: only x509_auth.h and the shared library.
+// Each test gets its own working directory (holding the PKCS#11 module link
+// the library looks for), its own HOME and its own certificate directories.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "RecordingCallbacks.h"
+#include "TestPki.h"
+#include "x509_auth.h"
+
+namespace x509auth_test {
+
+class HostTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    rec().Reset();
+    old_cwd_ = std::filesystem::current_path();
+    work_ = temp_ / "work";
+    home_ = temp_ / "home";
+    std::filesystem::create_directories(work_);
+    std::filesystem::create_directories(home_);
+    // The real OpenSC module with no reader attached: no tokens, no error.
+    std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
+    ASSERT_EQ(chdir(work_.c_str()), 0);
+    const char* home = std::getenv("HOME");
+    if (home != nullptr) old_home_ = home;
+    setenv("HOME", home_.c_str(), 1);
+  }
+
+  void TearDown() override {
+    X509_Auth_DeInit();
+    if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot restore the working directory";
+    if (old_home_)
+      setenv("HOME", old_home_->c_str(), 1);
+    else
+      unsetenv("HOME");
+  }
+
+  static RecordingCallbacks& rec() { return RecordingCallbacks::Instance(); }
+
+  // A base directory below the test's temporary directory.
+  std::filesystem::path Base(const std::string& name) const { return temp_ / name; }
+
+  static void Init(const std::vector<std::string>& dirs,
+                   const std::vector<std::string>& home_dirs = {},
+                   X509_Auth_Callbacks callbacks = rec().Callbacks()) {
+    std::vector<const char*> first, second;
+    for (const std::string& dir : dirs) first.push_back(dir.c_str());
+    for (const std::string& dir : home_dirs) second.push_back(dir.c_str());
+    const X509_Auth_Settings settings{first.data(), first.size(), second.data(), second.size()};
+    X509_Auth_Init(&settings, callbacks);
+  }
+
+  // Lists the certificates; fails the test when the call returns false.
+  static std::vector<const X509_Auth_Certificate*> List(const X509_Auth_Certificate** array = nullptr) {
+    uint64_t count = 12345;
+    const X509_Auth_Certificate* certificates = nullptr;
+    EXPECT_TRUE(X509_Auth_LoadClientCertificates(&count, &certificates)) << rec().Dump();
+    std::vector<const X509_Auth_Certificate*> records;
+    for (uint64_t i = 0; i < count; ++i) records.push_back(&certificates[i]);
+    if (array != nullptr) *array = certificates;
+    return records;
+  }
+
+  static Bytes ThumbprintOf(const X509_Auth_Certificate* record) {
+    return Bytes(record->thumbprint, record->thumbprint + 20);
+  }
+
+  TempDir temp_;
+  std::filesystem::path work_, home_, old_cwd_;
+  std::optional<std::string> old_home_;
+};
+
+// A self-signed client-authentication certificate: its chain is itself.
+inline TestX509 MakeClientCert(const std::string& name, EVP_PKEY* key,
+                               const std::string& eku = "clientAuth",
+                               const std::string& ku = "critical,digitalSignature,keyCertSign") {
+  CertOptions options;
+  options.common_name = name;
+  options.extended_key_usage = eku;
+  options.key_usage = ku;
+  return MakeCert(options, key);
+}
+
+}  // namespace x509auth_test
