@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# The main job: builds the library and its command-line host, makes a demo
+# on the spot (a CA, file certificates with plain, encrypted and DER keys, and
+# a SoftHSM2 token holding an RSA and an EC certificate with their keys), then
+# lets the host list every certificate, show its chain and sign with each.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+bash scripts/install-deps.sh
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
+cmake --build build -j"$(nproc)" --target x509auth-host
+
+demo=$(mktemp -d /tmp/x509auth-demo-XXXXXX)
+trap 'rm -rf "$demo"' EXIT
+echo "== Demo material in $demo"
+mkdir -p "$demo/base/certs" "$demo/base/keys" "$demo/pki" "$demo/tokens" "$demo/work"
+cd "$demo/pki"
+
+quiet() { "$@" > /dev/null 2>&1 || { echo "failed: $*"; exit 1; }; }
+
+# A root CA; the host adds it as an extra trusted CA.
+quiet openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 3650 \
+  -subj "/O=x509auth demo/CN=Demo Root CA" \
+  -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign"
+
+issue() {  # issue NAME KEYFILE SUBJECT_CN
+  quiet openssl req -new -key "$2" -out "$1.csr" -subj "/O=x509auth demo/CN=$3"
+  printf 'keyUsage=critical,digitalSignature,keyEncipherment\nextendedKeyUsage=clientAuth\n' > "$1.ext"
+  quiet openssl x509 -req -in "$1.csr" -CA ca.pem -CAkey ca.key -CAcreateserial \
+    -out "$1.pem" -days 825 -extfile "$1.ext"
+}
+
+quiet openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out alice.key
+issue alice alice.key "Alice (file, RSA, password-protected key)"
+cp alice.pem "$demo/base/certs/alice.pem"
+quiet openssl pkcs8 -topk8 -in alice.key -v2 aes-256-cbc -passout pass:demo-password \
+  -out "$demo/base/keys/alice.pem.key"
+
+quiet openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out bob.key
+issue bob bob.key "Bob (file, EC, DER)"
+quiet openssl x509 -in bob.pem -outform DER -out "$demo/base/certs/bob.der"
+quiet openssl pkcs8 -topk8 -nocrypt -in bob.key -outform DER -out "$demo/base/keys/bob.der.key"
+
+quiet openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out carol.key
+issue carol carol.key "Carol (smart card, RSA)"
+quiet openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out dave.key
+issue dave dave.key "Dave (smart card, EC)"
+
+# A fresh SoftHSM2 token, seen by the library as its PKCS#11 module.
+module=/usr/lib/softhsm/libsofthsm2.so
+printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' \
+  "$demo/tokens" > "$demo/softhsm2.conf"
+export SOFTHSM2_CONF="$demo/softhsm2.conf"
+quiet softhsm2-util --init-token --free --label "Demo Token" --pin 1234 --so-pin 12345678
+put() {  # put FILE TYPE ID LABEL
+  quiet pkcs11-tool --module "$module" --token-label "Demo Token" --login --pin 1234 \
+    --write-object "$1" --type "$2" --id "$3" --label "$4"
+}
+for who in carol:01 dave:02; do
+  name=${who%%:*} id=${who##*:}
+  quiet openssl x509 -in "$name.pem" -outform DER -out "$name.der"
+  quiet openssl pkcs8 -topk8 -nocrypt -in "$name.key" -outform DER -out "$name.key.der"
+  put "$name.der" cert "$id" "$name"
+  put "$name.key.der" privkey "$id" "$name"
+done
+ln -s "$module" "$demo/work/opensc-pkcs11.so"
+
+echo "== Running the command-line host"
+cd "$demo/work"
+"$root/build/tools/x509auth-host" --dir "$demo/base" --add-ca "$demo/pki/ca.pem" \
+  --pin 1234 --password demo-password --sign "$@"
