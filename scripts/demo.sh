@@ -67,6 +67,9 @@ done
 ln -s "$module" "$demo/work/opensc-pkcs11.so"
 
 echo "== Running the command-line host"
+echo "   (error lines are the library's own log at priority 3: SoftHSM2 always adds an"
+echo "    uninitialised token, reported as a token whose certificates cannot be listed;"
+echo "    a chain's leaf is not among the added CAs, so its lookup there fails)"
 cd "$demo/work"
 "$root/build/tools/x509auth-host" --dir "$demo/base" --add-ca "$demo/pki/ca.pem" \
   --pin 1234 --password demo-password --sign "$@"

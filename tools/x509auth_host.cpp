@@ -112,6 +112,8 @@ int Usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Log lines go to stderr; keep them in step with the report on stdout.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     auto value = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
