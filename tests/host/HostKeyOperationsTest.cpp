@@ -318,5 +318,48 @@ TEST_F(HostKeyOperationsTest, KeyExportOfAnUnknownOrAddedCertificateGivesSix) {
       "Failed to show certificate dialog. Failed to find certificate thumbprint (error: 1)"));
 }
 
+TEST_F(HostKeyOperationsTest, StoreThatCannotOpenGivesCodeTwoFiveAndTheStoreError) {
+  // Without a PKCS#11 module the next context has no token source, and
+  // every fresh users' store fails to open.
+  X509_Auth_DeInit();
+  std::filesystem::remove(work_ / "opensc-pkcs11.so");
+  Init({Base("base").string()});
+  rec().Reset();
+  const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
+  const X509_Auth_Signature* signature = reinterpret_cast<const X509_Auth_Signature*>(0x1);
+  X509_Auth_Result result = Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
+  EXPECT_EQ(result.code, 2);
+  EXPECT_EQ(result.detail, 0xFFFFFFFFu);
+  EXPECT_EQ(signature, nullptr);
+  const X509_Auth_ASN_1* plaintext = reinterpret_cast<const X509_Auth_ASN_1*>(0x1);
+  result = X509_Auth_Decrypt(rsa_thumbprint_.data(), 1, digest.size(), digest.data(), &plaintext);
+  EXPECT_EQ(result.code, 2);
+  EXPECT_EQ(result.detail, 0xFFFFFFFFu);
+  EXPECT_EQ(plaintext, nullptr);
+  const auto lines = rec().WithFormat("Failed to open cert store (error: %d)");
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].priority, X509_Auth_LogPriority_Error);
+  EXPECT_EQ(lines[0].text, "Failed to open cert store (error: -1)");
+
+  X509_Auth_Certificate record{};
+  record.thumbprint = ec_thumbprint_.data();
+  void* key = nullptr;
+  rec().Reset();
+  EXPECT_EQ(X509_Auth_GetPrivateKeyForCertificate(&record, &key), 5);
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
+                        "Failed to show certificate dialog. Failed to open cert store (error: %d)",
+                        "Failed to show certificate dialog. Failed to open cert store (error: -1)"));
+}
+
+TEST_F(HostKeyOperationsTest, KeyOfAnotherCertificateGivesCodeFour) {
+  WriteFile(Base("base") / "keys" / "ec.pem.key", KeyToPem(SharedKey(KeyKind::kEc, 7).get()));
+  const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
+  const X509_Auth_Signature* signature = nullptr;
+  const X509_Auth_Result result = Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
+  EXPECT_EQ(result.code, 4);
+  EXPECT_EQ(result.detail, 1u);
+  EXPECT_FALSE(rec().WithFormat("Private key file [%s] does not appear to match cert [%s]").empty());
+}
+
 }  // namespace
 }  // namespace x509auth_test
