@@ -15,6 +15,7 @@
 
 #include "api/SafeCallbacksWrapper.h"
 #include "cert/Asn1Time.h"
+#include "cert/DefaultCaPaths.h"
 #include "files/CertificateFiles.h"
 #include "store/ICertificateStore.h"
 
@@ -177,7 +178,7 @@ bool Cert::CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore
   }
   CopyCertificates(own, trusted.get());
   if (extra != nullptr) CopyCertificates(extra, trusted.get());
-  X509_STORE_set_default_paths(trusted.get());
+  DefaultCaPaths::SetOn(trusted.get());
 
   if (X509_STORE_CTX_init(context.get(), trusted.get(), GetX509(), nullptr) != 1) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,

@@ -8,6 +8,7 @@
 #include "api/SafeCallbacksWrapper.h"
 #include "api/X509Settings.h"
 #include "cert/Cert.h"
+#include "cert/DefaultCaPaths.h"
 #include "files/CertificateFiles.h"
 
 namespace quorvant::shared::x509 {
@@ -95,7 +96,7 @@ std::uint32_t CertStore::Open(CertStoreType type) {
     LogAllOpenSslErrors();
     return status;
   }
-  if (X509_STORE_set_default_paths(x509_store.get()) != 1) {
+  if (DefaultCaPaths::SetOn(x509_store.get()) != 1) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to set CA paths");
     LogAllOpenSslErrors();
     return k_status_failed;

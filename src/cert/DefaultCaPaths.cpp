@@ -1,0 +1,119 @@
+#include "cert/DefaultCaPaths.h"
+
+#include <openssl/err.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "api/OpenSslPtr.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+using X509CrlPtr = std::unique_ptr<X509_CRL, OpenSslDeleter<X509_CRL, X509_CRL_free>>;
+
+// What identifies one version of the CA file; a change of any part reloads.
+struct FileIdentity {
+  std::string path;
+  bool exists = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  long long modified_ns = 0;
+
+  bool operator==(const FileIdentity& other) const {
+    return std::tie(path, exists, device, inode, size, modified_ns) ==
+           std::tie(other.path, other.exists, other.device, other.inode, other.size,
+                    other.modified_ns);
+  }
+};
+
+// The file OpenSSL's default file lookup reads: the environment's override,
+// else the built-in default.
+FileIdentity CurrentCaFile() {
+  FileIdentity identity;
+  const char* from_environment = std::getenv(X509_get_default_cert_file_env());
+  identity.path = from_environment != nullptr ? from_environment : X509_get_default_cert_file();
+  struct stat status {};
+  if (stat(identity.path.c_str(), &status) == 0) {
+    identity.exists = true;
+    identity.device = status.st_dev;
+    identity.inode = status.st_ino;
+    identity.size = status.st_size;
+    identity.modified_ns =
+        static_cast<long long>(status.st_mtim.tv_sec) * 1000000000LL + status.st_mtim.tv_nsec;
+  }
+  return identity;
+}
+
+struct CaFileCache {
+  std::mutex mutex;
+  bool loaded = false;
+  FileIdentity identity;
+  std::vector<X509Ptr> certs;
+  std::vector<X509CrlPtr> crls;
+};
+
+CaFileCache& Cache() {
+  static CaFileCache cache;
+  return cache;
+}
+
+// Parses the CA file through OpenSSL's own default file lookup, into a
+// scratch store, and keeps a reference to everything it loaded.
+void Reload(CaFileCache& cache, const FileIdentity& identity) {
+  cache.certs.clear();
+  cache.crls.clear();
+  cache.identity = identity;
+  cache.loaded = true;
+  X509StorePtr scratch(X509_STORE_new());
+  if (!scratch) return;
+  X509_LOOKUP* file = X509_STORE_add_lookup(scratch.get(), X509_LOOKUP_file());
+  if (file == nullptr) return;
+  X509_LOOKUP_load_file(file, nullptr, X509_FILETYPE_DEFAULT);
+  const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(scratch.get());
+  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
+    X509_OBJECT* object = sk_X509_OBJECT_value(objects, i);
+    if (X509* cert = X509_OBJECT_get0_X509(object)) {
+      X509_up_ref(cert);
+      cache.certs.emplace_back(cert);
+    } else if (X509_CRL* crl = X509_OBJECT_get0_X509_CRL(object)) {
+      X509_CRL_up_ref(crl);
+      cache.crls.emplace_back(crl);
+    }
+  }
+}
+
+}  // namespace
+
+int DefaultCaPaths::SetOn(X509_STORE* store) {
+  // The same lookups, in the same order, as X509_STORE_set_default_paths;
+  // only the file's contents come from the cache.
+  if (X509_STORE_add_lookup(store, X509_LOOKUP_file()) == nullptr) return 0;
+  {
+    CaFileCache& cache = Cache();
+    std::lock_guard<std::mutex> lock(cache.mutex);
+    const FileIdentity identity = CurrentCaFile();
+    if (!cache.loaded || !(cache.identity == identity)) Reload(cache, identity);
+    for (const X509Ptr& cert : cache.certs) X509_STORE_add_cert(store, cert.get());
+    for (const X509CrlPtr& crl : cache.crls) X509_STORE_add_crl(store, crl.get());
+  }
+  X509_LOOKUP* directory = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
+  if (directory == nullptr) return 0;
+  X509_LOOKUP_add_dir(directory, nullptr, X509_FILETYPE_DEFAULT);
+  X509_LOOKUP* uri = X509_STORE_add_lookup(store, X509_LOOKUP_store());
+  if (uri == nullptr) return 0;
+  X509_LOOKUP_add_store(uri, nullptr);
+  // OpenSSL clears what the loads queued; so do we.
+  ERR_clear_error();
+  return 1;
+}
+
+}  // namespace quorvant::shared::x509

@@ -1,0 +1,104 @@
+// The cached default CA locations must trust exactly what
+// X509_STORE_set_default_paths trusts, and follow the CA file when it changes.
+#include "cert/DefaultCaPaths.h"
+
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/x509.h>
+
+#include <chrono>
+#include <set>
+#include <thread>
+
+#include "TestPki.h"
+
+namespace quorvant::shared::x509 {
+namespace {
+
+using namespace x509auth_test;
+
+struct StoreFree {
+  void operator()(X509_STORE* p) const { X509_STORE_free(p); }
+};
+using TestStore = std::unique_ptr<X509_STORE, StoreFree>;
+
+std::set<Bytes> Certificates(X509_STORE* store) {
+  std::set<Bytes> der;
+  const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
+  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
+    if (X509* cert = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
+      der.insert(CertToDer(cert));
+  return der;
+}
+
+bool Verifies(X509_STORE* store, X509* leaf) {
+  std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx(X509_STORE_CTX_new(),
+                                                                       &X509_STORE_CTX_free);
+  X509_STORE_CTX_init(ctx.get(), store, leaf, nullptr);
+  return X509_verify_cert(ctx.get()) == 1;
+}
+
+class DefaultCaPathsTest : public ::testing::Test {
+ protected:
+  void TearDown() override { unsetenv("SSL_CERT_FILE"); }
+};
+
+TEST_F(DefaultCaPathsTest, TrustsTheSameCertificatesAsOpenSsl) {
+  TestStore ours(X509_STORE_new());
+  TestStore openssl(X509_STORE_new());
+  ASSERT_EQ(DefaultCaPaths::SetOn(ours.get()), 1);
+  ASSERT_EQ(X509_STORE_set_default_paths(openssl.get()), 1);
+  const std::set<Bytes> expected = Certificates(openssl.get());
+  EXPECT_FALSE(expected.empty()) << "the machine has no CA bundle to compare with";
+  EXPECT_EQ(Certificates(ours.get()), expected);
+  // A second store comes from the cache and is the same again.
+  TestStore again(X509_STORE_new());
+  ASSERT_EQ(DefaultCaPaths::SetOn(again.get()), 1);
+  EXPECT_EQ(Certificates(again.get()), expected);
+  EXPECT_EQ(ERR_peek_last_error(), 0u);
+}
+
+TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
+  TempDir dir;
+  Chain first = MakeChain(KeyKind::kEc, "First Leaf");
+  TestKey other_root_key = MakeKey(KeyKind::kEc);
+  CertOptions root_options;
+  root_options.common_name = "Other Root";
+  root_options.is_ca = true;
+  root_options.key_usage = "critical,keyCertSign";
+  TestX509 other_root = MakeCert(root_options, other_root_key.get());
+  CertOptions leaf_options;
+  leaf_options.common_name = "Other Leaf";
+  TestKey leaf_key = MakeKey(KeyKind::kEc);
+  TestX509 other_leaf = MakeCert(leaf_options, leaf_key.get(), other_root.get(), other_root_key.get());
+
+  const auto bundle = dir.path() / "bundle.pem";
+  WriteFile(bundle, CertToPem(first.root.get()) + CertToPem(first.intermediate.get()));
+  setenv("SSL_CERT_FILE", bundle.c_str(), 1);
+  TestStore before(X509_STORE_new());
+  ASSERT_EQ(DefaultCaPaths::SetOn(before.get()), 1);
+  EXPECT_EQ(Certificates(before.get()).size(), 2u);
+  EXPECT_TRUE(Verifies(before.get(), first.leaf.get()));
+  EXPECT_FALSE(Verifies(before.get(), other_leaf.get()));
+
+  // Rewritten in place: a different size and a later modification time.
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  WriteFile(bundle, CertToPem(other_root.get()));
+  TestStore after(X509_STORE_new());
+  ASSERT_EQ(DefaultCaPaths::SetOn(after.get()), 1);
+  EXPECT_EQ(Certificates(after.get()), std::set<Bytes>{CertToDer(other_root.get())});
+  EXPECT_TRUE(Verifies(after.get(), other_leaf.get()));
+  EXPECT_FALSE(Verifies(after.get(), first.leaf.get()));
+}
+
+TEST_F(DefaultCaPathsTest, MissingCaFileIsNoFailureAndAddsNothing) {
+  TempDir dir;
+  setenv("SSL_CERT_FILE", (dir.path() / "absent.pem").c_str(), 1);
+  TestStore store(X509_STORE_new());
+  EXPECT_EQ(DefaultCaPaths::SetOn(store.get()), 1);
+  EXPECT_TRUE(Certificates(store.get()).empty());
+  EXPECT_EQ(ERR_peek_last_error(), 0u);
+}
+
+}  // namespace
+}  // namespace quorvant::shared::x509
