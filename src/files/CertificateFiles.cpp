@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "api/SafeCallbacksWrapper.h"
+#include "files/ReadAllBytes.h"
 
 namespace quorvant::shared::x509 {
 
@@ -44,12 +45,7 @@ X509Ptr ReadX509FromDerFile(const std::filesystem::path& path) {
   if (std::filesystem::is_directory(path, ignored)) return X509Ptr();
   std::ifstream stream(path, std::ios::in | std::ios::binary);
   if (!stream.is_open()) return X509Ptr();
-  stream.seekg(0, std::ios::end);
-  const std::streamoff size = stream.tellg();
-  stream.seekg(0, std::ios::beg);
-  // A negative position (an unseekable file) raises std::length_error here.
-  std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
-  stream.read(reinterpret_cast<char*>(bytes.data()), size);
+  const std::vector<unsigned char> bytes = ReadAllBytes(stream);
   const unsigned char* cursor = bytes.data();
   return X509Ptr(d2i_X509(nullptr, &cursor, static_cast<int>(bytes.size())));
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "api/SafeCallbacksWrapper.h"
+#include "files/ReadAllBytes.h"
 
 namespace quorvant::shared::x509 {
 
@@ -140,12 +141,7 @@ EvpPkeyPtr ReadPrivateKeyFromDerFile(const std::filesystem::path& path) {
                               path.c_str(), std::strerror(error));
     return EvpPkeyPtr();
   }
-  stream.seekg(0, std::ios::end);
-  const std::streamoff size = stream.tellg();
-  stream.seekg(0, std::ios::beg);
-  // A negative position (an unseekable file) raises std::length_error here.
-  std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
-  stream.read(reinterpret_cast<char*>(bytes.data()), size);
+  const std::vector<unsigned char> bytes = ReadAllBytes(stream);
   const unsigned char* cursor = bytes.data();
   return EvpPkeyPtr(d2i_AutoPrivateKey(nullptr, &cursor, static_cast<int>(bytes.size())));
 }
