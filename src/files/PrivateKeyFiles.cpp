@@ -161,7 +161,11 @@ EvpPkeyPtr GetPrivateKeyForX509Cert(X509* cert, const std::filesystem::path& cer
                                 key_path.c_str());
       return EvpPkeyPtr();
     }
-    EvpPkeyPtr key = ReadPrivateKeyFromDerOrPemFile(key_path);
+    // A FIFO or a device would block the read or never end it: such a file
+    // is not a key file, and nothing is read from it.
+    const bool readable = type == std::filesystem::file_type::regular ||
+                          type == std::filesystem::file_type::directory;
+    EvpPkeyPtr key = readable ? ReadPrivateKeyFromDerOrPemFile(key_path) : EvpPkeyPtr();
     if (!key) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Failed to parse private key file [%s]",
                                 key_path.c_str());

@@ -457,6 +457,18 @@ TEST_F(PrivateKeyFilesTest, UnseekableKeyFileRaisesLengthErrorFromDerReader) {
   writer.join();
 }
 
+TEST_F(PrivateKeyFilesTest, KeyPathThatIsAFifoIsRefusedWithoutWaitingForAWriter) {
+  // Opening a FIFO for reading waits for a writer; none will come, and the
+  // request must not hang on it.
+  ASSERT_EQ(mkfifo(key_path_.c_str(), 0600), 0);
+  EXPECT_FALSE(GetPrivateKeyForX509Cert(cert_.get(), cert_path_, key_path_));
+  ASSERT_EQ(rec().Logs().size(), 1u) << rec().Dump();
+  EXPECT_EQ(rec().Logs()[0].priority, X509_Auth_LogPriority_Error);
+  EXPECT_EQ(rec().Logs()[0].format, "Failed to parse private key file [%s]");
+  EXPECT_EQ(rec().Logs()[0].text, "Failed to parse private key file [" + KeyPath() + "]");
+  EXPECT_TRUE(rec().Prompts().empty());
+}
+
 TEST_F(PrivateKeyFilesTest, KeyOfAnotherCertificateIsRefusedWithMatchMessageAndDrain) {
   const TestKey other = SharedKey(KeyKind::kRsa, 1);
   WriteFile(key_path_, KeyToPem(other.get()));
