@@ -12,11 +12,6 @@
 namespace x509auth_test {
 namespace {
 
-struct CtxFree {
-  void operator()(EVP_PKEY_CTX* p) const { EVP_PKEY_CTX_free(p); }
-};
-using TestPkeyCtx = std::unique_ptr<EVP_PKEY_CTX, CtxFree>;
-
 const EVP_MD* DigestFor(X509_Auth_HashType type) {
   switch (type) {
     case X509_Auth_HashType_Sha1: return EVP_sha1();
@@ -34,31 +29,9 @@ Bytes DigestOf(X509_Auth_HashType type, const std::string& message) {
   return digest;
 }
 
-// Verifies with the certificate's public key: PKCS#1 v1.5 with the digest
-// for RSA, plain ECDSA over the digest for EC.
 bool Verifies(X509* cert, X509_Auth_HashType type, const Bytes& digest,
               const X509_Auth_Signature& signature) {
-  EVP_PKEY* key = X509_get0_pubkey(cert);
-  TestPkeyCtx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  if (!ctx || EVP_PKEY_verify_init(ctx.get()) <= 0) return false;
-  if (EVP_PKEY_base_id(key) == EVP_PKEY_RSA) {
-    EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING);
-    EVP_PKEY_CTX_set_signature_md(ctx.get(), DigestFor(type));
-  }
-  return EVP_PKEY_verify(ctx.get(), signature.data, signature.length, digest.data(),
-                         digest.size()) == 1;
-}
-
-Bytes EncryptTo(X509* cert, int padding, const Bytes& plaintext) {
-  TestPkeyCtx ctx(EVP_PKEY_CTX_new(X509_get0_pubkey(cert), nullptr));
-  EXPECT_GT(EVP_PKEY_encrypt_init(ctx.get()), 0);
-  EXPECT_GT(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding), 0);
-  size_t length = 0;
-  EXPECT_GT(EVP_PKEY_encrypt(ctx.get(), nullptr, &length, plaintext.data(), plaintext.size()), 0);
-  Bytes out(length);
-  EXPECT_GT(EVP_PKEY_encrypt(ctx.get(), out.data(), &length, plaintext.data(), plaintext.size()), 0);
-  out.resize(length);
-  return out;
+  return VerifiesWithCertificate(cert, DigestFor(type), digest, signature.data, signature.length);
 }
 
 class HostKeyOperationsTest : public HostTest {
@@ -216,7 +189,7 @@ TEST_F(HostKeyOperationsTest, DecryptsBothPaddingsAndTrimsThePlaintext) {
   const Bytes secret = {'p', 'r', 'e', '-', 'm', 'a', 's', 't', 'e', 'r'};
   for (auto [algorithm, padding] : {std::pair{1u, RSA_PKCS1_PADDING},
                                     std::pair{2u, RSA_PKCS1_OAEP_PADDING}}) {
-    const Bytes ciphertext = EncryptTo(rsa_.get(), padding, secret);
+    const Bytes ciphertext = EncryptToCertificate(rsa_.get(), padding, secret);
     ASSERT_EQ(ciphertext.size(), 256u);
     rec().Reset();
     const X509_Auth_ASN_1* plaintext = nullptr;

@@ -13,11 +13,6 @@
 namespace x509auth_test {
 namespace {
 
-struct CtxFree {
-  void operator()(EVP_PKEY_CTX* p) const { EVP_PKEY_CTX_free(p); }
-};
-using TestPkeyCtx = std::unique_ptr<EVP_PKEY_CTX, CtxFree>;
-
 Bytes Sha256(const std::string& message) {
   Bytes digest(32);
   EVP_Digest(message.data(), message.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
@@ -26,14 +21,7 @@ Bytes Sha256(const std::string& message) {
 
 bool VerifiesSha256(X509* cert, const Bytes& digest, const unsigned char* signature,
                     size_t length) {
-  EVP_PKEY* key = X509_get0_pubkey(cert);
-  TestPkeyCtx ctx(EVP_PKEY_CTX_new(key, nullptr));
-  if (!ctx || EVP_PKEY_verify_init(ctx.get()) <= 0) return false;
-  if (EVP_PKEY_base_id(key) == EVP_PKEY_RSA) {
-    EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING);
-    EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha256());
-  }
-  return EVP_PKEY_verify(ctx.get(), signature, length, digest.data(), digest.size()) == 1;
+  return VerifiesWithCertificate(cert, EVP_sha256(), digest, signature, length);
 }
 
 class HostTokenTest : public HostTest {
@@ -144,13 +132,7 @@ TEST_F(HostTokenTest, TokenRsaKeyDecryptsBothPaddings) {
   const Bytes secret = {1, 2, 3, 4, 5, 6, 7, 8};
   for (auto [algorithm, padding] : {std::pair{1u, RSA_PKCS1_PADDING},
                                     std::pair{2u, RSA_PKCS1_OAEP_PADDING}}) {
-    TestPkeyCtx ctx(EVP_PKEY_CTX_new(X509_get0_pubkey(token_rsa_.get()), nullptr));
-    ASSERT_GT(EVP_PKEY_encrypt_init(ctx.get()), 0);
-    ASSERT_GT(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding), 0);
-    size_t length = 512;
-    Bytes ciphertext(length);
-    ASSERT_GT(EVP_PKEY_encrypt(ctx.get(), ciphertext.data(), &length, secret.data(), secret.size()), 0);
-    ciphertext.resize(length);
+    const Bytes ciphertext = EncryptToCertificate(token_rsa_.get(), padding, secret);
     const X509_Auth_ASN_1* plaintext = nullptr;
     const X509_Auth_Result result = X509_Auth_Decrypt(rsa->thumbprint, algorithm, ciphertext.size(),
                                                       ciphertext.data(), &plaintext);
@@ -204,7 +186,8 @@ TEST_F(HostTokenTest, ExportedTokenKeySignsDataThatVerifies) {
   EVP_PKEY* key = static_cast<EVP_PKEY*>(exported);
   const Bytes digest = Sha256("exported key");
   {
-    TestPkeyCtx ctx(EVP_PKEY_CTX_new(key, nullptr));
+    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
+                                                                    &EVP_PKEY_CTX_free);
     ASSERT_GT(EVP_PKEY_sign_init(ctx.get()), 0);
     ASSERT_GT(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING), 0);
     ASSERT_GT(EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha256()), 0);

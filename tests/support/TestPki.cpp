@@ -236,6 +236,34 @@ Bytes KeyToEncryptedDer(EVP_PKEY* key, const char* password) {
   return Bytes(text.begin(), text.end());
 }
 
+bool VerifiesWithCertificate(X509* cert, const EVP_MD* md, const Bytes& digest,
+                             const unsigned char* signature, std::size_t length) {
+  EVP_PKEY* key = X509_get0_pubkey(cert);
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
+                                                                  &EVP_PKEY_CTX_free);
+  if (!ctx || EVP_PKEY_verify_init(ctx.get()) <= 0) return false;
+  if (EVP_PKEY_base_id(key) == EVP_PKEY_RSA &&
+      (EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) <= 0 ||
+       EVP_PKEY_CTX_set_signature_md(ctx.get(), md) <= 0))
+    return false;
+  return EVP_PKEY_verify(ctx.get(), signature, length, digest.data(), digest.size()) == 1;
+}
+
+Bytes EncryptToCertificate(X509* cert, int padding, const Bytes& plaintext) {
+  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
+      EVP_PKEY_CTX_new(X509_get0_pubkey(cert), nullptr), &EVP_PKEY_CTX_free);
+  Check(ctx && EVP_PKEY_encrypt_init(ctx.get()) > 0, "encrypt init");
+  Check(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) > 0, "encrypt padding");
+  std::size_t length = 0;
+  Check(EVP_PKEY_encrypt(ctx.get(), nullptr, &length, plaintext.data(), plaintext.size()) > 0,
+        "encrypt length");
+  Bytes out(length);
+  Check(EVP_PKEY_encrypt(ctx.get(), out.data(), &length, plaintext.data(), plaintext.size()) > 0,
+        "encrypt");
+  out.resize(length);
+  return out;
+}
+
 void WriteFile(const std::filesystem::path& path, const std::string& content) {
   std::filesystem::create_directories(path.parent_path());
   std::ofstream out(path, std::ios::binary | std::ios::trunc);

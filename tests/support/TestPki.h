@@ -75,6 +75,13 @@ Bytes KeyToTraditionalDer(EVP_PKEY* key);
 // Encrypted PKCS#8 DER.
 Bytes KeyToEncryptedDer(EVP_PKEY* key, const char* password);
 
+// Verifies |signature| over |digest| with |cert|'s public key: PKCS#1 v1.5
+// with |md| for an RSA key, plain ECDSA over the digest for an EC key.
+bool VerifiesWithCertificate(X509* cert, const EVP_MD* md, const Bytes& digest,
+                             const unsigned char* signature, std::size_t length);
+// Encrypts |plaintext| to |cert|'s RSA public key with |padding|.
+Bytes EncryptToCertificate(X509* cert, int padding, const Bytes& plaintext);
+
 void WriteFile(const std::filesystem::path& path, const std::string& content);
 void WriteFile(const std::filesystem::path& path, const Bytes& content);
 Bytes ReadFileBytes(const std::filesystem::path& path);
