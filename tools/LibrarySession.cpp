@@ -18,6 +18,7 @@ namespace {
 int g_threshold = X509_Auth_LogPriority_Error;
 bool g_quiet = false;
 LibrarySession::LogObserver g_observer;
+bool g_demoting = false;
 const char* g_demoted_format = nullptr;
 
 __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
@@ -29,10 +30,10 @@ __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
   std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
   if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  if (g_observer) g_observer(priority, text);
-  if (g_demoted_format != nullptr && std::strcmp(format, g_demoted_format) == 0 &&
-      priority > X509_Auth_LogPriority_Info)
-    priority = X509_Auth_LogPriority_Info;
+  if (g_observer) g_observer(priority, format, text);
+  if (g_demoting && (g_demoted_format == nullptr || std::strcmp(format, g_demoted_format) == 0) &&
+      priority > X509_Auth_LogPriority_Warning)
+    priority = X509_Auth_LogPriority_Warning;
   if (g_quiet || priority < g_threshold) return;
   static const char* const names[] = {"debug", "info", "warning", "error"};
   std::fflush(stdout);
@@ -56,14 +57,20 @@ LibrarySession::LibrarySession(const GlobalOptions& options) : options_(options)
 }
 
 LibrarySession::~LibrarySession() {
+  g_observer = nullptr;
   if (!started_) return;
   if (array_ != nullptr) X509_Auth_Free(array_);
   X509_Auth_DeInit();
-  g_observer = nullptr;
 }
 
-LibrarySession::Demotion::Demotion(const char* format) { g_demoted_format = format; }
-LibrarySession::Demotion::~Demotion() { g_demoted_format = nullptr; }
+LibrarySession::Demotion::Demotion(const char* format) {
+  g_demoting = true;
+  g_demoted_format = format;
+}
+LibrarySession::Demotion::~Demotion() {
+  g_demoting = false;
+  g_demoted_format = nullptr;
+}
 
 void LibrarySession::SetLogObserver(LogObserver observer) { g_observer = std::move(observer); }
 
@@ -72,22 +79,35 @@ std::string LibrarySession::WithPromptNote(const std::string& message) {
   return note.empty() ? message : message + "; " + note;
 }
 
-bool LibrarySession::Start() {
-  std::vector<const char*> dirs, home_dirs;
-  for (const std::string& dir : options_.dirs) dirs.push_back(dir.c_str());
-  for (const std::string& dir : options_.home_dirs) home_dirs.push_back(dir.c_str());
+X509_Auth_Callbacks LibrarySession::Callbacks() {
+  return X509_Auth_Callbacks{OnLog, PinPrompt::OnPinEntry, PinPrompt::OnFree, OnMessage};
+}
+
+X509_Auth_Settings LibrarySession::Settings() {
+  dirs_.clear();
+  home_dirs_.clear();
+  for (const std::string& dir : options_.dirs) dirs_.push_back(dir.c_str());
+  for (const std::string& dir : options_.home_dirs) home_dirs_.push_back(dir.c_str());
   // With no directory at all the tool looks where a user keeps them.
-  if (dirs.empty() && home_dirs.empty()) home_dirs.push_back(".x509-auth");
-  const X509_Auth_Settings settings{dirs.data(), dirs.size(), home_dirs.data(), home_dirs.size()};
-  X509_Auth_Init(&settings,
-                 X509_Auth_Callbacks{OnLog, PinPrompt::OnPinEntry, PinPrompt::OnFree, OnMessage});
+  if (dirs_.empty() && home_dirs_.empty()) home_dirs_.push_back(".x509-auth");
+  return X509_Auth_Settings{dirs_.data(), dirs_.size(), home_dirs_.data(), home_dirs_.size()};
+}
+
+std::optional<std::vector<unsigned char>> LibrarySession::ReadCaFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return Fail("cannot read the CA certificate " + path), std::nullopt;
+  return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)),
+                                    std::istreambuf_iterator<char>());
+}
+
+bool LibrarySession::Start() {
+  const X509_Auth_Settings settings = Settings();
+  X509_Auth_Init(&settings, Callbacks());
   started_ = true;
   for (const std::string& path : options_.cas) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return Fail("cannot read the CA certificate " + path), false;
-    const std::vector<unsigned char> data((std::istreambuf_iterator<char>(in)),
-                                          std::istreambuf_iterator<char>());
-    if (X509_Auth_AddAdditionalCertificateAuthorityToStore(data.data(), data.size()) != 1)
+    const std::optional<std::vector<unsigned char>> data = ReadCaFile(path);
+    if (!data) return false;
+    if (X509_Auth_AddAdditionalCertificateAuthorityToStore(data->data(), data->size()) != 1)
       return Fail("the library did not accept " + path +
                   " as a CA certificate (PEM or DER expected)"),
              false;

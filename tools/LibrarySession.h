@@ -14,8 +14,9 @@ namespace x509auth_tool {
 
 class LibrarySession {
  public:
-  // A formatted log line with the library's priority.
-  using LogObserver = std::function<void(X509_Auth_LogPriority, const std::string&)>;
+  // A log line: the library's priority, its raw format and the text.
+  using LogObserver =
+      std::function<void(X509_Auth_LogPriority, const char* format, const std::string& text)>;
 
   explicit LibrarySession(const GlobalOptions& options);
   ~LibrarySession();
@@ -24,6 +25,15 @@ class LibrarySession {
 
   // Initialises the library and adds the CAs; false after printing why.
   bool Start();
+
+  // The tool's callbacks, for a layer of the library that is not started
+  // through X509_Auth_Init (see DoctorCommand).
+  static X509_Auth_Callbacks Callbacks();
+  // The directories of the command line; the default when none was given.
+  // Points into this session.
+  X509_Auth_Settings Settings();
+  // Reads a --add-ca file; nullopt after printing why.
+  static std::optional<std::vector<unsigned char>> ReadCaFile(const std::string& path);
   // Lists the offered certificates (once); false after printing why.
   bool Load();
   const std::vector<const X509_Auth_Certificate*>& Records() const { return records_; }
@@ -35,8 +45,9 @@ class LibrarySession {
   // Also hands every log line to |observer| while the session lives.
   static void SetLogObserver(LogObserver observer);
 
-  // While it lives, log lines with this exact format are shown as info,
-  // not as errors: for failures the tool expects and explains itself.
+  // While it lives, error lines with this exact format (every line when
+  // null) are shown as warnings: for failures the tool expects and explains
+  // itself. -v still shows them.
   class Demotion {
    public:
     explicit Demotion(const char* format);
@@ -50,6 +61,7 @@ class LibrarySession {
 
  private:
   const GlobalOptions& options_;
+  std::vector<const char*> dirs_, home_dirs_;
   bool started_ = false;
   bool loaded_ = false;
   const X509_Auth_Certificate* array_ = nullptr;

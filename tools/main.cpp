@@ -12,12 +12,15 @@
 #include <vector>
 
 #include "ChainCommand.h"
+#include "DecryptCommand.h"
+#include "DoctorCommand.h"
 #include "GlobalOptions.h"
 #include "HelpText.h"
 #include "InterruptCleanup.h"
 #include "ListCommand.h"
 #include "ModuleDirectory.h"
 #include "Report.h"
+#include "ShowCommand.h"
 #include "SignCommand.h"
 #include "ThumbprintArgument.h"
 #include "x509_auth.h"
@@ -120,6 +123,38 @@ int main(int argc, char** argv) {
   sign_app->add_option("--out", sign.out, "Write the raw signature here instead of hex to stdout")
       ->type_name("FILE")
       ->transform(k_absolute_path);
+
+  DecryptOptions decrypt;
+  CLI::App* decrypt_app = add("decrypt", "Decrypt the input with a certificate's RSA key",
+                              [&] { return RunDecrypt(global, decrypt); });
+  decrypt_app->add_option("THUMBPRINT", decrypt.thumbprint, "The certificate")
+      ->required()
+      ->check(k_thumbprint);
+  decrypt_app->add_option("--padding", decrypt.padding, "RSA padding of the input")
+      ->required()
+      ->check(CLI::IsMember({"pkcs1", "oaep"}));
+  decrypt_app->add_option("--in", decrypt.in, "Input file, - for standard input")
+      ->type_name("FILE")
+      ->transform(k_absolute_path)
+      ->capture_default_str();
+  decrypt_app->add_option("--out", decrypt.out, "Write the plaintext here instead of stdout")
+      ->type_name("FILE")
+      ->transform(k_absolute_path);
+
+  ShowOptions show;
+  add("show", "Open a certificate in the desktop's certificate viewer",
+      [&] { return RunShow(global, show); })
+      ->add_option("THUMBPRINT", show.thumbprint, "The certificate")
+      ->required()
+      ->check(k_thumbprint);
+
+  DoctorOptions doctor;
+  add("doctor", "Explain, entry by entry, which certificates are offered and why not",
+      [&] { return RunDoctor(global, doctor); })
+      ->add_flag("--json", doctor.json, "A JSON array of objects instead of the report");
+
+  // The tool's manual belongs to the tool, not to every command's help.
+  for (const Command& command : commands) command.app->footer("");
 
   try {
     app.parse(argc, argv);
