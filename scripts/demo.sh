@@ -1,25 +1,25 @@
 #!/usr/bin/env bash
-# The main job: builds the library and its command-line host, makes a demo
+# The main job: builds the library and its command-line tool, makes a demo
 # on the spot (a CA, file certificates with plain, encrypted and DER keys, and
 # a SoftHSM2 token holding an RSA and an EC certificate with their keys), then
-# lets the host list every certificate, show its chain and sign with each.
+# runs the x509-auth commands a user would run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
 bash scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
-cmake --build build -j"$(nproc)" --target x509auth-host
+cmake --build build -j"$(nproc)" --target x509-auth
 
 demo=$(mktemp -d /tmp/x509auth-demo-XXXXXX)
 trap 'rm -rf "$demo"' EXIT
 echo "== Demo material in $demo"
-mkdir -p "$demo/base/certs" "$demo/base/keys" "$demo/pki" "$demo/tokens" "$demo/work"
+mkdir -p "$demo/base/certs" "$demo/base/keys" "$demo/pki" "$demo/tokens"
 cd "$demo/pki"
 
 quiet() { "$@" > /dev/null 2>&1 || { echo "failed: $*"; exit 1; }; }
 
-# A root CA; the host adds it as an extra trusted CA.
+# A root CA; the tool adds it as an extra trusted CA.
 quiet openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 3650 \
   -subj "/O=x509auth demo/CN=Demo Root CA" \
   -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign"
@@ -47,7 +47,7 @@ issue carol carol.key "Carol (smart card, RSA)"
 quiet openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out dave.key
 issue dave dave.key "Dave (smart card, EC)"
 
-# A fresh SoftHSM2 token, seen by the library as its PKCS#11 module.
+# A fresh SoftHSM2 token; the tool is pointed at its module with --module.
 module=/usr/lib/softhsm/libsofthsm2.so
 printf 'directories.tokendir = %s\nobjectstore.backend = file\nlog.level = ERROR\n' \
   "$demo/tokens" > "$demo/softhsm2.conf"
@@ -64,12 +64,33 @@ for who in carol:01 dave:02; do
   put "$name.der" cert "$id" "$name"
   put "$name.key.der" privkey "$id" "$name"
 done
-ln -s "$module" "$demo/work/opensc-pkcs11.so"
 
-echo "== Running the command-line host"
-echo "   (error lines are the library's own log at priority 3: SoftHSM2 always adds an"
-echo "    uninitialised token, reported as a token whose certificates cannot be listed;"
-echo "    a chain's leaf is not among the added CAs, so its lookup there fails)"
-cd "$demo/work"
-"$root/build/tools/x509auth-host" --dir "$demo/base" --add-ca "$demo/pki/ca.pem" \
-  --pin 1234 --password demo-password --sign "$@"
+# Every command below is what a user would type; the PIN and the password
+# come from the environment instead of a prompt.
+export DEMO_PIN=1234 DEMO_PASSWORD=demo-password
+x509_auth() {
+  echo
+  echo "\$ x509-auth $*"
+  "$root/build/tools/x509-auth" --dir "$demo/base" --add-ca "$demo/pki/ca.pem" \
+    --module "$module" --pin-env DEMO_PIN --password-env DEMO_PASSWORD "$@"
+}
+cd "$demo"
+echo "== Running x509-auth"
+echo "   (lines starting with [error] are the library's own log at priority 3: SoftHSM2"
+echo "    always adds an uninitialised token, reported as a token whose certificates"
+echo "    cannot be listed)"
+x509_auth list
+thumbprints=$("$root/build/tools/x509-auth" -q --dir "$demo/base" --add-ca "$demo/pki/ca.pem" \
+  --module "$module" list --json | python3 -c 'import json,sys; [print(c["thumbprint"]) for c in json.load(sys.stdin)]')
+first=$(echo "$thumbprints" | head -n1)
+x509_auth chain "${first:0:8}"
+signed=0 total=0
+for thumbprint in $thumbprints; do
+  total=$((total + 1))
+  if echo "x509auth demo message" | x509_auth sign "${thumbprint:0:8}" --out "$demo/sig.bin"; then
+    signed=$((signed + 1))
+  fi
+done
+echo
+echo "== Summary: $total certificates offered, $signed of them signed and verified"
+[ "$signed" -eq "$total" ]

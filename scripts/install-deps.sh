@@ -12,6 +12,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   valgrind
   gcr xvfb x11-utils xauth imagemagick
+  libcli11-dev nlohmann-json3-dev tmux
 )
 
 missing=()

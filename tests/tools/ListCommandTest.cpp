@@ -1,0 +1,126 @@
+// `x509-auth list`: the JSON output against what the C interface returns
+// for the same directories, and the human table.
+#include <openssl/x509.h>
+
+#include "ToolFixture.h"
+
+namespace x509auth_test {
+namespace {
+
+class ListCommandTest : public ToolTest {};
+
+TEST_F(ListCommandTest, JsonEqualsTheCInterfaceForTheSameDirectoriesAndCas) {
+  TestKey rsa = SharedKey(KeyKind::kRsa, 0);
+  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestX509 rsa_cert = ClientCert("File RSA", rsa.get());
+  TestX509 ec_cert = ClientCert("File EC", ec.get());
+  InstallFileCert(Base("one"), "rsa.pem", rsa_cert.get(), rsa.get());
+  InstallFileCert(Base("two"), "ec.der", ec_cert.get(), ec.get(), /*der=*/true);
+  Chain chain = MakeChain(KeyKind::kEc, "Chained Leaf");
+  InstallFileCert(Base("two"), "leaf.pem", chain.leaf.get(), chain.leaf_key.get());
+  WriteFile(temp_ / "root.pem", CertToPem(chain.root.get()));
+  WriteFile(temp_ / "intermediate.der", CertToDer(chain.intermediate.get()));
+
+  const nlohmann::json listed =
+      ListJson({"--dir", Base("one").string(), "--dir", Base("two").string(), "--add-ca",
+                (temp_ / "root.pem").string(), "--add-ca", (temp_ / "intermediate.der").string()});
+  const nlohmann::json expected = CInterfaceRecords(
+      {Base("one").string(), Base("two").string()}, {},
+      {CertToDer(chain.root.get()), CertToDer(chain.intermediate.get())});
+  ASSERT_EQ(expected.size(), 3u);
+  EXPECT_EQ(listed, expected);
+  // Exactly the promised keys, and the chain really goes up to the root.
+  for (const auto& entry : listed) {
+    std::vector<std::string> keys;
+    for (const auto& item : entry.items()) keys.push_back(item.key());
+    EXPECT_EQ(keys, (std::vector<std::string>{"chain", "issuer", "key_algorithm", "key_path",
+                                              "not_after", "not_after_iso", "not_before",
+                                              "not_before_iso", "source", "subject",
+                                              "thumbprint"}));
+  }
+  const auto leaf = std::find_if(listed.begin(), listed.end(),
+                                 [](const auto& e) { return e["subject"] == "Chained Leaf"; });
+  ASSERT_NE(leaf, listed.end());
+  EXPECT_EQ((*leaf)["chain"].size(), 3u);
+  EXPECT_EQ((*leaf)["chain"][2], HexOf(Sha1Thumbprint(chain.root.get())));
+  EXPECT_EQ((*leaf)["key_algorithm"], "ec");
+  EXPECT_EQ((*leaf)["source"], "file");
+  EXPECT_EQ((*leaf)["key_path"], (Base("two") / "keys" / "leaf.pem.key").string());
+}
+
+TEST_F(ListCommandTest, WithoutDirectoriesLooksInHomeDotX509Auth) {
+  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestX509 cert = ClientCert("Home Cert", ec.get());
+  InstallFileCert(home_ / ".x509-auth", "home.pem", cert.get(), ec.get());
+  const nlohmann::json listed = ListJson({});
+  ASSERT_EQ(listed.size(), 1u);
+  EXPECT_EQ(listed[0]["subject"], "Home Cert");
+  EXPECT_EQ(listed, CInterfaceRecords({}, {".x509-auth"}));
+}
+
+TEST_F(ListCommandTest, HomeDirAndRelativeDirAreBothHonoured) {
+  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestX509 a = ClientCert("Relative Dir", ec.get());
+  TestX509 b = ClientCert("Home Dir", ec.get());
+  InstallFileCert(work_ / "rel", "a.pem", a.get(), ec.get());
+  InstallFileCert(home_ / "mine", "b.pem", b.get(), ec.get());
+  // "rel" is relative to the working directory the tool was started in.
+  const nlohmann::json listed = ListJson({"--dir", "rel", "--home-dir", "mine"});
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed, CInterfaceRecords({(work_ / "rel").string()}, {"mine"}));
+}
+
+TEST_F(ListCommandTest, TableIsAlignedWithShortThumbprintsAndNoColourOffATerminal) {
+  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey rsa = SharedKey(KeyKind::kRsa, 0);
+  TestX509 first = ClientCert("First", ec.get(), "", "20401231120000Z");
+  TestX509 second = ClientCert("A Much Longer Subject Name", rsa.get());
+  InstallFileCert(Base("b"), "first.pem", first.get(), ec.get());
+  InstallFileCert(Base("b"), "second.pem", second.get(), rsa.get());
+
+  const ToolResult result = RunTool({"--dir", Base("b").string(), "list"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  const std::vector<std::string> lines = Lines(result.out);
+  ASSERT_EQ(lines.size(), 3u) << result.out;
+  EXPECT_EQ(lines[0].rfind("THUMBPRINT    SUBJECT", 0), 0u) << lines[0];
+  // Every column starts at the same offset on every line.
+  for (const char* heading : {"SUBJECT", "ISSUER", "SOURCE", "KEY", "EXPIRES"}) {
+    const std::size_t column = lines[0].find(heading);
+    for (const std::string& line : lines) {
+      EXPECT_NE(line[column], ' ') << heading << ": " << line;
+      EXPECT_EQ(line.substr(column - 2, 2), "  ") << heading << ": " << line;
+    }
+  }
+  const std::string row = lines[1].find("First") != std::string::npos ? lines[1] : lines[2];
+  EXPECT_EQ(row.rfind(HexOf(Sha1Thumbprint(first.get())).substr(0, 12) + "  First", 0), 0u) << row;
+  EXPECT_NE(row.find("file    ec   2040-12-31"), std::string::npos) << row;
+  EXPECT_EQ(result.out.find('\033'), std::string::npos) << "colour without a terminal";
+}
+
+TEST_F(ListCommandTest, NothingOfferedSaysSoAndPointsAtDoctor) {
+  std::filesystem::create_directories(Base("empty") / "certs");
+  const ToolResult result = RunTool({"--dir", Base("empty").string(), "list"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("No certificate is offered"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("x509-auth doctor"), std::string::npos);
+  const ToolResult json = RunTool({"--dir", Base("empty").string(), "list", "--json"});
+  EXPECT_EQ(json.status, 0);
+  EXPECT_EQ(nlohmann::json::parse(json.out), nlohmann::json::array());
+}
+
+TEST_F(ListCommandTest, UnreadableCaFileFailsWithOneLine) {
+  WriteFile(temp_ / "junk.pem", std::string("-----BEGIN CERTIFICATE-----\nnot base64\n"));
+  const ToolResult result =
+      RunTool({"--add-ca", (temp_ / "junk.pem").string(), "--dir", Base("b").string(), "list"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("x509-auth: the library did not accept " + (temp_ / "junk.pem").string() +
+                            " as a CA certificate"),
+            std::string::npos)
+      << result.err;
+  const ToolResult missing = RunTool({"--add-ca", (temp_ / "none.pem").string(), "list"});
+  EXPECT_EQ(missing.status, 2) << missing.err;
+  EXPECT_NE(missing.err.find("none.pem"), std::string::npos) << missing.err;
+}
+
+}  // namespace
+}  // namespace x509auth_test

@@ -1,0 +1,67 @@
+#include "ChainCommand.h"
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+#include "Formatting.h"
+#include "LibrarySession.h"
+#include "OpenSslHandles.h"
+#include "Report.h"
+
+namespace x509auth_tool {
+
+int RunChain(const GlobalOptions& global, const ChainOptions& options) {
+  LibrarySession session(global);
+  if (!session.Start()) return k_exit_failed;
+  const X509_Auth_Certificate* record = session.Find(options.thumbprint);
+  if (record == nullptr) return k_exit_failed;
+
+  uint64_t count = 0;
+  X509_Auth_ASN_1* blobs = nullptr;
+  int32_t code;
+  {
+    // The chain starts with the leaf, which is never among the added CAs:
+    // the library's "not found" line for it is expected, not an error.
+    const LibrarySession::Demotion demotion("Failed to find certificate thumbprint (error: %d)");
+    code = X509_Auth_GetChainedCAsForCertificate(record, &count, &blobs);
+  }
+  if (code != 0)
+    return Fail("the library could not return the chain (code " + std::to_string(code) + ")");
+  std::map<std::string, X509Ptr> handed_out;  // by thumbprint
+  for (uint64_t i = 0; i < count; ++i) {
+    X509Ptr cert = ParseDer(blobs[i].data, blobs[i].length);
+    if (!cert) continue;
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    X509_digest(cert.get(), EVP_sha1(), digest, &length);
+    handed_out[Hex(digest, length)] = std::move(cert);
+  }
+  X509_Auth_Free(blobs);
+
+  if (options.pem) {
+    X509Ptr leaf = RecordCertificate(*record);
+    if (leaf) std::fputs(ToPem(leaf.get()).c_str(), stdout);
+    for (uint64_t i = 0; i < record->ca_chain_count; ++i) {
+      const auto found = handed_out.find(Hex(record->ca_chain[i], X509_AUTH_THUMBPRINT_LENGTH));
+      if (found != handed_out.end()) std::fputs(ToPem(found->second.get()).c_str(), stdout);
+    }
+    return k_exit_ok;
+  }
+  for (uint64_t i = 0; i < record->ca_chain_count; ++i) {
+    const std::string hex = Hex(record->ca_chain[i], X509_AUTH_THUMBPRINT_LENGTH);
+    std::string subject;
+    if (hex == ThumbprintHex(*record)) {
+      subject = record->name;
+    } else if (const auto found = handed_out.find(hex); found != handed_out.end()) {
+      subject = CommonName(found->second.get());
+    } else {
+      // Trusted through the system's CA store: the library does not hand it out.
+      subject = "(a system CA; not handed out by the library)";
+    }
+    std::printf("%llu  %s  %s\n", static_cast<unsigned long long>(i), hex.c_str(), subject.c_str());
+  }
+  return k_exit_ok;
+}
+
+}  // namespace x509auth_tool

@@ -1,0 +1,26 @@
+#pragma once
+// The options every command shares, as parsed from the command line. Paths
+// are already absolute: the tool leaves its working directory before the
+// library starts (see ModuleDirectory).
+#include <string>
+#include <vector>
+
+namespace x509auth_tool {
+
+struct GlobalOptions {
+  std::vector<std::string> dirs;       // --dir BASE
+  std::vector<std::string> home_dirs;  // --home-dir REL, relative to $HOME
+  std::vector<std::string> cas;        // --add-ca FILE
+  std::string module;                  // --module PATH; empty: the default
+  std::string pin_env, password_env;   // --pin-env VAR / --password-env VAR
+  int pin_fd = -1, password_fd = -1;   // --pin-fd N / --password-fd N
+  int verbose = 0;                     // -v count: warnings, info, debug
+  bool quiet = false;                  // -q: not even errors
+};
+
+// The exit statuses every command returns.
+constexpr int k_exit_ok = 0;
+constexpr int k_exit_failed = 1;
+constexpr int k_exit_usage = 2;
+
+}  // namespace x509auth_tool

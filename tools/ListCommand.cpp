@@ -1,0 +1,81 @@
+#include "ListCommand.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "Formatting.h"
+#include "LibrarySession.h"
+#include "RecordJson.h"
+
+namespace x509auth_tool {
+namespace {
+
+constexpr std::size_t k_short_thumbprint = 12;
+
+bool UseColour() { return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr; }
+
+std::string Pad(const std::string& text, std::size_t width) {
+  return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
+}
+
+void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
+  const std::vector<std::string> headings{"THUMBPRINT", "SUBJECT", "ISSUER",
+                                          "SOURCE",     "KEY",     "EXPIRES"};
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  std::vector<std::vector<std::string>> rows;
+  std::vector<int> states;  // 0 valid, 1 expired, 2 not yet valid
+  for (const X509_Auth_Certificate* record : records) {
+    const int state = record->not_after < now ? 1 : record->not_before > now ? 2 : 0;
+    std::string expiry = IsoTime(record->not_after).substr(0, 10);
+    if (state == 1) expiry += " (expired)";
+    if (state == 2) expiry += " (not yet valid)";
+    rows.push_back({ThumbprintHex(*record).substr(0, k_short_thumbprint), record->name,
+                    record->issuer_name, SourceName(record->cert_type),
+                    KeyAlgorithmName(record->key_algorithm_group), expiry});
+    states.push_back(state);
+  }
+  std::vector<std::size_t> widths;
+  for (const std::string& heading : headings) widths.push_back(heading.size());
+  for (const auto& row : rows)
+    for (std::size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], row[c].size());
+  const bool colour = UseColour();
+  auto print_row = [&](const std::vector<std::string>& row, int state) {
+    std::string line;
+    for (std::size_t c = 0; c < row.size(); ++c) {
+      const bool last = c + 1 == row.size();
+      std::string cell = last ? row[c] : Pad(row[c], widths[c]) + "  ";
+      if (last && colour && state != 0) cell = (state == 1 ? "\033[31m" : "\033[33m") + cell + "\033[0m";
+      line += cell;
+    }
+    std::printf("%s\n", line.c_str());
+  };
+  print_row(headings, 0);
+  for (std::size_t i = 0; i < rows.size(); ++i) print_row(rows[i], states[i]);
+}
+
+}  // namespace
+
+int RunList(const GlobalOptions& global, const ListOptions& options) {
+  LibrarySession session(global);
+  if (!session.Start() || !session.Load()) return k_exit_failed;
+  if (options.json) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const X509_Auth_Certificate* record : session.Records()) array.push_back(RecordJson(*record));
+    std::printf("%s\n", array.dump(2).c_str());
+    return k_exit_ok;
+  }
+  if (session.Records().empty()) {
+    std::printf("No certificate is offered. 'x509-auth doctor' tells why a certificate is not.\n");
+    return k_exit_ok;
+  }
+  PrintTable(session.Records());
+  return k_exit_ok;
+}
+
+}  // namespace x509auth_tool

@@ -1,0 +1,95 @@
+#include "SignCommand.h"
+
+#include <openssl/rsa.h>
+
+#include <cstdio>
+#include <optional>
+#include <vector>
+
+#include "Formatting.h"
+#include "InputOutput.h"
+#include "LibrarySession.h"
+#include "OpenSslHandles.h"
+#include "Report.h"
+
+namespace x509auth_tool {
+namespace {
+
+struct HashChoice {
+  const char* name;
+  X509_Auth_HashType type;
+  const EVP_MD* (*md)();
+};
+
+const HashChoice k_hashes[] = {{"sha1", X509_Auth_HashType_Sha1, EVP_sha1},
+                               {"sha256", X509_Auth_HashType_Sha256, EVP_sha256},
+                               {"sha384", X509_Auth_HashType_Sha384, EVP_sha384},
+                               {"sha512", X509_Auth_HashType_Sha512, EVP_sha512}};
+
+// PKCS#1 v1.5 with the digest's algorithm for RSA, DER ECDSA for EC: what
+// the library produces.
+bool Verifies(const X509_Auth_Certificate& record, const EVP_MD* md, const unsigned char* digest,
+              std::size_t digest_length, const X509_Auth_Signature& signature) {
+  X509Ptr cert = RecordCertificate(record);
+  if (!cert) return false;
+  EvpPkeyPtr key(X509_get_pubkey(cert.get()));
+  if (!key) return false;
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
+  if (!ctx || EVP_PKEY_verify_init(ctx.get()) <= 0) return false;
+  if (EVP_PKEY_base_id(key.get()) == EVP_PKEY_RSA &&
+      (EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) <= 0 ||
+       EVP_PKEY_CTX_set_signature_md(ctx.get(), md) <= 0))
+    return false;
+  return EVP_PKEY_verify(ctx.get(), signature.data, signature.length, digest, digest_length) == 1;
+}
+
+}  // namespace
+
+int RunSign(const GlobalOptions& global, const SignOptions& options) {
+  const HashChoice* hash = nullptr;
+  for (const HashChoice& choice : k_hashes)
+    if (options.hash == choice.name) hash = &choice;
+  if (hash == nullptr) return Fail("unknown hash " + options.hash), k_exit_usage;
+
+  LibrarySession session(global);
+  if (!session.Start()) return k_exit_failed;
+  const X509_Auth_Certificate* record = session.Find(options.thumbprint);
+  if (record == nullptr) return k_exit_failed;
+  const std::optional<std::vector<unsigned char>> input = ReadInput(options.in);
+  if (!input) return k_exit_failed;
+
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int digest_length = 0;
+  if (EVP_Digest(input->data(), input->size(), digest, &digest_length, hash->md(), nullptr) != 1)
+    return Fail("cannot hash the input with " + options.hash);
+
+  const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
+  const X509_Auth_Signature* signature = nullptr;
+  const X509_Auth_Result result =
+      X509_Auth_SignHash(record->thumbprint, 2, algorithms, hash->type, digest, &signature);
+  if (result.code != X509_Auth_ResultCode_Success || signature == nullptr)
+    return Fail(LibrarySession::WithPromptNote(
+        "signing with " + std::string(record->name) + " failed: result code " +
+        std::to_string(result.code) + " (" + ResultCodeMeaning(result.code) + "), detail " +
+        std::to_string(result.detail)));
+
+  const bool verified = Verifies(*record, hash->md(), digest, digest_length, *signature);
+  bool written = true;
+  if (!options.out.empty())
+    written = WriteOutput(options.out, signature->data, static_cast<std::size_t>(signature->length));
+  else
+    std::printf("%s\n", Hex(signature->data, static_cast<std::size_t>(signature->length)).c_str());
+  const std::string what = std::to_string(signature->length) + "-byte " +
+                           (signature->algorithm == X509_Auth_Algorithm_Rsa
+                                ? "RSA PKCS#1 v1.5"
+                                : "ECDSA") +
+                           " signature over the " + options.hash + " digest";
+  X509_Auth_Free(signature);
+  if (!written) return k_exit_failed;
+  if (!verified)
+    return Fail("the " + what + " does NOT verify with the certificate's public key");
+  Note(what + ", verified with the certificate's public key");
+  return k_exit_ok;
+}
+
+}  // namespace x509auth_tool

@@ -1,0 +1,19 @@
+#pragma once
+#include <string>
+
+#include "GlobalOptions.h"
+
+namespace x509auth_tool {
+
+struct SignOptions {
+  std::string thumbprint;
+  std::string hash = "sha256";
+  std::string in = "-";
+  std::string out;  // empty: hex on stdout
+};
+
+// `sign`: hashes the input, signs the digest through the library, and
+// verifies the signature with the certificate's public key.
+int RunSign(const GlobalOptions& global, const SignOptions& options);
+
+}  // namespace x509auth_tool
