@@ -68,6 +68,23 @@ std::shared_ptr<const KeyObject> KeyObject::PublicOnly(ProviderContext* provider
   return object;
 }
 
+namespace {
+
+// What a result code of a signing or decryption request means to a user.
+const char* Meaning(std::int32_t code) {
+  switch (code) {
+    case X509_Auth_ResultCode_KeyOperationFailed: return "the key operation failed";
+    case X509_Auth_ResultCode_StoreOpenFailed: return "the certificate store could not be opened";
+    case X509_Auth_ResultCode_CertificateNotFound: return "the certificate is no longer offered";
+    case X509_Auth_ResultCode_KeyOpenFailed:
+      return "the private key could not be opened (a wrong PIN or password, or no key)";
+    case X509_Auth_ResultCode_AlgorithmNotSupported: return "the algorithm is not supported";
+    default: return "unexpected result";
+  }
+}
+
+}  // namespace
+
 void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Result result,
                                     bool prompt_refused) const {
   if (prompt_refused) {
@@ -80,8 +97,9 @@ void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Resu
                           : "");
     return;
   }
-  provider_->Raise(reason, "thumbprint=%s: %s result %d (detail %lu)", thumbprint_hex_.c_str(),
-                   what, result.code, static_cast<unsigned long>(result.detail));
+  provider_->Raise(reason, "thumbprint=%s: %s result %d (detail %lu): %s",
+                   thumbprint_hex_.c_str(), what, result.code,
+                   static_cast<unsigned long>(result.detail), Meaning(result.code));
 }
 
 bool KeyObject::SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
