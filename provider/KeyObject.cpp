@@ -1,0 +1,168 @@
+#include "KeyObject.h"
+
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <cstdio>
+#include <exception>
+
+namespace x509auth_provider {
+namespace {
+
+std::string Hex(const std::uint8_t* bytes, std::size_t length) {
+  std::string text;
+  char pair[3];
+  for (std::size_t i = 0; i < length; ++i) {
+    std::snprintf(pair, sizeof(pair), "%02x", bytes[i]);
+    text += pair;
+  }
+  return text;
+}
+
+}  // namespace
+
+std::shared_ptr<const KeyObject> KeyObject::ForCertificate(
+    ProviderContext* provider, const std::vector<unsigned char>& der,
+    const std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH>& thumbprint,
+    std::shared_ptr<PassphraseSource> passphrase) {
+  const std::string hex = Hex(thumbprint.data(), thumbprint.size());
+  // Parsed into an object of the provider's own library context, so that its
+  // public key is one of OpenSSL's default implementation.
+  X509Ptr cert(X509_new_ex(provider->Crypto(), nullptr));
+  const unsigned char* cursor = der.data();
+  X509* raw = cert.get();
+  if (raw != nullptr && d2i_X509(&raw, &cursor, static_cast<long>(der.size())) == nullptr) {
+    // A failed d2i into an existing object frees that object.
+    (void)cert.release();
+  }
+  if (raw == nullptr) {
+    provider->Raise(k_reason_unsupported_key, "thumbprint=%s: the certificate cannot be parsed",
+                    hex.c_str());
+    return nullptr;
+  }
+  EvpPkeyPtr key(X509_get_pubkey(cert.get()));
+  std::uint32_t algorithm = X509_Auth_Algorithm_Unknown;
+  if (key != nullptr && EVP_PKEY_is_a(key.get(), "RSA")) algorithm = X509_Auth_Algorithm_Rsa;
+  if (key != nullptr && EVP_PKEY_is_a(key.get(), "EC")) algorithm = X509_Auth_Algorithm_Ec;
+  if (algorithm == X509_Auth_Algorithm_Unknown) {
+    provider->Raise(k_reason_unsupported_key, "thumbprint=%s", hex.c_str());
+    return nullptr;
+  }
+  std::shared_ptr<KeyObject> object(new KeyObject());
+  object->provider_ = provider;
+  object->algorithm_ = algorithm;
+  object->has_private_ = true;
+  object->thumbprint_ = thumbprint;
+  object->thumbprint_hex_ = hex;
+  object->public_key_ = std::move(key);
+  object->passphrase_ = std::move(passphrase);
+  return object;
+}
+
+std::shared_ptr<const KeyObject> KeyObject::PublicOnly(ProviderContext* provider,
+                                                       std::uint32_t algorithm, EvpPkeyPtr key) {
+  std::shared_ptr<KeyObject> object(new KeyObject());
+  object->provider_ = provider;
+  object->algorithm_ = algorithm;
+  object->public_key_ = std::move(key);
+  return object;
+}
+
+namespace {
+
+// What a result code of a signing or decryption request means to a user.
+const char* Meaning(std::int32_t code) {
+  switch (code) {
+    case X509_Auth_ResultCode_KeyOperationFailed: return "the key operation failed";
+    case X509_Auth_ResultCode_StoreOpenFailed: return "the certificate store could not be opened";
+    case X509_Auth_ResultCode_CertificateNotFound: return "the certificate is no longer offered";
+    case X509_Auth_ResultCode_KeyOpenFailed:
+      return "the private key could not be opened (a wrong PIN or password, or no key)";
+    case X509_Auth_ResultCode_AlgorithmNotSupported: return "the algorithm is not supported";
+    default: return "unexpected result";
+  }
+}
+
+}  // namespace
+
+void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Result result,
+                                    bool prompt_refused) const {
+  if (prompt_refused) {
+    const bool gone = passphrase_ != nullptr && !passphrase_->Valid();
+    provider_->Raise(k_reason_passphrase_unavailable,
+                     "thumbprint=%s: %s result %d (detail %lu)%s", thumbprint_hex_.c_str(), what,
+                     result.code, static_cast<unsigned long>(result.detail),
+                     gone ? "; the store that loaded the key, whose passphrase callback it "
+                            "used, has been closed"
+                          : "");
+    return;
+  }
+  provider_->Raise(reason, "thumbprint=%s: %s result %d (detail %lu): %s",
+                   thumbprint_hex_.c_str(), what, result.code,
+                   static_cast<unsigned long>(result.detail), Meaning(result.code));
+}
+
+bool KeyObject::SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
+                         std::vector<unsigned char>* signature) const {
+  if (!has_private_) {
+    provider_->Raise(k_reason_no_private_key, "a public key cannot sign");
+    return false;
+  }
+  bool prompt_refused = false;
+  X509_Auth_Result result{};
+  try {
+    result = provider_->Run(passphrase_.get(), &prompt_refused, [&] {
+      const X509_Auth_Signature* made = nullptr;
+      const X509_Auth_Result r =
+          X509_Auth_SignHash(thumbprint_.data(), 1, &algorithm_, hash_type, hash, &made);
+      if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
+        signature->assign(made->data, made->data + made->length);
+        X509_Auth_Free(made);
+      }
+      return r;
+    });
+  } catch (const std::exception& failure) {
+    provider_->Raise(k_reason_signing_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
+                     failure.what());
+    return false;
+  }
+  if (result.code != X509_Auth_ResultCode_Success) {
+    RaiseLibraryFailure(k_reason_signing_failed, "X509_Auth_SignHash", result, prompt_refused);
+    return false;
+  }
+  return true;
+}
+
+bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::size_t length,
+                        std::vector<unsigned char>* plaintext) const {
+  if (!has_private_) {
+    provider_->Raise(k_reason_no_private_key, "a public key cannot decrypt");
+    return false;
+  }
+  bool prompt_refused = false;
+  X509_Auth_Result result{};
+  try {
+    result = provider_->Run(passphrase_.get(), &prompt_refused, [&] {
+      const X509_Auth_ASN_1* made = nullptr;
+      const X509_Auth_Result r = X509_Auth_Decrypt(thumbprint_.data(), padding, length, data, &made);
+      if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
+        plaintext->assign(made->data, made->data + made->length);
+        // The plaintext may be a session key: wipe the library's copy too.
+        OPENSSL_cleanse(const_cast<std::uint8_t*>(made->data), made->length);
+        X509_Auth_Free(made);
+      }
+      return r;
+    });
+  } catch (const std::exception& failure) {
+    provider_->Raise(k_reason_decryption_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
+                     failure.what());
+    return false;
+  }
+  if (result.code != X509_Auth_ResultCode_Success) {
+    RaiseLibraryFailure(k_reason_decryption_failed, "X509_Auth_Decrypt", result, prompt_refused);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace x509auth_provider

@@ -1,0 +1,67 @@
+#pragma once
+// The key behind one certificate, as the provider's operations see it: the
+// public half from the certificate (in the provider's own library context)
+// and, for a key loaded through the store, the thumbprint by which the
+// library performs the private operations. Immutable once made and shared
+// (std::shared_ptr) by the store, the key data and the operation contexts.
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "PassphraseSource.h"
+#include "ProviderContext.h"
+#include "ProviderPtr.h"
+#include "x509_auth.h"
+
+namespace x509auth_provider {
+
+class KeyObject {
+ public:
+  // A key with a private half in the library, for the certificate whose DER
+  // encoding is |der|; null after raising an error.
+  static std::shared_ptr<const KeyObject> ForCertificate(
+      ProviderContext* provider, const std::vector<unsigned char>& der,
+      const std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH>& thumbprint,
+      std::shared_ptr<PassphraseSource> passphrase);
+  // A public key only (imported from another provider, for comparisons).
+  static std::shared_ptr<const KeyObject> PublicOnly(ProviderContext* provider,
+                                                     std::uint32_t algorithm, EvpPkeyPtr key);
+
+  ProviderContext* Provider() const { return provider_; }
+  std::uint32_t Algorithm() const { return algorithm_; }  // X509_Auth_Algorithm_*
+  bool HasPrivate() const { return has_private_; }
+  EVP_PKEY* PublicKey() const { return public_key_.get(); }
+  const std::string& ThumbprintHex() const { return thumbprint_hex_; }
+
+  // Signs |hash| (the length |hash_type| implies) through the library, which
+  // asks for a PIN or password through the key's passphrase source. False
+  // after raising an error naming the thumbprint and the library's result.
+  bool SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
+                std::vector<unsigned char>* signature) const;
+  // Decrypts through the library with X509_Auth_DecryptAlgorithm_* |padding|.
+  bool Decrypt(std::uint32_t padding, const unsigned char* data, std::size_t length,
+               std::vector<unsigned char>* plaintext) const;
+
+ private:
+  KeyObject() = default;
+  void RaiseLibraryFailure(int reason, const char* what, X509_Auth_Result result,
+                           bool prompt_refused) const;
+
+  ProviderContext* provider_ = nullptr;
+  std::uint32_t algorithm_ = X509_Auth_Algorithm_Unknown;
+  bool has_private_ = false;
+  std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH> thumbprint_{};
+  std::string thumbprint_hex_;
+  EvpPkeyPtr public_key_;
+  std::shared_ptr<PassphraseSource> passphrase_;
+};
+
+// What OpenSSL holds as the key data of this provider's key management.
+struct KeyData {
+  ProviderContext* provider = nullptr;
+  std::shared_ptr<const KeyObject> key;
+};
+
+}  // namespace x509auth_provider

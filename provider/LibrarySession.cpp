@@ -1,0 +1,144 @@
+#include "LibrarySession.h"
+
+#include <openssl/crypto.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <limits.h>
+
+#include "x509_auth.h"
+
+namespace x509auth_provider {
+namespace {
+
+// The request being served, read by the library's callbacks. Written and read
+// only under the session lock, which every call into the library holds.
+const Request* g_current = nullptr;
+// Used for the lines the library writes while no request is active
+// (initialisation and teardown).
+int g_idle_threshold = X509_Auth_LogPriority_Error;
+// Set once the library has been deinitialised for good at process exit.
+bool g_finished = false;
+LibrarySession* g_live = nullptr;
+
+int Threshold() {
+  return g_current != nullptr ? g_current->settings->log_threshold : g_idle_threshold;
+}
+
+void Log(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
+  if (static_cast<int>(priority) < Threshold()) return;
+  std::fputs("x509auth: ", stderr);
+  std::vfprintf(stderr, format, arguments);
+  std::fputc('\n', stderr);
+}
+
+void Message(const char* message, const char* title) {
+  if (X509_Auth_LogPriority_Error < Threshold()) return;
+  std::fprintf(stderr, "x509auth: %s: %s\n", title, message);
+}
+
+// The record the library reads, followed by the secret it points to; wiped
+// and released by FreePinEntry as soon as the library is done with it.
+struct PinAnswer {
+  X509_Auth_PinEntryResult result{nullptr, 1};
+  char value[1025] = {};
+};
+
+X509_Auth_PinEntryResult* PinEntry(const char* /*title*/, const char* prompt) {
+  auto answer = std::make_unique<PinAnswer>();
+  const Request* request = g_current;
+  long length = -1;
+  if (request != nullptr && request->passphrase != nullptr)
+    length = request->passphrase->Ask(prompt != nullptr ? prompt : "", answer->value,
+                                      sizeof(answer->value) - 1);
+  if (length < 0) {
+    if (request != nullptr) request->prompt_refused = true;
+    answer->result.status = 1;
+  } else {
+    answer->value[length] = '\0';
+    answer->result.value = answer->value;
+    answer->result.status = 0;
+  }
+  // Handed to the library as its first member; FreePinEntry takes it back.
+  return &answer.release()->result;
+}
+
+void FreePinEntry(X509_Auth_PinEntryResult* result) {
+  std::unique_ptr<PinAnswer> answer(reinterpret_cast<PinAnswer*>(result));
+  OPENSSL_cleanse(answer->value, sizeof(answer->value));
+}
+
+}  // namespace
+
+std::mutex& LibrarySession::Mutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::shared_ptr<LibrarySession> LibrarySession::Acquire(const ProviderSettings& settings) {
+  static std::mutex acquire_mutex;
+  static std::weak_ptr<LibrarySession> instance;
+  std::lock_guard<std::mutex> acquire_lock(acquire_mutex);
+  if (std::shared_ptr<LibrarySession> session = instance.lock()) return session;
+  std::shared_ptr<LibrarySession> session(new LibrarySession());
+  {
+    std::lock_guard<std::mutex> lock(Mutex());
+    const Request request{&settings, nullptr};
+    Scope scope(request);
+    g_idle_threshold = settings.log_threshold;
+    X509_Auth_Init(nullptr, X509_Auth_Callbacks{Log, PinEntry, FreePinEntry, Message});
+    g_finished = false;
+    g_live = session.get();
+  }
+  // A provider loaded from openssl.cnf is torn down by OPENSSL_cleanup, after
+  // the library's own static objects are gone: deinitialise before them (this
+  // handler is registered after they were made).
+  static bool registered = false;
+  if (!registered) {
+    registered = true;
+    std::atexit([] {
+      std::lock_guard<std::mutex> lock(Mutex());
+      if (g_live != nullptr && !g_finished) {
+        X509_Auth_DeInit();
+        g_finished = true;
+      }
+    });
+  }
+  instance = session;
+  return session;
+}
+
+LibrarySession::~LibrarySession() {
+  std::lock_guard<std::mutex> lock(Mutex());
+  if (!g_finished) X509_Auth_DeInit();
+  g_finished = true;
+  g_live = nullptr;
+}
+
+LibrarySession::Scope::Scope(const Request& request) {
+  const ProviderSettings& settings = *request.settings;
+  std::vector<const char*> dirs, home_dirs;
+  for (const std::string& dir : settings.dirs) dirs.push_back(dir.c_str());
+  for (const std::string& dir : settings.home_dirs) home_dirs.push_back(dir.c_str());
+  const X509_Auth_Settings record{dirs.data(), dirs.size(), home_dirs.data(), home_dirs.size()};
+  X509_Auth_PostInitUpdateSettings(&record);
+  // The library loads its PKCS#11 module from the working directory.
+  if (!settings.module_directory.empty()) {
+    char cwd[PATH_MAX];
+    if (getcwd(cwd, sizeof(cwd)) != nullptr && chdir(settings.module_directory.c_str()) == 0)
+      previous_directory_ = cwd;
+  }
+  g_current = &request;
+}
+
+LibrarySession::Scope::~Scope() {
+  g_current = nullptr;
+  if (!previous_directory_.empty() && chdir(previous_directory_.c_str()) != 0) {
+    // The old directory may have gone meanwhile; "/" always exists.
+    (void)!chdir("/");
+  }
+}
+
+}  // namespace x509auth_provider

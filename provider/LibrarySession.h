@@ -1,0 +1,71 @@
+#pragma once
+// The library keeps one set of callbacks, one settings record and one key
+// store for the whole process, and is not thread-safe. Every provider context
+// of the process (the module loaded into several library contexts, or built
+// into a host) therefore shares one session: the first context initialises
+// the library, the last one to go deinitialises it, and one process-wide lock
+// covers every call. Each call runs with the calling context's directory
+// lists and PKCS#11 module and routes prompts to that request's passphrase
+// callback.
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "PassphraseSource.h"
+
+namespace x509auth_provider {
+
+// What one provider context asks of the library.
+struct ProviderSettings {
+  std::vector<std::string> dirs;       // absolute, searched as given
+  std::vector<std::string> home_dirs;  // relative to $HOME
+  std::string module;                  // absolute PKCS#11 module path, or empty
+  std::string module_directory;        // private directory linking it, or empty
+  int log_threshold = 3;               // lowest priority written; 4: nothing
+};
+
+// One call into the library: the context's settings and, for key
+// operations, where PINs and passwords come from (null: refuse prompts).
+struct Request {
+  const ProviderSettings* settings = nullptr;
+  const PassphraseSource* passphrase = nullptr;
+  // Set when the library asked for a secret the request could not give.
+  mutable bool prompt_refused = false;
+};
+
+class LibrarySession {
+ public:
+  // The process's session, initialising the library for the first caller.
+  static std::shared_ptr<LibrarySession> Acquire(const ProviderSettings& settings);
+  ~LibrarySession();
+  LibrarySession(const LibrarySession&) = delete;
+  LibrarySession& operator=(const LibrarySession&) = delete;
+
+  // Runs |call| (which calls into the library) under the process-wide lock,
+  // with |request|'s directories applied, its module directory entered and
+  // its passphrase source answering prompts.
+  template <typename Call>
+  auto Run(const Request& request, Call&& call) {
+    std::lock_guard<std::mutex> lock(Mutex());
+    Scope scope(request);
+    return call();
+  }
+
+ private:
+  LibrarySession() = default;
+  static std::mutex& Mutex();
+
+  class Scope {
+   public:
+    explicit Scope(const Request& request);
+    ~Scope();
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+
+   private:
+    std::string previous_directory_;
+  };
+};
+
+}  // namespace x509auth_provider

@@ -1,0 +1,275 @@
+#include "ProviderContext.h"
+
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/params.h>
+#include <openssl/pem.h>
+#include <openssl/provider.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+#include "Dispatch.h"
+#include "x509_auth.h"
+
+namespace x509auth_provider {
+namespace {
+
+constexpr const char* k_properties = "provider=x509auth";
+constexpr const char* k_rsa_names = "RSA:rsaEncryption:1.2.840.113549.1.1.1";
+constexpr const char* k_ec_names = "EC:id-ecPublicKey:1.2.840.10045.2.1";
+
+const OSSL_ALGORITHM k_keymgmt[] = {
+    {k_rsa_names, k_properties, k_rsa_keymgmt_functions, "RSA key of an x509auth certificate"},
+    {k_ec_names, k_properties, k_ec_keymgmt_functions, "EC key of an x509auth certificate"},
+    {nullptr, nullptr, nullptr, nullptr}};
+const OSSL_ALGORITHM k_signature[] = {
+    {k_rsa_names, k_properties, k_rsa_signature_functions, "RSA PKCS#1 v1.5 through x509auth"},
+    {"ECDSA", k_properties, k_ecdsa_signature_functions, "ECDSA through x509auth"},
+    {nullptr, nullptr, nullptr, nullptr}};
+const OSSL_ALGORITHM k_asym_cipher[] = {
+    {k_rsa_names, k_properties, k_rsa_asym_cipher_functions, "RSA decryption through x509auth"},
+    {nullptr, nullptr, nullptr, nullptr}};
+const OSSL_ALGORITHM k_store[] = {
+    {"x509auth", k_properties, k_store_functions, "x509auth: certificates and their keys"},
+    {nullptr, nullptr, nullptr, nullptr}};
+
+const OSSL_ITEM k_reason_strings[] = {
+    {k_reason_bad_uri, const_cast<char*>("unrecognised x509auth URI")},
+    {k_reason_certificate_not_found, const_cast<char*>("no offered certificate has this thumbprint")},
+    {k_reason_listing_failed, const_cast<char*>("the certificates could not be listed")},
+    {k_reason_signing_failed, const_cast<char*>("signing through x509auth failed")},
+    {k_reason_decryption_failed, const_cast<char*>("decryption through x509auth failed")},
+    {k_reason_unsupported_digest,
+     const_cast<char*>("unsupported digest (x509auth signs SHA-1, SHA-256, SHA-384 and SHA-512)")},
+    {k_reason_unsupported_padding,
+     const_cast<char*>("unsupported padding (x509auth has no RSA-PSS; RSA keys are for TLS 1.2)")},
+    {k_reason_no_private_key, const_cast<char*>("the key has no private half")},
+    {k_reason_passphrase_unavailable,
+     const_cast<char*>("a PIN or password was needed but the application gave none")},
+    {k_reason_buffer_too_small, const_cast<char*>("output buffer too small")},
+    {k_reason_unsupported_key, const_cast<char*>("the certificate's key is neither RSA nor EC")},
+    {k_reason_bad_argument, const_cast<char*>("invalid argument")},
+    {k_reason_setup_failed, const_cast<char*>("the x509auth provider could not start")},
+    {0, nullptr}};
+
+void BioFree(BIO* bio) { BIO_free(bio); }
+void CryptoFree(void* p) { OPENSSL_free(p); }
+
+std::vector<std::string> SplitColons(const std::string& text) {
+  std::vector<std::string> parts;
+  std::stringstream stream(text);
+  std::string part;
+  while (std::getline(stream, part, ':'))
+    if (!part.empty()) parts.push_back(part);
+  return parts;
+}
+
+int ParseLogLevel(const std::string& text) {
+  if (text == "debug" || text == "0") return 0;
+  if (text == "info" || text == "1") return 1;
+  if (text == "warning" || text == "2") return 2;
+  if (text == "error" || text == "3" || text.empty()) return 3;
+  if (text == "none" || text == "4") return 4;
+  return -1;
+}
+
+// Provider-level functions; OpenSSL's C signatures.
+void Teardown(void* provctx) { std::unique_ptr<ProviderContext> owned(ProviderContext::From(provctx)); }
+
+const OSSL_PARAM* GettableParams(void*) {
+  static const OSSL_PARAM params[] = {
+      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_NAME, nullptr, 0),
+      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_VERSION, nullptr, 0),
+      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_BUILDINFO, nullptr, 0),
+      OSSL_PARAM_int(OSSL_PROV_PARAM_STATUS, nullptr), OSSL_PARAM_END};
+  return params;
+}
+
+int GetParams(void*, OSSL_PARAM params[]) {
+  OSSL_PARAM* p = OSSL_PARAM_locate(params, OSSL_PROV_PARAM_NAME);
+  if (p != nullptr && !OSSL_PARAM_set_utf8_ptr(p, "x509auth: certificates and keys of libx509auth"))
+    return 0;
+  p = OSSL_PARAM_locate(params, OSSL_PROV_PARAM_VERSION);
+  if (p != nullptr && !OSSL_PARAM_set_utf8_ptr(p, "3.0.0")) return 0;
+  p = OSSL_PARAM_locate(params, OSSL_PROV_PARAM_BUILDINFO);
+  if (p != nullptr && !OSSL_PARAM_set_utf8_ptr(p, "libx509auth API 3")) return 0;
+  p = OSSL_PARAM_locate(params, OSSL_PROV_PARAM_STATUS);
+  if (p != nullptr && !OSSL_PARAM_set_int(p, 1)) return 0;
+  return 1;
+}
+
+const OSSL_ALGORITHM* QueryOperation(void*, int operation_id, int* no_cache) {
+  *no_cache = 0;
+  switch (operation_id) {
+    case OSSL_OP_KEYMGMT: return k_keymgmt;
+    case OSSL_OP_SIGNATURE: return k_signature;
+    case OSSL_OP_ASYM_CIPHER: return k_asym_cipher;
+    case OSSL_OP_STORE: return k_store;
+    default: return nullptr;
+  }
+}
+
+const OSSL_ITEM* GetReasonStrings(void*) { return k_reason_strings; }
+
+using VoidFunction = void (*)(void);
+const OSSL_DISPATCH k_provider_functions[] = {
+    {OSSL_FUNC_PROVIDER_TEARDOWN, reinterpret_cast<VoidFunction>(Teardown)},
+    {OSSL_FUNC_PROVIDER_GETTABLE_PARAMS, reinterpret_cast<VoidFunction>(GettableParams)},
+    {OSSL_FUNC_PROVIDER_GET_PARAMS, reinterpret_cast<VoidFunction>(GetParams)},
+    {OSSL_FUNC_PROVIDER_QUERY_OPERATION, reinterpret_cast<VoidFunction>(QueryOperation)},
+    {OSSL_FUNC_PROVIDER_GET_REASON_STRINGS, reinterpret_cast<VoidFunction>(GetReasonStrings)},
+    {0, nullptr}};
+
+}  // namespace
+
+ProviderContext::ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in)
+    : handle_(handle) {
+  for (; in != nullptr && in->function_id != 0; ++in) {
+    switch (in->function_id) {
+      case OSSL_FUNC_CORE_GET_PARAMS: get_params_ = OSSL_FUNC_core_get_params(in); break;
+      case OSSL_FUNC_CORE_NEW_ERROR: new_error_ = OSSL_FUNC_core_new_error(in); break;
+      case OSSL_FUNC_CORE_SET_ERROR_DEBUG: set_error_debug_ = OSSL_FUNC_core_set_error_debug(in); break;
+      case OSSL_FUNC_CORE_VSET_ERROR: vset_error_ = OSSL_FUNC_core_vset_error(in); break;
+      case OSSL_FUNC_CORE_GET_LIBCTX: get_libctx_ = OSSL_FUNC_core_get_libctx(in); break;
+      default: break;
+    }
+  }
+}
+
+ProviderContext::~ProviderContext() {
+  session_.reset();
+  if (default_provider_ != nullptr) OSSL_PROVIDER_unload(default_provider_);
+  if (!settings_.module_directory.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(settings_.module_directory, ignored);
+  }
+}
+
+std::string ProviderContext::Parameter(const char* name, const char* environment) const {
+  // openssl.cnf's provider section first, then the environment.
+  char* value = nullptr;
+  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_ptr(name, &value, 0), OSSL_PARAM_construct_end()};
+  if (get_params_ != nullptr && get_params_(handle_, params) && value != nullptr) return value;
+  const char* from_environment = std::getenv(environment);
+  return from_environment != nullptr ? from_environment : "";
+}
+
+bool ProviderContext::Start() {
+  std::error_code error;
+  // The session enters the module's directory around each call, so relative
+  // directories are fixed now, against the application's working directory.
+  for (const std::string& dir : SplitColons(Parameter("dirs", "X509AUTH_DIRS")))
+    settings_.dirs.push_back(std::filesystem::absolute(dir, error).lexically_normal().string());
+  settings_.home_dirs = SplitColons(Parameter("home_dirs", "X509AUTH_HOME_DIRS"));
+  const std::string level = Parameter("log_level", "X509AUTH_LOG");
+  settings_.log_threshold = ParseLogLevel(level);
+  if (settings_.log_threshold < 0) {
+    Raise(k_reason_setup_failed, "log_level '%s': use debug, info, warning, error or none",
+          level.c_str());
+    return false;
+  }
+  const std::string module = Parameter("module", "X509AUTH_MODULE");
+  if (!module.empty()) {
+    settings_.module = std::filesystem::absolute(module, error).string();
+    if (access(settings_.module.c_str(), R_OK) != 0) {
+      Raise(k_reason_setup_failed, "PKCS#11 module %s cannot be read", settings_.module.c_str());
+      return false;
+    }
+    // The library loads "./opensc-pkcs11.so": a private directory holding
+    // only that link makes the chosen module visible where it looks.
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
+                          "/x509auth-provider-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr ||
+        symlink(settings_.module.c_str(), (pattern + "/opensc-pkcs11.so").c_str()) != 0) {
+      Raise(k_reason_setup_failed, "cannot make a directory for the PKCS#11 module in %s",
+            pattern.c_str());
+      return false;
+    }
+    settings_.module_directory = pattern;
+  }
+  // OpenSSL 3.0 gives an unqualified fetch the implementation of the provider
+  // that came first. Were that this one's EC key management, libssl would
+  // find no provider offering the EC groups with their own key management
+  // and leave P-256 and the other curves out of every handshake. Loading the
+  // default provider now, before this one is added, puts it first.
+  if (get_libctx_ != nullptr) {
+    OSSL_LIB_CTX* application = reinterpret_cast<OSSL_LIB_CTX*>(get_libctx_(handle_));
+    default_provider_ = OSSL_PROVIDER_load(application, "default");
+    ERR_clear_error();  // without it (a FIPS-only application) nothing changes
+  }
+  crypto_.reset(OSSL_LIB_CTX_new());
+  if (crypto_ == nullptr) {
+    Raise(k_reason_setup_failed, "cannot make a library context");
+    return false;
+  }
+  ca_files_ = SplitColons(Parameter("ca_files", "X509AUTH_CA_FILES"));
+  return true;
+}
+
+LibrarySession& ProviderContext::Session() {
+  // Joined on first use, not in the init function: the library parses
+  // certificates, and OpenSSL cannot decode their keys while a provider of
+  // the same library context is still being activated.
+  std::lock_guard<std::mutex> lock(session_mutex_);
+  if (session_ == nullptr) {
+    session_ = LibrarySession::Acquire(settings_);
+    AddCertificateAuthorities(ca_files_);
+  }
+  return *session_;
+}
+
+void ProviderContext::AddCertificateAuthorities(const std::vector<std::string>& files) {
+  // The library offers a certificate only when it can build its chain from
+  // the CAs a host added (or the system's); these files are such CAs.
+  for (const std::string& file : files) {
+    std::unique_ptr<BIO, Deleter<BIO, BioFree>> bio(BIO_new_file(file.c_str(), "r"));
+    int added = 0;
+    while (bio != nullptr) {
+      X509Ptr cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+      if (cert == nullptr) break;
+      unsigned char* der = nullptr;
+      const int length = i2d_X509(cert.get(), &der);
+      if (length <= 0) break;
+      std::unique_ptr<unsigned char, Deleter<void, CryptoFree>> owned(der);
+      const Request request{&settings_, nullptr};
+      added += session_->Run(request, [&] {
+        return X509_Auth_AddAdditionalCertificateAuthorityToStore(der, static_cast<uint64_t>(length));
+      });
+    }
+    ERR_clear_error();  // the end of the file reads as an error
+    // Reported where the library's own lines go: this runs inside the first
+    // request, which should not fail for it.
+    if (added == 0 && settings_.log_threshold <= 3)
+      std::fprintf(stderr, "x509auth: ca_files: no CA certificate could be added from %s\n",
+                   file.c_str());
+  }
+}
+
+void ProviderContext::Raise(int reason, const char* format, ...) const {
+  if (new_error_ == nullptr || vset_error_ == nullptr) return;
+  new_error_(handle_);
+  if (set_error_debug_ != nullptr) set_error_debug_(handle_, OPENSSL_FILE, OPENSSL_LINE, "x509auth");
+  va_list arguments;
+  va_start(arguments, format);
+  vset_error_(handle_, static_cast<uint32_t>(reason), format, arguments);
+  va_end(arguments);
+}
+
+extern "C" int X509AuthProviderInit(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in,
+                                    const OSSL_DISPATCH** out, void** provctx) {
+  auto context = std::make_unique<ProviderContext>(handle, in);
+  if (!context->Start()) return 0;
+  *out = k_provider_functions;
+  // OpenSSL owns it from here and hands it back to Teardown.
+  *provctx = context.release();
+  return 1;
+}
+
+}  // namespace x509auth_provider

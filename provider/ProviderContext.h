@@ -1,0 +1,94 @@
+#pragma once
+// One provider context: what OpenSSL gets back from the provider's init
+// function. It holds the context's settings (from openssl.cnf or the
+// environment), a private library context for public-key work and hashing,
+// a share of the process's library session, and the core's error functions.
+#include <openssl/core.h>
+#include <openssl/core_dispatch.h>
+#include <openssl/provider.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "LibrarySession.h"
+#include "ProviderPtr.h"
+
+namespace x509auth_provider {
+
+// Reasons of the errors the provider raises; their texts are in
+// ProviderContext.cpp.
+enum Reason {
+  k_reason_bad_uri = 1,
+  k_reason_certificate_not_found,
+  k_reason_listing_failed,
+  k_reason_signing_failed,
+  k_reason_decryption_failed,
+  k_reason_unsupported_digest,
+  k_reason_unsupported_padding,
+  k_reason_no_private_key,
+  k_reason_passphrase_unavailable,
+  k_reason_buffer_too_small,
+  k_reason_unsupported_key,
+  k_reason_bad_argument,
+  k_reason_setup_failed,
+};
+
+class ProviderContext {
+ public:
+  ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in);
+  ~ProviderContext();
+  ProviderContext(const ProviderContext&) = delete;
+  ProviderContext& operator=(const ProviderContext&) = delete;
+
+  // Reads the settings; false after raising an error.
+  bool Start();
+
+  static ProviderContext* From(void* provctx) { return static_cast<ProviderContext*>(provctx); }
+
+  // A library context of the provider's own with OpenSSL's default
+  // implementations, so that public-key work and hashing never come back
+  // into this provider.
+  OSSL_LIB_CTX* Crypto() const { return crypto_.get(); }
+  const ProviderSettings& Settings() const { return settings_; }
+
+  // Runs |call| inside the library session (see LibrarySession::Run);
+  // |*prompt_refused| tells whether the library asked for a secret that
+  // |source| could not give.
+  template <typename Call>
+  auto Run(const PassphraseSource* source, bool* prompt_refused, Call&& call) {
+    const Request request{&settings_, source};
+    auto result = Session().Run(request, std::forward<Call>(call));
+    if (prompt_refused != nullptr) *prompt_refused = request.prompt_refused;
+    return result;
+  }
+
+  // Raises an OpenSSL error of this provider with a printf-style detail.
+  void Raise(int reason, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+
+ private:
+  std::string Parameter(const char* name, const char* environment) const;
+  LibrarySession& Session();
+  void AddCertificateAuthorities(const std::vector<std::string>& files);
+
+  const OSSL_CORE_HANDLE* handle_;
+  OSSL_FUNC_core_get_params_fn* get_params_ = nullptr;
+  OSSL_FUNC_core_new_error_fn* new_error_ = nullptr;
+  OSSL_FUNC_core_set_error_debug_fn* set_error_debug_ = nullptr;
+  OSSL_FUNC_core_vset_error_fn* vset_error_ = nullptr;
+  OSSL_FUNC_core_get_libctx_fn* get_libctx_ = nullptr;
+  OSSL_PROVIDER* default_provider_ = nullptr;  // our hold on it, released at teardown
+  ProviderSettings settings_;
+  LibCtxPtr crypto_;
+  std::vector<std::string> ca_files_;
+  std::mutex session_mutex_;
+  std::shared_ptr<LibrarySession> session_;  // joined on first use
+};
+
+// The provider's init function, shared by the module's OSSL_provider_init and
+// by hosts that build the provider in (OSSL_PROVIDER_add_builtin).
+extern "C" int X509AuthProviderInit(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in,
+                                    const OSSL_DISPATCH** out, void** provctx);
+
+}  // namespace x509auth_provider

@@ -1,0 +1,229 @@
+// The store loader of "x509auth:" URIs. "x509auth:thumbprint=<40 hex>" gives
+// the certificate with that SHA-1 thumbprint and a private-key object for it;
+// "x509auth:" alone gives every certificate the library offers.
+#include <openssl/core_dispatch.h>
+#include <openssl/core_names.h>
+#include <openssl/core_object.h>
+#include <openssl/params.h>
+#include <openssl/store.h>
+#include <strings.h>
+
+#include <cctype>
+#include <cstring>
+#include <string>
+
+#include "Dispatch.h"
+#include "KeyObject.h"
+
+namespace x509auth_provider {
+namespace {
+
+constexpr const char* k_scheme = "x509auth:";
+constexpr const char* k_thumbprint_key = "thumbprint=";
+
+struct Entry {
+  std::vector<unsigned char> der;
+  std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH> thumbprint{};
+  std::string name;
+};
+
+struct StoreContext {
+  ProviderContext* provider = nullptr;
+  bool list_all = true;
+  std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH> thumbprint{};
+  std::string thumbprint_hex;
+  int expect = 0;  // OSSL_STORE_INFO_* the application wants, 0: anything
+  bool listed = false;
+  bool done = false;
+  std::vector<Entry> entries;
+  std::size_t next = 0;        // next entry to hand out
+  bool key_pending = false;    // the next entry's certificate was handed out
+  std::shared_ptr<PassphraseSource> passphrase;
+};
+
+StoreContext* AsContext(void* context) { return static_cast<StoreContext*>(context); }
+
+bool ParseHex(const std::string& text, std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH>* out) {
+  if (text.size() != 2 * out->size()) return false;
+  for (std::size_t i = 0; i < out->size(); ++i) {
+    const char pair[3] = {text[2 * i], text[2 * i + 1], '\0'};
+    if (!std::isxdigit(static_cast<unsigned char>(pair[0])) ||
+        !std::isxdigit(static_cast<unsigned char>(pair[1])))
+      return false;
+    (*out)[i] = static_cast<std::uint8_t>(std::strtoul(pair, nullptr, 16));
+  }
+  return true;
+}
+
+void* Open(void* provctx, const char* uri) {
+  ProviderContext* provider = ProviderContext::From(provctx);
+  const std::size_t scheme_length = std::strlen(k_scheme);
+  if (uri == nullptr || strncasecmp(uri, k_scheme, scheme_length) != 0) return nullptr;
+  auto context = std::make_unique<StoreContext>();
+  context->provider = provider;
+  const std::string rest = uri + scheme_length;
+  const std::size_t key_length = std::strlen(k_thumbprint_key);
+  if (!rest.empty()) {
+    if (strncasecmp(rest.c_str(), k_thumbprint_key, key_length) != 0 ||
+        !ParseHex(rest.substr(key_length), &context->thumbprint)) {
+      provider->Raise(k_reason_bad_uri, "%s: use x509auth:thumbprint=<40 hex digits> or x509auth:",
+                      uri);
+      return nullptr;
+    }
+    context->list_all = false;
+    context->thumbprint_hex = rest.substr(key_length);
+    for (char& c : context->thumbprint_hex) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return context.release();  // OpenSSL owns it until Close
+}
+
+const OSSL_PARAM* SettableParams(void*) {
+  static const OSSL_PARAM params[] = {OSSL_PARAM_int(OSSL_STORE_PARAM_EXPECT, nullptr),
+                                      OSSL_PARAM_END};
+  return params;
+}
+
+int SetParams(void* opaque, const OSSL_PARAM params[]) {
+  StoreContext* context = AsContext(opaque);
+  const OSSL_PARAM* p = OSSL_PARAM_locate_const(params, OSSL_STORE_PARAM_EXPECT);
+  if (p != nullptr && !OSSL_PARAM_get_int(p, &context->expect)) return 0;
+  return 1;
+}
+
+// Lists the offered certificates once, keeping copies of the ones wanted.
+bool List(StoreContext* context) {
+  context->listed = true;
+  const bool listed = context->provider->Run(nullptr, nullptr, [&] {
+    uint64_t count = 0;
+    const X509_Auth_Certificate* records = nullptr;
+    if (!X509_Auth_LoadClientCertificates(&count, &records)) return false;
+    for (uint64_t i = 0; i < count; ++i) {
+      const X509_Auth_Certificate& record = records[i];
+      if (!context->list_all &&
+          std::memcmp(record.thumbprint, context->thumbprint.data(), context->thumbprint.size()) != 0)
+        continue;
+      Entry entry;
+      entry.der.assign(record.encoded, record.encoded + record.encoded_length);
+      std::memcpy(entry.thumbprint.data(), record.thumbprint, entry.thumbprint.size());
+      entry.name = record.name != nullptr ? record.name : "";
+      context->entries.push_back(std::move(entry));
+    }
+    X509_Auth_Free(records);
+    return true;
+  });
+  if (!listed) {
+    context->provider->Raise(k_reason_listing_failed,
+                             "X509_Auth_LoadClientCertificates could not open the store");
+    return false;
+  }
+  if (!context->list_all && context->entries.empty()) {
+    context->provider->Raise(k_reason_certificate_not_found, "thumbprint=%s",
+                             context->thumbprint_hex.c_str());
+    return false;
+  }
+  return true;
+}
+
+int GiveCertificate(const Entry& entry, OSSL_CALLBACK* object_cb, void* object_cbarg) {
+  int type = OSSL_OBJECT_CERT;
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_int(OSSL_OBJECT_PARAM_TYPE, &type),
+      OSSL_PARAM_construct_octet_string(OSSL_OBJECT_PARAM_DATA,
+                                        const_cast<unsigned char*>(entry.der.data()),
+                                        entry.der.size()),
+      OSSL_PARAM_construct_utf8_string(OSSL_OBJECT_PARAM_DESC,
+                                       const_cast<char*>(entry.name.c_str()), 0),
+      OSSL_PARAM_construct_end()};
+  return object_cb(params, object_cbarg);
+}
+
+int GiveKey(StoreContext* context, const Entry& entry, OSSL_CALLBACK* object_cb,
+            void* object_cbarg) {
+  std::shared_ptr<const KeyObject> key = KeyObject::ForCertificate(
+      context->provider, entry.der, entry.thumbprint, context->passphrase);
+  if (key == nullptr) return 0;
+  // One signature now, while the application's passphrase callback is at
+  // hand: a token login made here stays, and a wrong PIN or password fails
+  // the load instead of a later handshake.
+  unsigned char probe[32] = {};
+  std::vector<unsigned char> signature;
+  if (!key->SignHash(X509_Auth_HashType_Sha256, probe, &signature)) return 0;
+  int type = OSSL_OBJECT_PKEY;
+  const char* data_type = key->Algorithm() == X509_Auth_Algorithm_Rsa ? "RSA" : "EC";
+  // The key management's load takes its own share of the object through this
+  // address while the callback runs.
+  const std::shared_ptr<const KeyObject>* reference = &key;
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_int(OSSL_OBJECT_PARAM_TYPE, &type),
+      OSSL_PARAM_construct_utf8_string(OSSL_OBJECT_PARAM_DATA_TYPE, const_cast<char*>(data_type), 0),
+      OSSL_PARAM_construct_octet_string(OSSL_OBJECT_PARAM_REFERENCE, &reference, sizeof(reference)),
+      OSSL_PARAM_construct_end()};
+  return object_cb(params, object_cbarg);
+}
+
+bool WantKeys(const StoreContext* context) {
+  return !context->list_all && (context->expect == 0 || context->expect == OSSL_STORE_INFO_PKEY);
+}
+
+int Load(void* opaque, OSSL_CALLBACK* object_cb, void* object_cbarg,
+         OSSL_PASSPHRASE_CALLBACK* pw_cb, void* pw_cbarg) {
+  StoreContext* context = AsContext(opaque);
+  if (context->done) return 0;
+  if (context->passphrase == nullptr)
+    context->passphrase = std::make_shared<PassphraseSource>(pw_cb, pw_cbarg);
+  if (!context->listed && !List(context)) {
+    context->done = true;
+    return 0;
+  }
+  const bool want_certs = context->expect == 0 || context->expect == OSSL_STORE_INFO_CERT;
+  const bool want_keys = WantKeys(context);
+  while (context->next < context->entries.size()) {
+    const Entry& entry = context->entries[context->next];
+    // Each certificate first, then (for a single one) its key.
+    if (!context->key_pending) {
+      context->key_pending = true;
+      if (want_certs) return GiveCertificate(entry, object_cb, object_cbarg);
+    }
+    context->key_pending = false;
+    ++context->next;
+    if (want_keys) {
+      const int given = GiveKey(context, entry, object_cb, object_cbarg);
+      if (!given) context->done = true;
+      return given;
+    }
+  }
+  context->done = true;
+  return 0;
+}
+
+int Eof(void* opaque) {
+  const StoreContext* context = AsContext(opaque);
+  if (context->done) return 1;
+  if (!context->listed) return 0;
+  const std::size_t left = context->entries.size() - context->next;
+  // A last certificate already handed out, whose key is not wanted.
+  return left == 0 || (left == 1 && context->key_pending && !WantKeys(context));
+}
+
+int Close(void* opaque) {
+  std::unique_ptr<StoreContext> context(AsContext(opaque));
+  // The callback lives in the application's store context, which goes now.
+  if (context->passphrase != nullptr) context->passphrase->Invalidate();
+  return 1;
+}
+
+using VoidFunction = void (*)(void);
+#define X509AUTH_FN(id, function) {id, reinterpret_cast<VoidFunction>(function)}
+
+}  // namespace
+
+const OSSL_DISPATCH k_store_functions[] = {
+    X509AUTH_FN(OSSL_FUNC_STORE_OPEN, Open),
+    X509AUTH_FN(OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, SettableParams),
+    X509AUTH_FN(OSSL_FUNC_STORE_SET_CTX_PARAMS, SetParams),
+    X509AUTH_FN(OSSL_FUNC_STORE_LOAD, Load),
+    X509AUTH_FN(OSSL_FUNC_STORE_EOF, Eof),
+    X509AUTH_FN(OSSL_FUNC_STORE_CLOSE, Close),
+    {0, nullptr}};
+
+}  // namespace x509auth_provider

@@ -1,0 +1,284 @@
+// The provider built into a host (OSSL_PROVIDER_add_builtin), as the tool's
+// tls command uses it: key parameters, every digest, refusals, passphrase
+// routing, and two library contexts sharing the process's one library.
+#include <openssl/core_names.h>
+#include <openssl/err.h>
+#include <openssl/provider.h>
+#include <openssl/rsa.h>
+#include <openssl/store.h>
+#include <openssl/ui.h>
+
+#include <cstring>
+
+#include "ProviderContext.h"
+#include "ProviderFixture.h"
+
+namespace x509auth_test {
+namespace {
+
+struct Loaded {
+  OSSL_LIB_CTX* ctx = nullptr;
+  OSSL_PROVIDER* x509auth = nullptr;
+  OSSL_PROVIDER* fallback = nullptr;
+  ~Loaded() {
+    OSSL_PROVIDER_unload(x509auth);
+    OSSL_PROVIDER_unload(fallback);
+    OSSL_LIB_CTX_free(ctx);
+  }
+};
+
+// The secret the store's passphrase callback gives, and how often it asked.
+struct Answer {
+  std::string secret;
+  int asked = 0;
+};
+
+int PemCallback(char* buffer, int size, int, void* data) {
+  Answer* answer = static_cast<Answer*>(data);
+  ++answer->asked;
+  const int length = static_cast<int>(answer->secret.size());
+  if (length > size) return -1;
+  std::memcpy(buffer, answer->secret.data(), answer->secret.size());
+  return length;
+}
+
+std::string ErrorText() {
+  std::string text;
+  char line[512];
+  unsigned long code;
+  const char* data = nullptr;
+  int flags = 0;
+  while ((code = ERR_get_error_all(nullptr, nullptr, nullptr, &data, &flags)) != 0) {
+    ERR_error_string_n(code, line, sizeof line);
+    text += line;
+    if (data != nullptr && (flags & ERR_TXT_STRING) != 0) text += std::string(" ") + data;
+    text += "\n";
+  }
+  return text;
+}
+
+class ProviderInProcessTest : public ProviderTest {
+ protected:
+  void SetUp() override {
+    ProviderTest::SetUp();
+    setenv("X509AUTH_LOG", "none", 1);
+    ui_.reset(UI_UTIL_wrap_read_pem_callback(PemCallback, 0));
+  }
+  void TearDown() override {
+    for (const char* name : {"X509AUTH_LOG", "X509AUTH_DIRS", "X509AUTH_CA_FILES"}) unsetenv(name);
+    ProviderTest::TearDown();
+  }
+
+  // A library context with the provider built in, reading |dirs|.
+  std::unique_ptr<Loaded> Load(const std::filesystem::path& dirs) {
+    setenv("X509AUTH_DIRS", dirs.c_str(), 1);
+    setenv("X509AUTH_CA_FILES", CasFile().c_str(), 1);
+    auto loaded = std::make_unique<Loaded>();
+    loaded->ctx = OSSL_LIB_CTX_new();
+    EXPECT_EQ(OSSL_PROVIDER_add_builtin(loaded->ctx, "x509auth",
+                                        x509auth_provider::X509AuthProviderInit), 1);
+    loaded->x509auth = OSSL_PROVIDER_load(loaded->ctx, "x509auth");
+    loaded->fallback = OSSL_PROVIDER_load(loaded->ctx, "default");
+    EXPECT_NE(loaded->x509auth, nullptr) << ErrorText();
+    return loaded;
+  }
+
+  // Every object the URI gives; the store stays open while |keep_open|.
+  std::vector<OSSL_STORE_INFO*> LoadAll(const Loaded& loaded, const std::string& uri,
+                                        Answer* answer, OSSL_STORE_CTX** keep_open = nullptr) {
+    std::vector<OSSL_STORE_INFO*> infos;
+    OSSL_STORE_CTX* store = OSSL_STORE_open_ex(uri.c_str(), loaded.ctx, nullptr, ui_.get(), answer,
+                                               nullptr, nullptr, nullptr);
+    if (store == nullptr) return infos;
+    while (!OSSL_STORE_eof(store)) {
+      OSSL_STORE_INFO* info = OSSL_STORE_load(store);
+      if (info == nullptr) break;
+      infos.push_back(info);
+    }
+    if (keep_open != nullptr)
+      *keep_open = store;
+    else
+      OSSL_STORE_close(store);
+    return infos;
+  }
+
+  // The private key of |thumbprint|, or null.
+  EVP_PKEY* LoadKey(const Loaded& loaded, const std::string& thumbprint, Answer* answer,
+                    OSSL_STORE_CTX** keep_open = nullptr) {
+    EVP_PKEY* key = nullptr;
+    for (OSSL_STORE_INFO* info : LoadAll(loaded, "x509auth:thumbprint=" + thumbprint, answer, keep_open)) {
+      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY) key = OSSL_STORE_INFO_get1_PKEY(info);
+      OSSL_STORE_INFO_free(info);
+    }
+    return key;
+  }
+
+  // Digest-signs a fixed text with |md| and checks the signature with the
+  // certificate's key and OpenSSL's own implementation.
+  static bool SignsAndVerifies(const Loaded& loaded, EVP_PKEY* key, const char* md, X509* cert) {
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    std::size_t length = 0;
+    const unsigned char data[] = "signed through the provider";
+    Bytes signature;
+    bool ok = EVP_DigestSignInit_ex(context, nullptr, md, loaded.ctx, nullptr, key, nullptr) == 1 &&
+              EVP_DigestSignUpdate(context, data, sizeof data) == 1 &&
+              EVP_DigestSignFinal(context, nullptr, &length) == 1;
+    if (ok) {
+      signature.resize(length);
+      ok = EVP_DigestSignFinal(context, signature.data(), &length) == 1;
+      signature.resize(length);
+    }
+    EVP_MD_CTX_free(context);
+    if (!ok) return false;
+    const EVP_MD* digest = EVP_get_digestbyname(md);
+    Bytes hash(EVP_MAX_MD_SIZE);
+    unsigned int hash_length = 0;
+    EVP_Digest(data, sizeof data, hash.data(), &hash_length, digest, nullptr);
+    hash.resize(hash_length);
+    return VerifiesWithCertificate(cert, digest, hash, signature.data(), signature.size());
+  }
+
+  struct UiFree {
+    void operator()(UI_METHOD* method) const { UI_destroy_method(method); }
+  };
+  std::unique_ptr<UI_METHOD, UiFree> ui_;
+};
+
+struct KeyFree {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
+
+TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf) {
+  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
+  const std::string ec = InstallClient(KeyKind::kEc, "EC Client");
+  auto loaded = Load(base_);
+  Answer answer;
+  Key rsa_key(LoadKey(*loaded, rsa, &answer));
+  Key ec_key(LoadKey(*loaded, ec, &answer));
+  ASSERT_NE(rsa_key, nullptr) << ErrorText();
+  ASSERT_NE(ec_key, nullptr) << ErrorText();
+  EXPECT_EQ(answer.asked, 0);  // unencrypted key files
+  EXPECT_TRUE(EVP_PKEY_is_a(rsa_key.get(), "RSA"));
+  EXPECT_TRUE(EVP_PKEY_is_a(ec_key.get(), "EC"));
+  EXPECT_EQ(EVP_PKEY_get_bits(rsa_key.get()), 2048);
+  EXPECT_EQ(EVP_PKEY_get_size(rsa_key.get()), 256);
+  EXPECT_EQ(EVP_PKEY_get_security_bits(rsa_key.get()), 112);
+  EXPECT_EQ(EVP_PKEY_get_bits(ec_key.get()), 256);
+  char group[64] = {};
+  EXPECT_EQ(EVP_PKEY_get_utf8_string_param(ec_key.get(), OSSL_PKEY_PARAM_GROUP_NAME, group,
+                                           sizeof group, nullptr), 1);
+  EXPECT_STREQ(group, "prime256v1");
+  char digest[64] = {};
+  EXPECT_GE(EVP_PKEY_get_default_digest_name(rsa_key.get(), digest, sizeof digest), 1);
+  EXPECT_STREQ(digest, "SHA256");
+  // The certificate's key and this one are one pair, as libssl checks.
+  EXPECT_EQ(X509_check_private_key(chains_[0].leaf.get(), rsa_key.get()), 1) << ErrorText();
+  EXPECT_EQ(X509_check_private_key(chains_[1].leaf.get(), ec_key.get()), 1) << ErrorText();
+  EXPECT_NE(X509_check_private_key(chains_[0].leaf.get(), ec_key.get()), 1);
+  ERR_clear_error();
+  // The public half exports; the private half does not.
+  OSSL_PARAM* params = nullptr;
+  EXPECT_EQ(EVP_PKEY_todata(ec_key.get(), EVP_PKEY_PUBLIC_KEY, &params), 1);
+  EXPECT_NE(OSSL_PARAM_locate(params, OSSL_PKEY_PARAM_PUB_KEY), nullptr);
+  OSSL_PARAM_free(params);
+  params = nullptr;
+  EXPECT_NE(EVP_PKEY_todata(rsa_key.get(), EVP_PKEY_KEYPAIR, &params), 1);
+  OSSL_PARAM_free(params);
+  unsigned char* der = nullptr;
+  const int length = i2d_PUBKEY(ec_key.get(), &der);
+  X509_PUBKEY* from_cert = X509_get_X509_PUBKEY(chains_[1].leaf.get());
+  unsigned char* expected = nullptr;
+  const int expected_length = i2d_X509_PUBKEY(from_cert, &expected);
+  EXPECT_EQ(Bytes(der, der + std::max(length, 0)), Bytes(expected, expected + std::max(expected_length, 0)));
+  OPENSSL_free(der);
+  OPENSSL_free(expected);
+}
+
+TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOthers) {
+  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
+  const std::string ec = InstallClient(KeyKind::kEc, "EC Client");
+  auto loaded = Load(base_);
+  Answer answer;
+  Key rsa_key(LoadKey(*loaded, rsa, &answer));
+  Key ec_key(LoadKey(*loaded, ec, &answer));
+  ASSERT_NE(rsa_key, nullptr);
+  ASSERT_NE(ec_key, nullptr);
+  for (const char* md : {"SHA1", "SHA256", "SHA384", "SHA512"}) {
+    EXPECT_TRUE(SignsAndVerifies(*loaded, rsa_key.get(), md, chains_[0].leaf.get())) << md << ErrorText();
+    EXPECT_TRUE(SignsAndVerifies(*loaded, ec_key.get(), md, chains_[1].leaf.get())) << md << ErrorText();
+  }
+  EXPECT_FALSE(SignsAndVerifies(*loaded, ec_key.get(), "SHA224", chains_[1].leaf.get()));
+  EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
+  // RSA-PSS: refused when asked for.
+  EVP_MD_CTX* context = EVP_MD_CTX_new();
+  EVP_PKEY_CTX* pctx = nullptr;
+  ASSERT_EQ(EVP_DigestSignInit_ex(context, &pctx, "SHA256", loaded->ctx, nullptr, rsa_key.get(), nullptr), 1);
+  EXPECT_LE(EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING), 0);
+  EXPECT_NE(ErrorText().find("x509auth has no RSA-PSS"), std::string::npos);
+  EVP_MD_CTX_free(context);
+}
+
+TEST_F(ProviderInProcessTest, PasswordComesFromTheStoresCallbackOnlyWhileTheStoreIsOpen) {
+  const std::string thumbprint = InstallClient(KeyKind::kRsa, "Locked Client", "s3cret");
+  auto loaded = Load(base_);
+  Answer answer{"s3cret"};
+  OSSL_STORE_CTX* store = nullptr;
+  Key key(LoadKey(*loaded, thumbprint, &answer, &store));
+  ASSERT_NE(key, nullptr) << ErrorText();
+  EXPECT_EQ(answer.asked, 1);  // the load unlocks the key once
+  EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get())) << ErrorText();
+  EXPECT_EQ(answer.asked, 2);  // the library opens the key file again
+  OSSL_STORE_close(store);
+  // The callback lived in the store: now nothing answers, and the error
+  // says so instead of prompting somewhere else.
+  EXPECT_FALSE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
+  EXPECT_EQ(answer.asked, 2);
+  const std::string errors = ErrorText();
+  EXPECT_NE(errors.find("the application gave none"), std::string::npos) << errors;
+  EXPECT_NE(errors.find("has been closed"), std::string::npos) << errors;
+}
+
+TEST_F(ProviderInProcessTest, WrongPasswordFailsTheKeyLoadWithTheReason) {
+  const std::string thumbprint = InstallClient(KeyKind::kEc, "Locked Client", "s3cret");
+  auto loaded = Load(base_);
+  Answer answer{"wrong"};
+  Key key(LoadKey(*loaded, thumbprint, &answer));
+  EXPECT_EQ(key, nullptr);
+  const std::string errors = ErrorText();
+  EXPECT_NE(errors.find("thumbprint=" + thumbprint), std::string::npos) << errors;
+  EXPECT_NE(errors.find("wrong PIN or password"), std::string::npos) << errors;
+}
+
+TEST_F(ProviderInProcessTest, TwoLibraryContextsKeepTheirDirectoriesAndOutliveEachOther) {
+  const std::filesystem::path first = base_;
+  const std::string a = InstallClient(KeyKind::kEc, "First Client");
+  base_ = temp_ / "second";
+  const std::string b = InstallClient(KeyKind::kRsa, "Second Client");
+  auto one = Load(first);
+  auto two = Load(base_);
+  Answer answer;
+  // Each context lists what its own directories hold, though the library
+  // has one settings record for the whole process.
+  for (int round = 0; round < 2; ++round) {
+    std::vector<OSSL_STORE_INFO*> seen_one = LoadAll(*one, "x509auth:", &answer);
+    std::vector<OSSL_STORE_INFO*> seen_two = LoadAll(*two, "x509auth:", &answer);
+    ASSERT_EQ(seen_one.size(), 1u);
+    ASSERT_EQ(seen_two.size(), 1u);
+    EXPECT_EQ(X509_cmp(OSSL_STORE_INFO_get0_CERT(seen_one[0]), chains_[0].leaf.get()), 0);
+    EXPECT_EQ(X509_cmp(OSSL_STORE_INFO_get0_CERT(seen_two[0]), chains_[1].leaf.get()), 0);
+    for (OSSL_STORE_INFO* info : seen_one) OSSL_STORE_INFO_free(info);
+    for (OSSL_STORE_INFO* info : seen_two) OSSL_STORE_INFO_free(info);
+  }
+  EXPECT_EQ(LoadKey(*one, b, &answer), nullptr);
+  ERR_clear_error();
+  Key key(LoadKey(*two, b, &answer));
+  ASSERT_NE(key, nullptr) << ErrorText();
+  // The first context goes; the library stays initialised for the second.
+  one.reset();
+  EXPECT_TRUE(SignsAndVerifies(*two, key.get(), "SHA384", chains_[1].leaf.get())) << ErrorText();
+  (void)a;
+}
+
+}  // namespace
+}  // namespace x509auth_test

@@ -1,0 +1,72 @@
+// Token certificates through the provider: a SoftHSM2 token reached the way
+// the library reaches a smart card ("./opensc-pkcs11.so" in the working
+// directory of the openssl program), the PIN from the application's
+// passphrase callback (-pass).
+#include <memory>
+
+#include "ProviderFixture.h"
+#include "SoftHsmToken.h"
+
+namespace x509auth_test {
+namespace {
+
+const std::vector<std::string> k_tls12_rsa = {"-tls1_2", "-client_sigalgs",
+                                              "RSA+SHA256:RSA+SHA384:RSA+SHA512"};
+
+class ProviderTokenTest : public ProviderTest {
+ protected:
+  void SetUp() override {
+    ProviderTest::SetUp();
+    hsm_ = std::make_unique<SoftHsmToken>();
+    hsm_->InitToken("Card A");
+    rsa_ = MakeChain(KeyKind::kRsa, "Token RSA");
+    ec_ = MakeChain(KeyKind::kEc, "Token EC");
+    hsm_->ImportCertAndKey("Card A", rsa_.leaf.get(), rsa_.leaf_key.get(), "01", "rsa");
+    hsm_->ImportCertAndKey("Card A", ec_.leaf.get(), ec_.leaf_key.get(), "02", "ec");
+    AddCas(rsa_);
+    AddCas(ec_);
+  }
+
+  void TearDown() override {
+    hsm_.reset();
+    ProviderTest::TearDown();
+  }
+
+  std::unique_ptr<SoftHsmToken> hsm_;
+  Chain rsa_, ec_;
+};
+
+TEST_F(ProviderTokenTest, RsaTokenKeyTls12WithPinFromPassArgument) {
+  auto server = StartServer(CasFile());
+  ASSERT_NE(server, nullptr);
+  std::vector<std::string> args = k_tls12_rsa;
+  args.insert(args.end(), {"-pass", "pass:1234"});
+  const ChildResult client = Handshake(Hex(Sha1Thumbprint(rsa_.leaf.get())), args);
+  EXPECT_TRUE(Answered(client)) << client.err;
+  EXPECT_TRUE(ServerVerified(*server, "Token RSA")) << server->Output();
+}
+
+TEST_F(ProviderTokenTest, EcTokenKeyTls13WithPinFromPassArgument) {
+  auto server = StartServer(CasFile());
+  ASSERT_NE(server, nullptr);
+  const ChildResult client =
+      Handshake(Hex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_3", "-pass", "pass:1234"});
+  EXPECT_TRUE(Answered(client)) << client.err;
+  EXPECT_NE(client.out.find("New, TLSv1.3"), std::string::npos);
+  EXPECT_TRUE(ServerVerified(*server, "Token EC")) << server->Output();
+}
+
+TEST_F(ProviderTokenTest, WrongPinFailsClearlyBeforeAnyHandshake) {
+  auto server = StartServer(CasFile());
+  ASSERT_NE(server, nullptr);
+  const std::string thumbprint = Hex(Sha1Thumbprint(ec_.leaf.get()));
+  const ChildResult client = Handshake(thumbprint, {"-tls1_3", "-pass", "pass:0000"});
+  EXPECT_FALSE(Answered(client));
+  EXPECT_NE(client.err.find("thumbprint=" + thumbprint), std::string::npos) << client.err;
+  EXPECT_NE(client.err.find("wrong PIN or password"), std::string::npos) << client.err;
+  // s_client gave up while loading the key: the server never saw a client.
+  EXPECT_EQ(server->Output().find("depth=0"), std::string::npos) << server->Output();
+}
+
+}  // namespace
+}  // namespace x509auth_test
