@@ -173,7 +173,8 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
     return false;
   }
 
-  std::vector<std::unique_ptr<ICertificate>> certs = users_store.Certificates();
+  // Only read, and gone before the store is.
+  std::vector<std::unique_ptr<ICertificate>> certs = users_store.SharedCertificates();
   certs.erase(std::remove_if(certs.begin(), certs.end(),
                              [](const std::unique_ptr<ICertificate>& cert) {
                                return !IsPermitted(*cert);

@@ -213,7 +213,29 @@ std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store, const X50
       EncodedCertContext{store, X509Ptr(X509_dup(x509.get()))})));
 }
 
+// Another reference to the same parsed certificate.
+X509Ptr Shared(const X509Ptr& x509) {
+  X509_up_ref(x509.get());
+  return X509Ptr(x509.get());
+}
+
 }  // namespace
+
+std::vector<std::unique_ptr<ICertificate>> CertStore::SharedCertificates() const {
+  std::vector<std::unique_ptr<ICertificate>> certificates;
+  certificates.reserve(file_certs.size() + smart_card_certs.size() + encoded_certs.size());
+  for (const X509CertFromFileSystem& entry : file_certs) {
+    certificates.push_back(std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
+        CertFileContext{this, Shared(entry.x509), entry.cert_path, entry.key_path}))));
+  }
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
+    certificates.push_back(MakeCert(this, libp11_context, entry));
+  for (const X509Ptr& x509 : encoded_certs) {
+    certificates.push_back(std::make_unique<Cert>(
+        CertContext(std::make_unique<EncodedCertContext>(EncodedCertContext{this, Shared(x509)}))));
+  }
+  return certificates;
+}
 
 std::vector<std::unique_ptr<ICertificate>> CertStore::Certificates() const {
   std::vector<std::unique_ptr<ICertificate>> certificates;
