@@ -15,7 +15,7 @@
 
 #include "api/SafeCallbacksWrapper.h"
 #include "cert/Asn1Time.h"
-#include "cert/DefaultCaPaths.h"
+#include "cert/ChainBuilder.h"
 #include "files/CertificateFiles.h"
 #include "store/ICertificateStore.h"
 
@@ -46,16 +46,6 @@ std::string CommonNameOf(X509_NAME* name) {
   // The terminator lands in the string's own spare byte.
   X509_NAME_get_text_by_NID(name, NID_commonName, text.data(), length + 1);
   return text;
-}
-
-// Copies the certificates (not CRLs) of |from| into |to|; duplicates are no
-// failure, so the results are ignored.
-void CopyCertificates(X509_STORE* from, X509_STORE* to) {
-  STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(from);
-  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
-    if (X509* cert = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
-      X509_STORE_add_cert(to, cert);
-  }
 }
 
 }  // namespace
@@ -155,67 +145,14 @@ bool Cert::Thumbprint(x509::Thumbprint& thumbprint) const {
 }
 
 bool Cert::CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store) const {
-  // Declared before the context so that the context, which points to the
-  // store, is freed first.
-  X509StorePtr trusted;
-  X509StoreCtxPtr context(X509_STORE_CTX_new());
-  if (!context) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Cert::CaChain X509_STORE_CTX_new failed");
-    LogAllOpenSslErrors();
-    return false;
-  }
+  ChainBuilder builder;
+  return CaChain(chain, extra_store, builder);
+}
+
+bool Cert::CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store,
+                   ChainBuilder& builder) const {
   X509_STORE* extra = extra_store != nullptr ? extra_store->X509Store() : nullptr;
-  X509_STORE* own = GetX509Store();
-
-  // A fresh store, so that verification sees the certificate's own store,
-  // the extra store and the system CAs without changing either store.
-  trusted.reset(X509_STORE_new());
-  if (!trusted || own == nullptr) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Cert::CaChain failed to create new X509 store context");
-    LogAllOpenSslErrors();
-    return false;
-  }
-  CopyCertificates(own, trusted.get());
-  if (extra != nullptr) CopyCertificates(extra, trusted.get());
-  DefaultCaPaths::SetOn(trusted.get());
-
-  if (X509_STORE_CTX_init(context.get(), trusted.get(), GetX509(), nullptr) != 1) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Cert::CaChain failed to create new X509 store context");
-    LogAllOpenSslErrors();
-    return false;
-  }
-  if (X509_verify_cert(context.get()) != 1) {
-    const int error = X509_STORE_CTX_get_error(context.get());
-    const int depth = X509_STORE_CTX_get_error_depth(context.get());
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                              "Cert::CaChain X509_verify_cert failed. Error code: [%i], Error "
-                              "message: [%s], Error depth: [%i]",
-                              error, X509_verify_cert_error_string(error), depth);
-    LogAllOpenSslErrors();
-    return false;
-  }
-  STACK_OF(X509)* members = X509_STORE_CTX_get0_chain(context.get());
-  if (members == nullptr) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Cert::CaChain failed to extract CA chain");
-    LogAllOpenSslErrors();
-    return false;
-  }
-  const int count = sk_X509_num(members);
-  // A reservation of the chain's size in total, not of that many more.
-  chain.reserve(static_cast<std::size_t>(count));
-  for (int i = 0; i < count; ++i) {
-    x509::Thumbprint thumbprint{};
-    if (!GetThumbprintForX509Cert(sk_X509_value(members, i), &thumbprint)) {
-      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                                "Cert::CaChain failed to get certificate thumprint");
-      LogAllOpenSslErrors();
-      return false;
-    }
-    chain.push_back(thumbprint);
-  }
-  return true;
+  return builder.CaChain(GetX509(), GetX509Store(), extra, chain);
 }
 
 bool Cert::ShowDialog(void* /*parent*/) const {

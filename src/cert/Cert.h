@@ -3,6 +3,8 @@
 
 namespace quorvant::shared::x509 {
 
+class ChainBuilder;
+
 // The one certificate implementation, over one of three contexts. It must
 // not outlive the store that made it (the context's store is not owned); a
 // token certificate keeps the PKCS#11 context alive by itself.
@@ -24,6 +26,10 @@ class Cert : public ICertificate {
   bool Thumbprint(x509::Thumbprint& thumbprint) const override;
   bool CaChain(std::vector<x509::Thumbprint>& chain,
                const ICertificateStore* extra_store) const override;
+  // The same, sharing |builder|'s trusted store with the other certificates
+  // of one listing.
+  bool CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store,
+               ChainBuilder& builder) const;
   bool ShowDialog(void* parent) const override;
   const CertContext& GetContext() const override;
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "api/OpenSslPtr.h"
+#include "cert/X509StoreBatch.h"
 
 namespace quorvant::shared::x509 {
 
@@ -102,7 +103,8 @@ int DefaultCaPaths::SetOn(X509_STORE* store) {
     std::lock_guard<std::mutex> lock(cache.mutex);
     const FileIdentity identity = CurrentCaFile();
     if (!cache.loaded || !(cache.identity == identity)) Reload(cache, identity);
-    for (const X509Ptr& cert : cache.certs) X509_STORE_add_cert(store, cert.get());
+    X509StoreBatch batch(store);
+    for (const X509Ptr& cert : cache.certs) batch.Add(cert.get());
     for (const X509CrlPtr& crl : cache.crls) X509_STORE_add_crl(store, crl.get());
   }
   X509_LOOKUP* directory = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());

@@ -10,6 +10,8 @@
 #include <variant>
 
 #include "api/SafeCallbacksWrapper.h"
+#include "cert/Cert.h"
+#include "cert/ChainBuilder.h"
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
@@ -171,7 +173,8 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
     return false;
   }
 
-  std::vector<std::unique_ptr<ICertificate>> certs = users_store.Certificates();
+  // Only read, and gone before the store is.
+  std::vector<std::unique_ptr<ICertificate>> certs = users_store.SharedCertificates();
   certs.erase(std::remove_if(certs.begin(), certs.end(),
                              [](const std::unique_ptr<ICertificate>& cert) {
                                return !IsPermitted(*cert);
@@ -179,6 +182,9 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
               certs.end());
 
   std::vector<CertificateWrapper> wrappers;
+  // Every chain of this listing is built against the same trust, so the
+  // trusted store is made once for all of them.
+  ChainBuilder chain_builder;
   for (const std::unique_ptr<ICertificate>& cert : certs) {
     CertificateWrapper wrapper;
     wrapper.name = cert->Name();
@@ -207,7 +213,11 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
 
     // Chains are built against the store holding the host's added CAs, not
     // this request's users' store.
-    if (!cert->CaChain(wrapper.ca_chain, &cert_store)) {
+    const auto* concrete = dynamic_cast<const Cert*>(cert.get());
+    const bool chained = concrete != nullptr
+                             ? concrete->CaChain(wrapper.ca_chain, &cert_store, chain_builder)
+                             : cert->CaChain(wrapper.ca_chain, &cert_store);
+    if (!chained) {
       SafeCallbacksWrapper::Log(k_error, "Failed to get CA chain for a certificate");
       continue;
     }

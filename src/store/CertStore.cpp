@@ -3,12 +3,14 @@
 #include <openssl/x509.h>
 
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "api/SafeCallbacksWrapper.h"
 #include "api/X509Settings.h"
 #include "cert/Cert.h"
 #include "cert/DefaultCaPaths.h"
+#include "cert/X509StoreBatch.h"
 #include "files/CertificateFiles.h"
 
 namespace quorvant::shared::x509 {
@@ -129,6 +131,8 @@ std::uint32_t CertStore::OpenFileStore() {
 
 void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
   const fs::path certs_directory = base / "certs";
+  std::optional<X509StoreBatch> batch;
+  if (x509_store) batch.emplace(x509_store.get());
   try {
     if (!fs::is_directory(fs::status(certs_directory))) {
       SafeCallbacksWrapper::Log(
@@ -144,7 +148,7 @@ void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
       X509Ptr cert = ReadX509FromDerOrPemFile(entry.path());
       if (!cert) continue;
       // A certificate already in the store is no failure, so ignore the result.
-      if (x509_store) X509_STORE_add_cert(x509_store.get(), cert.get());
+      if (batch) batch->Add(cert.get());
       // The whole file name, extension included: alice.pem -> alice.pem.key.
       fs::path key_name = entry.path().filename();
       key_name += ".key";
@@ -164,8 +168,11 @@ std::uint32_t CertStore::OpenSmartCardStore() {
   if (!libp11_context) return k_status_failed;
 
   const int status = libp11_context->GetCerts(smart_card_certs);
-  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
-    if (x509_store) X509_STORE_add_cert(x509_store.get(), entry.cert->x509);
+  if (x509_store) {
+    X509StoreBatch batch(x509_store.get());
+    for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
+      batch.Add(entry.cert->x509);
+  }
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
                             "CertStore::OpenSmartCardStore x509 certs that we added =%d",
                             static_cast<int>(smart_card_certs.size()));
@@ -206,7 +213,29 @@ std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store, const X50
       EncodedCertContext{store, X509Ptr(X509_dup(x509.get()))})));
 }
 
+// Another reference to the same parsed certificate.
+X509Ptr Shared(const X509Ptr& x509) {
+  X509_up_ref(x509.get());
+  return X509Ptr(x509.get());
+}
+
 }  // namespace
+
+std::vector<std::unique_ptr<ICertificate>> CertStore::SharedCertificates() const {
+  std::vector<std::unique_ptr<ICertificate>> certificates;
+  certificates.reserve(file_certs.size() + smart_card_certs.size() + encoded_certs.size());
+  for (const X509CertFromFileSystem& entry : file_certs) {
+    certificates.push_back(std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
+        CertFileContext{this, Shared(entry.x509), entry.cert_path, entry.key_path}))));
+  }
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
+    certificates.push_back(MakeCert(this, libp11_context, entry));
+  for (const X509Ptr& x509 : encoded_certs) {
+    certificates.push_back(std::make_unique<Cert>(
+        CertContext(std::make_unique<EncodedCertContext>(EncodedCertContext{this, Shared(x509)}))));
+  }
+  return certificates;
+}
 
 std::vector<std::unique_ptr<ICertificate>> CertStore::Certificates() const {
   std::vector<std::unique_ptr<ICertificate>> certificates;

@@ -34,6 +34,10 @@ class CertStore : public ICertificateStore {
                                std::unique_ptr<ICertificate>* out) const override;
   std::vector<std::unique_ptr<ICertificate>> Certificates() const override;
   X509_STORE* X509Store() const override;
+  // Like Certificates(), but each certificate shares this store's parsed
+  // object (as token certificates always do) instead of a copy: for a caller
+  // that only reads them. A copy costs a full encode and parse.
+  std::vector<std::unique_ptr<ICertificate>> SharedCertificates() const;
 
   // Scans every configured base directory; always returns 0.
   std::uint32_t OpenFileStore();

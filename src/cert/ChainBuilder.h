@@ -1,0 +1,40 @@
+#pragma once
+#include <openssl/x509_vfy.h>
+
+#include <vector>
+
+#include "api/OpenSslPtr.h"
+#include "api/Thumbprint.h"
+
+namespace quorvant::shared::x509 {
+
+// Verifies certificates and returns their chains against one trusted store:
+// the certificates of a certificate's own X509_STORE and of an optional extra
+// one, plus the system's default CA locations, copied into a fresh store so
+// that neither source changes. The fresh store is made on first use and kept
+// for further certificates of the same two sources, so that a listing pays
+// for it once instead of once per certificate. Lookups into the CA directory
+// may cache what they find in it; a later verification then finds the same
+// certificates there, which is what it would load anyway. One thread at a time.
+class ChainBuilder {
+ public:
+  ChainBuilder();
+  ~ChainBuilder();
+  ChainBuilder(const ChainBuilder&) = delete;
+  ChainBuilder& operator=(const ChainBuilder&) = delete;
+
+  // Appends the thumbprints of |cert|'s verified chain, the certificate
+  // first. |own| is the X509_STORE of the store that made the certificate
+  // (null fails), |extra| may be null. Logs every failure.
+  bool CaChain(X509* cert, X509_STORE* own, X509_STORE* extra, std::vector<Thumbprint>& chain);
+
+ private:
+  bool Prepare(X509_STORE* own, X509_STORE* extra);
+
+  // The context points into the trusted store: it is freed first.
+  X509StorePtr trusted_;
+  X509_STORE* own_ = nullptr;
+  X509_STORE* extra_ = nullptr;
+};
+
+}  // namespace quorvant::shared::x509
