@@ -12,6 +12,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   valgrind
   gcr xvfb x11-utils xauth imagemagick
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()
