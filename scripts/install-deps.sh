@@ -13,6 +13,7 @@ packages=(
   valgrind
   gcr xvfb x11-utils xauth imagemagick
   libcli11-dev nlohmann-json3-dev tmux
+  clang-14 libclang-rt-14-dev
 )
 
 missing=()

@@ -13,6 +13,11 @@ int TwoDigits(const unsigned char* data, int at) {
 std::time_t ConvertAsn1TimeToTimeT(const ASN1_TIME* time) {
   const int type = ASN1_STRING_type(time);
   const unsigned char* data = ASN1_STRING_get0_data(time);
+  // OpenSSL parses a certificate whose time is shorter than its layout; the
+  // digits that are not there are never read, and the time is mktime's own
+  // "not representable" value instead.
+  const int needed = type == V_ASN1_UTCTIME ? 12 : type == V_ASN1_GENERALIZEDTIME ? 14 : 10;
+  if (data == nullptr || ASN1_STRING_length(time) < needed) return static_cast<std::time_t>(-1);
   // All fields zero: daylight saving is marked as not in effect, so mktime
   // reads the fields as standard local time.
   std::tm fields{};

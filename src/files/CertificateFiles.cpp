@@ -57,7 +57,14 @@ X509Ptr ReadX509FromDerOrPemFile(const std::filesystem::path& path) {
 
 bool ConvertPemDataToDer(const unsigned char* pem, std::uint64_t length,
                          std::vector<unsigned char>& der) {
-  BioPtr bio(BIO_new_mem_buf(pem, static_cast<int>(length)));
+  // OpenSSL takes an int length, and a negative one means "up to the first
+  // NUL", which may lie past the given bytes: such a length is refused.
+  const int truncated = static_cast<int>(static_cast<std::uint32_t>(length));
+  if (truncated < 0) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Unable to convert PEM to DER");
+    return false;
+  }
+  BioPtr bio(BIO_new_mem_buf(pem, truncated));
   X509Ptr cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
   if (!cert) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Unable to convert PEM to DER");

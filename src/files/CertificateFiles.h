@@ -22,7 +22,8 @@ X509Ptr ReadX509FromDerFile(const std::filesystem::path& path);
 X509Ptr ReadX509FromDerOrPemFile(const std::filesystem::path& path);
 
 // ConvertPemDataToDer replaces |der| with the DER encoding of the first
-// certificate in the PEM text; on failure |der| is left as it was.
+// certificate in the PEM text; on failure |der| is left as it was. The
+// length is cut to 32 bits; a cut length that is negative as an int fails.
 bool ConvertPemDataToDer(const unsigned char* pem, std::uint64_t length,
                          std::vector<unsigned char>& der);
 

@@ -50,6 +50,31 @@ class Asn1TimeTest : public ::testing::Test {
   }
 };
 
+// Times shorter than their layout come from certificates OpenSSL parses all
+// the same; they must give -1 without a byte past their end being read
+// (the sanitizer builds see such a read).
+TEST_F(Asn1TimeTest, UtcTimeShorterThanItsLayoutGivesMinusOne) {
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "2501").get()), -1);
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "25010112000").get()), -1);
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "").get()), -1);
+}
+
+TEST_F(Asn1TimeTest, GeneralizedTimeShorterThanItsLayoutGivesMinusOne) {
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "2025010112000").get()), -1);
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "Z").get()), -1);
+}
+
+TEST_F(Asn1TimeTest, OtherTypeShorterThanItsLayoutGivesMinusOne) {
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_OCTET_STRING, "061512003").get()), -1);
+}
+
+TEST_F(Asn1TimeTest, TimesOfExactlyTheirLayoutLengthAreRead) {
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "240229133007").get()),
+            Utc(2024, 2, 29, 13, 30, 7) - k_offset);
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "20240229133007").get()),
+            Utc(2024, 2, 29, 13, 30, 7) - k_offset);
+}
+
 TEST_F(Asn1TimeTest, UtcTimeIsReadAsLocalTime) {
   EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "240229133007Z").get()),
             Utc(2024, 2, 29, 13, 30, 7) - k_offset);
