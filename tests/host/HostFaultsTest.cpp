@@ -3,6 +3,7 @@
 // or replaced while it is scanned.
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -174,6 +175,103 @@ TEST_F(HostFaultsTest, CertsDirectoryRemovedOrReplacedDuringScansNeverBreaksALis
   EXPECT_GT(swaps.load(), 0);
   for (uint64_t count : counts) EXPECT_LE(count, 30u);
   std::printf("[ race ] %d swaps; %zu distinct listing sizes\n", swaps.load(), counts.size());
+}
+
+// A key file swapped for something that is no key file after the listing:
+// the request fails with the key-open code and the key reader's own line,
+// and returns (bounded by the child's alarm) instead of blocking.
+class HostKeyFileReplacedTest : public HostFaultsTest {
+ protected:
+  void SetUp() override {
+    HostFaultsTest::SetUp();
+    cert_ = MakeClientCert("Replaced Key", key_.get());
+    InstallFileCert(Base("base"), "k.pem", cert_.get(), key_.get());
+    key_path_ = Base("base") / "keys" / "k.pem.key";
+    Init({Base("base").string()});
+    const auto records = List();
+    ASSERT_EQ(records.size(), 1u) << rec().Dump();
+    X509_Auth_Free(records[0]);
+    fs::remove(key_path_);
+  }
+
+  std::string SignInChild() {
+    return RunInChild(
+        [&] {
+          const Bytes thumbprint = Sha1Thumbprint(cert_.get());
+          const uint32_t algorithms[] = {2};
+          const Bytes digest(32, 1);
+          const X509_Auth_Signature* signature = nullptr;
+          RecordingCallbacks::Instance().Reset();
+          const X509_Auth_Result result = X509_Auth_SignHash(
+              thumbprint.data(), 1, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
+          std::string report = "code " + std::to_string(result.code) + "\n";
+          for (const LogEntry& entry : RecordingCallbacks::Instance().Logs())
+            if (entry.priority == X509_Auth_LogPriority_Error) report += entry.text + "\n";
+          return report;
+        },
+        ChildOptions{false, 20});
+  }
+
+  TestX509 cert_;
+  fs::path key_path_;
+};
+
+TEST_F(HostKeyFileReplacedTest, ByADanglingLinkIsAMissingKey) {
+  fs::create_symlink(Base("base") / "gone.key", key_path_);
+  EXPECT_EQ(SignInChild(), "code 4\nPrivate key file [" + key_path_.string() +
+                               "] does not exist\nError loading private key for file system cert: [" +
+                               (Base("base") / "certs" / "k.pem").string() +
+                               "]\nFailed to open private key for certificate (error: 1)\n");
+}
+
+TEST_F(HostKeyFileReplacedTest, ByADirectoryFailsToParseWithoutReadingIt) {
+  fs::create_directory(key_path_);
+  const std::string report = SignInChild();
+  EXPECT_EQ(report.rfind("code 4\n", 0), 0u) << report;
+  EXPECT_NE(report.find("Failed to parse private key file [" + key_path_.string() + "]\n"),
+            std::string::npos)
+      << report;
+}
+
+TEST_F(HostKeyFileReplacedTest, ByAFifoFailsToParseWithoutWaitingForAWriter) {
+  ASSERT_EQ(mkfifo(key_path_.c_str(), 0600), 0);
+  const std::string report = SignInChild();
+  EXPECT_EQ(report, "code 4\nFailed to parse private key file [" + key_path_.string() +
+                        "]\nError loading private key for file system cert: [" +
+                        (Base("base") / "certs" / "k.pem").string() +
+                        "]\nFailed to open private key for certificate (error: 1)\n");
+}
+
+TEST_F(HostKeyFileReplacedTest, ByAFileNobodyMayReadIsReportedByBothReaders) {
+  // Root reads anything, so the request runs as nobody.
+  WriteFile(key_path_, KeyToPem(key_.get()));
+  fs::permissions(key_path_, fs::perms::owner_read | fs::perms::owner_write);
+  fs::permissions(temp_.path(), fs::perms::owner_all | fs::perms::others_exec |
+                                    fs::perms::group_exec);
+  const std::string report = RunInChild(
+      [&] {
+        if (setresgid(k_nobody, k_nobody, k_nobody) != 0 ||
+            setresuid(k_nobody, k_nobody, k_nobody) != 0)
+          return std::string("could not drop privileges");
+        const Bytes thumbprint = Sha1Thumbprint(cert_.get());
+        const uint32_t algorithms[] = {2};
+        const Bytes digest(32, 1);
+        const X509_Auth_Signature* signature = nullptr;
+        RecordingCallbacks::Instance().Reset();
+        const X509_Auth_Result result = X509_Auth_SignHash(
+            thumbprint.data(), 1, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
+        std::string text = "code " + std::to_string(result.code) + "\n";
+        for (const LogEntry& entry : RecordingCallbacks::Instance().Logs())
+          if (entry.format.rfind("Could not open private key", 0) == 0 ||
+              entry.format.rfind("Failed to parse", 0) == 0)
+            text += entry.text + "\n";
+        return text;
+      },
+      ChildOptions{false, 20});
+  const std::string denied = "Could not open private key file [" + key_path_.string() +
+                             "]. Error message [Permission denied]\n";
+  EXPECT_EQ(report, "code 4\n" + denied + denied + "Failed to parse private key file [" +
+                        key_path_.string() + "]\n");
 }
 
 }  // namespace
