@@ -16,6 +16,8 @@
 #include "api/SafeCallbacksWrapper.h"
 #include "cert/Asn1Time.h"
 #include "cert/ChainBuilder.h"
+#include "cert/DefaultCaPaths.h"
+#include "cert/ViewerFile.h"
 #include "files/CertificateFiles.h"
 #include "store/ICertificateStore.h"
 
@@ -168,6 +170,7 @@ bool Cert::ShowDialog(void* /*parent*/) const {
     const std::filesystem::path folder = std::filesystem::temp_directory_path() / k_viewer_folder;
     if (std::filesystem::status(folder).type() != std::filesystem::file_type::directory)
       std::filesystem::create_directory(folder);
+    ViewerFile::CheckFolder(folder);
     file_path = folder / file_name;
   } catch (const std::exception& error) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -175,13 +178,16 @@ bool Cert::ShowDialog(void* /*parent*/) const {
     return false;
   }
 
-  FilePtr file(std::fopen(file_path.c_str(), "w"));
+  FilePtr file(ViewerFile::OpenForWriting(file_path));
   if (!file) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Error opening file [%s]",
                               file_path.c_str());
     return false;
   }
-  const int written = PEM_write_X509(file.get(), GetX509());
+  int written = PEM_write_X509(file.get(), GetX509());
+  // A full or size-limited disk shows only when the buffer goes out: the
+  // viewer must not be started on a truncated file.
+  if (written == 1 && std::fflush(file.get()) != 0) written = 0;
   file.reset();  // closed before the viewer can read it
   if (written != 1) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "api/SafeCallbacksWrapper.h"
+#include "api/SecretWipe.h"
 #include "files/ReadAllBytes.h"
 
 namespace quorvant::shared::x509 {
@@ -108,7 +109,14 @@ int PemPasswordCallback(char* buffer, int size, int /*rwflag*/, void* user_data)
 }  // namespace
 
 EvpPkeyPtr ReadPrivateKeyFromPemFile(const std::filesystem::path& path) {
+  // stdio reads the key text through this buffer instead of one of its own,
+  // so that it can be wiped once the file is closed (declared first).
+  std::vector<unsigned char> stdio_buffer(BUFSIZ);
+  const WipeOnExit wipe(stdio_buffer);
   FilePtr file(std::fopen(path.c_str(), "r"));
+  if (file)
+    std::setvbuf(file.get(), reinterpret_cast<char*>(stdio_buffer.data()), _IOFBF,
+                 stdio_buffer.size());
   if (!file) {
     const int error = errno;
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -141,7 +149,8 @@ EvpPkeyPtr ReadPrivateKeyFromDerFile(const std::filesystem::path& path) {
                               path.c_str(), std::strerror(error));
     return EvpPkeyPtr();
   }
-  const std::vector<unsigned char> bytes = ReadAllBytes(stream);
+  std::vector<unsigned char> bytes = ReadAllBytes(stream);
+  const WipeOnExit wipe(bytes);
   const unsigned char* cursor = bytes.data();
   return EvpPkeyPtr(d2i_AutoPrivateKey(nullptr, &cursor, static_cast<int>(bytes.size())));
 }

@@ -367,6 +367,7 @@ KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
     return {nullptr, {6, 0, 0}};
   }
   std::vector<unsigned char> plaintext;
+  const WipeOnExit wipe(plaintext);  // empty once moved into the kept record
   const ResultPair decrypted = key.Decrypt(algorithm, data, &plaintext);
   if (decrypted.code != 0) {
     SafeCallbacksWrapper::Log(k_error, "Failed to decrypt data (error: %d, %lu)", decrypted.code,

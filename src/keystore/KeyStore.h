@@ -2,6 +2,7 @@
 #include <memory>
 #include <vector>
 
+#include "api/SecretWipe.h"
 #include "keystore/ASN1Wrapper.h"
 #include "keystore/CertificateWrapper.h"
 #include "keystore/IKeyStore.h"
@@ -29,6 +30,8 @@ class KeyStore : public IKeyStore {
   };
   // A handed-out plaintext; the host gets &record.
   struct AllocatedPlaintext {
+    // Decrypted data is a secret of the host's: wiped when freed.
+    ~AllocatedPlaintext() { SecretWipe::Wipe(plaintext); }
     std::vector<unsigned char> plaintext;
     X509_Auth_ASN_1 record{};
   };

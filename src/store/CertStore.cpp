@@ -2,9 +2,11 @@
 
 #include <openssl/x509.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "api/SafeCallbacksWrapper.h"
 #include "api/X509Settings.h"
@@ -145,7 +147,13 @@ void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
     for (const fs::directory_entry& entry : fs::directory_iterator(certs_directory)) {
       // The entry's cached type, or the link target's status for links.
       if (!entry.is_regular_file()) continue;
+      errno = 0;
       X509Ptr cert = ReadX509FromDerOrPemFile(entry.path());
+      // Out of descriptors every later file fails too: that ends this base
+      // directory like any other file-system error, instead of silently.
+      if (!cert && (errno == EMFILE || errno == ENFILE))
+        throw fs::filesystem_error("cannot open certificate file", entry.path(),
+                                   std::error_code(errno, std::generic_category()));
       if (!cert) continue;
       // A certificate already in the store is no failure, so ignore the result.
       if (batch) batch->Add(cert.get());
