@@ -10,6 +10,7 @@
 #include <variant>
 
 #include "api/SafeCallbacksWrapper.h"
+#include "api/WipeOnExit.h"
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
