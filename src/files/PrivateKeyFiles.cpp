@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "api/SafeCallbacksWrapper.h"
-#include "api/SecretWipe.h"
+#include "api/WipeOnExit.h"
 #include "files/ReadAllBytes.h"
 
 namespace quorvant::shared::x509 {

@@ -12,6 +12,7 @@
 #include "api/SafeCallbacksWrapper.h"
 #include "cert/Cert.h"
 #include "cert/ChainBuilder.h"
+#include "api/WipeOnExit.h"
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
