@@ -104,7 +104,7 @@ TEST_F(CommandLineTest, AmbiguousPrefixFailsAndListsBothCandidates) {
   for (long serial = 1; serial < 200000 && second_der.empty(); ++serial) {
     const std::string name = "Twin " + std::to_string(serial);
     X509_NAME* subject = X509_get_subject_name(cert.get());
-    X509_NAME_delete_entry(subject, 0);
+    X509_NAME_ENTRY_free(X509_NAME_delete_entry(subject, 0));
     X509_NAME_add_entry_by_NID(subject, NID_commonName, MBSTRING_UTF8,
                                reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
     X509_set_issuer_name(cert.get(), subject);
