@@ -14,7 +14,9 @@ DESCRIPTION
 
 COMMANDS
   list [--json]      The offered certificates: a table (short thumbprint,
-                     subject, issuer, source, key, expiry), or a JSON array
+                     subject, issuer, source, key, expiry marked "expired",
+                     "not yet valid" or "in N days" under 30 days; coloured
+                     on a terminal unless NO_COLOR is set), or a JSON array
                      of objects with the keys thumbprint, subject, issuer,
                      not_before, not_after, not_before_iso, not_after_iso,
                      source (file|smartcard|other), key_algorithm

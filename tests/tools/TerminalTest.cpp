@@ -1,11 +1,12 @@
-// The interactive prompt on a real terminal: the tool runs in a tmux pane,
-// the test types the PIN with send-keys and reads the screen with
-// capture-pane. The prompt shows the library's title and text, the typed PIN
-// never appears, and the signature is made with it.
+// The tool on a real terminal: it runs in a tmux pane, the test types with
+// send-keys and reads the screen with capture-pane. The prompt shows the
+// library's title and text, the typed PIN never appears, and the signature
+// is made with it; the table is coloured there, unless NO_COLOR is set.
 #include <openssl/evp.h>
 
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <thread>
 
 #include "SoftHsmToken.h"
@@ -16,13 +17,22 @@ namespace {
 
 constexpr const char* k_pin = "86429731";
 
+// "YYYYMMDDhhmmssZ" for |seconds| since the epoch.
+std::string AsnTime(time_t seconds) {
+  tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y%m%d%H%M%SZ", &parts);
+  return text;
+}
+
 std::string Quote(const std::string& text) {
   std::string quoted = "'";
   for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return quoted + "'";
 }
 
-class TerminalPromptTest : public ToolTest {
+class TerminalTest : public ToolTest {
  protected:
   void TearDown() override {
     Tmux("kill-server");
@@ -63,7 +73,7 @@ class TerminalPromptTest : public ToolTest {
   }
 };
 
-TEST_F(TerminalPromptTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
+TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
   SoftHsmToken hsm;
   hsm.InitToken("Pane Card", k_pin);
   TestKey ec = SharedKey(KeyKind::kEc, 1);
@@ -101,7 +111,7 @@ TEST_F(TerminalPromptTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
   EXPECT_TRUE(VerifiesWithCertificate(cert.get(), EVP_sha256(), digest, bytes.data(), bytes.size()));
 }
 
-TEST_F(TerminalPromptTest, NothingTypedCancelsThePromptAndSaysWhich) {
+TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
   TestKey ec = SharedKey(KeyKind::kEc, 1);
   TestX509 cert = ClientCert("Locked File", ec.get());
   WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
@@ -121,7 +131,7 @@ TEST_F(TerminalPromptTest, NothingTypedCancelsThePromptAndSaysWhich) {
   EXPECT_NE(screen.find("went unanswered"), std::string::npos) << screen;
 }
 
-TEST_F(TerminalPromptTest, CtrlCAtThePromptRestoresEchoAndRemovesTheModuleDirectory) {
+TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndRemovesTheModuleDirectory) {
   TestKey ec = SharedKey(KeyKind::kEc, 1);
   TestX509 cert = ClientCert("Interrupted", ec.get());
   WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
@@ -140,6 +150,26 @@ TEST_F(TerminalPromptTest, CtrlCAtThePromptRestoresEchoAndRemovesTheModuleDirect
   EXPECT_NE(screen.find("EXIT=130"), std::string::npos) << screen;  // died of SIGINT
   EXPECT_NE(screen.find("MODE=echo"), std::string::npos) << screen;
   EXPECT_FALSE(HasModuleDirectory());
+}
+
+TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {
+  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestX509 soon = ClientCert("Soon Gone", ec.get(), "", AsnTime(std::time(nullptr) + 10 * 86400 + 3600));
+  InstallFileCert(Base("b"), "soon.pem", soon.get(), ec.get());
+  const std::string list = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) + " list";
+  const std::string script = list + "; echo DONE1; NO_COLOR=1 " + list + "; echo DONE2; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("DONE2")) << Screen();
+  const std::string screen = Tmux("capture-pane -e -p -t prompt");
+  const std::size_t split = screen.find("DONE1");
+  ASSERT_NE(split, std::string::npos) << screen;
+  const std::string coloured = screen.substr(0, split), plain = screen.substr(split);
+  // tmux re-renders the attributes: bold is "1", yellow "33".
+  EXPECT_NE(coloured.find("\033[1mTHUMBPRINT"), std::string::npos) << coloured;
+  EXPECT_NE(coloured.find("\033[33m"), std::string::npos) << coloured;
+  EXPECT_NE(coloured.find("(in 10 days)"), std::string::npos) << coloured;
+  EXPECT_NE(plain.find("(in 10 days)"), std::string::npos) << plain;
+  EXPECT_EQ(plain.find("\033["), std::string::npos) << plain;
 }
 
 }  // namespace
