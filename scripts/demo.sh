@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The main job: builds the library and its command-line tool, makes a demo
 # on the spot (a CA, file certificates with plain, encrypted and DER keys, and
-# a SoftHSM2 token holding an RSA and an EC certificate with their keys), then
-# runs the x509-auth commands a user would run.
+# a SoftHSM2 token holding an RSA and an EC certificate with their keys, and a
+# planted server-only certificate that is not offered), then runs the
+# x509-auth commands a user would run: list, doctor, chain, and sign with
+# every offered certificate.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -42,6 +44,15 @@ issue bob bob.key "Bob (file, EC, DER)"
 quiet openssl x509 -in bob.pem -outform DER -out "$demo/base/certs/bob.der"
 quiet openssl pkcs8 -topk8 -nocrypt -in bob.key -outform DER -out "$demo/base/keys/bob.der.key"
 
+# Planted: a certificate for TLS servers only, which the library does not
+# offer to a client; doctor says why.
+quiet openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out eve.key
+quiet openssl req -new -key eve.key -out eve.csr -subj "/O=x509auth demo/CN=Eve (server only)"
+printf 'keyUsage=critical,keyEncipherment\nextendedKeyUsage=serverAuth\n' > eve.ext
+quiet openssl x509 -req -in eve.csr -CA ca.pem -CAkey ca.key -CAcreateserial \
+  -out "$demo/base/certs/eve.pem" -days 825 -extfile eve.ext
+cp eve.key "$demo/base/keys/eve.pem.key"
+
 quiet openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out carol.key
 issue carol carol.key "Carol (smart card, RSA)"
 quiet openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out dave.key
@@ -76,12 +87,15 @@ x509_auth() {
 }
 cd "$demo"
 echo "== Running x509-auth"
+echo "   (every command below also gets: --dir $demo/base --add-ca $demo/pki/ca.pem"
+echo "    --module $module --pin-env DEMO_PIN --password-env DEMO_PASSWORD)"
 echo "   (lines starting with [error] are the library's own log at priority 3: SoftHSM2"
 echo "    always adds an uninitialised token, reported as a token whose certificates"
 echo "    cannot be listed)"
 x509_auth list
+x509_auth doctor
 thumbprints=$("$root/build/tools/x509-auth" -q --dir "$demo/base" --add-ca "$demo/pki/ca.pem" \
-  --module "$module" list --json | python3 -c 'import json,sys; [print(c["thumbprint"]) for c in json.load(sys.stdin)]')
+  --module "$module" list --json | sed -n 's/^ *"thumbprint": "\([0-9a-f]*\)",*$/\1/p')
 first=$(echo "$thumbprints" | head -n1)
 x509_auth chain "${first:0:8}"
 signed=0 total=0

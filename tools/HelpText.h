@@ -12,6 +12,47 @@ DESCRIPTION
   Certificates come from BASE/certs (PEM or DER files; the key of certs/NAME
   is keys/NAME.key, possibly password-protected) and from PKCS#11 tokens.
 
+COMMANDS
+  list [--json]      The offered certificates: a table (short thumbprint,
+                     subject, issuer, source, key, expiry marked "expired",
+                     "not yet valid" or "in N days" under 30 days; coloured
+                     on a terminal unless NO_COLOR is set), or a JSON array
+                     of objects with the keys thumbprint, subject, issuer,
+                     not_before, not_after, not_before_iso, not_after_iso,
+                     source (file|smartcard|other), key_algorithm
+                     (rsa|ec|other), key_path and chain (leaf first).
+  chain THUMBPRINT [--pem]
+                     The chain's thumbprints and subjects, leaf first; --pem
+                     writes the leaf and the CA certificates the library
+                     hands out.
+  sign THUMBPRINT [--hash sha1|sha256|sha384|sha512] [--in FILE|-] [--out FILE]
+                     Hashes the input (default: sha256 of stdin), signs the
+                     digest, verifies the signature with the certificate's
+                     public key; hex on stdout, or raw to --out.
+  decrypt THUMBPRINT --padding pkcs1|oaep [--in FILE|-] [--out FILE]
+                     Decrypts with the certificate's RSA key.
+  show THUMBPRINT    Opens the certificate in the desktop's viewer
+                     (gcr-viewer).
+  doctor [--json]    One report per entry of every certs directory and per
+                     token certificate: offered or not, and why.
+
+DOCTOR
+  Reasons a certificate is not offered:
+    not-a-certificate   the entry is neither a PEM nor a DER certificate
+    key-usage           neither TLS client authentication (extended key
+                        usage) nor digital signature (key usage) is allowed
+    chain               the chain or thumbprint could not be built; OpenSSL's
+                        verification error is given (add the issuing CA with
+                        --add-ca, or install it in the system's CA store)
+    no-certs-directory  a base directory has no certs directory
+  Informational, given with the chain error they cause:
+    expired, not-yet-valid
+  The key of a file certificate:
+    missing, plain, encrypted (password not checked), unreadable,
+    does-not-match; a token certificate's key is "token" (seen at login).
+  TLS readiness: tls1.2 and tls1.3 for EC keys; tls1.2 only for RSA keys,
+  because TLS 1.3 needs RSA-PSS and the library signs with PKCS#1 v1.5 only.
+
 DIRECTORIES
   --dir BASE and --home-dir REL may be repeated. With neither, the tool looks
   in ~/.x509-auth (certificates in ~/.x509-auth/certs, keys in

@@ -44,7 +44,12 @@ void InterruptCleanup::Install() {
   struct sigaction action {};
   action.sa_handler = OnSignal;
   sigemptyset(&action.sa_mask);
-  for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal_number, &action, nullptr);
+  for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+    // A signal the parent chose to ignore (nohup, a background job) stays so.
+    struct sigaction previous {};
+    if (sigaction(signal_number, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) continue;
+    sigaction(signal_number, &action, nullptr);
+  }
 }
 
 void InterruptCleanup::SetTerminal(int fd, const termios& saved) {

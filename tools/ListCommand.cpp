@@ -17,6 +17,8 @@ namespace x509auth_tool {
 namespace {
 
 constexpr std::size_t k_short_thumbprint = 12;
+// Certificates that run out within this many days are pointed out.
+constexpr int64_t k_soon_days = 30;
 
 bool UseColour() { return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr; }
 
@@ -29,12 +31,19 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
                                           "SOURCE",     "KEY",     "EXPIRES"};
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
   std::vector<std::vector<std::string>> rows;
-  std::vector<int> states;  // 0 valid, 1 expired, 2 not yet valid
+  // 0 valid, 1 expired, 2 not yet valid, 3 expiring soon. The library's
+  // chain check refuses the first two, but a record says what it says.
+  std::vector<int> states;
   for (const X509_Auth_Certificate* record : records) {
-    const int state = record->not_after < now ? 1 : record->not_before > now ? 2 : 0;
+    const int64_t days_left = (record->not_after - now) / 86400;
+    const int state = record->not_after < now    ? 1
+                      : record->not_before > now ? 2
+                      : days_left < k_soon_days  ? 3
+                                                 : 0;
     std::string expiry = IsoTime(record->not_after).substr(0, 10);
     if (state == 1) expiry += " (expired)";
     if (state == 2) expiry += " (not yet valid)";
+    if (state == 3) expiry += " (in " + std::to_string(days_left) + " days)";
     rows.push_back({ThumbprintHex(*record).substr(0, k_short_thumbprint), record->name,
                     record->issuer_name, SourceName(record->cert_type),
                     KeyAlgorithmName(record->key_algorithm_group), expiry});
@@ -46,6 +55,7 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
     for (std::size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], row[c].size());
   const bool colour = UseColour();
   auto print_row = [&](const std::vector<std::string>& row, int state) {
+    const bool heading = &row == &headings;
     std::string line;
     for (std::size_t c = 0; c < row.size(); ++c) {
       const bool last = c + 1 == row.size();
@@ -53,6 +63,7 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
       if (last && colour && state != 0) cell = (state == 1 ? "\033[31m" : "\033[33m") + cell + "\033[0m";
       line += cell;
     }
+    if (heading && colour) line = "\033[1m" + line + "\033[0m";
     std::printf("%s\n", line.c_str());
   };
   print_row(headings, 0);

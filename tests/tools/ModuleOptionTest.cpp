@@ -56,6 +56,16 @@ TEST_F(ModuleOptionTest, ModuleFromAnUnrelatedDirectoryListsTheTokenLikeTheCInte
   EXPECT_TRUE(std::filesystem::is_empty(elsewhere_));
 }
 
+TEST_F(ModuleOptionTest, RelativeModulePathIsResolvedAgainstTheStartingDirectory) {
+  std::filesystem::create_directories(elsewhere_ / "modules");
+  std::filesystem::create_symlink(SoftHsmToken::ModulePath(), elsewhere_ / "modules" / "hsm.so");
+  ToolRun run({"--module", "modules/hsm.so", "list", "--json"});
+  run.cwd = elsewhere_.string();
+  const ToolResult result = RunTool(run);
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(nlohmann::json::parse(result.out).size(), 2u) << result.out;
+}
+
 TEST_F(ModuleOptionTest, DefaultModuleIsTheWorkingDirectorysOpenscLink) {
   // The token store's working directory links SoftHSM2 as opensc-pkcs11.so.
   ToolRun run{{"list", "--json"}};

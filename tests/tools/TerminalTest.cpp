@@ -1,0 +1,176 @@
+// The tool on a real terminal: it runs in a tmux pane, the test types with
+// send-keys and reads the screen with capture-pane. The prompt shows the
+// library's title and text, the typed PIN never appears, and the signature
+// is made with it; the table is coloured there, unless NO_COLOR is set.
+#include <openssl/evp.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <thread>
+
+#include "SoftHsmToken.h"
+#include "ToolFixture.h"
+
+namespace x509auth_test {
+namespace {
+
+constexpr const char* k_pin = "86429731";
+
+// "YYYYMMDDhhmmssZ" for |seconds| since the epoch.
+std::string AsnTime(time_t seconds) {
+  tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y%m%d%H%M%SZ", &parts);
+  return text;
+}
+
+std::string Quote(const std::string& text) {
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+class TerminalTest : public ToolTest {
+ protected:
+  void TearDown() override {
+    Tmux("kill-server");
+    // A tool still running when the server goes gets SIGHUP and cleans up.
+    for (int i = 0; i < 50 && HasModuleDirectory(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ToolTest::TearDown();
+  }
+
+  bool HasModuleDirectory() const {
+    for (const auto& entry : std::filesystem::directory_iterator(tmp_))
+      if (entry.path().filename().string().rfind("x509-auth-", 0) == 0) return true;
+    return false;
+  }
+
+  // Runs tmux on the test's own server socket; returns its output.
+  std::string Tmux(const std::string& arguments) {
+    const std::string command =
+        "tmux -S " + Quote((temp_ / "tmux.sock").string()) + " " + arguments + " 2>&1";
+    std::string output;
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+      char buffer[4096];
+      while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
+      pclose(pipe);
+    }
+    return output;
+  }
+
+  std::string Screen() { return Tmux("capture-pane -p -t prompt"); }
+
+  // Waits up to 20 s for |text| on the screen.
+  bool WaitForScreen(const std::string& text) {
+    for (int i = 0; i < 200; ++i) {
+      if (Screen().find(text) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+  }
+};
+
+TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
+  SoftHsmToken hsm;
+  hsm.InitToken("Pane Card", k_pin);
+  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestX509 cert = ClientCert("Pane EC", ec.get());
+  hsm.ImportCertAndKey("Pane Card", cert.get(), ec.get(), "01", "ec", k_pin);
+  WriteFile(temp_ / "message.txt", std::string("typed at a terminal"));
+  const std::string signature = (temp_ / "signature.bin").string();
+
+  const std::string tool = std::string(ToolPath()) + " --module " +
+                           Quote(SoftHsmToken::ModulePath().string()) + " sign " +
+                           HexOf(Sha1Thumbprint(cert.get())).substr(0, 12) + " --in " +
+                           Quote((temp_ / "message.txt").string()) + " --out " + Quote(signature);
+  const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
+  const std::string started =
+      Tmux("new-session -d -s prompt -x 160 -y 40 " + Quote("sh -c " + Quote(script)));
+  ASSERT_EQ(started, "") << started;
+
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  const std::string asked = Screen();
+  // capture-pane drops the trailing space after the colon.
+  EXPECT_NE(asked.find("Enter pin\nEnter pin for token: Pane Card (input hidden):"),
+            std::string::npos)
+      << asked;
+  Tmux(std::string("send-keys -t prompt -l ") + k_pin);
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+
+  const std::string screen = Screen();
+  EXPECT_EQ(screen.find(k_pin), std::string::npos) << "the PIN was echoed:\n" << screen;
+  EXPECT_NE(screen.find("EXIT=0"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("verified with the certificate's public key"), std::string::npos) << screen;
+  const Bytes bytes = ReadFileBytes(signature);
+  Bytes digest(32);
+  EVP_Digest("typed at a terminal", 19, digest.data(), nullptr, EVP_sha256(), nullptr);
+  EXPECT_TRUE(VerifiesWithCertificate(cert.get(), EVP_sha256(), digest, bytes.data(), bytes.size()));
+}
+
+TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
+  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestX509 cert = ClientCert("Locked File", ec.get());
+  WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
+  const std::string key_path = (Base("b") / "keys" / "locked.pem.key").string();
+  WriteFile(key_path, KeyToPem(ec.get(), "pw"));
+  const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
+                           " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
+  const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  EXPECT_NE(Screen().find("Enter password\nEnter password for: " + key_path), std::string::npos)
+      << Screen();
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+  const std::string screen = Screen();
+  EXPECT_NE(screen.find("EXIT=1"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("went unanswered"), std::string::npos) << screen;
+}
+
+TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndRemovesTheModuleDirectory) {
+  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestX509 cert = ClientCert("Interrupted", ec.get());
+  WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
+  WriteFile(Base("b") / "keys" / "locked.pem.key", KeyToPem(ec.get(), "pw"));
+  const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
+                           " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
+  // The shell traps SIGINT so that it survives Ctrl-C; the tool, its child,
+  // starts with the default action again.
+  const std::string script = "trap : INT; " + tool + "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | sed 's/^/MODE=/'; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  EXPECT_TRUE(HasModuleDirectory());
+  Tmux("send-keys -t prompt C-c");
+  ASSERT_TRUE(WaitForScreen("MODE=")) << Screen();
+  const std::string screen = Screen();
+  EXPECT_NE(screen.find("EXIT=130"), std::string::npos) << screen;  // died of SIGINT
+  EXPECT_NE(screen.find("MODE=echo"), std::string::npos) << screen;
+  EXPECT_FALSE(HasModuleDirectory());
+}
+
+TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {
+  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestX509 soon = ClientCert("Soon Gone", ec.get(), "", AsnTime(std::time(nullptr) + 10 * 86400 + 3600));
+  InstallFileCert(Base("b"), "soon.pem", soon.get(), ec.get());
+  const std::string list = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) + " list";
+  const std::string script = list + "; echo DONE1; NO_COLOR=1 " + list + "; echo DONE2; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("DONE2")) << Screen();
+  const std::string screen = Tmux("capture-pane -e -p -t prompt");
+  const std::size_t split = screen.find("DONE1");
+  ASSERT_NE(split, std::string::npos) << screen;
+  const std::string coloured = screen.substr(0, split), plain = screen.substr(split);
+  // tmux re-renders the attributes: bold is "1", yellow "33".
+  EXPECT_NE(coloured.find("\033[1mTHUMBPRINT"), std::string::npos) << coloured;
+  EXPECT_NE(coloured.find("\033[33m"), std::string::npos) << coloured;
+  EXPECT_NE(coloured.find("(in 10 days)"), std::string::npos) << coloured;
+  EXPECT_NE(plain.find("(in 10 days)"), std::string::npos) << plain;
+  EXPECT_EQ(plain.find("\033["), std::string::npos) << plain;
+}
+
+}  // namespace
+}  // namespace x509auth_test
