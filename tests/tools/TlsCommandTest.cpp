@@ -97,7 +97,8 @@ class TlsCommandTest : public ::testing::Test {
       run.argv.push_back(a);
     run.argv.insert(run.argv.end(), command.begin(), command.end());
     run.env = SanitizerEnvironment();
-    run.env.erase("LD_PRELOAD");  // the tool is instrumented itself
+    // The tool is instrumented itself, leaks included.
+    if (run.env.erase("LD_PRELOAD") > 0) run.env["ASAN_OPTIONS"] = "detect_leaks=1:abort_on_error=1";
     for (const auto& [name, value] : env) run.env[name] = value;
     run.cwd = std::filesystem::current_path().string();
     run.limit = std::chrono::seconds(40);
