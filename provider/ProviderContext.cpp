@@ -144,7 +144,6 @@ ProviderContext::ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISP
 
 ProviderContext::~ProviderContext() {
   session_.reset();
-  if (default_provider_ != nullptr) OSSL_PROVIDER_unload(default_provider_);
   if (!settings_.module_directory.empty()) {
     std::error_code ignored;
     std::filesystem::remove_all(settings_.module_directory, ignored);
@@ -198,10 +197,14 @@ bool ProviderContext::Start() {
   // that came first. Were that this one's EC key management, libssl would
   // find no provider offering the EC groups with their own key management
   // and leave P-256 and the other curves out of every handshake. Loading the
-  // default provider now, before this one is added, puts it first.
+  // default provider now, before this one is added to the list, puts it
+  // first. The hold is dropped at once: it stays listed, and active as long
+  // as the application loads it too; teardown may come after the
+  // application's library context is gone, so it must not touch it.
   if (get_libctx_ != nullptr) {
     OSSL_LIB_CTX* application = reinterpret_cast<OSSL_LIB_CTX*>(get_libctx_(handle_));
-    default_provider_ = OSSL_PROVIDER_load(application, "default");
+    OSSL_PROVIDER* fallback = OSSL_PROVIDER_load(application, "default");
+    if (fallback != nullptr) OSSL_PROVIDER_unload(fallback);
     ERR_clear_error();  // without it (a FIPS-only application) nothing changes
   }
   crypto_.reset(OSSL_LIB_CTX_new());

@@ -78,7 +78,6 @@ class ProviderContext {
   OSSL_FUNC_core_set_error_debug_fn* set_error_debug_ = nullptr;
   OSSL_FUNC_core_vset_error_fn* vset_error_ = nullptr;
   OSSL_FUNC_core_get_libctx_fn* get_libctx_ = nullptr;
-  OSSL_PROVIDER* default_provider_ = nullptr;  // our hold on it, released at teardown
   ProviderSettings settings_;
   LibCtxPtr crypto_;
   std::vector<std::string> ca_files_;

@@ -23,6 +23,7 @@
 #include "ShowCommand.h"
 #include "SignCommand.h"
 #include "ThumbprintArgument.h"
+#include "TlsCommand.h"
 #include "x509_auth.h"
 
 using namespace x509auth_tool;
@@ -152,6 +153,32 @@ int main(int argc, char** argv) {
   add("doctor", "Explain, entry by entry, which certificates are offered and why not",
       [&] { return RunDoctor(global, doctor); })
       ->add_flag("--json", doctor.json, "A JSON array of objects instead of the report");
+
+  TlsOptions tls;
+  CLI::App* tls_app = add("tls", "A TLS handshake authenticated with a certificate",
+                          [&] { return RunTls(global, tls); });
+  tls_app->add_option("TARGET", tls.target, "The server, HOST:PORT")->required();
+  tls_app->add_option("--cert", tls.thumbprint, "The certificate (full thumbprint)")
+      ->required()
+      ->type_name("THUMBPRINT")
+      ->check(k_thumbprint);
+  tls_app->add_option("--CAfile", tls.ca_file, "CAs to verify the server with (default: the system's)")
+      ->type_name("FILE")
+      ->transform(k_absolute_path)
+      ->check(CLI::ExistingFile);
+  tls_app->add_option("--servername", tls.servername, "Name sent (SNI) and checked in the server's certificate")
+      ->type_name("NAME");
+  auto* tls12 = tls_app->add_flag("--tls1_2", tls.tls1_2, "TLS 1.2 only (what RSA keys need)");
+  tls_app->add_flag("--tls1_3", tls.tls1_3, "TLS 1.3 only (EC keys only)")->excludes(tls12);
+  tls_app->add_option("--send", tls.send, "Write this line after the handshake and print the reply")
+      ->type_name("TEXT");
+  tls_app->add_option("--token-key", tls.token_key,
+                      "Token keys: used through the library (provider) or exported from the token")
+      ->check(CLI::IsMember({"library", "export"}))
+      ->capture_default_str();
+  tls_app->add_option("--timeout", tls.timeout_seconds, "Seconds to wait for the server")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
 
   // The tool's manual belongs to the tool, not to every command's help.
   for (const Command& command : commands) command.app->footer("");

@@ -15,6 +15,16 @@ done
 libdir="$prefix/lib"
 
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
+# The OpenSSL provider module: where the .pc file says, loadable by openssl,
+# exporting only its entry point.
+modulesdir=$(pkg-config --variable=modulesdir x509auth)
+[ -f "$modulesdir/x509auth.so" ] || { echo "no provider module in '$modulesdir'"; exit 1; }
+[ "$(nm -D --defined-only "$modulesdir/x509auth.so" | awk '{print $3}')" = "OSSL_provider_init" ] ||
+  { echo "the installed module exports more than OSSL_provider_init"; exit 1; }
+X509AUTH_LOG=none openssl list -providers -provider-path "$modulesdir" -provider x509auth \
+  > "$work/providers.txt"
+grep -q "status: active" "$work/providers.txt" ||
+  { echo "the installed module does not load:"; cat "$work/providers.txt"; exit 1; }
 # shellcheck disable=SC2046
 ${CC:-cc} -std=c99 -Wall -Wextra -Werror "$source/host_main.c" -o "$work/host_pkgconfig" \
   $(pkg-config --cflags --libs x509auth)

@@ -94,7 +94,8 @@ class ProviderTest : public ::testing::Test {
     run.argv.insert(run.argv.end(), arguments.begin(), arguments.end());
     run.env = Environment();
     run.input = input;
-    run.cwd = std::filesystem::current_path().string();
+    run.cwd = cwd_override_.empty() ? std::filesystem::current_path().string() : cwd_override_.string();
+    for (const auto& [name, value] : env_override_) run.env[name] = value;
     run.limit = std::chrono::seconds(40);
     return RunChild(run);
   }
@@ -144,6 +145,10 @@ class ProviderTest : public ::testing::Test {
   static bool Answered(const ChildResult& client) {
     return client.status == 0 && client.out.find("HTTP/1.0 200 ok") != std::string::npos;
   }
+
+  // For one test: where the openssl children run, and extra environment.
+  std::filesystem::path cwd_override_;
+  std::map<std::string, std::string> env_override_;
 
   TempDir temp_;
   std::filesystem::path work_, base_, old_cwd_;

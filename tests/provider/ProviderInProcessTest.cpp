@@ -172,10 +172,15 @@ TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf
   char digest[64] = {};
   EXPECT_GE(EVP_PKEY_get_default_digest_name(rsa_key.get(), digest, sizeof digest), 1);
   EXPECT_STREQ(digest, "SHA256");
-  // The certificate's key and this one are one pair, as libssl checks.
-  EXPECT_EQ(X509_check_private_key(chains_[0].leaf.get(), rsa_key.get()), 1) << ErrorText();
-  EXPECT_EQ(X509_check_private_key(chains_[1].leaf.get(), ec_key.get()), 1) << ErrorText();
-  EXPECT_NE(X509_check_private_key(chains_[0].leaf.get(), ec_key.get()), 1);
+  // The certificate's key and this one are one pair, as libssl checks. (On
+  // copies: the comparison caches an export of the certificate's key in this
+  // library context, and the originals share their key with the process-wide
+  // test keys, which outlive it.)
+  TestX509 rsa_cert(X509_dup(chains_[0].leaf.get()));
+  TestX509 ec_cert(X509_dup(chains_[1].leaf.get()));
+  EXPECT_EQ(X509_check_private_key(rsa_cert.get(), rsa_key.get()), 1) << ErrorText();
+  EXPECT_EQ(X509_check_private_key(ec_cert.get(), ec_key.get()), 1) << ErrorText();
+  EXPECT_NE(X509_check_private_key(rsa_cert.get(), ec_key.get()), 1);
   ERR_clear_error();
   // The public half exports; the private half does not.
   OSSL_PARAM* params = nullptr;

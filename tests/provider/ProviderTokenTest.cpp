@@ -68,5 +68,29 @@ TEST_F(ProviderTokenTest, WrongPinFailsClearlyBeforeAnyHandshake) {
   EXPECT_EQ(server->Output().find("depth=0"), std::string::npos) << server->Output();
 }
 
+TEST_F(ProviderTokenTest, ModuleSettingMakesTheTokenVisibleFromAnyDirectory) {
+  // A directory without "./opensc-pkcs11.so": only the setting names the
+  // module, which the provider links where the library looks for it.
+  cwd_override_ = temp_.path();
+  env_override_["X509AUTH_MODULE"] = SoftHsmToken::ModulePath().string();
+  const std::filesystem::path tmp = temp_ / "tmp";
+  std::filesystem::create_directories(tmp);
+  env_override_["TMPDIR"] = tmp.string();
+  auto server = StartServer(CasFile());
+  ASSERT_NE(server, nullptr);
+  const ChildResult client =
+      Handshake(Hex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_2", "-pass", "pass:1234"});
+  EXPECT_TRUE(Answered(client)) << client.err;
+  EXPECT_TRUE(ServerVerified(*server, "Token EC")) << server->Output();
+  // The private directory holding the link is gone with the provider.
+  EXPECT_TRUE(std::filesystem::is_empty(tmp));
+}
+
+TEST_F(ProviderTokenTest, WithoutTheModuleTheTokenCertificateIsNotOffered) {
+  cwd_override_ = temp_.path();
+  const ChildResult listed = Openssl("storeutl", {"-noout", "x509auth:"});
+  EXPECT_NE(listed.out.find("Total found: 0"), std::string::npos) << listed.out << listed.err;
+}
+
 }  // namespace
 }  // namespace x509auth_test

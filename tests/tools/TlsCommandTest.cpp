@@ -1,0 +1,246 @@
+// x509-auth tls against a real openssl s_server that requires and verifies
+// a client certificate; the server's own output says which client it
+// verified. Every child has a time limit; the server is killed by the test.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "ChildProcess.h"
+#include "SoftHsmToken.h"
+#include "TestPki.h"
+
+namespace x509auth_test {
+namespace {
+
+class TlsCommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    old_cwd_ = std::filesystem::current_path();
+    work_ = temp_ / "work";
+    std::filesystem::create_directories(work_);
+    std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
+    ASSERT_EQ(chdir(work_.c_str()), 0);
+    TestKey key = SharedKey(KeyKind::kEc, 7);
+    CertOptions server;
+    server.common_name = "localhost";
+    server.extended_key_usage = "serverAuth";
+    server.key_usage = "critical,digitalSignature";
+    TestX509 cert = MakeCert(server, key.get());
+    WriteFile(temp_ / "server.pem", CertToPem(cert.get()));
+    WriteFile(temp_ / "server.key", KeyToPem(key.get()));
+  }
+  void TearDown() override {
+    if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot restore the working directory";
+  }
+
+  std::string Hex(const Bytes& bytes) const {
+    std::string text;
+    char pair[3];
+    for (unsigned char b : bytes) {
+      std::snprintf(pair, sizeof pair, "%02x", b);
+      text += pair;
+    }
+    return text;
+  }
+
+  // A client certificate with its chain's CAs in cas.pem; the key file is
+  // encrypted with |password| when given. Returns the thumbprint.
+  std::string InstallClient(KeyKind kind, const std::string& name, const char* password = nullptr) {
+    Chain chain = MakeChain(kind, name);
+    WriteFile(temp_ / "base" / "certs" / (name + ".pem"), CertToPem(chain.leaf.get()));
+    WriteFile(temp_ / "base" / "keys" / (name + ".pem.key"), KeyToPem(chain.leaf_key.get(), password));
+    AddCas(chain);
+    return Hex(Sha1Thumbprint(chain.leaf.get()));
+  }
+  // cas.pem for the server; one file per CA for the tool (--add-ca takes one).
+  void AddCas(const Chain& chain) {
+    for (X509* ca : {chain.root.get(), chain.intermediate.get()}) {
+      cas_ += CertToPem(ca);
+      const std::filesystem::path file = temp_ / ("ca-" + std::to_string(ca_files_.size()) + ".pem");
+      WriteFile(file, CertToPem(ca));
+      ca_files_.push_back(file.string());
+    }
+    WriteFile(temp_ / "cas.pem", cas_);
+  }
+
+  std::unique_ptr<BackgroundChild> StartServer(const std::filesystem::path& client_cas) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      port_ = FreeLoopbackPort();
+      ChildRun run;
+      run.argv = {OpensslProgram(), "s_server", "-accept", "127.0.0.1:" + std::to_string(port_),
+                  "-cert", (temp_ / "server.pem").string(), "-key", (temp_ / "server.key").string(),
+                  "-Verify", "1", "-verify_return_error", "-CAfile", client_cas.string(),
+                  "-naccept", "1", "-rev"};
+      auto server = std::make_unique<BackgroundChild>(
+          run, (temp_ / ("server-" + std::to_string(++servers_) + ".log")).string());
+      if (server->WaitForOutput("ACCEPT", std::chrono::seconds(10))) return server;
+    }
+    ADD_FAILURE() << "openssl s_server would not start";
+    return nullptr;
+  }
+
+  // x509-auth <global> tls 127.0.0.1:PORT --cert T --CAfile server.pem <command>
+  ChildResult Tls(const std::string& thumbprint, const std::vector<std::string>& extra,
+                  const std::vector<std::string>& command = {},
+                  const std::map<std::string, std::string>& env = {}) const {
+    ChildRun run;
+    run.argv = {X509_AUTH_TOOL_PATH, "--dir", (temp_ / "base").string()};
+    for (const std::string& file : ca_files_) {
+      run.argv.push_back("--add-ca");
+      run.argv.push_back(file);
+    }
+    run.argv.insert(run.argv.end(), extra.begin(), extra.end());
+    for (const std::string& a : {std::string("tls"), "127.0.0.1:" + std::to_string(port_), std::string("--cert"),
+                                 thumbprint, std::string("--CAfile"), (temp_ / "server.pem").string()})
+      run.argv.push_back(a);
+    run.argv.insert(run.argv.end(), command.begin(), command.end());
+    run.env = SanitizerEnvironment();
+    // The tool is instrumented itself, leaks included.
+    if (run.env.erase("LD_PRELOAD") > 0) run.env["ASAN_OPTIONS"] = "detect_leaks=1:abort_on_error=1";
+    for (const auto& [name, value] : env) run.env[name] = value;
+    run.cwd = std::filesystem::current_path().string();
+    run.limit = std::chrono::seconds(40);
+    return RunChild(run);
+  }
+
+  static bool ServerVerified(BackgroundChild& server, const std::string& name) {
+    server.Finish(std::chrono::seconds(10));
+    return server.Output().find("depth=0 CN = " + name + "\nverify return:1") != std::string::npos;
+  }
+  static bool Accepted(const ChildResult& result) {
+    return result.status == 0 && result.out.find("handshake:        accepted") != std::string::npos;
+  }
+
+  TempDir temp_;
+  std::filesystem::path work_, old_cwd_;
+  std::string cas_;
+  std::vector<std::string> ca_files_;
+  int port_ = -1;
+  int servers_ = 0;
+};
+
+TEST_F(TlsCommandTest, RsaFileKeysPlainAndPasswordProtectedOverTls12) {
+  const std::string plain = InstallClient(KeyKind::kRsa, "RSA Plain");
+  const std::string locked = InstallClient(KeyKind::kRsa, "RSA Locked", "s3cret");
+  for (const auto& [thumbprint, name] : {std::pair{plain, "RSA Plain"}, std::pair{locked, "RSA Locked"}}) {
+    auto server = StartServer(temp_ / "cas.pem");
+    ASSERT_NE(server, nullptr);
+    const ChildResult result =
+        Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "s3cret"}});
+    EXPECT_TRUE(Accepted(result)) << result.out << result.err;
+    EXPECT_NE(result.out.find("version:          TLSv1.2"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("client signature: RSA PKCS#1 v1.5 with SHA256"), std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("server:           /CN=localhost"), std::string::npos);
+    EXPECT_NE(result.out.find("server verified:  yes"), std::string::npos);
+    EXPECT_TRUE(ServerVerified(*server, name)) << server->Output();
+  }
+}
+
+TEST_F(TlsCommandTest, EcFileKeyOverTls12AndTls13AndSendPrintsTheReply) {
+  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
+  for (const std::string version : {"1.2", "1.3"}) {
+    auto server = StartServer(temp_ / "cas.pem");
+    ASSERT_NE(server, nullptr);
+    const std::string flag = version == "1.2" ? "--tls1_2" : "--tls1_3";
+    const ChildResult result = Tls(thumbprint, {}, {flag, "--send", "hello"});
+    EXPECT_TRUE(Accepted(result)) << result.out << result.err;
+    EXPECT_NE(result.out.find("version:          TLSv" + version), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("client signature: ECDSA with SHA256"), std::string::npos) << result.out;
+    // s_server -rev answers each line reversed.
+    EXPECT_NE(result.out.find("reply:            olleh"), std::string::npos) << result.out;
+    EXPECT_TRUE(ServerVerified(*server, "EC Client")) << server->Output();
+  }
+}
+
+TEST_F(TlsCommandTest, RsaKeyWithTls13IsRefusedBeforeConnecting) {
+  const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Client");
+  port_ = FreeLoopbackPort();  // nobody listens there
+  const ChildResult result = Tls(thumbprint, {}, {"--tls1_3"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("RSA keys are for TLS 1.2 (use --tls1_2)"), std::string::npos) << result.err;
+  EXPECT_EQ(result.err.find("cannot connect"), std::string::npos) << result.err;
+}
+
+TEST_F(TlsCommandTest, ServerThatDoesNotTrustTheIssuerRejectsAndTheToolSaysSo) {
+  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
+  TestKey other_key = MakeKey(KeyKind::kEc);
+  CertOptions other;
+  other.common_name = "Unrelated CA";
+  other.is_ca = true;
+  other.key_usage = "critical,keyCertSign,cRLSign";
+  TestX509 other_ca = MakeCert(other, other_key.get());
+  WriteFile(temp_ / "other-ca.pem", CertToPem(other_ca.get()));
+  for (const char* version : {"--tls1_2", "--tls1_3"}) {
+    auto server = StartServer(temp_ / "other-ca.pem");
+    ASSERT_NE(server, nullptr);
+    const ChildResult result = Tls(thumbprint, {}, {version});
+    EXPECT_EQ(result.status, 1) << version << result.out;
+    EXPECT_NE(result.out.find("handshake:        rejected"), std::string::npos) << version << result.out;
+    EXPECT_NE(result.err.find("the handshake with 127.0.0.1:"), std::string::npos) << result.err;
+    EXPECT_FALSE(ServerVerified(*server, "EC Client"));
+  }
+}
+
+class TlsTokenTest : public TlsCommandTest {
+ protected:
+  void SetUp() override {
+    TlsCommandTest::SetUp();
+    hsm_ = std::make_unique<SoftHsmToken>();
+    hsm_->InitToken("Card A");
+    rsa_ = MakeChain(KeyKind::kRsa, "Token RSA");
+    ec_ = MakeChain(KeyKind::kEc, "Token EC");
+    hsm_->ImportCertAndKey("Card A", rsa_.leaf.get(), rsa_.leaf_key.get(), "01", "rsa");
+    hsm_->ImportCertAndKey("Card A", ec_.leaf.get(), ec_.leaf_key.get(), "02", "ec");
+    AddCas(rsa_);
+    AddCas(ec_);
+    std::filesystem::create_directories(temp_ / "base");
+  }
+  void TearDown() override {
+    hsm_.reset();
+    TlsCommandTest::TearDown();
+  }
+  std::unique_ptr<SoftHsmToken> hsm_;
+  Chain rsa_, ec_;
+};
+
+TEST_F(TlsTokenTest, TokenRsaAndEcCertificatesInBothKeyModes) {
+  struct Case {
+    Chain* chain;
+    const char* name;
+    const char* version;
+  };
+  for (const Case& c : {Case{&rsa_, "Token RSA", "--tls1_2"}, Case{&ec_, "Token EC", "--tls1_3"}}) {
+    for (const char* mode : {"library", "export"}) {
+      auto server = StartServer(temp_ / "cas.pem");
+      ASSERT_NE(server, nullptr);
+      const ChildResult result = Tls(Hex(Sha1Thumbprint(c.chain->leaf.get())), {"--pin-env", "TOKEN_PIN"},
+                                     {c.version, "--token-key", mode}, {{"TOKEN_PIN", "1234"}});
+      EXPECT_TRUE(Accepted(result)) << c.name << " " << mode << result.out << result.err;
+      EXPECT_NE(result.out.find(std::string("client key:       ") +
+                                (std::string(mode) == "library" ? "x509auth provider" : "exported from the token")),
+                std::string::npos)
+          << result.out;
+      EXPECT_TRUE(ServerVerified(*server, c.name)) << c.name << " " << mode << server->Output();
+    }
+  }
+}
+
+TEST_F(TlsTokenTest, WrongPinFailsClearlyWithoutAHandshake) {
+  for (const char* mode : {"library", "export"}) {
+    auto server = StartServer(temp_ / "cas.pem");
+    ASSERT_NE(server, nullptr);
+    const ChildResult result = Tls(Hex(Sha1Thumbprint(ec_.leaf.get())), {"--pin-env", "TOKEN_PIN"},
+                                   {"--tls1_3", "--token-key", mode}, {{"TOKEN_PIN", "0000"}});
+    EXPECT_EQ(result.status, 1) << mode << result.out;
+    EXPECT_EQ(result.out.find("handshake:"), std::string::npos) << mode << result.out;
+    EXPECT_NE(result.err.find("x509-auth: tls: "), std::string::npos) << mode << result.err;
+    server->Finish(std::chrono::milliseconds(200));
+    EXPECT_EQ(server->Output().find("depth=0"), std::string::npos) << mode << server->Output();
+  }
+}
+
+}  // namespace
+}  // namespace x509auth_test

@@ -1,0 +1,310 @@
+#include "TlsCommand.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <openssl/err.h>
+#include <openssl/provider.h>
+#include <openssl/ssl.h>
+#include <openssl/store.h>
+#include <openssl/ui.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "LibrarySession.h"
+#include "OpenSslHandles.h"
+#include "PinPrompt.h"
+#include "ProviderContext.h"
+#include "Report.h"
+#include "ThumbprintArgument.h"
+
+namespace x509auth_tool {
+namespace {
+
+template <typename T, void (*Free)(T*)>
+using Owned = std::unique_ptr<T, OpenSslDeleter<T, Free>>;
+void LibCtxFree(OSSL_LIB_CTX* ctx) { OSSL_LIB_CTX_free(ctx); }
+void ProviderUnload(OSSL_PROVIDER* provider) { OSSL_PROVIDER_unload(provider); }
+void StoreClose(OSSL_STORE_CTX* store) { OSSL_STORE_close(store); }
+using LibCtxPtr = Owned<OSSL_LIB_CTX, LibCtxFree>;
+using ProviderPtr = Owned<OSSL_PROVIDER, ProviderUnload>;
+using StorePtr = Owned<OSSL_STORE_CTX, StoreClose>;
+using SslCtxPtr = Owned<SSL_CTX, SSL_CTX_free>;
+using SslPtr = Owned<SSL, SSL_free>;
+using UiMethodPtr = Owned<UI_METHOD, UI_destroy_method>;
+
+// The last OpenSSL error, for a one-line failure.
+std::string OpenSslReason() {
+  std::string text;
+  unsigned long code;
+  const char* data = nullptr;
+  int flags = 0;
+  while ((code = ERR_get_error_all(nullptr, nullptr, nullptr, &data, &flags)) != 0) {
+    char line[256];
+    ERR_error_string_n(code, line, sizeof line);
+    text = line;
+    if (data != nullptr && *data != '\0' && (flags & ERR_TXT_STRING) != 0) text += std::string(" (") + data + ")";
+  }
+  return text.empty() ? "no further detail" : text;
+}
+
+std::string Join(const std::vector<std::string>& parts) {
+  std::string joined;
+  for (const std::string& part : parts) joined += (joined.empty() ? "" : ":") + part;
+  return joined;
+}
+
+// The store's passphrase callback: the provider hands the library's prompt
+// over as the prompt info; the tool's prompt sources answer it.
+int ReadFromPrompt(UI* ui, UI_STRING* uis) {
+  if (UI_get_string_type(uis) != UIT_PROMPT && UI_get_string_type(uis) != UIT_VERIFY) return 1;
+  const std::string prompt = UI_get0_output_string(uis);
+  const char* title =
+      prompt.find("Enter password for") != std::string::npos ? "Enter password" : "Enter pin";
+  X509_Auth_PinEntryResult* answer = PinPrompt::OnPinEntry(title, prompt.c_str());
+  int ok = 0;
+  if (answer != nullptr && answer->status == 0 && answer->value != nullptr)
+    ok = UI_set_result(ui, uis, answer->value) == 0;
+  if (answer != nullptr) PinPrompt::OnFree(answer);
+  return ok ? 1 : 0;
+}
+
+// A TCP connection with a time limit on connecting, reading and writing.
+int Connect(const std::string& host, const std::string& port, int timeout_seconds) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0 || found == nullptr) {
+    Fail("cannot resolve " + host);
+    return -1;
+  }
+  int fd = -1;
+  for (addrinfo* a = found; a != nullptr && fd < 0; a = a->ai_next) {
+    fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK, a->ai_protocol);
+    if (fd < 0) continue;
+    int error = connect(fd, a->ai_addr, a->ai_addrlen) == 0 ? 0 : errno;
+    if (error == EINPROGRESS) {
+      pollfd wait{fd, POLLOUT, 0};
+      socklen_t length = sizeof(error);
+      error = poll(&wait, 1, timeout_seconds * 1000) == 1 &&
+                      getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0
+                  ? error
+                  : ETIMEDOUT;
+    }
+    if (error != 0) {
+      close(fd);
+      fd = -1;
+      errno = error;
+    }
+  }
+  freeaddrinfo(found);
+  if (fd < 0) {
+    Fail("cannot connect to " + host + ":" + port + ": " + std::strerror(errno));
+    return -1;
+  }
+  const int flags = fcntl(fd, F_GETFL);
+  fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  timeval limit{timeout_seconds, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  return fd;
+}
+
+std::string SchemeName(int type_nid, int md_nid) {
+  std::string type = type_nid == EVP_PKEY_RSA      ? "RSA PKCS#1 v1.5"
+                     : type_nid == EVP_PKEY_RSA_PSS ? "RSA-PSS"
+                     : type_nid == EVP_PKEY_EC      ? "ECDSA"
+                                                    : OBJ_nid2sn(type_nid);
+  return type + " with " + (md_nid != NID_undef ? OBJ_nid2sn(md_nid) : "?");
+}
+
+// The provider's settings come from the tool's options, through the
+// variables the provider reads when its context starts.
+void ConfigureProvider(const GlobalOptions& global) {
+  setenv("X509AUTH_DIRS", Join(global.dirs).c_str(), 1);
+  setenv("X509AUTH_HOME_DIRS", Join(global.home_dirs).c_str(), 1);
+  setenv("X509AUTH_CA_FILES", Join(global.cas).c_str(), 1);
+  static const char* const levels[] = {"error", "warning", "info", "debug"};
+  setenv("X509AUTH_LOG", global.quiet ? "none" : levels[global.verbose > 3 ? 3 : global.verbose], 1);
+  // The module directory the tool made is the working directory already.
+  unsetenv("X509AUTH_MODULE");
+}
+
+struct Client {
+  X509Ptr cert;
+  EvpPkeyPtr key;
+};
+
+}  // namespace
+
+int RunTls(const GlobalOptions& global, const TlsOptions& options) {
+  const std::size_t colon = options.target.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == options.target.size())
+    return Fail("tls: give the server as HOST:PORT, not '" + options.target + "'"), k_exit_usage;
+  std::string host = options.target.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  const std::string port = options.target.substr(colon + 1);
+  PinPrompt::Configure(PromptSources{global.pin_env, global.password_env, global.pin_fd, global.password_fd});
+  const std::optional<std::string> thumbprint = ThumbprintArgument::Normalise(options.thumbprint);
+  if (!thumbprint || thumbprint->size() != 2 * X509_AUTH_THUMBPRINT_LENGTH)
+    return Fail("tls: --cert needs the full 40-digit thumbprint"), k_exit_usage;
+
+  // A library context of the tool's own with OpenSSL's default provider,
+  // loaded first so that generic look-ups get OpenSSL's implementations.
+  LibCtxPtr libctx(OSSL_LIB_CTX_new());
+  ProviderPtr fallback(OSSL_PROVIDER_load(libctx.get(), "default"));
+  if (fallback == nullptr) return Fail("tls: cannot load OpenSSL's default provider: " + OpenSslReason());
+  ProviderPtr provider;
+  StorePtr store;
+  UiMethodPtr ui;
+  std::unique_ptr<LibrarySession> session;
+  Client client;
+  if (options.token_key == "export") {
+    // The tool is a host of its own here, as for its other commands; the
+    // exported key works inside the library's PKCS#11 context, which the
+    // session keeps until the end.
+    session = std::make_unique<LibrarySession>(global);
+    if (!session->Start()) return k_exit_failed;
+    const X509_Auth_Certificate* record = session->Find(options.thumbprint);
+    if (record == nullptr) return k_exit_failed;
+    if (record->smart_card == 0)
+      return Fail("tls: --token-key export is for token certificates; " +
+                  std::string(record->name) + " comes from a file (use --token-key library)"),
+             k_exit_usage;
+    client.cert = RecordCertificate(*record);
+    void* exported = nullptr;
+    const X509_Auth_ResultCode code = X509_Auth_GetPrivateKeyForCertificate(record, &exported);
+    client.key.reset(static_cast<EVP_PKEY*>(exported));
+    if (code != X509_Auth_ResultCode_Success || client.key == nullptr)
+      return Fail(LibrarySession::WithPromptNote(
+          "tls: the token key of " + std::string(record->name) +
+          " could not be exported: result code " + std::to_string(code)));
+  } else {
+    // The provider built in, the same code as the module. Its store stays
+    // open until the end: its passphrase callback answers the library for
+    // every signature (a password-protected key file is read each time).
+    ConfigureProvider(global);
+    if (OSSL_PROVIDER_add_builtin(libctx.get(), "x509auth", x509auth_provider::X509AuthProviderInit) != 1 ||
+        (provider = ProviderPtr(OSSL_PROVIDER_load(libctx.get(), "x509auth"))) == nullptr)
+      return Fail("tls: cannot load the x509auth provider: " + OpenSslReason());
+    ui.reset(UI_create_method("x509-auth"));
+    UI_method_set_reader(ui.get(), ReadFromPrompt);
+    const std::string uri = "x509auth:thumbprint=" + *thumbprint;
+    store.reset(OSSL_STORE_open_ex(uri.c_str(), libctx.get(), nullptr, ui.get(), nullptr, nullptr,
+                                   nullptr, nullptr));
+    if (store == nullptr) return Fail("tls: cannot open " + uri + ": " + OpenSslReason());
+    while (!OSSL_STORE_eof(store.get())) {
+      OSSL_STORE_INFO* info = OSSL_STORE_load(store.get());
+      if (info == nullptr) break;
+      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_CERT)
+        client.cert.reset(OSSL_STORE_INFO_get1_CERT(info));
+      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY)
+        client.key.reset(OSSL_STORE_INFO_get1_PKEY(info));
+      OSSL_STORE_INFO_free(info);
+    }
+    if (client.cert == nullptr || client.key == nullptr)
+      return Fail("tls: cannot load the certificate and key of " + options.thumbprint + ": " +
+                  OpenSslReason());
+  }
+  const bool rsa = EVP_PKEY_is_a(X509_get0_pubkey(client.cert.get()), "RSA");
+  if (rsa && options.tls1_3)
+    return Fail("tls: " + CommonName(client.cert.get()) +
+                " has an RSA key, which TLS 1.3 would need to sign with RSA-PSS; the library "
+                "signs RSA with PKCS#1 v1.5 only, so RSA keys are for TLS 1.2 (use --tls1_2)"),
+           k_exit_usage;
+
+  SslCtxPtr ctx(SSL_CTX_new_ex(libctx.get(), nullptr, TLS_client_method()));
+  if (ctx == nullptr) return Fail("tls: " + OpenSslReason());
+  const int version = options.tls1_2 ? TLS1_2_VERSION : options.tls1_3 ? TLS1_3_VERSION : 0;
+  if (version != 0) {
+    SSL_CTX_set_min_proto_version(ctx.get(), version);
+    SSL_CTX_set_max_proto_version(ctx.get(), version);
+  } else if (rsa) {
+    SSL_CTX_set_max_proto_version(ctx.get(), TLS1_2_VERSION);
+  }
+  // The library signs RSA with PKCS#1 v1.5 only: never offer RSA-PSS for
+  // the client's own signature.
+  if (rsa) SSL_CTX_set1_client_sigalgs_list(ctx.get(), "RSA+SHA256:RSA+SHA384:RSA+SHA512:RSA+SHA1");
+  if (!options.ca_file.empty() ? SSL_CTX_load_verify_locations(ctx.get(), options.ca_file.c_str(), nullptr) != 1
+                               : SSL_CTX_set_default_verify_paths(ctx.get()) != 1)
+    return Fail("tls: cannot read the CAs: " + OpenSslReason());
+  if (SSL_CTX_use_certificate(ctx.get(), client.cert.get()) != 1 ||
+      SSL_CTX_use_PrivateKey(ctx.get(), client.key.get()) != 1)
+    return Fail("tls: the certificate and key do not go together: " + OpenSslReason());
+
+  const int fd = Connect(host, port, options.timeout_seconds);
+  if (fd < 0) return k_exit_failed;
+  SslPtr ssl(SSL_new(ctx.get()));
+  SSL_set_fd(ssl.get(), fd);
+  const std::string servername = !options.servername.empty() ? options.servername : host;
+  SSL_set_tlsext_host_name(ssl.get(), servername.c_str());
+  if (!options.servername.empty()) SSL_set1_host(ssl.get(), options.servername.c_str());
+
+  const bool connected = SSL_connect(ssl.get()) == 1;
+  std::string failure = connected ? "" : OpenSslReason();
+  bool accepted = connected;
+  std::string reply;
+  if (connected) {
+    // TLS 1.3 finishes for the client before the server has looked at its
+    // certificate: the verdict (an alert, or the server's data) comes next.
+    if (!options.send.empty()) {
+      const std::string line = options.send + "\n";
+      accepted = SSL_write(ssl.get(), line.data(), static_cast<int>(line.size())) > 0;
+      char buffer[4096];
+      int n;
+      while (accepted && (n = SSL_read(ssl.get(), buffer, sizeof buffer)) > 0) {
+        reply.append(buffer, static_cast<std::size_t>(n));
+        if (reply.find('\n') != std::string::npos) break;
+      }
+    } else {
+      timeval brief{1, 0};
+      setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &brief, sizeof brief);
+      char byte;
+      SSL_peek(ssl.get(), &byte, 1);
+    }
+    const unsigned long error = ERR_peek_error();
+    if (error != 0 && ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+      accepted = false;
+      failure = OpenSslReason();
+    }
+    ERR_clear_error();
+  }
+
+  const char* version_name = SSL_get_version(ssl.get());
+  std::printf("version:          %s\n", connected ? version_name : "(none)");
+  std::printf("cipher:           %s\n", connected ? SSL_get_cipher_name(ssl.get()) : "(none)");
+  int type = NID_undef, md = NID_undef;
+  std::printf("client signature: %s\n",
+              connected && SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
+                      SSL_get_signature_nid(ssl.get(), &md) == 1
+                  ? SchemeName(type, md).c_str()
+                  : "(none)");
+  X509* server = SSL_get0_peer_certificate(ssl.get());
+  char subject[512] = "(none)";
+  if (server != nullptr) X509_NAME_oneline(X509_get_subject_name(server), subject, sizeof subject);
+  std::printf("server:           %s\n", subject);
+  const long verify = SSL_get_verify_result(ssl.get());
+  std::printf("server verified:  %s\n",
+              server == nullptr ? "no" : verify == X509_V_OK ? "yes" : X509_verify_cert_error_string(verify));
+  std::printf("client key:       %s\n", options.token_key == "export" ? "exported from the token" : "x509auth provider");
+  std::printf("handshake:        %s\n", accepted ? "accepted" : ("rejected: " + failure).c_str());
+  if (!reply.empty()) std::printf("reply:            %s", reply.back() == '\n' ? reply.c_str() : (reply + "\n").c_str());
+  std::fflush(stdout);
+  if (connected) SSL_shutdown(ssl.get());
+  close(fd);
+  if (!accepted) return Fail("tls: the handshake with " + options.target + " failed");
+  if (server == nullptr || verify != X509_V_OK)
+    return Fail("tls: the server's certificate did not verify");
+  return k_exit_ok;
+}
+
+}  // namespace x509auth_tool
