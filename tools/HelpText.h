@@ -35,6 +35,15 @@ COMMANDS
                      (gcr-viewer).
   doctor [--json]    One report per entry of every certs directory and per
                      token certificate: offered or not, and why.
+  tls HOST:PORT --cert THUMBPRINT [--CAfile FILE] [--servername NAME]
+      [--tls1_2|--tls1_3] [--send TEXT] [--token-key library|export]
+                     A TLS handshake authenticated with the certificate,
+                     through the built-in x509auth OpenSSL provider (or, with
+                     --token-key export, a token key exported by the
+                     library): prints the version, cipher, signature scheme,
+                     the server's subject and verification, and whether the
+                     server accepted the client certificate. RSA keys are for
+                     TLS 1.2 only: --tls1_3 with an RSA key is refused.
 
 DOCTOR
   Reasons a certificate is not offered:
@@ -86,6 +95,7 @@ EXAMPLES
   x509-auth --dir ./pki doctor
   echo hello | x509-auth --pin-env PIN sign 3f2a9c --hash sha256
   x509-auth --add-ca ca.pem chain 3f2a9c --pem > chain.pem
+  x509-auth --add-ca ca.pem tls localhost:8443 --cert <40 hex> --CAfile server-ca.pem
 )";
 
 }  // namespace x509auth_tool

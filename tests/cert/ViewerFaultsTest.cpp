@@ -16,7 +16,7 @@
 #include <string>
 
 #include "CertTestSupport.h"
-#include "ChildProcess.h"
+#include "ForkedChild.h"
 #include "TestPki.h"
 
 namespace quorvant::shared::x509 {

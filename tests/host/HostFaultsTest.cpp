@@ -12,7 +12,7 @@
 #include <set>
 #include <thread>
 
-#include "ChildProcess.h"
+#include "ForkedChild.h"
 #include "HostFixture.h"
 
 namespace x509auth_test {
