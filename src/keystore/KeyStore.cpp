@@ -310,7 +310,8 @@ std::int32_t KeyStore::GetChainedCAsForCertificate(const X509_Auth_Certificate* 
     Thumbprint thumbprint{};
     std::memcpy(thumbprint.data(), certificate->ca_chain[i], thumbprint.size());
     std::unique_ptr<ICertificate> found;
-    const std::uint32_t error = cert_store.FindThumbprint(thumbprint, &found);
+    // Only encoded: no copy of the certificate is needed.
+    const std::uint32_t error = cert_store.FindThumbprintShared(thumbprint, &found);
     if (error != 0) {
       SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
                                 static_cast<int>(error));
