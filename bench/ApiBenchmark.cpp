@@ -18,74 +18,15 @@
 #include <memory>
 #include <string>
 
+#include "BenchMaterial.h"
 #include "TestPki.h"
 #include "x509_auth.h"
 
 namespace {
 
 using namespace x509auth_test;
+using namespace x509auth_bench;
 namespace fs = std::filesystem;
-
-// The process-wide keys: generating 1,000 keys would dominate the set-up, so
-// the listed certificates share one leaf key; each certificate is distinct
-// (own name and serial). Certificate 0 is RSA and certificate 1 is EC, each
-// with its own unencrypted PEM key file.
-struct Keys {
-  TestKey ca_key = MakeKey(KeyKind::kRsa);
-  TestKey rsa_key = MakeKey(KeyKind::kRsa);
-  TestKey ec_key = MakeKey(KeyKind::kEc);
-  TestX509 ca;
-  Keys() {
-    CertOptions options;
-    options.common_name = "Bench CA";
-    options.is_ca = true;
-    options.key_usage = "critical,keyCertSign,cRLSign";
-    ca = MakeCert(options, ca_key.get());
-  }
-};
-
-Keys& SharedKeys() {
-  static Keys keys;
-  return keys;
-}
-
-struct Material {
-  explicit Material(int n) {
-    Keys& keys = SharedKeys();
-    base = dir.path() / "base";
-    for (int i = 0; i < n; ++i) {
-      CertOptions options;
-      options.common_name = "Bench " + std::to_string(i);
-      options.extended_key_usage = "clientAuth";
-      options.key_usage = "critical,digitalSignature,keyEncipherment";
-      EVP_PKEY* key = i == 1 ? keys.ec_key.get() : keys.rsa_key.get();
-      TestX509 cert = MakeCert(options, key, keys.ca.get(), keys.ca_key.get());
-      const std::string name = "cert" + std::to_string(i) + ".pem";
-      InstallFileCert(base, name, cert.get(), i < 2 ? key : nullptr);
-      if (i == 0) rsa = std::move(cert);
-      if (i == 1) ec = std::move(cert);
-    }
-    rsa_thumbprint = Sha1Thumbprint(rsa.get());
-    ec_thumbprint = Sha1Thumbprint(ec.get());
-    ca_der = CertToDer(keys.ca.get());
-    count = n;
-  }
-  TempDir dir;
-  fs::path base;
-  TestX509 rsa, ec;
-  Bytes rsa_thumbprint, ec_thumbprint, ca_der;
-  int count = 0;
-};
-
-// One working directory with the OpenSC module for the whole process.
-void EnterWorkingDirectory() {
-  static TempDir work;
-  static bool entered = false;
-  if (entered) return;
-  fs::create_symlink(OPENSC_MODULE_PATH, work.path() / "opensc-pkcs11.so");
-  if (chdir(work.path().c_str()) != 0) std::abort();
-  entered = true;
-}
 
 Material& MaterialFor(int n) {
   static std::map<int, std::unique_ptr<Material>> made;
@@ -168,6 +109,26 @@ void BM_List_Floor(benchmark::State& state) {
     if (verified != m.count) state.SkipWithError("floor verify failed");
   }
 }
+
+// The first listing after every file changed: each file's change time is
+// set to now (untimed), so nothing comes from the parsed-certificate cache.
+void BM_ListCold_Library(benchmark::State& state) {
+  Material& m = Use(static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    state.PauseTiming();
+    for (const fs::directory_entry& entry : fs::directory_iterator(m.base / "certs"))
+      fs::last_write_time(entry.path(), fs::file_time_type::clock::now());
+    state.ResumeTiming();
+    uint64_t count = 0;
+    const X509_Auth_Certificate* certificates = nullptr;
+    if (!X509_Auth_LoadClientCertificates(&count, &certificates) ||
+        count != static_cast<uint64_t>(m.count))
+      state.SkipWithError("listing failed");
+    X509_Auth_Free(certificates);
+  }
+}
+
+void BM_ListCold_Floor(benchmark::State& state) { BM_List_Floor(state); }
 
 // ---- Signing ---------------------------------------------------------------
 
@@ -322,6 +283,7 @@ void BM_InitDeInit_Floor(benchmark::State& state) {
   BENCHMARK(name##_Floor)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond)
 
 X509AUTH_PAIR(BM_List);
+X509AUTH_PAIR(BM_ListCold);
 X509AUTH_PAIR(BM_SignRsa);
 X509AUTH_PAIR(BM_SignEc);
 X509AUTH_PAIR(BM_Decrypt);
@@ -330,4 +292,15 @@ X509AUTH_PAIR(BM_InitDeInit);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+// All material is made first and left to settle for more than a second, as
+// files on a user's machine are: the library keeps no parsed certificate of
+// a file changed within the last second.
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  for (int n : {10, 100, 1000}) MaterialFor(n);
+  sleep(2);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

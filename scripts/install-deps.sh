@@ -11,6 +11,7 @@ packages=(
   softhsm2 opensc opensc-pkcs11
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   valgrind
+  python3
   gcr xvfb x11-utils xauth imagemagick
   libcli11-dev nlohmann-json3-dev tmux
   clang-14 libclang-rt-14-dev

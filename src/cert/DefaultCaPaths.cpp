@@ -94,7 +94,9 @@ void Reload(CaFileCache& cache, const FileIdentity& identity) {
 
 }  // namespace
 
-int DefaultCaPaths::SetOn(X509_STORE* store) {
+int DefaultCaPaths::SetOn(X509_STORE* store) { return SetOn(store, nullptr); }
+
+int DefaultCaPaths::SetOn(X509_STORE* store, std::vector<X509Ptr>* certs) {
   // The same lookups, in the same order, as X509_STORE_set_default_paths;
   // only the file's contents come from the cache.
   if (X509_STORE_add_lookup(store, X509_LOOKUP_file()) == nullptr) return 0;
@@ -103,8 +105,15 @@ int DefaultCaPaths::SetOn(X509_STORE* store) {
     std::lock_guard<std::mutex> lock(cache.mutex);
     const FileIdentity identity = CurrentCaFile();
     if (!cache.loaded || !(cache.identity == identity)) Reload(cache, identity);
-    X509StoreBatch batch(store);
-    for (const X509Ptr& cert : cache.certs) batch.Add(cert.get());
+    if (certs != nullptr) {
+      for (const X509Ptr& cert : cache.certs) {
+        X509_up_ref(cert.get());
+        certs->emplace_back(cert.get());
+      }
+    } else {
+      X509StoreBatch batch(store);
+      for (const X509Ptr& cert : cache.certs) batch.Add(cert.get());
+    }
     for (const X509CrlPtr& crl : cache.crls) X509_STORE_add_crl(store, crl.get());
   }
   X509_LOOKUP* directory = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());

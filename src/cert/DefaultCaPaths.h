@@ -1,6 +1,10 @@
 #pragma once
 #include <openssl/x509_vfy.h>
 
+#include <vector>
+
+#include "api/OpenSslPtr.h"
+
 namespace quorvant::shared::x509 {
 
 // Gives a store the system's default CA locations, as
@@ -13,6 +17,10 @@ class DefaultCaPaths {
   // Returns 1 on success and 0 when a lookup cannot be added, like
   // X509_STORE_set_default_paths; a missing CA file is no failure.
   static int SetOn(X509_STORE* store);
+  // The same, but the CA file's certificates are appended to |certs| (new
+  // references) for the caller to add later, in that order, instead of
+  // being added now; its CRLs are added now.
+  static int SetOn(X509_STORE* store, std::vector<X509Ptr>* certs);
 };
 
 }  // namespace quorvant::shared::x509

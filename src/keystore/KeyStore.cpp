@@ -60,7 +60,8 @@ std::optional<X509_Auth_Result> OpenForKeyOperation(const Thumbprint& thumbprint
                               static_cast<int>(store_error));
     return X509_Auth_Result{2, 0, store_error};
   }
-  const std::uint32_t find_error = users_store.FindThumbprint(thumbprint, &cert);
+  // The request only reads the certificate and ends before the store does.
+  const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint, &cert);
   if (find_error != 0) {
     SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
                               static_cast<int>(find_error));
@@ -310,7 +311,8 @@ std::int32_t KeyStore::GetChainedCAsForCertificate(const X509_Auth_Certificate* 
     Thumbprint thumbprint{};
     std::memcpy(thumbprint.data(), certificate->ca_chain[i], thumbprint.size());
     std::unique_ptr<ICertificate> found;
-    const std::uint32_t error = cert_store.FindThumbprint(thumbprint, &found);
+    // Only encoded: no copy of the certificate is needed.
+    const std::uint32_t error = cert_store.FindThumbprintShared(thumbprint, &found);
     if (error != 0) {
       SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
                                 static_cast<int>(error));

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <optional>
 #include <string>
 #include <system_error>
 
@@ -13,6 +12,7 @@
 #include "cert/Cert.h"
 #include "cert/DefaultCaPaths.h"
 #include "cert/X509StoreBatch.h"
+#include "files/CertificateFileCache.h"
 #include "files/CertificateFiles.h"
 
 namespace quorvant::shared::x509 {
@@ -43,11 +43,13 @@ CertStore::~CertStore() = default;
 CertStore::CertStore(CertStore&& other) noexcept
     : ICertificateStore(std::move(other)),
       x509_store(std::move(other.x509_store)),
+      unfilled(std::move(other.unfilled)),
       libp11_context(std::move(other.libp11_context)),
       smart_card_certs(std::move(other.smart_card_certs)),
       file_certs(std::move(other.file_certs)),
       encoded_certs(std::move(other.encoded_certs)) {
   // Leave the source closed and empty whatever the containers' moves do.
+  other.unfilled.clear();
   other.smart_card_certs.clear();
   other.file_certs.clear();
   other.encoded_certs.clear();
@@ -58,11 +60,15 @@ CertStore& CertStore::operator=(CertStore&& other) noexcept {
   // Field order: the old X509_STORE goes before the old context share, and
   // the old token entries (plain pointers) after it, which is safe because
   // nothing dereferences them on the way out.
+  // The old store's unfilled certificates are plain references: dropped
+  // before the store they were meant for.
+  unfilled = std::move(other.unfilled);
   x509_store = std::move(other.x509_store);
   libp11_context = std::move(other.libp11_context);
   smart_card_certs = std::move(other.smart_card_certs);
   file_certs = std::move(other.file_certs);
   encoded_certs = std::move(other.encoded_certs);
+  other.unfilled.clear();
   other.smart_card_certs.clear();
   other.file_certs.clear();
   other.encoded_certs.clear();
@@ -71,7 +77,23 @@ CertStore& CertStore::operator=(CertStore&& other) noexcept {
 
 bool CertStore::IsOpen() const { return x509_store != nullptr; }
 
-X509_STORE* CertStore::X509Store() const { return x509_store.get(); }
+X509_STORE* CertStore::X509Store() const {
+  Fill();
+  return x509_store.get();
+}
+
+void CertStore::Fill() const {
+  if (unfilled.empty()) return;
+  X509StoreBatch batch(x509_store.get());
+  for (const X509Ptr& cert : unfilled) batch.Add(cert.get());
+  unfilled.clear();
+}
+
+void CertStore::Defer(X509* cert) {
+  if (!x509_store || cert == nullptr) return;
+  X509_up_ref(cert);
+  unfilled.emplace_back(cert);
+}
 
 std::uint32_t CertStore::Open(CertStoreType type) {
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "CertStore::Open");
@@ -100,7 +122,7 @@ std::uint32_t CertStore::Open(CertStoreType type) {
     LogAllOpenSslErrors();
     return status;
   }
-  if (DefaultCaPaths::SetOn(x509_store.get()) != 1) {
+  if (DefaultCaPaths::SetOn(x509_store.get(), &unfilled) != 1) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to set CA paths");
     LogAllOpenSslErrors();
     return k_status_failed;
@@ -133,8 +155,7 @@ std::uint32_t CertStore::OpenFileStore() {
 
 void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
   const fs::path certs_directory = base / "certs";
-  std::optional<X509StoreBatch> batch;
-  if (x509_store) batch.emplace(x509_store.get());
+  const std::string keys_directory = (base / "keys").native();
   try {
     if (!fs::is_directory(fs::status(certs_directory))) {
       SafeCallbacksWrapper::Log(
@@ -147,8 +168,9 @@ void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
     for (const fs::directory_entry& entry : fs::directory_iterator(certs_directory)) {
       // The entry's cached type, or the link target's status for links.
       if (!entry.is_regular_file()) continue;
+      // Unchanged files come parsed from the cache.
       errno = 0;
-      X509Ptr cert = ReadX509FromDerOrPemFile(entry.path());
+      X509Ptr cert = CertificateFileCache::Instance().Read(entry.path());
       // Out of descriptors every later file fails too: that ends this base
       // directory like any other file-system error, instead of silently.
       if (!cert && (errno == EMFILE || errno == ENFILE))
@@ -156,12 +178,17 @@ void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
                                    std::error_code(errno, std::generic_category()));
       if (!cert) continue;
       // A certificate already in the store is no failure, so ignore the result.
-      if (batch) batch->Add(cert.get());
+      Defer(cert.get());
       // The whole file name, extension included: alice.pem -> alice.pem.key.
-      fs::path key_name = entry.path().filename();
-      key_name += ".key";
+      // Built as one string: composing paths per file cost more than the rest
+      // of the scan of an unchanged file.
+      const std::string& cert_file = entry.path().native();
+      std::string key_file = keys_directory;
+      key_file += '/';
+      key_file.append(cert_file, cert_file.rfind('/') + 1);
+      key_file += ".key";
       file_certs.push_back(
-          X509CertFromFileSystem{std::move(cert), entry.path(), base / "keys" / key_name});
+          X509CertFromFileSystem{std::move(cert), entry.path(), fs::path(std::move(key_file))});
     }
   } catch (const fs::filesystem_error& error) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "%s", error.what());
@@ -176,11 +203,7 @@ std::uint32_t CertStore::OpenSmartCardStore() {
   if (!libp11_context) return k_status_failed;
 
   const int status = libp11_context->GetCerts(smart_card_certs);
-  if (x509_store) {
-    X509StoreBatch batch(x509_store.get());
-    for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
-      batch.Add(entry.cert->x509);
-  }
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs) Defer(entry.cert->x509);
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
                             "CertStore::OpenSmartCardStore x509 certs that we added =%d",
                             static_cast<int>(smart_card_certs.size()));
@@ -192,6 +215,8 @@ std::uint32_t CertStore::AddEncodedCertificate(const unsigned char* bytes, std::
   // OpenSSL takes an int length: larger sizes are cut to their low 32 bits.
   X509Ptr cert(d2i_X509(nullptr, &cursor, static_cast<int>(static_cast<std::uint32_t>(size))));
   if (!cert) return 1;
+  // Whether it is a duplicate depends on everything gathered before it.
+  Fill();
   const bool not_added =
       !x509_store || X509_STORE_add_cert(x509_store.get(), cert.get()) == 0;
   // Kept even when the X509_STORE refused it.
@@ -258,11 +283,23 @@ std::vector<std::unique_ptr<ICertificate>> CertStore::Certificates() const {
 
 std::uint32_t CertStore::FindThumbprint(Thumbprint thumbprint,
                                         std::unique_ptr<ICertificate>* out) const {
+  return Find(thumbprint, out, false);
+}
+
+std::uint32_t CertStore::FindThumbprintShared(Thumbprint thumbprint,
+                                              std::unique_ptr<ICertificate>* out) const {
+  return Find(thumbprint, out, true);
+}
+
+std::uint32_t CertStore::Find(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
+                              bool shared) const {
   // Sources are searched in listing order and never merged, so a certificate
   // that is also a file is found as the file, with its key path.
   for (const X509CertFromFileSystem& entry : file_certs) {
     if (ThumbprintMatches(entry.x509.get(), thumbprint)) {
-      *out = MakeCert(this, entry);
+      *out = shared ? std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
+                          CertFileContext{this, Shared(entry.x509), entry.cert_path, entry.key_path})))
+                    : MakeCert(this, entry);
       return 0;
     }
   }
@@ -274,7 +311,9 @@ std::uint32_t CertStore::FindThumbprint(Thumbprint thumbprint,
   }
   for (const X509Ptr& x509 : encoded_certs) {
     if (ThumbprintMatches(x509.get(), thumbprint)) {
-      *out = MakeCert(this, x509);
+      *out = shared ? std::make_unique<Cert>(CertContext(std::make_unique<EncodedCertContext>(
+                          EncodedCertContext{this, Shared(x509)})))
+                    : MakeCert(this, x509);
       return 0;
     }
   }

@@ -10,7 +10,9 @@
 namespace quorvant::shared::x509 {
 
 // Gathers token certificates, the default CA locations and the certificate
-// files of the configured directories into one X509_STORE. Used by one
+// files of the configured directories into one X509_STORE. The certificates
+// go into the X509_STORE only when something first asks for it (chain
+// building, adding a certificate): signing and decryption never do. Used by one
 // thread at a time; certificates it hands out must not outlive it.
 class CertStore : public ICertificateStore {
  public:
@@ -34,6 +36,10 @@ class CertStore : public ICertificateStore {
                                std::unique_ptr<ICertificate>* out) const override;
   std::vector<std::unique_ptr<ICertificate>> Certificates() const override;
   X509_STORE* X509Store() const override;
+  // Like FindThumbprint, but the certificate shares this store's parsed
+  // object, as SharedCertificates() does.
+  std::uint32_t FindThumbprintShared(Thumbprint thumbprint,
+                                     std::unique_ptr<ICertificate>* out) const;
   // Like Certificates(), but each certificate shares this store's parsed
   // object (as token certificates always do) instead of a copy: for a caller
   // that only reads them. A copy costs a full encode and parse.
@@ -47,9 +53,19 @@ class CertStore : public ICertificateStore {
   std::uint32_t OpenSmartCardStore();
 
  private:
+  std::uint32_t Find(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
+                     bool shared) const;
+  // Puts the gathered certificates into the X509_STORE, in the order they
+  // were gathered, as adding each at once would have.
+  void Fill() const;
+  // Queues a certificate for the X509_STORE when the store is open.
+  void Defer(X509* cert);
+
   // Destroyed in reverse: added, file and token certificates, then the
   // context share (token certificates point into it), then the X509_STORE.
   X509StorePtr x509_store;
+  // Gathered for the X509_STORE and not yet in it, oldest first.
+  mutable std::vector<X509Ptr> unfilled;
   std::shared_ptr<Libp11Context> libp11_context;
   std::vector<Libp11Context::Libp11CertAndSlot> smart_card_certs;
   std::vector<X509CertFromFileSystem> file_certs;

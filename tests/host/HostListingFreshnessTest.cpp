@@ -1,7 +1,9 @@
 // Every listing sees the files, the default CA file and the added CAs as they
 // are at the time of the call, and one listing gives each of several
 // certificates the chain and the failure lines it would get alone.
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "HostFixture.h"
 
@@ -25,6 +27,18 @@ class HostListingFreshnessTest : public HostTest {
     std::vector<std::string> names;
     for (const X509_Auth_Certificate* record : records) names.push_back(record->name);
     return names;
+  }
+  // Files changed more than a second ago may be served from the library's
+  // cache of parsed certificates: the tests below make sure they are.
+  static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
+  static X509_Auth_Result Sign(const Bytes& thumbprint) {
+    const Bytes digest(32, 0x42);
+    const uint32_t algorithms[] = {1, 2};
+    const X509_Auth_Signature* signature = nullptr;
+    const X509_Auth_Result result = X509_Auth_SignHash(
+        thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
+    if (signature != nullptr) X509_Auth_Free(signature);
+    return result;
   }
   std::filesystem::path bundle_;
 };
@@ -50,6 +64,8 @@ TEST_F(HostListingFreshnessTest, ACertificateFileThatChangesBetweenListingsIsSee
   WriteFile(bundle_, CertToPem(first.get()) + CertToPem(second.get()));
   InstallFileCert(Base("base"), "a.pem", first.get(), key.get());
   Init({Base("base").string()});
+  Settle();
+  EXPECT_EQ(Names(List()), std::vector<std::string>{"First Version"});
   EXPECT_EQ(Names(List()), std::vector<std::string>{"First Version"});
   InstallFileCert(Base("base"), "a.pem", second.get(), key.get());
   EXPECT_EQ(Names(List()), std::vector<std::string>{"Second Version"});
@@ -102,6 +118,28 @@ TEST_F(HostListingFreshnessTest, OneListingLogsEachChainFailureInTheOrderOfItsCe
                           "cert: [Test Intermediate CA]",
                       }))
       << rec().Dump();
+}
+
+TEST_F(HostListingFreshnessTest, SigningSeesCertificateAndKeyFilesAsTheyAreAtEachCall) {
+  TestKey key = SharedKey(KeyKind::kEc, 3), other_key = SharedKey(KeyKind::kEc, 4);
+  TestX509 first = MakeClientCert("First Version", key.get());
+  TestX509 second = MakeClientCert("Second Version", key.get());
+  InstallFileCert(Base("base"), "a.pem", first.get(), key.get());
+  Init({Base("base").string()});
+  Settle();
+  EXPECT_EQ(Sign(Sha1Thumbprint(first.get())).code, 0) << rec().Dump();
+  EXPECT_EQ(Sign(Sha1Thumbprint(first.get())).code, 0);
+  // The key file now holds another key: the certificate has no key.
+  WriteFile(Base("base") / "keys" / "a.pem.key", KeyToPem(other_key.get()));
+  EXPECT_EQ(Sign(Sha1Thumbprint(first.get())).code, 4);
+  WriteFile(Base("base") / "keys" / "a.pem.key", KeyToPem(key.get()));
+  EXPECT_EQ(Sign(Sha1Thumbprint(first.get())).code, 0);
+  Settle();
+  EXPECT_EQ(Sign(Sha1Thumbprint(first.get())).code, 0);
+  // The certificate file now holds another certificate.
+  InstallFileCert(Base("base"), "a.pem", second.get(), key.get());
+  EXPECT_EQ(Sign(Sha1Thumbprint(first.get())).code, 3);
+  EXPECT_EQ(Sign(Sha1Thumbprint(second.get())).code, 0);
 }
 
 }  // namespace

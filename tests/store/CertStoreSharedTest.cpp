@@ -1,6 +1,7 @@
-// The listing's view of a users' store: the same certificates as
-// Certificates(), in the same order with the same contexts, over the store's
-// own parsed objects instead of copies.
+// The listing's and the key operations' view of a users' store: the same
+// certificates as Certificates() and FindThumbprint, over the store's own
+// parsed objects instead of copies; and the X509_STORE filled only when asked
+// for, with what filling it at once would have given.
 #include "StoreTestSupport.h"
 
 namespace quorvant::shared::x509 {
@@ -8,7 +9,19 @@ namespace {
 
 using test::FileContext;
 using test::SetBaseDirectories;
+using test::ScopedEnv;
 using test::StoreTest;
+using test::ThumbprintOf;
+
+// The certificates of a store in the order OpenSSL searches them.
+std::vector<X509*> SortedCerts(X509_STORE* store) {
+  STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
+  sk_X509_OBJECT_sort(objects);
+  std::vector<X509*> certs;
+  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
+    certs.push_back(X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)));
+  return certs;
+}
 
 class SharedCertificatesTest : public StoreTest {
  protected:
@@ -58,6 +71,71 @@ TEST_F(SharedCertificatesTest, ACertificateOutlivesTheStoreThatListedIt) {
   store_ = CertStore();
   ASSERT_EQ(shared.size(), 1u);
   EXPECT_EQ(shared[0]->Name(), "Only");
+}
+
+TEST_F(SharedCertificatesTest, FindThumbprintSharedFindsWhatFindThumbprintFinds) {
+  auto first = NamedCert("First");
+  x509auth_test::InstallFileCert(tmp_ / "b1", "a.pem", first.get());
+  x509auth_test::InstallFileCert(tmp_ / "b2", "a.pem", first.get());
+  SetBaseDirectories({(tmp_ / "b1").string(), (tmp_ / "b2").string()}, {});
+  ASSERT_EQ(store_.Open(ICertificateStore::k_users_cert_store), 0u);
+  auto added = NamedCert("Added", 2);
+  const x509auth_test::Bytes der = x509auth_test::CertToDer(added.get());
+  ASSERT_EQ(store_.AddEncodedCertificate(der.data(), der.size()), 0u);
+
+  std::unique_ptr<ICertificate> copy, shared;
+  ASSERT_EQ(store_.FindThumbprint(ThumbprintOf(first.get()), &copy), 0u);
+  ASSERT_EQ(store_.FindThumbprintShared(ThumbprintOf(first.get()), &shared), 0u);
+  // The first base directory's file, with its key path.
+  EXPECT_EQ(FileContext(shared).key_path, tmp_ / "b1" / "keys" / "a.pem.key");
+  EXPECT_EQ(FileContext(shared).key_path, FileContext(copy).key_path);
+  EXPECT_EQ(X509_cmp(FileContext(shared).x509.get(), first.get()), 0);
+  ASSERT_EQ(store_.FindThumbprintShared(ThumbprintOf(added.get()), &shared), 0u);
+  EXPECT_EQ(shared->GetContext().index(), 1u);
+  EXPECT_EQ(shared->Name(), "Added");
+
+  recorder_->Reset();
+  std::unique_ptr<ICertificate> none;
+  EXPECT_EQ(store_.FindThumbprintShared(Thumbprint{}, &none), 1u);
+  EXPECT_EQ(none, nullptr);
+  ASSERT_EQ(recorder_->Logs().size(), 1u);
+  EXPECT_EQ(recorder_->Logs()[0].format, "Failed to find certificate with thumprint: [%s]");
+}
+
+TEST_F(SharedCertificatesTest, TheX509StoreHoldsWhatAddingEachAtOnceWouldHaveLeft) {
+  ScopedEnv file_env("SSL_CERT_FILE");
+  ScopedEnv dir_env("SSL_CERT_DIR");
+  auto ca_one = NamedCert("Same Name", 1);
+  auto ca_two = NamedCert("Other CA", 2);
+  auto file_one = NamedCert("Same Name", 3);  // same subject as a CA, other key
+  auto file_two = NamedCert("File Two");
+  x509auth_test::WriteFile(tmp_ / "bundle.pem", x509auth_test::CertToPem(ca_one.get()) +
+                                                    x509auth_test::CertToPem(ca_two.get()) +
+                                                    x509auth_test::CertToPem(file_two.get()));
+  setenv("SSL_CERT_FILE", (tmp_ / "bundle.pem").c_str(), 1);
+  setenv("SSL_CERT_DIR", (tmp_ / "no-dir").c_str(), 1);
+  x509auth_test::InstallFileCert(tmp_ / "base", "one.pem", file_one.get());
+  x509auth_test::InstallFileCert(tmp_ / "base", "two.pem", file_two.get());
+  SetBaseDirectories({(tmp_ / "base").string()}, {});
+  ASSERT_EQ(store_.Open(ICertificateStore::k_users_cert_store), 0u) << recorder_->Dump();
+
+  // What filling at once did: CA file first, then the files in scan order.
+  X509StorePtr expected(X509_STORE_new());
+  for (X509* cert : {ca_one.get(), ca_two.get(), file_two.get()})
+    X509_STORE_add_cert(expected.get(), cert);
+  for (const auto& cert : store_.Certificates())
+    X509_STORE_add_cert(expected.get(), static_cast<const Cert&>(*cert).GetX509());
+  auto added = NamedCert("Added", 4);
+  X509_STORE_add_cert(expected.get(), added.get());
+  // Adding fills the store first, so the added certificate comes last.
+  const x509auth_test::Bytes der = x509auth_test::CertToDer(added.get());
+  ASSERT_EQ(store_.AddEncodedCertificate(der.data(), der.size()), 0u);
+
+  const std::vector<X509*> want = SortedCerts(expected.get());
+  const std::vector<X509*> got = SortedCerts(store_.X509Store());
+  ASSERT_EQ(got.size(), want.size());
+  ASSERT_EQ(got.size(), 5u);  // file_two is in the CA file too: once
+  for (std::size_t i = 0; i < got.size(); ++i) EXPECT_EQ(X509_cmp(got[i], want[i]), 0) << i;
 }
 
 }  // namespace

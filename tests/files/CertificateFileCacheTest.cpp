@@ -1,0 +1,144 @@
+// The parsed-certificate cache gives what reading the file gives, every time:
+// kept only while the file is exactly as it was, and bounded.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <thread>
+
+#include "TestPki.h"
+#include "files/CertificateFileCache.h"
+#include "files/CertificateFiles.h"
+
+namespace quorvant::shared::x509 {
+namespace {
+
+using x509auth_test::CertOptions;
+using x509auth_test::CertToPem;
+using x509auth_test::KeyKind;
+using x509auth_test::MakeCert;
+using x509auth_test::SharedKey;
+using x509auth_test::TestKey;
+using x509auth_test::TestX509;
+using x509auth_test::WriteFile;
+
+TestX509 Named(const std::string& name) {
+  TestKey key = SharedKey(KeyKind::kEc);
+  CertOptions options;
+  options.common_name = name;
+  return MakeCert(options, key.get());
+}
+
+std::string NameOf(const X509Ptr& cert) {
+  if (!cert) return "<none>";
+  char text[256] = {};
+  X509_NAME_get_text_by_NID(X509_get_subject_name(cert.get()), NID_commonName, text, sizeof text);
+  return text;
+}
+
+// Files whose last change is more than a second old count as settled.
+void WaitUntilSettled() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
+
+class CertificateFileCacheTest : public ::testing::Test {
+ protected:
+  x509auth_test::TempDir dir_;
+};
+
+TEST_F(CertificateFileCacheTest, AJustWrittenFileIsReadButNotKept) {
+  CertificateFileCache cache;
+  TestX509 cert = Named("Fresh");
+  WriteFile(dir_ / "a.pem", CertToPem(cert.get()));
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "a.pem")), "Fresh");
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "a.pem")), "Fresh");
+  EXPECT_EQ(cache.Size(), 0u);
+  EXPECT_EQ(cache.Hits(), 0u);
+  EXPECT_EQ(cache.Read(dir_ / "missing.pem"), nullptr);
+  EXPECT_EQ(cache.Size(), 0u);
+}
+
+TEST_F(CertificateFileCacheTest, SettledFilesAreKeptUntilTheyChange) {
+  CertificateFileCache cache;
+  TestX509 version_a = Named("Version A"), version_b = Named("Version B");
+  TestX509 version_c = Named("Version C");
+  // ECDSA signatures vary in length: make another until both are as long.
+  for (int i = 0; i < 100 && CertToPem(version_a.get()).size() != CertToPem(version_b.get()).size();
+       ++i)
+    version_b = Named("Version B");
+  const std::string pem_a = CertToPem(version_a.get()), pem_b = CertToPem(version_b.get());
+  ASSERT_EQ(pem_a.size(), pem_b.size());
+  WriteFile(dir_ / "same-size.pem", pem_a);
+  WriteFile(dir_ / "renamed.pem", pem_a);
+  WriteFile(dir_ / "removed.pem", pem_a);
+  WriteFile(dir_ / "not-a-cert.pem", std::string("hello"));
+  for (int i = 0; i < 4; ++i) WriteFile(dir_ / ("bound" + std::to_string(i) + ".pem"), pem_a);
+  WaitUntilSettled();
+
+  const X509Ptr first = cache.Read(dir_ / "same-size.pem");
+  const X509Ptr again = cache.Read(dir_ / "same-size.pem");
+  EXPECT_EQ(first.get(), again.get()) << "kept: the same parsed certificate";
+  EXPECT_EQ(cache.Hits(), 1u);
+  EXPECT_EQ(cache.Read(dir_ / "not-a-cert.pem"), nullptr);
+  EXPECT_EQ(cache.Read(dir_ / "not-a-cert.pem"), nullptr);
+  EXPECT_EQ(cache.Hits(), 2u);
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "renamed.pem")), "Version A");
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "removed.pem")), "Version A");
+
+  // Same size, rewritten in place, modification time put back: the change
+  // time still differs.
+  struct stat before {};
+  ASSERT_EQ(stat((dir_ / "same-size.pem").c_str(), &before), 0);
+  WriteFile(dir_ / "same-size.pem", pem_b);
+  const timespec times[2] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(utimensat(AT_FDCWD, (dir_ / "same-size.pem").c_str(), times, 0), 0);
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "same-size.pem")), "Version B");
+  // Replaced by another file.
+  WriteFile(dir_ / "other.pem", CertToPem(version_c.get()));
+  std::filesystem::rename(dir_ / "other.pem", dir_ / "renamed.pem");
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "renamed.pem")), "Version C");
+  std::filesystem::remove(dir_ / "removed.pem");
+  EXPECT_EQ(cache.Read(dir_ / "removed.pem"), nullptr);
+  // Now a certificate where there was none.
+  WriteFile(dir_ / "not-a-cert.pem", pem_a);
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "not-a-cert.pem")), "Version A");
+}
+
+TEST_F(CertificateFileCacheTest, NeverHoldsMoreThanItsCapacity) {
+  CertificateFileCache cache(4);
+  TestX509 cert = Named("Bound");
+  for (int i = 0; i < 10; ++i)
+    WriteFile(dir_ / ("f" + std::to_string(i) + ".pem"), CertToPem(cert.get()));
+  WaitUntilSettled();
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 10; ++i) {
+      EXPECT_EQ(NameOf(cache.Read(dir_ / ("f" + std::to_string(i) + ".pem"))), "Bound");
+      EXPECT_LE(cache.Size(), 4u);
+    }
+  }
+  // The most recently used stay.
+  const std::uint64_t hits = cache.Hits();
+  cache.Read(dir_ / "f9.pem");
+  EXPECT_EQ(cache.Hits(), hits + 1);
+  cache.Clear();
+  EXPECT_EQ(cache.Size(), 0u);
+}
+
+TEST_F(CertificateFileCacheTest, ReadsWhatTheReaderReadsForPemAndDer) {
+  CertificateFileCache cache;
+  TestX509 cert = Named("Both Forms");
+  WriteFile(dir_ / "c.der", x509auth_test::CertToDer(cert.get()));
+  WriteFile(dir_ / "c.pem", CertToPem(cert.get()));
+  WaitUntilSettled();
+  for (const char* name : {"c.der", "c.pem"}) {
+    for (int i = 0; i < 2; ++i) {
+      const X509Ptr read = cache.Read(dir_ / name);
+      const X509Ptr direct = ReadX509FromDerOrPemFile(dir_ / name);
+      ASSERT_NE(read, nullptr);
+      EXPECT_EQ(X509_cmp(read.get(), direct.get()), 0);
+    }
+  }
+  EXPECT_EQ(cache.Hits(), 2u);
+}
+
+}  // namespace
+}  // namespace quorvant::shared::x509
