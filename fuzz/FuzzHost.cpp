@@ -105,6 +105,15 @@ void FuzzHost::Init(PasswordAnswer answer) const {
   X509_Auth_Init(&settings, X509_Auth_Callbacks{Log, PinEntry, FreePinEntryResult, Message});
 }
 
+void FuzzHost::WarmUp() {
+  const FuzzHost& host = Instance();
+  const InWorkDirectory in_work_directory(host);
+  host.Init(PasswordAnswer::kRight);
+  std::uint64_t count = 0;
+  const X509_Auth_Certificate* certificates = nullptr;
+  if (X509_Auth_LoadClientCertificates(&count, &certificates)) X509_Auth_Free(certificates);
+}
+
 int FuzzHost::PromptCount() { return prompt_count; }
 
 FuzzHost::InWorkDirectory::InWorkDirectory(const FuzzHost& host)
