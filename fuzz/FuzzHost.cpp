@@ -53,8 +53,9 @@ X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) {
 }
 
 void FreePinEntryResult(X509_Auth_PinEntryResult* result) {
-  // The record is the first member, so this is the address that was made.
-  delete reinterpret_cast<OwnedPinEntryResult*>(result);
+  // The record is the first member, so this is the address that was made;
+  // ownership comes back from the host here.
+  std::unique_ptr<OwnedPinEntryResult> owned(reinterpret_cast<OwnedPinEntryResult*>(result));
 }
 
 void Message(const char* message, const char* title) {
