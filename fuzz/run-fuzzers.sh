@@ -26,6 +26,11 @@ cmake --build "$build" -j"$(nproc)" --target fuzzers
 rm -rf "$build/seeds"
 "$build/fuzz/fuzz_make_seeds" "$build/seeds"
 mkdir -p "$build/logs" "$build/artifacts"
+# The harnesses' host directories go here, so that a process that ends
+# abruptly (a finding, a timeout) leaves nothing in /tmp.
+export TMPDIR="$build/tmp"
+rm -rf "$TMPDIR"
+mkdir -p "$TMPDIR"
 
 # A hang of 25 s on one input (a few ms is usual; the margin is for a busy
 # machine) or 2 GB of memory is a finding, not a wait.
@@ -73,4 +78,5 @@ for harness in "${harnesses[@]}"; do
   fi
 done
 for pid in "${pids[@]}"; do wait "$pid" || failed=1; done
+rm -rf "$TMPDIR"
 exit $failed
