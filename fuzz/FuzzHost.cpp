@@ -53,8 +53,9 @@ X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) {
 }
 
 void FreePinEntryResult(X509_Auth_PinEntryResult* result) {
-  // The record is the first member, so this is the address that was made.
-  delete reinterpret_cast<OwnedPinEntryResult*>(result);
+  // The record is the first member, so this is the address that was made;
+  // ownership comes back from the host here.
+  std::unique_ptr<OwnedPinEntryResult> owned(reinterpret_cast<OwnedPinEntryResult*>(result));
 }
 
 void Message(const char* message, const char* title) {
@@ -103,6 +104,15 @@ void FuzzHost::Init(PasswordAnswer answer) const {
   const char* directories[] = {base.c_str()};
   const X509_Auth_Settings settings{directories, 1, nullptr, 0};
   X509_Auth_Init(&settings, X509_Auth_Callbacks{Log, PinEntry, FreePinEntryResult, Message});
+}
+
+void FuzzHost::WarmUp() {
+  const FuzzHost& host = Instance();
+  const InWorkDirectory in_work_directory(host);
+  host.Init(PasswordAnswer::kRight);
+  std::uint64_t count = 0;
+  const X509_Auth_Certificate* certificates = nullptr;
+  if (X509_Auth_LoadClientCertificates(&count, &certificates)) X509_Auth_Free(certificates);
 }
 
 int FuzzHost::PromptCount() { return prompt_count; }

@@ -43,6 +43,9 @@ class FuzzHost {
   // X509_Auth_Init with the base directory and the scripted callbacks: a
   // fresh key store, so nothing from the previous input is kept.
   void Init(PasswordAnswer answer) const;
+  // Makes the host and lists once, so the PKCS#11 module is loaded before
+  // libFuzzer starts timing inputs; for LLVMFuzzerInitialize.
+  static void WarmUp();
   // How many prompts the last Init's script answered.
   static int PromptCount();
 

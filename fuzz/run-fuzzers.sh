@@ -26,11 +26,17 @@ cmake --build "$build" -j"$(nproc)" --target fuzzers
 rm -rf "$build/seeds"
 "$build/fuzz/fuzz_make_seeds" "$build/seeds"
 mkdir -p "$build/logs" "$build/artifacts"
+# The harnesses' host directories go here, so that a process that ends
+# abruptly (a finding, a timeout) leaves nothing in /tmp.
+export TMPDIR="$build/tmp"
+rm -rf "$TMPDIR"
+mkdir -p "$TMPDIR"
 
-# A hang of 10 s on one input or 2 GB of memory is a finding, not a wait.
+# A hang of 25 s on one input (a few ms is usual; the margin is for a busy
+# machine) or 2 GB of memory is a finding, not a wait.
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-limits=(-timeout=10 -rss_limit_mb=2048 -malloc_limit_mb=1024)
+limits=(-timeout=25 -rss_limit_mb=2048 -malloc_limit_mb=1024)
 
 # Every saved regression input, once each.
 for harness in "${harnesses[@]}"; do
@@ -72,4 +78,5 @@ for harness in "${harnesses[@]}"; do
   fi
 done
 for pid in "${pids[@]}"; do wait "$pid" || failed=1; done
+rm -rf "$TMPDIR"
 exit $failed

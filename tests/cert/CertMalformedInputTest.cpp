@@ -14,6 +14,7 @@
 namespace quorvant::shared::x509 {
 namespace {
 
+using test::InstallRecorder;
 using test::MakeEncodedCert;
 using test::MakeFileCert;
 using test::X509OnlyStore;
@@ -55,6 +56,34 @@ TEST(CertMalformedInputTest, ShortGeneralizedTimesGiveMinusOne) {
   const auto cert = MakeEncodedCert(&store, parsed.get());
   EXPECT_EQ(cert->NotBefore(), -1);
   EXPECT_EQ(cert->NotAfter(), -1);
+}
+
+// Empty subject and issuer names (no attribute at all), and a common name of
+// no characters: the names are empty texts and nothing is logged.
+TEST(CertMalformedInputTest, EmptyNamesGiveEmptyTexts) {
+  auto& recorder = InstallRecorder();
+  const x509auth_test::TestKey key = x509auth_test::SharedKey(KeyKind::kEc);
+  x509auth_test::TestX509 cert = x509auth_test::MakeCert(CertOptions{}, key.get());
+  X509_NAME* empty = X509_NAME_new();
+  ASSERT_EQ(X509_set_subject_name(cert.get(), empty), 1);
+  X509_NAME* blank_common_name = X509_NAME_new();
+  X509_NAME_add_entry_by_txt(blank_common_name, "CN", V_ASN1_UTF8STRING,
+                             reinterpret_cast<const unsigned char*>(""), 0, -1, 0);
+  ASSERT_EQ(X509_set_issuer_name(cert.get(), blank_common_name), 1);
+  X509_NAME_free(empty);
+  X509_NAME_free(blank_common_name);
+  ASSERT_GT(X509_sign(cert.get(), key.get(), EVP_sha256()), 0);
+  const x509auth_test::Bytes der = x509auth_test::CertToDer(cert.get());
+  const unsigned char* cursor = der.data();
+  const X509Ptr parsed(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
+  ASSERT_NE(parsed, nullptr);
+
+  X509OnlyStore store;
+  recorder.Reset();
+  const auto file = MakeFileCert(&store, parsed.get());
+  EXPECT_EQ(file->Name(), "");
+  EXPECT_EQ(file->IssuerName(), "");
+  EXPECT_TRUE(recorder.Logs().empty()) << recorder.Dump();
 }
 
 }  // namespace

@@ -49,5 +49,58 @@ TEST_F(HostMalformedInputTest, ValidityTimesShorterThanTheirLayoutAreReadWithout
                         "Total Client Certificates returned: 0"));
 }
 
+// An Ed25519 or RSA-PSS key belongs to its certificate but is of no type
+// the key operations know: both requests end at the key with code 4.
+TEST_F(HostMalformedInputTest, KeyOfAnUnexpectedTypeGivesCodeFourForSignAndDecrypt) {
+  const auto base = Base("odd-keys");
+  std::vector<Bytes> thumbprints;
+  for (const KeyKind kind : {KeyKind::kEd25519, KeyKind::kRsaPss}) {
+    const TestKey key = MakeKey(kind);
+    CertOptions options;
+    options.extended_key_usage = "clientAuth";
+    const TestX509 cert = MakeCert(options, key.get());
+    const std::string name = kind == KeyKind::kEd25519 ? "ed25519.pem" : "pss.pem";
+    InstallFileCert(base, name, cert.get(), key.get());
+    thumbprints.push_back(Sha1Thumbprint(cert.get()));
+  }
+  Init({base.string()});
+  const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
+  const Bytes hash(32, 0x11);
+  for (const Bytes& thumbprint : thumbprints) {
+    const X509_Auth_Signature* signature = reinterpret_cast<const X509_Auth_Signature*>(1);
+    const X509_Auth_Result signed_result = X509_Auth_SignHash(
+        thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256, hash.data(), &signature);
+    EXPECT_EQ(signed_result.code, 4) << rec().Dump();
+    EXPECT_EQ(signed_result.detail, 1u);
+    EXPECT_EQ(signature, nullptr);
+    const X509_Auth_ASN_1* plaintext = reinterpret_cast<const X509_Auth_ASN_1*>(1);
+    const X509_Auth_Result decrypted = X509_Auth_Decrypt(
+        thumbprint.data(), X509_Auth_DecryptAlgorithm_RsaPkcs1, hash.size(), hash.data(), &plaintext);
+    EXPECT_EQ(decrypted.code, 4);
+    EXPECT_EQ(plaintext, nullptr);
+  }
+  EXPECT_EQ(rec().WithFormat("Unknown algorithm: [%i]").size(), 4u) << rec().Dump();
+}
+
+// Zero lengths: nothing is read from the (null) bytes and each request has
+// its ordinary failure.
+TEST_F(HostMalformedInputTest, ZeroLengthsAreRefusedWithoutReading) {
+  Init({Base("none").string()});
+  EXPECT_EQ(X509_Auth_AddAdditionalCertificateAuthorityToStore(nullptr, 0), 0);
+  const Bytes unknown(20, 0xAB);
+  const X509_Auth_ASN_1* plaintext = nullptr;
+  EXPECT_EQ(X509_Auth_Decrypt(unknown.data(), X509_Auth_DecryptAlgorithm_RsaOaep, 0, nullptr,
+                              &plaintext)
+                .code,
+            3);
+  EXPECT_EQ(plaintext, nullptr);
+  const X509_Auth_Signature* signature = nullptr;
+  EXPECT_EQ(X509_Auth_SignHash(unknown.data(), 0, nullptr, X509_Auth_HashType_Sha1,
+                               unknown.data(), &signature)
+                .code,
+            3);
+  EXPECT_EQ(signature, nullptr);
+}
+
 }  // namespace
 }  // namespace x509auth_test
