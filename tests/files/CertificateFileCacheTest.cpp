@@ -2,7 +2,11 @@
 // kept only while the file is exactly as it was, and bounded.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <chrono>
 #include <thread>
@@ -138,6 +142,39 @@ TEST_F(CertificateFileCacheTest, ReadsWhatTheReaderReadsForPemAndDer) {
     }
   }
   EXPECT_EQ(cache.Hits(), 2u);
+}
+
+// A file that could not be opened because no descriptor was left says nothing
+// about its contents: keeping "no certificate" for it would hide the
+// certificate from every later request until the file changed.
+TEST_F(CertificateFileCacheTest, AFileNotOpenedForWantOfDescriptorsIsNotKept) {
+#ifdef __SANITIZE_ADDRESS__
+  // The sanitizer runtime needs a descriptor of its own for its checks.
+  GTEST_SKIP() << "needs the normal build";
+#endif
+  CertificateFileCache cache;
+  TestX509 cert = Named("Kept");
+  WriteFile(dir_ / "a.pem", CertToPem(cert.get()));
+  WaitUntilSettled();
+
+  // With the limit at the lowest free descriptor, no file can be opened.
+  const int lowest = open("/dev/null", O_RDONLY);
+  ASSERT_GE(lowest, 0);
+  close(lowest);
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  const rlimit tight{static_cast<rlim_t>(lowest), saved.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  errno = 0;
+  X509Ptr none = cache.Read(dir_ / "a.pem");
+  const int read_errno = errno;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+
+  EXPECT_EQ(none, nullptr);
+  EXPECT_EQ(read_errno, EMFILE);
+  EXPECT_EQ(cache.Size(), 0u);
+  EXPECT_EQ(NameOf(cache.Read(dir_ / "a.pem")), "Kept");
+  EXPECT_EQ(cache.Size(), 1u);
 }
 
 }  // namespace
