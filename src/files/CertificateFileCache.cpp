@@ -1,5 +1,7 @@
 #include "files/CertificateFileCache.h"
 
+#include <fcntl.h>
+#include <openssl/err.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -44,50 +46,92 @@ CertificateFileCache& CertificateFileCache::Instance() {
   return cache;
 }
 
-X509Ptr CertificateFileCache::Read(const std::filesystem::path& path) {
+namespace {
+
+// The record for a certificate just read. Its thumbprint is taken now, once;
+// anything OpenSSL queues while taking it is dropped, and a thumbprint that
+// cannot be taken is left for the lookup to try again as it always did.
+std::shared_ptr<const CertificateFile> MakeRecord(X509Ptr cert, const std::string& cert_path,
+                                                  const std::string& key_path) {
+  auto file = std::make_shared<CertificateFile>();
+  ERR_set_mark();
+  file->has_thumbprint = GetThumbprintForX509Cert(cert.get(), &file->thumbprint);
+  ERR_pop_to_mark();
+  file->x509 = std::move(cert);
+  file->cert_path = cert_path;
+  file->key_path = key_path;
+  return file;
+}
+
+}  // namespace
+
+std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory, const char* name,
+                                                                  const std::string& cert_path,
+                                                                  const std::string& key_path) {
   struct stat status {};
-  // What cannot be identified is read as it is, and not kept.
-  if (stat(path.c_str(), &status) != 0) return ReadX509FromDerOrPemFile(path);
+  // What cannot be identified is read as it is, and not kept. Relative to
+  // the open directory the lookup costs less than walking the whole path.
+  if (fstatat(directory, name, &status, 0) != 0) {
+    X509Ptr cert = ReadX509FromDerOrPemFile(cert_path);
+    if (!cert) return nullptr;
+    return MakeRecord(std::move(cert), cert_path, key_path);
+  }
   Identity identity;
   identity.device = status.st_dev;
   identity.inode = status.st_ino;
   identity.size = status.st_size;
   identity.modified_ns = Nanoseconds(status.st_mtim);
   identity.changed_ns = Nanoseconds(status.st_ctim);
-  const std::string key = path.string();
+  X509Ptr kept;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto found = entries_.find(key);
+    auto found = entries_.find(cert_path);
     if (found != entries_.end()) {
-      if (found->second.identity == identity) {
-        found->second.last_used = ++clock_;
+      Entry& entry = found->second;
+      if (entry.identity == identity) {
+        entry.last_used = ++clock_;
         ++hits_;
-        return AnotherReference(found->second.cert);
+        if (!entry.file || entry.file->key_path.native() == key_path) return entry.file;
+        // The same file seen with another key path: its certificate is
+        // still good, only the record is made again.
+        kept = AnotherReference(entry.file->x509);
+      } else {
+        entries_.erase(found);
       }
-      entries_.erase(found);
     }
   }
+  if (kept) return MakeRecord(std::move(kept), cert_path, key_path);
   // Read outside the lock; the identity taken before the read can only be
   // older than the contents, so a later change is still noticed.
   errno = 0;
-  X509Ptr cert = ReadX509FromDerOrPemFile(path);
+  X509Ptr cert = ReadX509FromDerOrPemFile(cert_path);
   // A file that could not be opened for want of descriptors or memory says
   // nothing about its contents: not kept, and the caller still sees errno.
   const int read_errno = errno;
-  if (!cert && (read_errno == EMFILE || read_errno == ENFILE || read_errno == ENOMEM)) return cert;
+  if (!cert && (read_errno == EMFILE || read_errno == ENFILE || read_errno == ENOMEM))
+    return nullptr;
+  std::shared_ptr<const CertificateFile> file =
+      cert ? MakeRecord(std::move(cert), cert_path, key_path) : nullptr;
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   const long long settled = Nanoseconds(now) - k_ns_per_second;
-  if (identity.modified_ns >= settled || identity.changed_ns >= settled) return cert;
-
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (entries_.size() >= capacity_) EvictOldHalf();
-  Entry& entry = entries_[key];
-  entry.identity = identity;
-  entry.cert = AnotherReference(cert);
-  entry.last_used = ++clock_;
+  if (identity.modified_ns < settled && identity.changed_ns < settled) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (entries_.size() >= capacity_) EvictOldHalf();
+    Entry& entry = entries_[cert_path];
+    entry.identity = identity;
+    entry.file = file;
+    entry.last_used = ++clock_;
+  }
   errno = read_errno;
-  return cert;
+  return file;
+}
+
+X509Ptr CertificateFileCache::Read(const std::filesystem::path& path) {
+  const std::shared_ptr<const CertificateFile> file =
+      Read(AT_FDCWD, path.c_str(), path.native(), std::string());
+  if (!file) return X509Ptr();
+  return AnotherReference(file->x509);
 }
 
 void CertificateFileCache::EvictOldHalf() {

@@ -4,17 +4,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 
 #include "api/OpenSslPtr.h"
+#include "files/CertificateFile.h"
 
 namespace quorvant::shared::x509 {
 
 // Certificates read from files, kept between requests so that a request
 // which scans a directory of many certificates parses only the files that
-// changed. An entry is used only while the file's identity (device, inode,
+// changed, and shares the record made for the file instead of building it
+// again. An entry is used only while the file's identity (device, inode,
 // size, modification and change times) is exactly what it was when read; a
 // file changed less than a second before it was read is not kept, since a
 // second change within the file system's timestamp granularity could leave
@@ -32,9 +35,18 @@ class CertificateFileCache {
   // The one the certificate stores use.
   static CertificateFileCache& Instance();
 
-  // What ReadX509FromDerOrPemFile(path) returns now: the kept certificate
-  // (another reference to it) when the file is unchanged, else the file
-  // read again. A file that holds no certificate is kept as such too.
+  // The record of the certificate file |name| in the directory open as
+  // |directory| (AT_FDCWD for a name that is a whole path), whose whole path
+  // is |cert_path| and whose key is expected at |key_path|. It holds what
+  // ReadX509FromDerOrPemFile(cert_path) returns now: the kept record when the
+  // file is unchanged, else one made from the file read again. Null when the
+  // file holds no certificate, which is kept as such too; errno then tells
+  // whether the file could not be opened for want of descriptors.
+  std::shared_ptr<const CertificateFile> Read(int directory, const char* name,
+                                              const std::string& cert_path,
+                                              const std::string& key_path);
+
+  // What ReadX509FromDerOrPemFile(path) returns now, through the same entries.
   X509Ptr Read(const std::filesystem::path& path);
 
   // For tests and diagnostics.
@@ -53,7 +65,7 @@ class CertificateFileCache {
   };
   struct Entry {
     Identity identity;
-    X509Ptr cert;  // null: the file holds no certificate
+    std::shared_ptr<const CertificateFile> file;  // null: no certificate in it
     std::uint64_t last_used = 0;
   };
 

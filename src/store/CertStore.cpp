@@ -14,6 +14,7 @@
 #include "cert/X509StoreBatch.h"
 #include "files/CertificateFileCache.h"
 #include "files/CertificateFiles.h"
+#include "files/DirectoryEntries.h"
 
 namespace quorvant::shared::x509 {
 
@@ -155,7 +156,11 @@ std::uint32_t CertStore::OpenFileStore() {
 
 void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
   const fs::path certs_directory = base / "certs";
-  const std::string keys_directory = (base / "keys").native();
+  // Key paths are built in one string: composing paths per file cost more
+  // than the rest of the scan of an unchanged file.
+  std::string key_file = (base / "keys").native();
+  key_file += '/';
+  const std::size_t key_prefix = key_file.size();
   try {
     if (!fs::is_directory(fs::status(certs_directory))) {
       SafeCallbacksWrapper::Log(
@@ -164,31 +169,30 @@ void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
           certs_directory.c_str());
       return;
     }
-    // No options: an unreadable directory raises, and ends this base only.
-    for (const fs::directory_entry& entry : fs::directory_iterator(certs_directory)) {
-      // The entry's cached type, or the link target's status for links.
-      if (!entry.is_regular_file()) continue;
-      // Unchanged files come parsed from the cache.
+    // Read like the standard directory iterator with no options: an
+    // unreadable directory raises, and ends this base only.
+    DirectoryEntries entries(certs_directory);
+    CertificateFileCache& cache = CertificateFileCache::Instance();
+    while (entries.Next()) {
+      // The entry's reported type, or the link target's status for links.
+      if (!entries.IsRegularFile()) continue;
+      // The whole file name, extension included: alice.pem -> alice.pem.key.
+      key_file.resize(key_prefix);
+      key_file += entries.Name();
+      key_file += ".key";
+      // Unchanged files come from the cache, record and all.
       errno = 0;
-      X509Ptr cert = CertificateFileCache::Instance().Read(entry.path());
+      std::shared_ptr<const X509CertFromFileSystem> file =
+          cache.Read(entries.Descriptor(), entries.Name(), entries.Path(), key_file);
       // Out of descriptors every later file fails too: that ends this base
       // directory like any other file-system error, instead of silently.
-      if (!cert && (errno == EMFILE || errno == ENFILE))
-        throw fs::filesystem_error("cannot open certificate file", entry.path(),
+      if (!file && (errno == EMFILE || errno == ENFILE))
+        throw fs::filesystem_error("cannot open certificate file", fs::path(entries.Path()),
                                    std::error_code(errno, std::generic_category()));
-      if (!cert) continue;
+      if (!file) continue;
       // A certificate already in the store is no failure, so ignore the result.
-      Defer(cert.get());
-      // The whole file name, extension included: alice.pem -> alice.pem.key.
-      // Built as one string: composing paths per file cost more than the rest
-      // of the scan of an unchanged file.
-      const std::string& cert_file = entry.path().native();
-      std::string key_file = keys_directory;
-      key_file += '/';
-      key_file.append(cert_file, cert_file.rfind('/') + 1);
-      key_file += ".key";
-      file_certs.push_back(
-          X509CertFromFileSystem{std::move(cert), entry.path(), fs::path(std::move(key_file))});
+      Defer(file->x509.get());
+      file_certs.push_back(std::move(file));
     }
   } catch (const fs::filesystem_error& error) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "%s", error.what());
@@ -232,6 +236,11 @@ std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store,
       store, X509Ptr(X509_dup(entry.x509.get())), entry.cert_path, entry.key_path})));
 }
 
+bool Matches(const CertStore::X509CertFromFileSystem& entry, const Thumbprint& wanted) {
+  if (entry.has_thumbprint) return entry.thumbprint == wanted;
+  return ThumbprintMatches(entry.x509.get(), wanted);
+}
+
 // The certificate and slot are libp11's; the new share of the context keeps
 // them alive for as long as the certificate object lives.
 std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store,
@@ -257,9 +266,9 @@ X509Ptr Shared(const X509Ptr& x509) {
 std::vector<std::unique_ptr<ICertificate>> CertStore::SharedCertificates() const {
   std::vector<std::unique_ptr<ICertificate>> certificates;
   certificates.reserve(file_certs.size() + smart_card_certs.size() + encoded_certs.size());
-  for (const X509CertFromFileSystem& entry : file_certs) {
+  for (const auto& entry : file_certs) {
     certificates.push_back(std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
-        CertFileContext{this, Shared(entry.x509), entry.cert_path, entry.key_path}))));
+        CertFileContext{this, Shared(entry->x509), entry->cert_path, entry->key_path}))));
   }
   for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
     certificates.push_back(MakeCert(this, libp11_context, entry));
@@ -274,7 +283,7 @@ std::vector<std::unique_ptr<ICertificate>> CertStore::Certificates() const {
   std::vector<std::unique_ptr<ICertificate>> certificates;
   // Added certificates are not counted here; the array grows for them.
   certificates.reserve(file_certs.size() + smart_card_certs.size());
-  for (const X509CertFromFileSystem& entry : file_certs) certificates.push_back(MakeCert(this, entry));
+  for (const auto& entry : file_certs) certificates.push_back(MakeCert(this, *entry));
   for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
     certificates.push_back(MakeCert(this, libp11_context, entry));
   for (const X509Ptr& x509 : encoded_certs) certificates.push_back(MakeCert(this, x509));
@@ -295,11 +304,12 @@ std::uint32_t CertStore::Find(const Thumbprint& thumbprint, std::unique_ptr<ICer
                               bool shared) const {
   // Sources are searched in listing order and never merged, so a certificate
   // that is also a file is found as the file, with its key path.
-  for (const X509CertFromFileSystem& entry : file_certs) {
-    if (ThumbprintMatches(entry.x509.get(), thumbprint)) {
+  for (const auto& entry : file_certs) {
+    if (Matches(*entry, thumbprint)) {
       *out = shared ? std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
-                          CertFileContext{this, Shared(entry.x509), entry.cert_path, entry.key_path})))
-                    : MakeCert(this, entry);
+                          CertFileContext{this, Shared(entry->x509), entry->cert_path,
+                                          entry->key_path})))
+                    : MakeCert(this, *entry);
       return 0;
     }
   }

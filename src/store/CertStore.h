@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "api/OpenSslPtr.h"
+#include "files/CertificateFile.h"
 #include "smartcard/Libp11Context.h"
 #include "store/ICertificateStore.h"
 
@@ -16,12 +17,10 @@ namespace quorvant::shared::x509 {
 // thread at a time; certificates it hands out must not outlive it.
 class CertStore : public ICertificateStore {
  public:
-  // A certificate read from a "certs" directory and where its key should be.
-  struct X509CertFromFileSystem {
-    X509Ptr x509;
-    std::filesystem::path cert_path;
-    std::filesystem::path key_path;  // need not exist
-  };
+  // A certificate read from a "certs" directory and where its key should be
+  // (x509, cert_path, key_path); shared with the certificate file cache and
+  // never changed.
+  using X509CertFromFileSystem = CertificateFile;
 
   CertStore() = default;
   ~CertStore() override;
@@ -68,7 +67,7 @@ class CertStore : public ICertificateStore {
   mutable std::vector<X509Ptr> unfilled;
   std::shared_ptr<Libp11Context> libp11_context;
   std::vector<Libp11Context::Libp11CertAndSlot> smart_card_certs;
-  std::vector<X509CertFromFileSystem> file_certs;
+  std::vector<std::shared_ptr<const X509CertFromFileSystem>> file_certs;
   std::vector<X509Ptr> encoded_certs;
 };
 

@@ -144,6 +144,52 @@ TEST_F(CertificateFileCacheTest, ReadsWhatTheReaderReadsForPemAndDer) {
   EXPECT_EQ(cache.Hits(), 2u);
 }
 
+// A scan shares the record made for an unchanged file, with its thumbprint
+// taken once; any change to the file, or another key path for it, gives a
+// new record.
+TEST_F(CertificateFileCacheTest, AnUnchangedFileSharesOneRecordWithItsThumbprint) {
+  CertificateFileCache cache;
+  TestX509 first = Named("First"), second = Named("Second");
+  WriteFile(dir_ / "a.pem", CertToPem(first.get()));
+  WaitUntilSettled();
+  const std::string path = (dir_ / "a.pem").native();
+  const std::string key = (dir_ / "keys" / "a.pem.key").native();
+
+  const auto record = cache.Read(AT_FDCWD, path.c_str(), path, key);
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->cert_path.native(), path);
+  EXPECT_EQ(record->key_path.native(), key);
+  Thumbprint expected{};
+  ASSERT_TRUE(GetThumbprintForX509Cert(first.get(), &expected));
+  EXPECT_TRUE(record->has_thumbprint);
+  EXPECT_EQ(record->thumbprint, expected);
+  EXPECT_EQ(X509_cmp(record->x509.get(), first.get()), 0);
+
+  // Relative to the open directory, the same entry.
+  const int directory = open(dir_.path().c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_GE(directory, 0);
+  EXPECT_EQ(cache.Read(directory, "a.pem", path, key), record);
+  // Another key path: the same certificate in a record of its own.
+  const std::string other_key = (dir_ / "elsewhere" / "a.pem.key").native();
+  const auto moved = cache.Read(directory, "a.pem", path, other_key);
+  ASSERT_NE(moved, nullptr);
+  EXPECT_NE(moved, record);
+  EXPECT_EQ(moved->key_path.native(), other_key);
+  EXPECT_EQ(moved->x509.get(), record->x509.get());
+
+  // Rewritten: read again, with the new thumbprint.
+  WriteFile(dir_ / "a.pem", CertToPem(second.get()));
+  const auto rewritten = cache.Read(directory, "a.pem", path, key);
+  close(directory);
+  ASSERT_NE(rewritten, nullptr);
+  EXPECT_NE(rewritten, record);
+  ASSERT_TRUE(GetThumbprintForX509Cert(second.get(), &expected));
+  EXPECT_EQ(rewritten->thumbprint, expected);
+  EXPECT_EQ(NameOf(X509Ptr(X509_dup(rewritten->x509.get()))), "Second");
+  // What was handed out before stays as it was.
+  EXPECT_EQ(X509_cmp(record->x509.get(), first.get()), 0);
+}
+
 // A file that could not be opened because no descriptor was left says nothing
 // about its contents: keeping "no certificate" for it would hide the
 // certificate from every later request until the file changed.

@@ -142,5 +142,21 @@ TEST_F(HostListingFreshnessTest, SigningSeesCertificateAndKeyFilesAsTheyAreAtEac
   EXPECT_EQ(Sign(Sha1Thumbprint(second.get())).code, 0);
 }
 
+TEST_F(HostListingFreshnessTest, ARenamedCertificateFileIsSignedWithTheKeyOfItsNewName) {
+  TestKey key = SharedKey(KeyKind::kEc, 3);
+  TestX509 cert = MakeClientCert("Renamed", key.get());
+  InstallFileCert(Base("base"), "a.pem", cert.get(), key.get());
+  Init({Base("base").string()});
+  Settle();
+  EXPECT_EQ(Sign(Sha1Thumbprint(cert.get())).code, 0) << rec().Dump();
+  std::filesystem::rename(Base("base") / "certs" / "a.pem", Base("base") / "certs" / "b.pem");
+  EXPECT_EQ(Sign(Sha1Thumbprint(cert.get())).code, 4) << "keys/b.pem.key does not exist yet";
+  std::filesystem::rename(Base("base") / "keys" / "a.pem.key", Base("base") / "keys" / "b.pem.key");
+  EXPECT_EQ(Sign(Sha1Thumbprint(cert.get())).code, 0) << rec().Dump();
+  std::filesystem::rename(Base("base") / "certs" / "b.pem", Base("base") / "certs" / "c.txt");
+  Settle();
+  EXPECT_EQ(Sign(Sha1Thumbprint(cert.get())).code, 4);
+}
+
 }  // namespace
 }  // namespace x509auth_test
