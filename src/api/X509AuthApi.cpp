@@ -12,6 +12,7 @@
 
 #include "api/SafeCallbacksWrapper.h"
 #include "api/X509Settings.h"
+#include "files/DirectorySnapshots.h"
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
 
@@ -19,6 +20,7 @@ namespace {
 
 using quorvant::shared::x509::Algorithm;
 using quorvant::shared::x509::DecryptAlgorithm;
+using quorvant::shared::x509::DirectorySnapshots;
 using quorvant::shared::x509::IKeyStore;
 using quorvant::shared::x509::KeyStore;
 using quorvant::shared::x509::Libp11Context;
@@ -78,6 +80,8 @@ void X509_Auth_DeInit(void) {
   std::unique_ptr<IKeyStore> key_store = std::move(KeyStoreOwner());
   key_store.reset();
   ContextHolder().reset();
+  // The watches on certificate directories end with the library's use.
+  DirectorySnapshots::Instance().Clear();
   LogAllOpenSslErrors();
 }
 

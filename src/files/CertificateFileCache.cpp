@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <openssl/err.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
 
@@ -63,25 +64,60 @@ std::shared_ptr<const CertificateFile> MakeRecord(X509Ptr cert, const std::strin
   return file;
 }
 
+long long Nanoseconds(const statx_timestamp& time) {
+  return static_cast<long long>(time.tv_sec) * k_ns_per_second + time.tv_nsec;
+}
+
+// The file's status, links followed, as stat gives it, and the mount it is
+// on where the kernel tells. Where statx itself is unavailable (an old
+// kernel, a filter that refuses it) fstatat gives all but the mount.
+bool TakeStatus(int directory, const char* name, CertificateFileCache::Facts* facts,
+                dev_t* device, ino_t* inode, off_t* size, long long* modified_ns,
+                long long* changed_ns) {
+  struct statx status {};
+  if (statx(directory, name, AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_MNT_ID, &status) ==
+      0) {
+    *device = makedev(status.stx_dev_major, status.stx_dev_minor);
+    *inode = status.stx_ino;
+    *size = static_cast<off_t>(status.stx_size);
+    *modified_ns = Nanoseconds(status.stx_mtime);
+    *changed_ns = Nanoseconds(status.stx_ctime);
+    facts->links = status.stx_nlink;
+    facts->mount_known = (status.stx_mask & STATX_MNT_ID) != 0;
+    facts->mount_id = status.stx_mnt_id;
+    return true;
+  }
+  if (errno != ENOSYS && errno != EPERM) return false;
+  struct stat fallback {};
+  if (fstatat(directory, name, &fallback, 0) != 0) return false;
+  *device = fallback.st_dev;
+  *inode = fallback.st_ino;
+  *size = fallback.st_size;
+  *modified_ns = Nanoseconds(fallback.st_mtim);
+  *changed_ns = Nanoseconds(fallback.st_ctim);
+  facts->links = fallback.st_nlink;
+  return true;
+}
+
 }  // namespace
 
 std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory, const char* name,
                                                                   const std::string& cert_path,
-                                                                  const std::string& key_path) {
-  struct stat status {};
+                                                                  const std::string& key_path,
+                                                                  Facts* facts) {
+  Facts ignored;
+  if (facts == nullptr) facts = &ignored;
+  *facts = Facts();
+  Identity identity;
   // What cannot be identified is read as it is, and not kept. Relative to
   // the open directory the lookup costs less than walking the whole path.
-  if (fstatat(directory, name, &status, 0) != 0) {
+  if (!TakeStatus(directory, name, facts, &identity.device, &identity.inode, &identity.size,
+                  &identity.modified_ns, &identity.changed_ns)) {
     X509Ptr cert = ReadX509FromDerOrPemFile(cert_path);
     if (!cert) return nullptr;
     return MakeRecord(std::move(cert), cert_path, key_path);
   }
-  Identity identity;
-  identity.device = status.st_dev;
-  identity.inode = status.st_ino;
-  identity.size = status.st_size;
-  identity.modified_ns = Nanoseconds(status.st_mtim);
-  identity.changed_ns = Nanoseconds(status.st_ctim);
+  facts->identified = true;
   X509Ptr kept;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -89,6 +125,8 @@ std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory,
     if (found != entries_.end()) {
       Entry& entry = found->second;
       if (entry.identity == identity) {
+        // Only settled files are kept.
+        facts->settled = true;
         entry.last_used = ++clock_;
         ++hits_;
         if (!entry.file || entry.file->key_path.native() == key_path) return entry.file;
@@ -116,6 +154,7 @@ std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory,
   clock_gettime(CLOCK_REALTIME, &now);
   const long long settled = Nanoseconds(now) - k_ns_per_second;
   if (identity.modified_ns < settled && identity.changed_ns < settled) {
+    facts->settled = true;
     std::lock_guard<std::mutex> lock(mutex_);
     if (entries_.size() >= capacity_) EvictOldHalf();
     Entry& entry = entries_[cert_path];

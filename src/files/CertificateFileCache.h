@@ -35,6 +35,15 @@ class CertificateFileCache {
   // The one the certificate stores use.
   static CertificateFileCache& Instance();
 
+  // What a directory scan learns of a file besides its record.
+  struct Facts {
+    bool identified = false;  // its status could be taken
+    bool settled = false;     // unchanged for over a second when it was read
+    std::uint64_t links = 0;  // hard links to it
+    bool mount_known = false;
+    std::uint64_t mount_id = 0;  // the mount it was found on
+  };
+
   // The record of the certificate file |name| in the directory open as
   // |directory| (AT_FDCWD for a name that is a whole path), whose whole path
   // is |cert_path| and whose key is expected at |key_path|. It holds what
@@ -42,9 +51,11 @@ class CertificateFileCache {
   // file is unchanged, else one made from the file read again. Null when the
   // file holds no certificate, which is kept as such too; errno then tells
   // whether the file could not be opened for want of descriptors.
+  // |facts|, when given, receives what was learnt of the file.
   std::shared_ptr<const CertificateFile> Read(int directory, const char* name,
                                               const std::string& cert_path,
-                                              const std::string& key_path);
+                                              const std::string& key_path,
+                                              Facts* facts = nullptr);
 
   // What ReadX509FromDerOrPemFile(path) returns now, through the same entries.
   X509Ptr Read(const std::filesystem::path& path);

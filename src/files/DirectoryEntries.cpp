@@ -19,7 +19,8 @@ bool IsDotOrDotDot(const char* name) {
 
 }  // namespace
 
-DirectoryEntries::DirectoryEntries(const fs::path& directory) {
+DirectoryEntries::DirectoryEntries(const fs::path& directory,
+                                   const std::function<void(int)>& opened) {
   // The same opening as the standard iterator's, so that the same errors
   // come from the same calls.
   int error = 0;
@@ -38,6 +39,7 @@ DirectoryEntries::DirectoryEntries(const fs::path& directory) {
   if (!path_.empty() && path_.back() != '/') path_ += '/';
   prefix_length_ = path_.size();
   if (dir_ != nullptr) {
+    if (opened) opened(::dirfd(dir_));
     if (const dirent* first = Advance(&error)) Take(first);
   }
   if (error != 0) {
@@ -91,22 +93,26 @@ bool DirectoryEntries::Next() {
   return false;
 }
 
-bool DirectoryEntries::IsRegularFile() const {
-  // The types the iterator takes from the directory as they are; links,
-  // unknown and unexpected types are resolved through the target's status,
-  // whose failures (other than a missing target) throw as they do there.
-  switch (type_) {
+bool DirectoryEntries::TypeIsFinal(unsigned char type) {
+  switch (type) {
     case DT_REG:
-      return true;
     case DT_BLK:
     case DT_CHR:
     case DT_DIR:
     case DT_FIFO:
     case DT_SOCK:
-      return false;
+      return true;
     default:
-      return fs::status(fs::path(path_)).type() == fs::file_type::regular;
+      return false;
   }
+}
+
+bool DirectoryEntries::IsRegularFile() const {
+  // The types the iterator takes from the directory as they are; links,
+  // unknown and unexpected types are resolved through the target's status,
+  // whose failures (other than a missing target) throw as they do there.
+  if (TypeIsFinal(type_)) return type_ == DT_REG;
+  return fs::status(fs::path(path_)).type() == fs::file_type::regular;
 }
 
 int DirectoryEntries::Descriptor() const { return dir_ == nullptr ? -1 : ::dirfd(dir_); }

@@ -2,6 +2,7 @@
 #include <dirent.h>
 
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace quorvant::shared::x509 {
@@ -16,8 +17,10 @@ class DirectoryEntries {
  public:
   // Opens the directory; throws filesystem_error "directory iterator cannot
   // open directory" for |directory| when it cannot be opened or its first
-  // entry cannot be read.
-  explicit DirectoryEntries(const std::filesystem::path& directory);
+  // entry cannot be read. |opened|, when given, is called with the open
+  // directory before anything is read from it.
+  explicit DirectoryEntries(const std::filesystem::path& directory,
+                            const std::function<void(int)>& opened = {});
   ~DirectoryEntries();
   DirectoryEntries(const DirectoryEntries&) = delete;
   DirectoryEntries& operator=(const DirectoryEntries&) = delete;
@@ -34,6 +37,11 @@ class DirectoryEntries {
   // the directory reported, or the target's status for links and unknown
   // types. Throws filesystem_error "status" where that function throws.
   bool IsRegularFile() const;
+  // The type the directory reported for the current entry (DT_*).
+  unsigned char Type() const { return type_; }
+  // Whether that type settles IsRegularFile() without a status, as it does
+  // for every type but links, unknown and unexpected ones.
+  static bool TypeIsFinal(unsigned char type);
   // The open directory, for lookups relative to it.
   int Descriptor() const;
 

@@ -1,6 +1,9 @@
 #include "store/CertStore.h"
 
+#include <fcntl.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,6 +18,7 @@
 #include "files/CertificateFileCache.h"
 #include "files/CertificateFiles.h"
 #include "files/DirectoryEntries.h"
+#include "files/DirectorySnapshots.h"
 
 namespace quorvant::shared::x509 {
 
@@ -169,34 +173,148 @@ void CertStore::LoadFileStoreCertsFromPath(const fs::path& base) {
           certs_directory.c_str());
       return;
     }
-    // Read like the standard directory iterator with no options: an
+    // An unchanged directory is taken as it was found; otherwise it is read
+    // like the standard directory iterator with no options would: an
     // unreadable directory raises, and ends this base only.
-    DirectoryEntries entries(certs_directory);
-    CertificateFileCache& cache = CertificateFileCache::Instance();
-    while (entries.Next()) {
-      // The entry's reported type, or the link target's status for links.
-      if (!entries.IsRegularFile()) continue;
-      // The whole file name, extension included: alice.pem -> alice.pem.key.
-      key_file.resize(key_prefix);
-      key_file += entries.Name();
-      key_file += ".key";
-      // Unchanged files come from the cache, record and all.
-      errno = 0;
-      std::shared_ptr<const X509CertFromFileSystem> file =
-          cache.Read(entries.Descriptor(), entries.Name(), entries.Path(), key_file);
-      // Out of descriptors every later file fails too: that ends this base
-      // directory like any other file-system error, instead of silently.
-      if (!file && (errno == EMFILE || errno == ENFILE))
-        throw fs::filesystem_error("cannot open certificate file", fs::path(entries.Path()),
-                                   std::error_code(errno, std::generic_category()));
-      if (!file) continue;
-      // A certificate already in the store is no failure, so ignore the result.
-      Defer(file->x509.get());
-      file_certs.push_back(std::move(file));
-    }
+    if (!ReplaySnapshot(certs_directory, key_file, key_prefix))
+      ScanDirectory(certs_directory, key_file, key_prefix);
   } catch (const fs::filesystem_error& error) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "%s", error.what());
   }
+}
+
+namespace {
+
+// Owns a descriptor for the length of a scope.
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+  ~Descriptor() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+// The directory's own mount, which its files must share for their changes to
+// be reported to it.
+bool MountOf(int directory, std::uint64_t* mount) {
+  struct statx status {};
+  if (statx(directory, "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, STATX_MNT_ID, &status) != 0 ||
+      (status.stx_mask & STATX_MNT_ID) == 0)
+    return false;
+  *mount = status.stx_mnt_id;
+  return true;
+}
+
+// Entry paths as the directory reader builds them.
+std::string EntryPrefix(const fs::path& directory) {
+  std::string prefix = directory.native();
+  if (!prefix.empty() && prefix.back() != '/') prefix += '/';
+  return prefix;
+}
+
+}  // namespace
+
+std::shared_ptr<const CertStore::X509CertFromFileSystem> CertStore::TakeFile(
+    int directory, const char* name, const std::string& path, const std::string& key_file,
+    CertificateFileCache::Facts* facts) {
+  // Unchanged files come from the cache, record and all.
+  errno = 0;
+  std::shared_ptr<const X509CertFromFileSystem> file =
+      CertificateFileCache::Instance().Read(directory, name, path, key_file, facts);
+  // Out of descriptors every later file fails too: that ends this base
+  // directory like any other file-system error, instead of silently.
+  if (!file && (errno == EMFILE || errno == ENFILE))
+    throw fs::filesystem_error("cannot open certificate file", fs::path(path),
+                               std::error_code(errno, std::generic_category()));
+  if (!file) return file;
+  // A certificate already in the store is no failure, so ignore the result.
+  Defer(file->x509.get());
+  file_certs.push_back(file);
+  return file;
+}
+
+bool CertStore::ReplaySnapshot(const fs::path& certs_directory, std::string& key_file,
+                               std::size_t key_prefix) {
+  // Opened as a scan would open it, so that whatever keeps a scan from
+  // opening it (descriptors, permissions) still ends in the scan's error.
+  const Descriptor directory(
+      ::openat(AT_FDCWD, certs_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.get() < 0) return false;
+  key_file.resize(key_prefix);
+  const std::shared_ptr<const DirectorySnapshots::Snapshot> snapshot =
+      DirectorySnapshots::Instance().Find(directory.get(), certs_directory.native(), key_file);
+  if (!snapshot) return false;
+  std::string path = EntryPrefix(certs_directory);
+  const std::size_t path_prefix = path.size();
+  for (const DirectorySnapshots::Entry& entry : *snapshot) {
+    if (!entry.is_volatile) {
+      if (entry.file) {
+        Defer(entry.file->x509.get());
+        file_certs.push_back(entry.file);
+      }
+      continue;
+    }
+    // Looked at again, exactly as the scan looks at an entry.
+    path.resize(path_prefix);
+    path += entry.name;
+    const bool regular = DirectoryEntries::TypeIsFinal(entry.type)
+                             ? entry.type == DT_REG
+                             : fs::status(fs::path(path)).type() == fs::file_type::regular;
+    if (!regular) continue;
+    key_file.resize(key_prefix);
+    key_file += entry.name;
+    key_file += ".key";
+    TakeFile(directory.get(), entry.name.c_str(), path, key_file, nullptr);
+  }
+  return true;
+}
+
+void CertStore::ScanDirectory(const fs::path& certs_directory, std::string& key_file,
+                              std::size_t key_prefix) {
+  DirectorySnapshots& snapshots = DirectorySnapshots::Instance();
+  DirectorySnapshots::Ticket ticket;
+  // Watched from before its first entry is read, so that any change made
+  // while it is read is reported.
+  DirectoryEntries entries(certs_directory, [&](int opened) { ticket = snapshots.Begin(opened); });
+  std::uint64_t mount = 0;
+  bool keep = ticket.valid && MountOf(entries.Descriptor(), &mount);
+  auto snapshot = std::make_shared<DirectorySnapshots::Snapshot>();
+  while (entries.Next()) {
+    const bool final_type = DirectoryEntries::TypeIsFinal(entries.Type());
+    // The entry's reported type, or the link target's status for links.
+    if (!entries.IsRegularFile()) {
+      // A link may lead to a file later; other entries never count.
+      if (keep && !final_type)
+        snapshot->push_back(DirectorySnapshots::Entry{entries.Name(), entries.Type(), true, nullptr});
+      continue;
+    }
+    // The whole file name, extension included: alice.pem -> alice.pem.key.
+    key_file.resize(key_prefix);
+    key_file += entries.Name();
+    key_file += ".key";
+    CertificateFileCache::Facts facts;
+    std::shared_ptr<const X509CertFromFileSystem> file =
+        TakeFile(entries.Descriptor(), entries.Name(), entries.Path(), key_file, &facts);
+    if (!keep) continue;
+    // Only what a report from the directory would announce a change of is
+    // taken as it is next time.
+    const bool reported = final_type && facts.identified && facts.settled && facts.links == 1 &&
+                          facts.mount_known && facts.mount_id == mount;
+    snapshot->push_back(DirectorySnapshots::Entry{entries.Name(), entries.Type(), !reported,
+                                                  reported ? std::move(file) : nullptr});
+    if (snapshot->size() > DirectorySnapshots::k_max_entries) {
+      keep = false;
+      snapshot.reset();
+    }
+  }
+  key_file.resize(key_prefix);
+  if (keep) snapshots.Keep(ticket, entries.Descriptor(), certs_directory.native(), key_file, snapshot);
 }
 
 std::uint32_t CertStore::OpenSmartCardStore() {

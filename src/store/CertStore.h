@@ -5,6 +5,7 @@
 
 #include "api/OpenSslPtr.h"
 #include "files/CertificateFile.h"
+#include "files/CertificateFileCache.h"
 #include "smartcard/Libp11Context.h"
 #include "store/ICertificateStore.h"
 
@@ -54,6 +55,22 @@ class CertStore : public ICertificateStore {
  private:
   std::uint32_t Find(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
                      bool shared) const;
+  // A base directory's "certs" directory as a complete earlier scan found
+  // it, when nothing in it can have changed since; false when it must be
+  // read (nothing is added then).
+  bool ReplaySnapshot(const std::filesystem::path& certs_directory, std::string& key_file,
+                      std::size_t key_prefix);
+  // Reads the "certs" directory entry by entry, and keeps what it found for
+  // the next scan when the directory can be watched.
+  void ScanDirectory(const std::filesystem::path& certs_directory, std::string& key_file,
+                     std::size_t key_prefix);
+  // One regular file: its record, queued for the X509_STORE and listed.
+  // Returns the record, null when the file holds no certificate; throws the
+  // file-system error when no descriptor was left to open it.
+  std::shared_ptr<const X509CertFromFileSystem> TakeFile(int directory, const char* name,
+                                                         const std::string& path,
+                                                         const std::string& key_file,
+                                                         CertificateFileCache::Facts* facts);
   // Puts the gathered certificates into the X509_STORE, in the order they
   // were gathered, as adding each at once would have.
   void Fill() const;
