@@ -30,29 +30,43 @@ using namespace x509auth_test;
 using namespace x509auth_bench;
 namespace fs = std::filesystem;
 
-Material& MaterialFor(int n) {
-  static std::map<int, std::unique_ptr<Material>> made;
-  auto& slot = made[n];
+// Material per N; the "cold" listing changes every file before each call,
+// so it has a directory of its own: the other benchmarks, interleaved with
+// it, must find their files settled.
+Material& MaterialFor(int n, bool cold = false) {
+  static std::map<std::pair<int, bool>, std::unique_ptr<Material>> made;
+  auto& slot = made[{n, cold}];
   if (!slot) slot = std::make_unique<Material>(n);
   return *slot;
 }
 
-// Initialises the library on N's directory with the CA added; re-done when
-// a benchmark of another N ran last.
-Material& Use(int n) {
+// Initialises the library on the material's directory with the CA added,
+// and lists once (untimed) so that what the library keeps between calls is
+// in place, as it is in a host that has been running.
+void InitOn(const Material& material) {
+  const std::string base = material.base.string();
+  const char* dirs[] = {base.c_str()};
+  const X509_Auth_Settings settings{dirs, 1, nullptr, 0};
+  X509_Auth_Init(&settings, X509_Auth_Callbacks{});
+  if (X509_Auth_AddAdditionalCertificateAuthorityToStore(material.ca_der.data(),
+                                                         material.ca_der.size()) != 1)
+    std::abort();
+  uint64_t count = 0;
+  const X509_Auth_Certificate* certificates = nullptr;
+  X509_Auth_LoadClientCertificates(&count, &certificates);
+  X509_Auth_Free(certificates);
+}
+
+// The library on N's material, re-initialised when other material was used
+// last.
+Material& Use(int n, bool cold = false) {
   EnterWorkingDirectory();
-  static int current = -1;
-  Material& material = MaterialFor(n);
-  if (current != n) {
+  static std::pair<int, bool> current{-1, false};
+  Material& material = MaterialFor(n, cold);
+  if (current != std::make_pair(n, cold)) {
     X509_Auth_DeInit();
-    const std::string base = material.base.string();
-    const char* dirs[] = {base.c_str()};
-    const X509_Auth_Settings settings{dirs, 1, nullptr, 0};
-    X509_Auth_Init(&settings, X509_Auth_Callbacks{});
-    if (X509_Auth_AddAdditionalCertificateAuthorityToStore(material.ca_der.data(),
-                                                           material.ca_der.size()) != 1)
-      std::abort();
-    current = n;
+    InitOn(material);
+    current = {n, cold};
   }
   return material;
 }
@@ -115,7 +129,7 @@ void BM_List_Floor(benchmark::State& state) {
 // The first listing after every file changed: each file's change time is
 // set to now (untimed), so nothing comes from the parsed-certificate cache.
 void BM_ListCold_Library(benchmark::State& state) {
-  Material& m = Use(static_cast<int>(state.range(0)));
+  Material& m = Use(static_cast<int>(state.range(0)), true);
   for (auto _ : state) {
     state.PauseTiming();
     for (const fs::directory_entry& entry : fs::directory_iterator(m.base / "certs"))
@@ -304,8 +318,7 @@ void BM_InitDeInit_Library(benchmark::State& state) {
     X509_Auth_DeInit();
   }
   // Leaves the library as Use() expects it.
-  X509_Auth_Init(&settings, X509_Auth_Callbacks{});
-  X509_Auth_AddAdditionalCertificateAuthorityToStore(m.ca_der.data(), m.ca_der.size());
+  InitOn(m);
 }
 
 // Load the PKCS#11 module, list its slots and unload it.
@@ -346,7 +359,10 @@ X509AUTH_PAIR(BM_InitDeInit);
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  for (int n : {10, 100, 1000}) MaterialFor(n);
+  for (int n : {10, 100, 1000}) {
+    MaterialFor(n);
+    MaterialFor(n, true);
+  }
   sleep(2);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

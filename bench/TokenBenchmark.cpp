@@ -71,6 +71,13 @@ void SignLibrary(benchmark::State& state, bool rsa) {
   const Bytes thumbprint = Sha1Thumbprint(rsa ? token.rsa.get() : token.ec.get());
   const Bytes digest(32, 0x5a);
   const uint32_t algorithms[] = {1, 2};
+  // The first request after X509_Auth_Init loads the module and reads the
+  // directory in full (that is the InitDeInit pair's and the cold listing's
+  // part); untimed here, as in bench_api.
+  const X509_Auth_Signature* first = nullptr;
+  X509_Auth_SignHash(thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256, digest.data(),
+                     &first);
+  X509_Auth_Free(first);
   for (auto _ : state) {
     const X509_Auth_Signature* signature = nullptr;
     const X509_Auth_Result result = X509_Auth_SignHash(
