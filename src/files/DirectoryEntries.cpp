@@ -34,9 +34,7 @@ DirectoryEntries::DirectoryEntries(const fs::path& directory,
       ::close(descriptor);
     }
   }
-  // Entry paths are directory / name, with the separator rule of path::/=.
-  path_ = directory.native();
-  if (!path_.empty() && path_.back() != '/') path_ += '/';
+  path_ = PathPrefix(directory);
   prefix_length_ = path_.size();
   if (dir_ != nullptr) {
     if (opened) opened(::dirfd(dir_));
@@ -48,6 +46,12 @@ DirectoryEntries::DirectoryEntries(const fs::path& directory,
     throw fs::filesystem_error("directory iterator cannot open directory", directory,
                                std::error_code(error, std::generic_category()));
   }
+}
+
+std::string DirectoryEntries::PathPrefix(const fs::path& directory) {
+  std::string prefix = directory.native();
+  if (!prefix.empty() && prefix.back() != '/') prefix += '/';
+  return prefix;
 }
 
 DirectoryEntries::~DirectoryEntries() {

@@ -37,6 +37,9 @@ class DirectoryEntries {
   // the directory reported, or the target's status for links and unknown
   // types. Throws filesystem_error "status" where that function throws.
   bool IsRegularFile() const;
+  // What entry paths of |directory| start with: its path and, unless it
+  // ends in one already, a separator (the rule of path::operator/=).
+  static std::string PathPrefix(const std::filesystem::path& directory);
   // The type the directory reported for the current entry (DT_*).
   unsigned char Type() const { return type_; }
   // Whether that type settles IsRegularFile() without a status, as it does

@@ -211,13 +211,6 @@ bool MountOf(int directory, std::uint64_t* mount) {
   return true;
 }
 
-// Entry paths as the directory reader builds them.
-std::string EntryPrefix(const fs::path& directory) {
-  std::string prefix = directory.native();
-  if (!prefix.empty() && prefix.back() != '/') prefix += '/';
-  return prefix;
-}
-
 }  // namespace
 
 std::shared_ptr<const CertStore::X509CertFromFileSystem> CertStore::TakeFile(
@@ -250,7 +243,7 @@ bool CertStore::ReplaySnapshot(const fs::path& certs_directory, std::string& key
   const std::shared_ptr<const DirectorySnapshots::Snapshot> snapshot =
       DirectorySnapshots::Instance().Find(directory.get(), certs_directory.native(), key_file);
   if (!snapshot) return false;
-  std::string path = EntryPrefix(certs_directory);
+  std::string path = DirectoryEntries::PathPrefix(certs_directory);
   const std::size_t path_prefix = path.size();
   for (const DirectorySnapshots::Entry& entry : *snapshot) {
     if (!entry.is_volatile) {
