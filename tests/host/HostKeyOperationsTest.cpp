@@ -228,7 +228,7 @@ TEST_F(HostKeyOperationsTest, DecryptAlgorithmAboveTwoThrowsUnimplemented) {
 }
 
 TEST_F(HostKeyOperationsTest, BadPaddingFailsWithCodeOneAndTheKeysDetail) {
-  const Bytes garbage(256, 0x42);
+  const Bytes garbage = CiphertextWithBadPkcs1Padding(rsa_.get());
   const X509_Auth_ASN_1* plaintext = nullptr;
   const X509_Auth_Result result =
       X509_Auth_Decrypt(rsa_thumbprint_.data(), 1, garbage.size(), garbage.data(), &plaintext);

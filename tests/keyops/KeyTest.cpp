@@ -483,8 +483,7 @@ TEST_F(KeyTest, BadOaepPaddingDrainsOpenSslErrorBeforeFailureMessage) {
 TEST_F(KeyTest, BadPkcs1PaddingFailsAndDrainsFirst) {
   Key key;
   const FileCredential credential = OpenFresh(key, KeyKind::kRsa);
-  const Bytes ciphertext =
-      Encrypt(X509_get0_pubkey(credential.cert.get()), RSA_PKCS1_OAEP_PADDING, Hash(32));
+  const Bytes ciphertext = x509auth_test::CiphertextWithBadPkcs1Padding(credential.cert.get());
   Bytes plaintext;
   EXPECT_EQ(key.Decrypt(DecryptAlgorithm::k_rsa_pkcs1, ciphertext, &plaintext).code, 1);
   // OpenSSL 3.0 (before 3.2's implicit rejection) still reports a bad

@@ -7,6 +7,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -262,6 +263,18 @@ Bytes EncryptToCertificate(X509* cert, int padding, const Bytes& plaintext) {
         "encrypt");
   out.resize(length);
   return out;
+}
+
+Bytes CiphertextWithBadPkcs1Padding(X509* cert) {
+  const int size = EVP_PKEY_get_size(X509_get0_pubkey(cert));
+  Check(size > 11 + 8, "RSA modulus size");
+  // 00 01 FF..FF 00 payload: well formed, but for signatures.
+  Bytes block(static_cast<std::size_t>(size), 0xFF);
+  block[0] = 0x00;
+  block[1] = 0x01;
+  block[static_cast<std::size_t>(size) - 9] = 0x00;
+  std::fill(block.end() - 8, block.end(), 0x5A);
+  return EncryptToCertificate(cert, RSA_NO_PADDING, block);
 }
 
 void WriteFile(const std::filesystem::path& path, const std::string& content) {

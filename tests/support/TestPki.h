@@ -81,6 +81,12 @@ bool VerifiesWithCertificate(X509* cert, const EVP_MD* md, const Bytes& digest,
                              const unsigned char* signature, std::size_t length);
 // Encrypts |plaintext| to |cert|'s RSA public key with |padding|.
 Bytes EncryptToCertificate(X509* cert, int padding, const Bytes& plaintext);
+// An RSA ciphertext for |cert| that PKCS#1 v1.5 decryption refuses every
+// time: its block carries a signature's padding (type 1), not an
+// encryption's. (Another padding's ciphertext, or random bytes, only
+// usually fail: an OAEP block begins with 0x00 and passes as type 2 about
+// once in 400 tries.)
+Bytes CiphertextWithBadPkcs1Padding(X509* cert);
 
 void WriteFile(const std::filesystem::path& path, const std::string& content);
 void WriteFile(const std::filesystem::path& path, const Bytes& content);

@@ -51,8 +51,8 @@ TEST_F(DecryptShowTest, DecryptsPkcs1AndOaepToStdoutOrFile) {
 }
 
 TEST_F(DecryptShowTest, DecryptFailuresGiveTheResultCodeAndItsMeaning) {
-  // The wrong padding for the ciphertext: the key operation fails.
-  const Bytes ciphertext = EncryptToCertificate(rsa_cert_.get(), RSA_PKCS1_OAEP_PADDING, {'x'});
+  // A padding PKCS#1 v1.5 decryption refuses: the key operation fails.
+  const Bytes ciphertext = CiphertextWithBadPkcs1Padding(rsa_cert_.get());
   ToolRun wrong({"--dir", Base("b").string(), "decrypt", HexOf(Sha1Thumbprint(rsa_cert_.get())),
                  "--padding", "pkcs1"});
   wrong.input.assign(ciphertext.begin(), ciphertext.end());
