@@ -1,11 +1,11 @@
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <functional>
 #include <sstream>
 
+#include "ForkedChild.h"
 #include "StoreTestSupport.h"
 
 namespace quorvant::shared::x509 {
@@ -180,29 +180,9 @@ TEST_F(FileStoreTest, HomeUnsetSkipsOnlyTheHomeRelativeDirectories) {
 // Runs |scan| in a child that has dropped root for nobody, so permissions
 // apply, and returns what it wrote.
 std::string RunAsNobody(const std::function<std::string()>& scan) {
-  int pipe_ends[2];
-  if (pipe(pipe_ends) != 0) return "pipe failed";
-  const pid_t child = fork();
-  if (child == 0) {
-    close(pipe_ends[0]);
-    std::string report;
-    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)
-      report = "could not drop privileges";
-    else
-      report = scan();
-    const ssize_t ignored = write(pipe_ends[1], report.data(), report.size());
-    (void)ignored;
-    _exit(0);
-  }
-  close(pipe_ends[1]);
-  std::string report;
-  char buffer[4096];
-  ssize_t length;
-  while ((length = read(pipe_ends[0], buffer, sizeof buffer)) > 0) report.append(buffer, length);
-  close(pipe_ends[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  return report;
+  x509auth_test::ChildOptions options;
+  options.as_nobody = true;
+  return x509auth_test::RunInChild(scan, options);
 }
 
 std::string Report(const x509auth_test::RecordingCallbacks& recorder,

@@ -59,16 +59,25 @@ ChildResult RunChild(const ChildRun& run) {
   int out_pipe[2], err_pipe[2];
   if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) std::abort();
   const int in_fd = PipeWithText(run.input);
+  const int fd3 = run.fd3 ? PipeWithText(*run.fd3) : -1;
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(in_fd, 0);
     dup2(out_pipe[1], 1);
     dup2(err_pipe[1], 2);
-    for (int fd : {in_fd, out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1]})
-      if (fd > 2) close(fd);
+    // Descriptor 3 is set last: any of the pipes above may have had that
+    // number, and each is already where it belongs.
+    if (fd3 >= 0) {
+      dup2(fd3, 3);
+    } else {
+      close(3);
+    }
+    for (int fd : {in_fd, out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1], fd3})
+      if (fd > 3) close(fd);
     Exec(run, run.argv);
   }
   close(in_fd);
+  if (fd3 >= 0) close(fd3);
   close(out_pipe[1]);
   close(err_pipe[1]);
 

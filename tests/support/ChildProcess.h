@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ struct ChildRun {
   std::string cwd;                // empty: the test's working directory
   std::string input;              // written to standard input, then closed
   std::map<std::string, std::string> env;  // added to the test's environment
+  // Text the child reads on descriptor 3 (as with --pin-fd 3); without it,
+  // descriptor 3 is closed in the child, whatever the test has open there.
+  std::optional<std::string> fd3;
   std::chrono::seconds limit{30};
 };
 

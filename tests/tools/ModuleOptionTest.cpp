@@ -98,7 +98,6 @@ TEST_F(ModuleOptionTest, SignsOnTheTokenWithThePinFromEnvOrDescriptor) {
     EXPECT_TRUE(VerifiesWithCertificate(cert, EVP_sha256(), digest, signature.data(), signature.size()));
   }
   ToolRun by_fd = InElsewhere({"--pin-fd", "3", "sign", HexOf(Sha1Thumbprint(ec_cert_.get()))});
-  by_fd.with_fd3 = true;
   by_fd.fd3 = std::string(SoftHsmToken::k_default_pin) + "\n";
   const ToolResult result = RunTool(by_fd);
   EXPECT_EQ(result.status, 0) << result.err;

@@ -106,7 +106,6 @@ TEST_F(SignCommandTest, EncryptedKeyTakesItsPasswordFromEnvOrDescriptor) {
 
   ToolRun fd_run{args};
   fd_run.args.insert(fd_run.args.begin(), {"--password-fd", "3"});
-  fd_run.with_fd3 = true;
   fd_run.fd3 = "s3cret\n";
   const ToolResult by_fd = RunTool(fd_run);
   EXPECT_EQ(by_fd.status, 0) << by_fd.err;

@@ -1,31 +1,28 @@
 #pragma once
-// Runs the built x509-auth executable in a child process, as a user or a
-// script would: its own session with no controlling terminal (so a prompt
-// can only be answered from --pin-env/--pin-fd), a chosen working
-// directory, environment additions and standard input; collects its exit
-// status, standard output and standard error.
+// Runs the built x509-auth executable as a user or a script would, through
+// the tests' one child-process runner: its own session with no controlling
+// terminal (so a prompt can only be answered from --pin-env/--pin-fd), a
+// chosen working directory, environment additions, standard input and a
+// time limit; collects its exit status, standard output and standard error.
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "ChildProcess.h"
+
 namespace x509auth_test {
 
-struct ToolResult {
-  int status = -1;  // exit status, or 128 + signal
-  std::string out;
-  std::string err;
-};
+using ToolResult = ChildResult;
 
 struct ToolRun {
   explicit ToolRun(std::vector<std::string> arguments = {}) : args(std::move(arguments)) {}
-  std::vector<std::string> args;
-  std::string cwd;    // empty: the test's working directory
-  std::string input;  // written to standard input, then closed
+  std::vector<std::string> args;  // after the program's name
+  std::string cwd;                // empty: the test's working directory
+  std::string input;              // written to standard input, then closed
   std::map<std::string, std::string> env;  // added to the test's environment
-  // Extra descriptor 3 for the child, reading this text (for --pin-fd 3).
-  bool with_fd3 = false;
-  std::string fd3;
+  std::optional<std::string> fd3;  // read by the tool on descriptor 3 (--pin-fd 3)
 };
 
 ToolResult RunTool(const ToolRun& run);
