@@ -18,6 +18,7 @@
 
 #include "ChildProcess.h"
 #include "TestPki.h"
+#include "TlsTestServer.h"
 
 namespace x509auth_test {
 
@@ -32,7 +33,6 @@ class ProviderTest : public ::testing::Test {
     // The real OpenSC module with no reader attached: no tokens, no error.
     std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
     ASSERT_EQ(chdir(work_.c_str()), 0);
-    MakeServerCertificate();
   }
 
   void TearDown() override {
@@ -50,22 +50,12 @@ class ProviderTest : public ::testing::Test {
     AddCas(chain);
     leaf_certs_[name] = CertToPem(chain.leaf.get());
     chains_.push_back(std::move(chain));
-    return Hex(Sha1Thumbprint(chains_.back().leaf.get()));
+    return LowerHex(Sha1Thumbprint(chains_.back().leaf.get()));
   }
 
   void AddCas(const Chain& chain) {
     cas_pem_ += CertToPem(chain.root.get()) + CertToPem(chain.intermediate.get());
     WriteFile(temp_ / "cas.pem", cas_pem_);
-  }
-
-  static std::string Hex(const Bytes& bytes) {
-    std::string text;
-    char pair[3];
-    for (unsigned char b : bytes) {
-      std::snprintf(pair, sizeof pair, "%02x", b);
-      text += pair;
-    }
-    return text;
   }
 
   std::filesystem::path CasFile() const { return temp_ / "cas.pem"; }
@@ -101,44 +91,25 @@ class ProviderTest : public ::testing::Test {
   }
 
   // A real TLS server demanding a client certificate issued by a CA of
-  // |client_cas|; serves one connection. Null (after a test failure) when it
-  // would not start.
-  std::unique_ptr<BackgroundChild> StartServer(const std::filesystem::path& client_cas,
-                                               const std::vector<std::string>& extra = {}) {
-    for (int attempt = 0; attempt < 3; ++attempt) {
-      port_ = FreeLoopbackPort();
-      ChildRun run;
-      run.argv = {OpensslProgram(), "s_server", "-accept", "127.0.0.1:" + std::to_string(port_),
-                  "-cert", (temp_ / "server.pem").string(), "-key", (temp_ / "server.key").string(),
-                  "-Verify", "1", "-verify_return_error", "-CAfile", client_cas.string(),
-                  "-naccept", "1", "-www"};
-      run.argv.insert(run.argv.end(), extra.begin(), extra.end());
-      run.env = SanitizerEnvironment();
-      auto server = std::make_unique<BackgroundChild>(
-          run, (temp_ / ("server-" + std::to_string(attempt) + ".log")).string());
-      if (server->WaitForOutput("ACCEPT", std::chrono::seconds(10))) return server;
-    }
-    ADD_FAILURE() << "openssl s_server would not start";
-    return nullptr;
+  // |client_cas|; answers one HTTP request. Null (after a test failure) when
+  // it would not start.
+  std::unique_ptr<BackgroundChild> StartServer(const std::filesystem::path& client_cas) {
+    return server_.Start(client_cas, {"-www"});
   }
 
   // s_client with the certificate and key of |thumbprint| from the provider.
   ChildResult Handshake(const std::string& thumbprint, const std::vector<std::string>& extra) const {
-    std::vector<std::string> args = {"-connect", "127.0.0.1:" + std::to_string(port_),
+    std::vector<std::string> args = {"-connect", server_.Address(),
                                      "-cert", "x509auth:thumbprint=" + thumbprint,
                                      "-key", "x509auth:thumbprint=" + thumbprint,
-                                     "-CAfile", (temp_ / "server.pem").string(),
+                                     "-CAfile", server_.CertificateFile().string(),
                                      "-verify_return_error", "-ign_eof"};
     args.insert(args.end(), extra.begin(), extra.end());
     return Openssl("s_client", args, "GET / HTTP/1.0\r\n\r\n");
   }
 
-  // The client certificate the server verified: its depth-0 subject,
-  // accepted. (The handshake itself may still fail after this.)
   static bool ServerVerified(BackgroundChild& server, const std::string& name) {
-    server.Finish(std::chrono::seconds(10));
-    const std::string log = server.Output();
-    return log.find("depth=0 CN = " + name + "\nverify return:1") != std::string::npos;
+    return TlsTestServer::Verified(server, name);
   }
 
   // The handshake was completed: the server answered the request.
@@ -151,23 +122,11 @@ class ProviderTest : public ::testing::Test {
   std::map<std::string, std::string> env_override_;
 
   TempDir temp_;
+  TlsTestServer server_{temp_.path()};
   std::filesystem::path work_, base_, old_cwd_;
   std::vector<Chain> chains_;
   std::map<std::string, std::string> leaf_certs_;
   std::string cas_pem_;
-  int port_ = -1;
-
- private:
-  void MakeServerCertificate() {
-    TestKey key = SharedKey(KeyKind::kEc, 7);
-    CertOptions options;
-    options.common_name = "localhost";
-    options.extended_key_usage = "serverAuth";
-    options.key_usage = "critical,digitalSignature";
-    TestX509 cert = MakeCert(options, key.get());
-    WriteFile(temp_ / "server.pem", CertToPem(cert.get()));
-    WriteFile(temp_ / "server.key", KeyToPem(key.get()));
-  }
 };
 
 }  // namespace x509auth_test

@@ -48,15 +48,9 @@ TEST_F(ProviderTest, RsaKeyRefusesPssWithAClearErrorAndNoHandshake) {
 
 TEST_F(ProviderTest, ServerThatDoesNotTrustTheIssuerRejectsTheHandshake) {
   const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
-  // A CA of the same name but another key: the server cannot verify the
-  // client's chain with it.
-  TestKey other_key = MakeKey(KeyKind::kEc);
-  CertOptions other;
-  other.common_name = "Unrelated CA";
-  other.is_ca = true;
-  other.key_usage = "critical,keyCertSign,cRLSign";
-  TestX509 other_ca = MakeCert(other, other_key.get());
-  WriteFile(temp_ / "other-ca.pem", CertToPem(other_ca.get()));
+  // A CA the client's chain has nothing to do with: the server cannot
+  // verify the client with it.
+  WriteUnrelatedCa(temp_ / "other-ca.pem");
   auto server = StartServer(temp_ / "other-ca.pem");
   ASSERT_NE(server, nullptr);
   const ChildResult client = Handshake(thumbprint, {"-tls1_2"});

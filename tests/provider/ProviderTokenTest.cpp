@@ -41,7 +41,7 @@ TEST_F(ProviderTokenTest, RsaTokenKeyTls12WithPinFromPassArgument) {
   ASSERT_NE(server, nullptr);
   std::vector<std::string> args = k_tls12_rsa;
   args.insert(args.end(), {"-pass", "pass:1234"});
-  const ChildResult client = Handshake(Hex(Sha1Thumbprint(rsa_.leaf.get())), args);
+  const ChildResult client = Handshake(LowerHex(Sha1Thumbprint(rsa_.leaf.get())), args);
   EXPECT_TRUE(Answered(client)) << client.err;
   EXPECT_TRUE(ServerVerified(*server, "Token RSA")) << server->Output();
 }
@@ -50,7 +50,7 @@ TEST_F(ProviderTokenTest, EcTokenKeyTls13WithPinFromPassArgument) {
   auto server = StartServer(CasFile());
   ASSERT_NE(server, nullptr);
   const ChildResult client =
-      Handshake(Hex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_3", "-pass", "pass:1234"});
+      Handshake(LowerHex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_3", "-pass", "pass:1234"});
   EXPECT_TRUE(Answered(client)) << client.err;
   EXPECT_NE(client.out.find("New, TLSv1.3"), std::string::npos);
   EXPECT_TRUE(ServerVerified(*server, "Token EC")) << server->Output();
@@ -59,7 +59,7 @@ TEST_F(ProviderTokenTest, EcTokenKeyTls13WithPinFromPassArgument) {
 TEST_F(ProviderTokenTest, WrongPinFailsClearlyBeforeAnyHandshake) {
   auto server = StartServer(CasFile());
   ASSERT_NE(server, nullptr);
-  const std::string thumbprint = Hex(Sha1Thumbprint(ec_.leaf.get()));
+  const std::string thumbprint = LowerHex(Sha1Thumbprint(ec_.leaf.get()));
   const ChildResult client = Handshake(thumbprint, {"-tls1_3", "-pass", "pass:0000"});
   EXPECT_FALSE(Answered(client));
   EXPECT_NE(client.err.find("thumbprint=" + thumbprint), std::string::npos) << client.err;
@@ -79,7 +79,7 @@ TEST_F(ProviderTokenTest, ModuleSettingMakesTheTokenVisibleFromAnyDirectory) {
   auto server = StartServer(CasFile());
   ASSERT_NE(server, nullptr);
   const ChildResult client =
-      Handshake(Hex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_2", "-pass", "pass:1234"});
+      Handshake(LowerHex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_2", "-pass", "pass:1234"});
   EXPECT_TRUE(Answered(client)) << client.err;
   EXPECT_TRUE(ServerVerified(*server, "Token EC")) << server->Output();
   // The private directory holding the link is gone with the provider.

@@ -190,6 +190,17 @@ Bytes Sha1Thumbprint(X509* cert) {
   return digest;
 }
 
+std::string LowerHex(const Bytes& bytes) {
+  static constexpr char k_digits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(bytes.size() * 2);
+  for (const unsigned char b : bytes) {
+    text += k_digits[b >> 4];
+    text += k_digits[b & 0x0f];
+  }
+  return text;
+}
+
 std::string KeyToPem(EVP_PKEY* key, const char* password) {
   TestBio bio(BIO_new(BIO_s_mem()));
   const EVP_CIPHER* cipher = password != nullptr ? EVP_aes_256_cbc() : nullptr;

@@ -64,6 +64,8 @@ Chain MakeChain(KeyKind leaf_kind = KeyKind::kRsa, const std::string& leaf_name 
 std::string CertToPem(X509* cert);
 Bytes CertToDer(X509* cert);
 Bytes Sha1Thumbprint(X509* cert);
+// Lower-case hex, two digits a byte, as the tool and the provider take thumbprints.
+std::string LowerHex(const Bytes& bytes);
 // PKCS#8 PEM; encrypted with AES-256-CBC when |password| is given.
 std::string KeyToPem(EVP_PKEY* key, const char* password = nullptr);
 // Traditional ("BEGIN RSA PRIVATE KEY" / "BEGIN EC PRIVATE KEY") PEM with

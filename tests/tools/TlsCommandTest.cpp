@@ -10,6 +10,8 @@
 #include "ChildProcess.h"
 #include "SoftHsmToken.h"
 #include "TestPki.h"
+#include "TlsTestServer.h"
+#include "ToolRunner.h"
 
 namespace x509auth_test {
 namespace {
@@ -22,27 +24,9 @@ class TlsCommandTest : public ::testing::Test {
     std::filesystem::create_directories(work_);
     std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
     ASSERT_EQ(chdir(work_.c_str()), 0);
-    TestKey key = SharedKey(KeyKind::kEc, 7);
-    CertOptions server;
-    server.common_name = "localhost";
-    server.extended_key_usage = "serverAuth";
-    server.key_usage = "critical,digitalSignature";
-    TestX509 cert = MakeCert(server, key.get());
-    WriteFile(temp_ / "server.pem", CertToPem(cert.get()));
-    WriteFile(temp_ / "server.key", KeyToPem(key.get()));
   }
   void TearDown() override {
     if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot restore the working directory";
-  }
-
-  std::string Hex(const Bytes& bytes) const {
-    std::string text;
-    char pair[3];
-    for (unsigned char b : bytes) {
-      std::snprintf(pair, sizeof pair, "%02x", b);
-      text += pair;
-    }
-    return text;
   }
 
   // A client certificate with its chain's CAs in cas.pem; the key file is
@@ -52,7 +36,7 @@ class TlsCommandTest : public ::testing::Test {
     WriteFile(temp_ / "base" / "certs" / (name + ".pem"), CertToPem(chain.leaf.get()));
     WriteFile(temp_ / "base" / "keys" / (name + ".pem.key"), KeyToPem(chain.leaf_key.get(), password));
     AddCas(chain);
-    return Hex(Sha1Thumbprint(chain.leaf.get()));
+    return LowerHex(Sha1Thumbprint(chain.leaf.get()));
   }
   // cas.pem for the server; one file per CA for the tool (--add-ca takes one).
   void AddCas(const Chain& chain) {
@@ -65,60 +49,44 @@ class TlsCommandTest : public ::testing::Test {
     WriteFile(temp_ / "cas.pem", cas_);
   }
 
+  // The server answers each line reversed, which --send shows.
   std::unique_ptr<BackgroundChild> StartServer(const std::filesystem::path& client_cas) {
-    for (int attempt = 0; attempt < 3; ++attempt) {
-      port_ = FreeLoopbackPort();
-      ChildRun run;
-      run.argv = {OpensslProgram(), "s_server", "-accept", "127.0.0.1:" + std::to_string(port_),
-                  "-cert", (temp_ / "server.pem").string(), "-key", (temp_ / "server.key").string(),
-                  "-Verify", "1", "-verify_return_error", "-CAfile", client_cas.string(),
-                  "-naccept", "1", "-rev"};
-      auto server = std::make_unique<BackgroundChild>(
-          run, (temp_ / ("server-" + std::to_string(++servers_) + ".log")).string());
-      if (server->WaitForOutput("ACCEPT", std::chrono::seconds(10))) return server;
-    }
-    ADD_FAILURE() << "openssl s_server would not start";
-    return nullptr;
+    std::unique_ptr<BackgroundChild> server = server_.Start(client_cas, {"-rev"});
+    address_ = server_.Address();
+    return server;
   }
 
   // x509-auth <global> tls 127.0.0.1:PORT --cert T --CAfile server.pem <command>
   ChildResult Tls(const std::string& thumbprint, const std::vector<std::string>& extra,
                   const std::vector<std::string>& command = {},
                   const std::map<std::string, std::string>& env = {}) const {
-    ChildRun run;
-    run.argv = {X509_AUTH_TOOL_PATH, "--dir", (temp_ / "base").string()};
+    ToolRun run({"--dir", (temp_ / "base").string()});
     for (const std::string& file : ca_files_) {
-      run.argv.push_back("--add-ca");
-      run.argv.push_back(file);
+      run.args.push_back("--add-ca");
+      run.args.push_back(file);
     }
-    run.argv.insert(run.argv.end(), extra.begin(), extra.end());
-    for (const std::string& a : {std::string("tls"), "127.0.0.1:" + std::to_string(port_), std::string("--cert"),
-                                 thumbprint, std::string("--CAfile"), (temp_ / "server.pem").string()})
-      run.argv.push_back(a);
-    run.argv.insert(run.argv.end(), command.begin(), command.end());
-    run.env = SanitizerEnvironment();
-    // The tool is instrumented itself, leaks included.
-    if (run.env.erase("LD_PRELOAD") > 0) run.env["ASAN_OPTIONS"] = "detect_leaks=1:abort_on_error=1";
-    for (const auto& [name, value] : env) run.env[name] = value;
-    run.cwd = std::filesystem::current_path().string();
-    run.limit = std::chrono::seconds(40);
-    return RunChild(run);
+    run.args.insert(run.args.end(), extra.begin(), extra.end());
+    for (const std::string& a : {std::string("tls"), address_, std::string("--cert"), thumbprint,
+                                 std::string("--CAfile"), server_.CertificateFile().string()})
+      run.args.push_back(a);
+    run.args.insert(run.args.end(), command.begin(), command.end());
+    run.env = env;
+    return RunTool(run);
   }
 
   static bool ServerVerified(BackgroundChild& server, const std::string& name) {
-    server.Finish(std::chrono::seconds(10));
-    return server.Output().find("depth=0 CN = " + name + "\nverify return:1") != std::string::npos;
+    return TlsTestServer::Verified(server, name);
   }
   static bool Accepted(const ChildResult& result) {
     return result.status == 0 && result.out.find("handshake:        accepted") != std::string::npos;
   }
 
   TempDir temp_;
+  TlsTestServer server_{temp_.path()};
   std::filesystem::path work_, old_cwd_;
   std::string cas_;
   std::vector<std::string> ca_files_;
-  int port_ = -1;
-  int servers_ = 0;
+  std::string address_;  // where the tool connects
 };
 
 TEST_F(TlsCommandTest, RsaFileKeysPlainAndPasswordProtectedOverTls12) {
@@ -157,7 +125,7 @@ TEST_F(TlsCommandTest, EcFileKeyOverTls12AndTls13AndSendPrintsTheReply) {
 
 TEST_F(TlsCommandTest, RsaKeyWithTls13IsRefusedBeforeConnecting) {
   const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Client");
-  port_ = FreeLoopbackPort();  // nobody listens there
+  address_ = "127.0.0.1:" + std::to_string(FreeLoopbackPort());  // nobody listens there
   const ChildResult result = Tls(thumbprint, {}, {"--tls1_3"});
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find("RSA keys are for TLS 1.2 (use --tls1_2)"), std::string::npos) << result.err;
@@ -166,13 +134,7 @@ TEST_F(TlsCommandTest, RsaKeyWithTls13IsRefusedBeforeConnecting) {
 
 TEST_F(TlsCommandTest, ServerThatDoesNotTrustTheIssuerRejectsAndTheToolSaysSo) {
   const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
-  TestKey other_key = MakeKey(KeyKind::kEc);
-  CertOptions other;
-  other.common_name = "Unrelated CA";
-  other.is_ca = true;
-  other.key_usage = "critical,keyCertSign,cRLSign";
-  TestX509 other_ca = MakeCert(other, other_key.get());
-  WriteFile(temp_ / "other-ca.pem", CertToPem(other_ca.get()));
+  WriteUnrelatedCa(temp_ / "other-ca.pem");
   for (const char* version : {"--tls1_2", "--tls1_3"}) {
     auto server = StartServer(temp_ / "other-ca.pem");
     ASSERT_NE(server, nullptr);
@@ -216,7 +178,7 @@ TEST_F(TlsTokenTest, TokenRsaAndEcCertificatesInBothKeyModes) {
     for (const char* mode : {"library", "export"}) {
       auto server = StartServer(temp_ / "cas.pem");
       ASSERT_NE(server, nullptr);
-      const ChildResult result = Tls(Hex(Sha1Thumbprint(c.chain->leaf.get())), {"--pin-env", "TOKEN_PIN"},
+      const ChildResult result = Tls(LowerHex(Sha1Thumbprint(c.chain->leaf.get())), {"--pin-env", "TOKEN_PIN"},
                                      {c.version, "--token-key", mode}, {{"TOKEN_PIN", "1234"}});
       EXPECT_TRUE(Accepted(result)) << c.name << " " << mode << result.out << result.err;
       EXPECT_NE(result.out.find(std::string("client key:       ") +
@@ -232,7 +194,7 @@ TEST_F(TlsTokenTest, WrongPinFailsClearlyWithoutAHandshake) {
   for (const char* mode : {"library", "export"}) {
     auto server = StartServer(temp_ / "cas.pem");
     ASSERT_NE(server, nullptr);
-    const ChildResult result = Tls(Hex(Sha1Thumbprint(ec_.leaf.get())), {"--pin-env", "TOKEN_PIN"},
+    const ChildResult result = Tls(LowerHex(Sha1Thumbprint(ec_.leaf.get())), {"--pin-env", "TOKEN_PIN"},
                                    {"--tls1_3", "--token-key", mode}, {{"TOKEN_PIN", "0000"}});
     EXPECT_EQ(result.status, 1) << mode << result.out;
     EXPECT_EQ(result.out.find("handshake:"), std::string::npos) << mode << result.out;

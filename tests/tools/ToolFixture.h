@@ -98,15 +98,9 @@ class ToolTest : public ::testing::Test {
   }
 
   static std::string HexOf(const unsigned char* bytes, std::size_t length) {
-    std::string text;
-    char digits[3];
-    for (std::size_t i = 0; i < length; ++i) {
-      std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
-      text += digits;
-    }
-    return text;
+    return LowerHex(Bytes(bytes, bytes + length));
   }
-  static std::string HexOf(const Bytes& bytes) { return HexOf(bytes.data(), bytes.size()); }
+  static std::string HexOf(const Bytes& bytes) { return LowerHex(bytes); }
 
   static std::string Iso(int64_t seconds) {
     const time_t t = static_cast<time_t>(seconds);
