@@ -176,7 +176,9 @@ TEST_F(LifecycleStressTest, TenThousandSessionsKeepMemoryDescriptorsAndTokenStat
     most_sessions = std::max(most_sessions, sessions);
     // The context goes with DeInit, and with it the module: C_Finalize has
     // closed every session the round left.
-    if (i % 1000 == 0) ASSERT_FALSE(ModuleMapped()) << "round " << i;
+    if (i % 1000 == 0) {
+      ASSERT_FALSE(ModuleMapped()) << "round " << i;
+    }
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
