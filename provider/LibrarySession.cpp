@@ -1,7 +1,10 @@
 #include "LibrarySession.h"
 
+#include <link.h>
 #include <openssl/crypto.h>
 #include <unistd.h>
+
+#include <cstddef>
 
 #include <cstdarg>
 #include <cstdio>
@@ -22,6 +25,20 @@ int g_idle_threshold = X509_Auth_LogPriority_Error;
 // Set once the library has been deinitialised for good at process exit.
 bool g_finished = false;
 LibrarySession* g_live = nullptr;
+
+// How many shared objects the process has loaded so far (the dynamic
+// linker's own count, which never goes down).
+unsigned long long SharedObjectLoads() {
+  unsigned long long loads = 0;
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, std::size_t size, void* data) {
+        if (size >= offsetof(dl_phdr_info, dlpi_adds) + sizeof(info->dlpi_adds))
+          *static_cast<unsigned long long*>(data) = info->dlpi_adds;
+        return 1;  // the first object carries the count
+      },
+      &loads);
+  return loads;
+}
 
 int Threshold() {
   return g_current != nullptr ? g_current->settings->log_threshold : g_idle_threshold;
@@ -98,16 +115,26 @@ std::shared_ptr<LibrarySession> LibrarySession::Acquire(const ProviderSettings& 
   static bool registered = false;
   if (!registered) {
     registered = true;
-    std::atexit([] {
-      std::lock_guard<std::mutex> lock(Mutex());
-      if (g_live != nullptr && !g_finished) {
-        X509_Auth_DeInit();
-        g_finished = true;
-      }
-    });
+    std::atexit(DeinitialiseAtExit);
   }
   instance = session;
   return session;
+}
+
+void LibrarySession::DeinitialiseAtExit() {
+  std::lock_guard<std::mutex> lock(Mutex());
+  if (g_live != nullptr && !g_finished) {
+    X509_Auth_DeInit();
+    g_finished = true;
+  }
+}
+
+LibrarySession::ExitHandlerAfterLoad::ExitHandlerAfterLoad() : loads_before_(SharedObjectLoads()) {}
+
+LibrarySession::ExitHandlerAfterLoad::~ExitHandlerAfterLoad() {
+  // One more call of an idempotent handler per request that loaded something:
+  // in practice once per module load.
+  if (SharedObjectLoads() != loads_before_) std::atexit(DeinitialiseAtExit);
 }
 
 LibrarySession::~LibrarySession() {

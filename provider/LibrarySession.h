@@ -48,6 +48,7 @@ class LibrarySession {
   template <typename Call>
   auto Run(const Request& request, Call&& call) {
     std::lock_guard<std::mutex> lock(Mutex());
+    const ExitHandlerAfterLoad exit_handler;
     Scope scope(request);
     return call();
   }
@@ -55,6 +56,24 @@ class LibrarySession {
  private:
   LibrarySession() = default;
   static std::mutex& Mutex();
+  // Deinitialises the library at process exit, once, if a session is live.
+  static void DeinitialiseAtExit();
+
+  // The library loads the PKCS#11 module during a request, and a module's
+  // own static objects are destroyed at exit before every exit handler
+  // registered ahead of them: logging out and unloading through a module
+  // already torn down reads freed memory. So after a request that loaded a
+  // shared object, the exit handler is registered again, to run first.
+  class ExitHandlerAfterLoad {
+   public:
+    ExitHandlerAfterLoad();
+    ~ExitHandlerAfterLoad();
+    ExitHandlerAfterLoad(const ExitHandlerAfterLoad&) = delete;
+    ExitHandlerAfterLoad& operator=(const ExitHandlerAfterLoad&) = delete;
+
+   private:
+    unsigned long long loads_before_;
+  };
 
   class Scope {
    public:

@@ -78,7 +78,9 @@ class ProviderTest : public ::testing::Test {
   ChildResult Openssl(const std::string& command, const std::vector<std::string>& arguments,
                       const std::string& input = "", bool with_provider = true) const {
     ChildRun run;
-    run.argv = {OpensslProgram(), command};
+    run.argv = launcher_;
+    run.argv.push_back(OpensslProgram());
+    run.argv.push_back(command);
     if (with_provider)
       for (const std::string& a : ProviderArguments()) run.argv.push_back(a);
     run.argv.insert(run.argv.end(), arguments.begin(), arguments.end());
@@ -117,9 +119,11 @@ class ProviderTest : public ::testing::Test {
     return client.status == 0 && client.out.find("HTTP/1.0 200 ok") != std::string::npos;
   }
 
-  // For one test: where the openssl children run, and extra environment.
+  // For one test: where the openssl children run, extra environment, and
+  // what runs the openssl program (valgrind).
   std::filesystem::path cwd_override_;
   std::map<std::string, std::string> env_override_;
+  std::vector<std::string> launcher_;
 
   TempDir temp_;
   TlsTestServer server_{temp_.path()};
