@@ -54,7 +54,7 @@ CertStore::CertStore(CertStore&& other) noexcept
       file_certs(std::move(other.file_certs)),
       encoded_certs(std::move(other.encoded_certs)) {
   // Leave the source closed and empty whatever the containers' moves do.
-  other.unfilled.clear();
+  other.unfilled.Clear();
   other.smart_card_certs.clear();
   other.file_certs.clear();
   other.encoded_certs.clear();
@@ -65,15 +65,15 @@ CertStore& CertStore::operator=(CertStore&& other) noexcept {
   // Field order: the old X509_STORE goes before the old context share, and
   // the old token entries (plain pointers) after it, which is safe because
   // nothing dereferences them on the way out.
-  // The old store's unfilled certificates are plain references: dropped
-  // before the store they were meant for.
+  // The old store's unfilled certificates go before the store they were
+  // meant for; the file records that hold some of them go after it.
   unfilled = std::move(other.unfilled);
   x509_store = std::move(other.x509_store);
   libp11_context = std::move(other.libp11_context);
   smart_card_certs = std::move(other.smart_card_certs);
   file_certs = std::move(other.file_certs);
   encoded_certs = std::move(other.encoded_certs);
-  other.unfilled.clear();
+  other.unfilled.Clear();
   other.smart_card_certs.clear();
   other.file_certs.clear();
   other.encoded_certs.clear();
@@ -88,16 +88,21 @@ X509_STORE* CertStore::X509Store() const {
 }
 
 void CertStore::Fill() const {
-  if (unfilled.empty()) return;
+  if (unfilled.Empty()) return;
   X509StoreBatch batch(x509_store.get());
-  for (const X509Ptr& cert : unfilled) batch.Add(cert.get());
-  unfilled.clear();
+  for (X509* cert : unfilled.InOrder()) batch.Add(cert);
+  unfilled.Clear();
 }
 
-void CertStore::Defer(X509* cert) {
+void CertStore::DeferHeld(X509* cert) {
+  if (!x509_store || cert == nullptr) return;
+  unfilled.AddHeld(cert);
+}
+
+void CertStore::DeferOwned(X509* cert) {
   if (!x509_store || cert == nullptr) return;
   X509_up_ref(cert);
-  unfilled.emplace_back(cert);
+  unfilled.AddOwned(X509Ptr(cert));
 }
 
 std::uint32_t CertStore::Open(CertStoreType type) {
@@ -127,7 +132,10 @@ std::uint32_t CertStore::Open(CertStoreType type) {
     LogAllOpenSslErrors();
     return status;
   }
-  if (DefaultCaPaths::SetOn(x509_store.get(), &unfilled) != 1) {
+  std::vector<X509Ptr> default_cas;
+  const int default_paths_set = DefaultCaPaths::SetOn(x509_store.get(), &default_cas);
+  for (X509Ptr& cert : default_cas) unfilled.AddOwned(std::move(cert));
+  if (default_paths_set != 1) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to set CA paths");
     LogAllOpenSslErrors();
     return k_status_failed;
@@ -227,7 +235,7 @@ std::shared_ptr<const CertStore::X509CertFromFileSystem> CertStore::TakeFile(
                                std::error_code(errno, std::generic_category()));
   if (!file) return file;
   // A certificate already in the store is no failure, so ignore the result.
-  Defer(file->x509.get());
+  DeferHeld(file->x509.get());
   file_certs.push_back(file);
   return file;
 }
@@ -248,7 +256,7 @@ bool CertStore::ReplaySnapshot(const fs::path& certs_directory, std::string& key
   for (const DirectorySnapshots::Entry& entry : *snapshot) {
     if (!entry.is_volatile) {
       if (entry.file) {
-        Defer(entry.file->x509.get());
+        DeferHeld(entry.file->x509.get());
         file_certs.push_back(entry.file);
       }
       continue;
@@ -318,7 +326,10 @@ std::uint32_t CertStore::OpenSmartCardStore() {
   if (!libp11_context) return k_status_failed;
 
   const int status = libp11_context->GetCerts(smart_card_certs);
-  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs) Defer(entry.cert->x509);
+  // libp11 frees a token's certificates when a later enumeration of it
+  // fails, which another store may do while this one lives.
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
+    DeferOwned(entry.cert->x509);
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
                             "CertStore::OpenSmartCardStore x509 certs that we added =%d",
                             static_cast<int>(smart_card_certs.size()));

@@ -8,6 +8,7 @@
 #include "files/CertificateFileCache.h"
 #include "smartcard/Libp11Context.h"
 #include "store/ICertificateStore.h"
+#include "store/PendingCertificates.h"
 
 namespace quorvant::shared::x509 {
 
@@ -74,14 +75,17 @@ class CertStore : public ICertificateStore {
   // Puts the gathered certificates into the X509_STORE, in the order they
   // were gathered, as adding each at once would have.
   void Fill() const;
-  // Queues a certificate for the X509_STORE when the store is open.
-  void Defer(X509* cert);
+  // Queue a certificate for the X509_STORE when the store is open: one that
+  // file_certs keeps alive as long as the store, or one that needs a
+  // reference of its own.
+  void DeferHeld(X509* cert);
+  void DeferOwned(X509* cert);
 
   // Destroyed in reverse: added, file and token certificates, then the
   // context share (token certificates point into it), then the X509_STORE.
   X509StorePtr x509_store;
   // Gathered for the X509_STORE and not yet in it, oldest first.
-  mutable std::vector<X509Ptr> unfilled;
+  mutable PendingCertificates unfilled;
   std::shared_ptr<Libp11Context> libp11_context;
   std::vector<Libp11Context::Libp11CertAndSlot> smart_card_certs;
   std::vector<std::shared_ptr<const X509CertFromFileSystem>> file_certs;
