@@ -228,7 +228,10 @@ X509_AUTH_EXPORT void X509_Auth_PostInitUpdateSettings(
 
 /* X509_Auth_DeInit destroys the key store with every result still held and
  * releases the library's hold on the smart-card context. Callbacks and
- * settings are kept. */
+ * settings are kept. Called from an atexit handler, that handler must be
+ * registered after the first request that reached a PKCS#11 module: the
+ * module is loaded then, and its own exit-time clean-up runs before any
+ * handler registered earlier. */
 X509_AUTH_EXPORT void X509_Auth_DeInit(void);
 
 /* X509_Auth_GetApiVersion returns X509_AUTH_API_VERSION (3). */
