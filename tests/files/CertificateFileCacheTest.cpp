@@ -63,14 +63,13 @@ TEST_F(CertificateFileCacheTest, AJustWrittenFileIsReadButNotKept) {
 
 TEST_F(CertificateFileCacheTest, SettledFilesAreKeptUntilTheyChange) {
   CertificateFileCache cache;
-  TestX509 version_a = Named("Version A"), version_b = Named("Version B");
   TestX509 version_c = Named("Version C");
-  // ECDSA signatures vary in length: make another until both are as long.
-  for (int i = 0; i < 100 && CertToPem(version_a.get()).size() != CertToPem(version_b.get()).size();
-       ++i)
-    version_b = Named("Version B");
-  const std::string pem_a = CertToPem(version_a.get()), pem_b = CertToPem(version_b.get());
-  ASSERT_EQ(pem_a.size(), pem_b.size());
+  // Version B rewrites version A's file in place, keeping its size.
+  const std::map<std::string, std::string> pems = x509auth_test::PemsOfOneLength(
+      {"Version A", "Version B"}, [](const std::string& name) { return Named(name); });
+  ASSERT_EQ(pems.size(), 2u) << "no common PEM length";
+  const std::string& pem_a = pems.at("Version A");
+  const std::string& pem_b = pems.at("Version B");
   WriteFile(dir_ / "same-size.pem", pem_a);
   WriteFile(dir_ / "renamed.pem", pem_a);
   WriteFile(dir_ / "removed.pem", pem_a);

@@ -19,8 +19,6 @@ namespace {
 
 using test::FileContext;
 using test::StoreTest;
-using x509auth_test::CertToPem;
-using x509auth_test::TestX509;
 using x509auth_test::WriteFile;
 namespace fs = std::filesystem;
 
@@ -37,17 +35,10 @@ class SnapshotTest : public StoreTest {
     fs::create_directories(base_ / "certs");
     fs::create_directories(base_ / "keys");
     fs::create_directories(tmp_ / "outside");
-    // Same-length certificates, so that a rewrite in place keeps the size:
-    // names of one length, and ECDSA signatures made again until they are
-    // as long as the first.
-    for (const char* name : {"Alpha", "Bravo", "Gamma", "Delta"}) {
-      for (int attempt = 0; attempt < 100; ++attempt) {
-        TestX509 cert = NamedCert(name);
-        pem_[name] = CertToPem(cert.get());
-        if (pem_[name].size() == pem_["Alpha"].size()) break;
-      }
-      ASSERT_EQ(pem_[name].size(), pem_["Alpha"].size());
-    }
+    // Same-length certificates, so that a rewrite in place keeps the size.
+    pem_ = x509auth_test::PemsOfOneLength({"Alpha", "Bravo", "Gamma", "Delta"},
+                                          [](const std::string& name) { return NamedCert(name); });
+    ASSERT_EQ(pem_.size(), 4u) << "no common PEM length";
   }
   void TearDown() override {
     DirectorySnapshots::Instance().Clear();

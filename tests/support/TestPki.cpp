@@ -173,6 +173,21 @@ std::string CertToPem(X509* cert) {
   return BioText(bio.get());
 }
 
+std::map<std::string, std::string> PemsOfOneLength(
+    const std::vector<std::string>& names, const std::function<TestX509(const std::string&)>& make) {
+  std::map<std::size_t, std::map<std::string, std::string>> by_length;
+  for (int round = 0; round < 200; ++round) {
+    for (const std::string& name : names) {
+      TestX509 cert = make(name);
+      std::string pem = CertToPem(cert.get());
+      std::map<std::string, std::string>& same = by_length[pem.size()];
+      same.emplace(name, std::move(pem));
+      if (same.size() == names.size()) return same;
+    }
+  }
+  return {};
+}
+
 Bytes CertToDer(X509* cert) {
   const int length = i2d_X509(cert, nullptr);
   Check(length > 0, "i2d_X509");

@@ -7,6 +7,8 @@
 #include <openssl/x509.h>
 
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,6 +64,13 @@ struct Chain {
 Chain MakeChain(KeyKind leaf_kind = KeyKind::kRsa, const std::string& leaf_name = "Test Leaf");
 
 std::string CertToPem(X509* cert);
+// PEM texts of a certificate made by |make| for each name, all of one length,
+// for tests that rewrite a file in place and must keep its size. An ECDSA
+// signature's length varies, and a short one is rare enough that waiting for
+// others to match it can fail: each round makes one of each, until some
+// length has them all. Empty when none turns up.
+std::map<std::string, std::string> PemsOfOneLength(
+    const std::vector<std::string>& names, const std::function<TestX509(const std::string&)>& make);
 Bytes CertToDer(X509* cert);
 Bytes Sha1Thumbprint(X509* cert);
 // Lower-case hex, two digits a byte, as the tool and the provider take thumbprints.
