@@ -299,6 +299,69 @@ X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(
 X509_AUTH_EXPORT bool X509_Auth_ShowCertificateDialog(
     const X509_Auth_Certificate* certificate, void* parent);
 
+
+/* ---------------------------------------------------------------------------
+ * Extensions
+ *
+ * Functions beside the interface above, for hosts that need them. They
+ * change nothing about the functions above: a host that never calls them
+ * sees the library exactly as before. The API version stays 3.
+ *
+ * At build time, X509_AUTH_EXTENSIONS is defined. At run time, a host that
+ * may meet an older libx509auth.so.3 looks the functions up before calling
+ * them: dlsym(RTLD_DEFAULT, "X509_Auth_SetPkcs11Module") (or on the handle
+ * dlopen gave) is null when the library it runs with has none.
+ * ------------------------------------------------------------------------- */
+#define X509_AUTH_EXTENSIONS 1
+
+/* Result codes only the extensions give. */
+enum {
+  /* An argument is null, out of range, or not what the function takes. */
+  X509_Auth_ResultCode_InvalidArgument = 11,
+  /* The token holding the key can do neither RSA-PSS nor raw RSA. */
+  X509_Auth_ResultCode_MechanismNotSupported = 12
+};
+
+/* X509_Auth_SetPkcs11Module chooses the PKCS#11 module the library loads,
+ * from the next module load on (the first request after X509_Auth_Init,
+ * while no module is loaded): |path| must be an absolute path to a regular,
+ * readable file, and then that file is the module, and the working
+ * directory is never looked at. An empty string ("") means no module:
+ * smart cards are off, and file and added certificates are listed as
+ * usual. A null |path| restores the default lookup (./opensc-pkcs11.so in
+ * the working directory). Returns 0 when the choice was taken, and
+ * X509_Auth_ResultCode_InvalidArgument, with an error logged, when |path|
+ * is refused; the previous choice then stays. */
+X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_SetPkcs11Module(const char* path);
+
+/* Salt lengths of X509_Auth_SignHashPss besides an explicit byte count. */
+#define X509_AUTH_PSS_SALT_DIGEST (-1) /* as long as the digest (TLS 1.3) */
+#define X509_AUTH_PSS_SALT_AUTO (-2)   /* when signing: the maximum */
+#define X509_AUTH_PSS_SALT_MAX (-3)    /* the longest the key allows */
+
+/* X509_Auth_SignHashPss signs the digest |hash| with RSASSA-PSS, using the
+ * RSA private key of the certificate whose SHA-1 thumbprint is the 20 bytes
+ * at |thumbprint|. The digest function is the one |hash_type| names (and
+ * the length of |hash| is its length); MGF1 uses the same digest.
+ * |salt_length| is a byte count (0 or more) or one of X509_AUTH_PSS_SALT_*.
+ * The certificate is found, its key opened and PINs or passwords asked for
+ * as in X509_Auth_SignHash. A key file signs with OpenSSL; a token key
+ * with the token's CKM_RSA_PKCS_PSS, or, where the token offers only
+ * CKM_RSA_X_509, over a PSS block the library encodes.
+ *
+ * On success |*signature| receives a record (algorithm
+ * X509_Auth_Algorithm_Rsa) owned by the library until passed to
+ * X509_Auth_Free, and the code is 0; on failure it receives null and the
+ * code is one of X509_Auth_SignHash's (2 store, 3 not found, 4 key not
+ * opened, 6 not an RSA certificate, 1 the signature failed), or
+ * X509_Auth_ResultCode_InvalidArgument (a null pointer, a hash type above
+ * 3, a salt length the key cannot hold) or
+ * X509_Auth_ResultCode_MechanismNotSupported. Never throws. */
+X509_AUTH_EXPORT X509_Auth_Result X509_Auth_SignHashPss(
+    const uint8_t* thumbprint, X509_Auth_HashType hash_type,
+    const unsigned char* hash, int32_t salt_length,
+    const X509_Auth_Signature** signature);
+
 #ifdef __cplusplus
 }
 #endif
