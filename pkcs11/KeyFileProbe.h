@@ -1,0 +1,34 @@
+#pragma once
+// Tells whether a key file is encrypted, that is whether signing with it
+// will ask for a password, without asking: the module needs this to set
+// CKF_LOGIN_REQUIRED, and a trial signature per key at every listing would
+// cost a private-key operation each. The answer is kept per file while the
+// file's identity, size and times are unchanged.
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+
+namespace x509auth_pkcs11 {
+
+class KeyFileProbe {
+ public:
+  // True for a PEM key marked encrypted ("ENCRYPTED PRIVATE KEY", or a
+  // traditional key with "Proc-Type: 4,ENCRYPTED") and for DER holding an
+  // encrypted PKCS#8 structure. False for anything else, a missing file
+  // included (signing then fails without asking).
+  bool IsEncrypted(const std::string& path);
+
+ private:
+  struct Entry {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    long long modified_ns = 0;
+    long long changed_ns = 0;
+    bool encrypted = false;
+  };
+  std::map<std::string, Entry> known_;
+};
+
+}  // namespace x509auth_pkcs11

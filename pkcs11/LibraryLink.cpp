@@ -1,0 +1,200 @@
+#include "LibraryLink.h"
+
+#include <dlfcn.h>
+#include <openssl/crypto.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <stdlib.h>
+
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+
+#include "Log.h"
+#include "OpenSslPtr.h"
+
+namespace x509auth_pkcs11 {
+namespace {
+
+using SetPkcs11ModuleFunction = X509_Auth_ResultCode (*)(const char*);
+
+// The call being served; read by the library's callbacks, which run only
+// inside calls made under the module's lock.
+const Pin* g_pin = nullptr;
+PromptRecord* g_record = nullptr;
+
+void LibraryLog(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
+  LogLineV(static_cast<int>(priority), format, arguments);
+}
+
+void LibraryMessage(const char* message, const char* title) {
+  LogLine(3, "%s: %s", title != nullptr ? title : "", message != nullptr ? message : "");
+}
+
+// The record the library reads, followed by a copy of the PIN; wiped and
+// released by FreeAnswer as soon as the library is done with it.
+struct Answer {
+  X509_Auth_PinEntryResult result{nullptr, 1};
+  char* value = nullptr;
+  std::size_t size = 0;
+};
+
+X509_Auth_PinEntryResult* PinEntry(const char* /*title*/, const char* /*prompt*/) {
+  auto answer = std::make_unique<Answer>();
+  if (g_record != nullptr) ++g_record->asked;
+  if (g_pin != nullptr && g_pin->Present()) {
+    answer->size = std::strlen(g_pin->Value()) + 1;
+    answer->value = static_cast<char*>(OPENSSL_secure_zalloc(answer->size));
+    if (answer->value != nullptr) {
+      std::memcpy(answer->value, g_pin->Value(), answer->size);
+      answer->result.value = answer->value;
+      answer->result.status = 0;
+      if (g_record != nullptr) ++g_record->answered;
+    }
+  }
+  // Handed to the library as its first member; FreeAnswer takes it back.
+  return &answer.release()->result;
+}
+
+void FreeAnswer(X509_Auth_PinEntryResult* result) {
+  std::unique_ptr<Answer> answer(reinterpret_cast<Answer*>(result));
+  if (answer->value != nullptr) OPENSSL_secure_clear_free(answer->value, answer->size);
+}
+
+// The extensions are looked up on the library this module was linked with,
+// so that an older libx509auth.so.3 is met with a clear failure instead of
+// an unresolved symbol.
+void* LibrarySymbol(const char* name) {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&X509_Auth_Init), &info) == 0 || info.dli_fname == nullptr)
+    return nullptr;
+  void* handle = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+  if (handle == nullptr) return nullptr;
+  void* symbol = dlsym(handle, name);
+  dlclose(handle);  // the library stays loaded: this module depends on it
+  return symbol;
+}
+
+std::string RealPath(const std::string& path) {
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : std::string();
+}
+
+std::string BaseName(const std::string& path) {
+  const auto slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool IsP11KitProxy(const std::string& path) {
+  const std::string name = BaseName(path);
+  return name.rfind("p11-kit-proxy", 0) == 0 || name.rfind("p11-kit-client", 0) == 0;
+}
+
+// Adds every certificate of a PEM file (one or many) or a DER file as a CA
+// the library builds chains with.
+void AddCaFile(const std::string& file) {
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) {
+    LogLine(3, "CA file %s cannot be read", file.c_str());
+    return;
+  }
+  const std::string bytes((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+  int added = 0;
+  if (bytes.find("-----BEGIN CERTIFICATE-----") != std::string::npos) {
+    std::size_t at = 0;
+    const std::string end_marker = "-----END CERTIFICATE-----";
+    while ((at = bytes.find("-----BEGIN CERTIFICATE-----", at)) != std::string::npos) {
+      const std::size_t end = bytes.find(end_marker, at);
+      if (end == std::string::npos) break;
+      const std::string pem = bytes.substr(at, end + end_marker.size() - at) + "\n";
+      added += X509_Auth_AddAdditionalCertificateAuthorityToStore(
+          reinterpret_cast<const unsigned char*>(pem.data()), pem.size());
+      at = end;
+    }
+  } else {
+    added = X509_Auth_AddAdditionalCertificateAuthorityToStore(
+        reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  }
+  if (added == 0) LogLine(3, "CA file %s holds no certificate the library took", file.c_str());
+  else LogLine(1, "CA file %s: %d certificate(s) added", file.c_str(), added);
+}
+
+}  // namespace
+
+LibraryLink::PromptScope::PromptScope(const Pin* pin, PromptRecord& record) {
+  g_pin = pin;
+  g_record = &record;
+}
+
+LibraryLink::PromptScope::~PromptScope() {
+  g_pin = nullptr;
+  g_record = nullptr;
+}
+
+std::string LibraryLink::ChooseTokenModule(const ModuleSettings& settings) {
+  if (!settings.token_certificates || settings.module.empty()) return "";
+  const std::string& path = settings.module;
+  if (path[0] != '/') {
+    LogLine(3, "module %s: not an absolute path; token certificates are off", path.c_str());
+    return "";
+  }
+  const std::string resolved = RealPath(path);
+  if (resolved.empty()) {
+    LogLine(3, "module %s cannot be found; token certificates are off", path.c_str());
+    return "";
+  }
+  Dl_info self{};
+  std::string self_path;
+  if (dladdr(reinterpret_cast<void*>(&LibraryLink::ChooseTokenModule), &self) != 0 &&
+      self.dli_fname != nullptr)
+    self_path = RealPath(self.dli_fname);
+  if (!self_path.empty() && resolved == self_path) {
+    LogLine(3, "module %s is this module itself; refusing to load it, token certificates are off",
+            path.c_str());
+    return "";
+  }
+  if (IsP11KitProxy(path) || IsP11KitProxy(resolved)) {
+    LogLine(3,
+            "module %s is p11-kit's proxy, which may load this module again; refusing it, "
+            "token certificates are off",
+            path.c_str());
+    return "";
+  }
+  return resolved;
+}
+
+bool LibraryLink::Start(const ModuleSettings& settings, std::string& failure) {
+  const auto set_module =
+      reinterpret_cast<SetPkcs11ModuleFunction>(LibrarySymbol("X509_Auth_SetPkcs11Module"));
+  if (set_module == nullptr) {
+    failure = "libx509auth has no X509_Auth_SetPkcs11Module (older than this module)";
+    return false;
+  }
+  sign_hash_pss_ = reinterpret_cast<SignHashPssFunction>(LibrarySymbol("X509_Auth_SignHashPss"));
+
+  std::vector<const char*> dirs, home_dirs;
+  for (const std::string& dir : settings.dirs) dirs.push_back(dir.c_str());
+  for (const std::string& dir : settings.home_dirs) home_dirs.push_back(dir.c_str());
+  const X509_Auth_Settings record{dirs.data(), dirs.size(), home_dirs.data(), home_dirs.size()};
+  X509_Auth_Init(&record, X509_Auth_Callbacks{LibraryLog, PinEntry, FreeAnswer, LibraryMessage});
+  started_ = true;
+  // Never null: null would bring back the working-directory lookup.
+  const std::string module = ChooseTokenModule(settings);
+  if (set_module(module.c_str()) != X509_Auth_ResultCode_Success) {
+    LogLine(3, "the library refused module %s; token certificates are off", module.c_str());
+    set_module("");
+  }
+  for (const std::string& file : settings.ca_files) AddCaFile(file);
+  return true;
+}
+
+void LibraryLink::Stop() {
+  if (!started_) return;
+  X509_Auth_DeInit();
+  started_ = false;
+}
+
+}  // namespace x509auth_pkcs11

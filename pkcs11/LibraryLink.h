@@ -1,0 +1,59 @@
+#pragma once
+// The module's link to libx509auth, used only through x509_auth.h as any
+// host uses it. The library keeps one process-wide state, so the module
+// initialises it at C_Initialize and ends it at C_Finalize; every call
+// through here runs under the module's lock (Module), which is also what
+// makes the prompt routing below safe.
+#include <string>
+
+#include "ModuleSettings.h"
+#include "Pin.h"
+#include "x509_auth.h"
+
+namespace x509auth_pkcs11 {
+
+// What the library's PIN and password prompts met during one call.
+struct PromptRecord {
+  int asked = 0;     // prompts the library made
+  int answered = 0;  // of which answered with the login PIN
+};
+
+using SignHashPssFunction = X509_Auth_Result (*)(const uint8_t*, X509_Auth_HashType,
+                                                 const unsigned char*, int32_t,
+                                                 const X509_Auth_Signature**);
+
+class LibraryLink {
+ public:
+  // X509_Auth_Init with the module's callbacks, then the PKCS#11 module
+  // choice and the CA files. False, with |failure| set, when the library
+  // lacks what the module needs (X509_Auth_SetPkcs11Module: without it the
+  // library would load a module from the working directory).
+  bool Start(const ModuleSettings& settings, std::string& failure);
+  // X509_Auth_DeInit, when started.
+  void Stop();
+  bool Started() const { return started_; }
+
+  // Routes the prompts made while it lives to |pin| (null: each prompt is
+  // cancelled) and counts them in |record|. One at a time, under the lock.
+  class PromptScope {
+   public:
+    PromptScope(const Pin* pin, PromptRecord& record);
+    ~PromptScope();
+    PromptScope(const PromptScope&) = delete;
+    PromptScope& operator=(const PromptScope&) = delete;
+  };
+
+  // X509_Auth_SignHashPss of the library, or null when it has none.
+  SignHashPssFunction SignHashPss() const { return sign_hash_pss_; }
+
+  // The module path to give the library: the configured one, or "" when it
+  // is this module itself, a p11-kit proxy (which could lead back here), not
+  // absolute, or not wanted (token certificates off). Logs why it refused.
+  static std::string ChooseTokenModule(const ModuleSettings& settings);
+
+ private:
+  bool started_ = false;
+  SignHashPssFunction sign_hash_pss_ = nullptr;
+};
+
+}  // namespace x509auth_pkcs11

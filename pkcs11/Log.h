@@ -1,0 +1,16 @@
+#pragma once
+// The module's own log lines and the library's, on stderr only when the
+// settings ask for them (quiet by default: the module lives inside other
+// people's programs). Never given a PIN.
+#include <cstdarg>
+
+namespace x509auth_pkcs11 {
+
+// Lowest priority written (0 debug .. 3 error); 4, the default, writes
+// nothing.
+void SetLogThreshold(int threshold);
+int LogThreshold();
+void LogLine(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void LogLineV(int priority, const char* format, va_list arguments);
+
+}  // namespace x509auth_pkcs11

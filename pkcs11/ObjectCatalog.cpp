@@ -1,0 +1,135 @@
+#include "ObjectCatalog.h"
+
+#include <cstring>
+#include <set>
+
+#include "CertificateObjects.h"
+#include "Log.h"
+#include "x509_auth.h"
+
+namespace x509auth_pkcs11 {
+namespace {
+
+// Frees what the library handed out when the scope ends.
+class LibraryFree {
+ public:
+  explicit LibraryFree(const void* p) : p_(p) {}
+  ~LibraryFree() {
+    if (p_ != nullptr) X509_Auth_Free(p_);
+  }
+  LibraryFree(const LibraryFree&) = delete;
+  LibraryFree& operator=(const LibraryFree&) = delete;
+
+ private:
+  const void* p_;
+};
+
+}  // namespace
+
+CK_OBJECT_HANDLE ObjectCatalog::HandleFor(const Thumbprint& thumbprint, ObjectKind kind) {
+  const auto key = std::make_pair(thumbprint, static_cast<int>(kind));
+  const auto found = handles_.find(key);
+  if (found != handles_.end()) return found->second;
+  const CK_OBJECT_HANDLE handle = next_handle_++;
+  handles_.emplace(key, handle);
+  return handle;
+}
+
+bool ObjectCatalog::Refresh(bool token_certificates) {
+  uint64_t count = 0;
+  const X509_Auth_Certificate* certificates = nullptr;
+  if (!X509_Auth_LoadClientCertificates(&count, &certificates)) {
+    LogLine(3, "the library could not list the certificates");
+    return false;
+  }
+  LibraryFree free_certificates(certificates);
+
+  std::vector<const X509_Auth_Certificate*> offered;
+  bool needs_login = false;
+  std::vector<Thumbprint> asking;
+  for (uint64_t i = 0; i < count; ++i) {
+    const X509_Auth_Certificate& record = certificates[i];
+    if (record.thumbprint == nullptr || record.encoded == nullptr) continue;
+    if (record.smart_card != 0 && !token_certificates) continue;
+    offered.push_back(&record);
+    Thumbprint thumbprint{};
+    std::memcpy(thumbprint.data(), record.thumbprint, thumbprint.size());
+    const bool asks = record.smart_card != 0 ||
+                      (record.cert_type == X509_Auth_CertificateType_FileBased && record.key_path != nullptr &&
+                       *record.key_path != '\0' && probe_.IsEncrypted(record.key_path));
+    if (asks) {
+      needs_login = true;
+      asking.push_back(thumbprint);
+    }
+  }
+
+  std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current;
+  std::set<Thumbprint> seen;
+  std::vector<std::pair<Thumbprint, Bytes>> authorities;
+  for (const X509_Auth_Certificate* record : offered) {
+    Thumbprint thumbprint{};
+    std::memcpy(thumbprint.data(), record->thumbprint, thumbprint.size());
+    if (!seen.insert(thumbprint).second) continue;
+    Built& built = built_[thumbprint];
+    if (built.objects.empty() || built.keys_private != needs_login) {
+      const Bytes der(record->encoded, record->encoded + record->encoded_length);
+      built.objects = CertificateObjects::Client(thumbprint, der, needs_login);
+      built.keys_private = needs_login;
+    }
+    for (const auto& object : built.objects) current[HandleFor(thumbprint, object->Kind())] = object;
+
+    uint64_t ca_count = 0;
+    X509_Auth_ASN_1* cas = nullptr;
+    if (X509_Auth_GetChainedCAsForCertificate(record, &ca_count, &cas) == 0) {
+      LibraryFree free_cas(cas);
+      for (uint64_t j = 0; j < ca_count; ++j)
+        if (cas[j].data != nullptr)
+          authorities.emplace_back(Thumbprint{}, Bytes(cas[j].data, cas[j].data + cas[j].length));
+    }
+  }
+  for (auto& [thumbprint, der] : authorities) {
+    thumbprint = CertificateObjects::ThumbprintOf(der);
+    // A chain lists the certificate itself too; it is already a client object.
+    if (!seen.insert(thumbprint).second) continue;
+    auto& authority = authorities_[thumbprint];
+    if (authority == nullptr) authority = CertificateObjects::Authority(thumbprint, der);
+    if (authority != nullptr) current[HandleFor(thumbprint, ObjectKind::kAuthority)] = authority;
+  }
+  // What is no longer offered is dropped from the kept objects, not from the
+  // handles: those are never reused.
+  for (auto it = built_.begin(); it != built_.end();)
+    it = seen.count(it->first) != 0 ? std::next(it) : built_.erase(it);
+  for (auto it = authorities_.begin(); it != authorities_.end();)
+    it = seen.count(it->first) != 0 ? std::next(it) : authorities_.erase(it);
+
+  current_ = std::move(current);
+  needs_login_ = needs_login;
+  asking_ = std::move(asking);
+  LogLine(0, "listing: %zu certificate(s), %zu object(s)", offered.size(), current_.size());
+  return true;
+}
+
+std::vector<CK_OBJECT_HANDLE> ObjectCatalog::Find(const CK_ATTRIBUTE* templ, CK_ULONG count,
+                                                  bool show_private) const {
+  std::vector<CK_OBJECT_HANDLE> found;
+  for (const auto& [handle, object] : current_) {
+    if (!show_private && object->BoolAttribute(CKA_PRIVATE)) continue;
+    if (object->Matches(templ, count)) found.push_back(handle);
+  }
+  return found;
+}
+
+std::shared_ptr<const TokenObject> ObjectCatalog::Get(CK_OBJECT_HANDLE handle) const {
+  const auto found = current_.find(handle);
+  return found == current_.end() ? nullptr : found->second;
+}
+
+void ObjectCatalog::Clear() {
+  built_.clear();
+  authorities_.clear();
+  current_.clear();
+  needs_login_ = false;
+  asking_.clear();
+}
+
+}  // namespace x509auth_pkcs11

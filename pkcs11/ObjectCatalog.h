@@ -1,0 +1,56 @@
+#pragma once
+// The token's objects as the library offers them now. Every
+// C_FindObjectsInit lists again, so a certificate added, removed or changed
+// on disk appears or goes at the next search. Handles are given per
+// (thumbprint, kind) and only ever grow: one handle always names the same
+// object, and a handle whose certificate went is never given to another.
+// Objects built from a certificate are kept by thumbprint (same thumbprint,
+// same bytes), so a listing of unchanged certificates builds nothing.
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "KeyFileProbe.h"
+#include "TokenObject.h"
+
+namespace x509auth_pkcs11 {
+
+class ObjectCatalog {
+ public:
+  // Lists the library's certificates (token certificates only when
+  // |token_certificates|). False, with the previous objects kept, when the
+  // library could not list.
+  bool Refresh(bool token_certificates);
+  // Current objects matching the template, in handle order; private
+  // objects only when |show_private|.
+  std::vector<CK_OBJECT_HANDLE> Find(const CK_ATTRIBUTE* templ, CK_ULONG count, bool show_private) const;
+  // The object a handle names in the latest listing; null when it is gone
+  // or was never given.
+  std::shared_ptr<const TokenObject> Get(CK_OBJECT_HANDLE handle) const;
+  // Whether some listed key asks for a PIN or password: an encrypted key
+  // file, or a token key.
+  bool NeedsLogin() const { return needs_login_; }
+  // Thumbprints of the certificates whose keys ask, in listing order.
+  const std::vector<Thumbprint>& KeysAsking() const { return asking_; }
+  std::size_t Size() const { return current_.size(); }
+  void Clear();
+
+ private:
+  CK_OBJECT_HANDLE HandleFor(const Thumbprint& thumbprint, ObjectKind kind);
+
+  struct Built {
+    bool keys_private = false;
+    std::vector<std::shared_ptr<const TokenObject>> objects;
+  };
+  std::map<Thumbprint, Built> built_;
+  std::map<Thumbprint, std::shared_ptr<const TokenObject>> authorities_;
+  std::map<std::pair<Thumbprint, int>, CK_OBJECT_HANDLE> handles_;
+  CK_OBJECT_HANDLE next_handle_ = 1;
+  std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current_;
+  KeyFileProbe probe_;
+  bool needs_login_ = false;
+  std::vector<Thumbprint> asking_;
+};
+
+}  // namespace x509auth_pkcs11
