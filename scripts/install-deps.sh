@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libssl-dev openssl
-  libp11-dev
+  libp11-dev libp11-kit-dev
   softhsm2 opensc opensc-pkcs11
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   valgrind

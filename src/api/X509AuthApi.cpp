@@ -4,6 +4,8 @@
 // between X509_Auth_Init and X509_Auth_DeInit.
 #include "x509_auth.h"
 
+#include <openssl/evp.h>
+
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -15,24 +17,26 @@
 #include "files/DirectorySnapshots.h"
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
+#include "smartcard/Pkcs11ModuleChoice.h"
 
 namespace {
 
 using quorvant::shared::x509::Algorithm;
 using quorvant::shared::x509::DecryptAlgorithm;
 using quorvant::shared::x509::DirectorySnapshots;
-using quorvant::shared::x509::IKeyStore;
 using quorvant::shared::x509::KeyStore;
 using quorvant::shared::x509::Libp11Context;
 using quorvant::shared::x509::LogAllOpenSslErrors;
+using quorvant::shared::x509::Pkcs11ModuleChoice;
 using quorvant::shared::x509::SafeCallbacksWrapper;
 using quorvant::shared::x509::Thumbprint;
 using quorvant::shared::x509::X509Settings;
 
 // Function-local statics first made after the callbacks holder, so that at
 // process exit they are destroyed while it still exists.
-std::unique_ptr<IKeyStore>& KeyStoreOwner() {
-  static std::unique_ptr<IKeyStore> owner;
+// Typed as the concrete store, whose extensions lie beyond the interface.
+std::unique_ptr<KeyStore>& KeyStoreOwner() {
+  static std::unique_ptr<KeyStore> owner;
   return owner;
 }
 
@@ -57,6 +61,17 @@ std::size_t HashLength(X509_Auth_HashType hash_type) {
   }
 }
 
+// The digest of an RSA-PSS signature, or null for a hash type out of range.
+const EVP_MD* DigestOf(X509_Auth_HashType hash_type) {
+  switch (hash_type) {
+    case X509_Auth_HashType_Sha1: return EVP_sha1();
+    case X509_Auth_HashType_Sha256: return EVP_sha256();
+    case X509_Auth_HashType_Sha384: return EVP_sha384();
+    case X509_Auth_HashType_Sha512: return EVP_sha512();
+    default: return nullptr;
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -65,7 +80,7 @@ void X509_Auth_Init(const X509_Auth_Settings* settings, X509_Auth_Callbacks call
   SafeCallbacksWrapper::GetInstance().Replace(callbacks);
   if (settings != nullptr) X509Settings::GetInstance().Replace(*settings);
   // The new store is installed before the old one and its results go away.
-  std::unique_ptr<IKeyStore> previous =
+  std::unique_ptr<KeyStore> previous =
       std::exchange(KeyStoreOwner(), std::make_unique<KeyStore>());
   previous.reset();
   KeyStoreOwner()->Init();
@@ -77,7 +92,7 @@ void X509_Auth_PostInitUpdateSettings(const X509_Auth_Settings* settings) {
 }
 
 void X509_Auth_DeInit(void) {
-  std::unique_ptr<IKeyStore> key_store = std::move(KeyStoreOwner());
+  std::unique_ptr<KeyStore> key_store = std::move(KeyStoreOwner());
   key_store.reset();
   ContextHolder().reset();
   // The watches on certificate directories end with the library's use.
@@ -141,6 +156,39 @@ X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(
 
 bool X509_Auth_ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) {
   return KeyStoreOwner()->ShowCertificateDialog(certificate, parent);
+}
+
+X509_Auth_ResultCode X509_Auth_SetPkcs11Module(const char* path) {
+  if (!Pkcs11ModuleChoice::GetInstance().Choose(path)) return X509_Auth_ResultCode_InvalidArgument;
+  return X509_Auth_ResultCode_Success;
+}
+
+X509_Auth_Result X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_HashType hash_type,
+                                       const unsigned char* hash, int32_t salt_length,
+                                       const X509_Auth_Signature** signature) {
+  if (signature != nullptr) *signature = nullptr;
+  const EVP_MD* digest = DigestOf(hash_type);
+  if (thumbprint == nullptr || hash == nullptr || signature == nullptr || digest == nullptr ||
+      salt_length < X509_AUTH_PSS_SALT_MAX) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "X509_Auth_SignHashPss: invalid argument (a null pointer, hash type "
+                              "%u or salt length %d)",
+                              static_cast<unsigned>(hash_type), static_cast<int>(salt_length));
+    return X509_Auth_Result{X509_Auth_ResultCode_InvalidArgument, 0, 0};
+  }
+  const std::vector<unsigned char> digest_bytes(
+      hash, hash + static_cast<std::size_t>(EVP_MD_size(digest)));
+  // The extension is for C hosts: nothing may leave it as an exception.
+  try {
+    const auto outcome =
+        KeyStoreOwner()->SignHashPss(CopyThumbprint(thumbprint), digest, digest_bytes, salt_length);
+    *signature = outcome.record;
+    return outcome.result;
+  } catch (const std::exception& failure) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "X509_Auth_SignHashPss: %s",
+                              failure.what());
+    return X509_Auth_Result{X509_Auth_ResultCode_KeyOperationFailed, 0, 0};
+  }
 }
 
 }  // extern "C"

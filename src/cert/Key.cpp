@@ -11,6 +11,7 @@
 #include "cert/ICertificate.h"
 #include "files/PrivateKeyFiles.h"
 #include "smartcard/Libp11Context.h"
+#include "smartcard/TokenPssSigner.h"
 
 namespace quorvant::shared::x509 {
 
@@ -35,7 +36,8 @@ ResultPair Unsupported() { return ResultPair{6, 0}; }
 }  // namespace
 
 Key::~Key() {
-  // Members then go in reverse order: the text before the key.
+  // Members then go in reverse order: the key libp11 made before the
+  // token context that owns its slot.
   Close();
 }
 
@@ -60,12 +62,12 @@ std::int32_t Key::Open(const ICertificate& certificate) {
                               "Cannot load private key for encoded cert: [%s]",
                               certificate.Name().c_str());
   } else if (const auto* token = std::get_if<std::unique_ptr<Libp11CertContext>>(&context)) {
-    const Libp11CertContext& token_context = **token;
+    const Libp11CertContext& token_cert = **token;
     {
       // Held for the login only; the certificate's context keeps the slot
       // and the certificate alive for the key lookup.
       const std::shared_ptr<Libp11Context> libp11 = Libp11Context::GetInstance();
-      const int login = libp11 ? libp11->LogInToSlotIfRequired(token_context.slot) : 0;
+      const int login = libp11 ? libp11->LogInToSlotIfRequired(token_cert.slot) : 0;
       // A failed login does not stop the lookup: the key may be public.
       if (login != 0) {
         SafeCallbacksWrapper::Log(
@@ -75,11 +77,14 @@ std::int32_t Key::Open(const ICertificate& certificate) {
     }
     // libp11 waits forever for a session the token refuses, so a token that
     // cannot open one now is treated as holding no key.
-    const bool usable = token_context.libp11_context &&
-                        token_context.libp11_context->CanOpenSession(token_context.slot);
-    PKCS11_KEY* token_key = usable ? PKCS11_find_key(token_context.cert) : nullptr;
-    if (token_key != nullptr) {
-      key.reset(PKCS11_get_private_key(token_key));
+    const bool usable = token_cert.libp11_context &&
+                        token_cert.libp11_context->CanOpenSession(token_cert.slot);
+    PKCS11_KEY* found = usable ? PKCS11_find_key(token_cert.cert) : nullptr;
+    if (found != nullptr) {
+      key.reset(PKCS11_get_private_key(found));
+      token_context = token_cert.libp11_context;
+      token_slot = token_cert.slot;
+      token_key = found;
     } else {
       success = false;
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -180,6 +185,66 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   // shorter.
   signature->resize(length);
   return ResultPair{0, 0};
+}
+
+namespace {
+
+// The salt a PSS signature gets for |requested|, or -1 when the key cannot
+// hold it. The encoded message has one bit less than the modulus.
+int ResolveSalt(int requested, const EVP_MD* digest, EVP_PKEY* key) {
+  const int digest_length = EVP_MD_size(digest);
+  const int encoded_length = (EVP_PKEY_bits(key) - 1 + 7) / 8;
+  const int longest = encoded_length - digest_length - 2;
+  if (longest < 0) return -1;
+  switch (requested) {
+    case -1: return digest_length <= longest ? digest_length : -1;
+    case -2:
+    case -3: return longest;
+    default: return requested >= 0 && requested <= longest ? requested : -1;
+  }
+}
+
+}  // namespace
+
+ResultPair Key::SignPss(const EVP_MD* digest, const std::vector<unsigned char>& hash,
+                        int salt_length, std::vector<unsigned char>* signature) {
+  if (algorithm != x509::Algorithm::k_rsa || !key) return Unsupported();
+  if (digest == nullptr || static_cast<std::size_t>(EVP_MD_size(digest)) != hash.size()) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Key::SignPss the hash does not fit its digest");
+    return ResultPair{X509_Auth_ResultCode_InvalidArgument, 0};
+  }
+  const int salt = ResolveSalt(salt_length, digest, key.get());
+  if (salt < 0) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Key::SignPss salt length %d does not fit a %d-bit key", salt_length,
+                              EVP_PKEY_bits(key.get()));
+    return ResultPair{X509_Auth_ResultCode_InvalidArgument, 0};
+  }
+  if (token_key != nullptr && token_context) {
+    const TokenPssSigner signer(*token_context, token_slot, token_key, key.get());
+    return signer.Sign(digest, hash, salt, signature);
+  }
+
+  const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
+  std::size_t length = 0;
+  const bool ready = context && EVP_PKEY_sign_init(context.get()) > 0 &&
+                     EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING) > 0 &&
+                     EVP_PKEY_CTX_set_signature_md(context.get(), digest) > 0 &&
+                     EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), digest) > 0 &&
+                     EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), salt) > 0 &&
+                     EVP_PKEY_sign(context.get(), nullptr, &length, hash.data(), hash.size()) > 0;
+  if (ready) {
+    signature->assign(length, 0);
+    if (EVP_PKEY_sign(context.get(), signature->data(), &length, hash.data(), hash.size()) > 0) {
+      signature->resize(length);
+      return ResultPair{0, 0};
+    }
+  }
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Key::SignPss signing failed");
+  LogAllOpenSslErrors();
+  signature->clear();
+  return Failure();
 }
 
 ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,

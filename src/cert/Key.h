@@ -1,10 +1,14 @@
 #pragma once
-#include <string>
+#include <libp11.h>
+
+#include <memory>
 
 #include "api/OpenSslPtr.h"
 #include "cert/IKey.h"
 
 namespace quorvant::shared::x509 {
+
+class Libp11Context;
 
 // A private key from a key file or a PKCS#11 token, driven through
 // OpenSSL's EVP interface.
@@ -21,10 +25,23 @@ class Key : public IKey {
   ResultPair Decrypt(DecryptAlgorithm algorithm, const std::vector<unsigned char>& ciphertext,
                      std::vector<unsigned char>* plaintext) override;
 
+  // Signs |hash|, made by |digest|, with RSASSA-PSS (MGF1 with the same
+  // digest). |salt_length| is a byte count or -1 (the digest's length), -2
+  // or -3 (the longest the key allows). Codes: 0, 1 the signature failed,
+  // 6 not an RSA key, 11 a salt the key cannot hold, 12 a token that can do
+  // neither RSA-PSS nor raw RSA.
+  ResultPair SignPss(const EVP_MD* digest, const std::vector<unsigned char>& hash,
+                     int salt_length, std::vector<unsigned char>* signature);
+
  private:
+  // A token key as libp11 found it, for what its EVP_PKEY cannot do. The
+  // slot and key belong to libp11, so the context that owns them is held;
+  // declared first, so that it goes after the key made from it.
+  std::shared_ptr<Libp11Context> token_context;
   EvpPkeyPtr key;
-  std::string text;  // never filled; kept empty
   x509::Algorithm algorithm = x509::Algorithm::k_unknown;
+  PKCS11_SLOT* token_slot = nullptr;
+  PKCS11_KEY* token_key = nullptr;
 };
 
 }  // namespace quorvant::shared::x509

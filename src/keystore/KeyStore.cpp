@@ -358,6 +358,31 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHash(const Thumbprint& thumbpr
   return {record, {0, 0, signed_result.detail}};
 }
 
+KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPss(const Thumbprint& thumbprint,
+                                                          const EVP_MD* digest,
+                                                          const std::vector<unsigned char>& hash,
+                                                          int salt_length) {
+  SafeCallbacksWrapper::Log(k_info, "Signing hash with RSA-PSS... (this might require user input)");
+  CertStore users_store;
+  std::unique_ptr<ICertificate> cert;
+  Key key;
+  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key)) return {nullptr, *failure};
+  if (cert->PublicKeyAlgorithmGroup() != Algorithm::k_rsa || key.Algorithm() != Algorithm::k_rsa) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA-PSS signatures");
+    return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
+  }
+  std::vector<unsigned char> signature;
+  const ResultPair signed_result = key.SignPss(digest, hash, salt_length, &signature);
+  if (signed_result.code != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to sign hash with RSA-PSS (error: %d, %lu)",
+                              signed_result.code, static_cast<unsigned long>(signed_result.detail));
+    return {nullptr, {signed_result.code, 0, signed_result.detail}};
+  }
+  SafeCallbacksWrapper::Log(k_info, "Successfully signed hash with RSA-PSS");
+  const X509_Auth_Signature* record = AllocateSignature(Algorithm::k_rsa, std::move(signature));
+  return {record, {0, 0, 0}};
+}
+
 KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
                                                   DecryptAlgorithm algorithm,
                                                   const std::vector<unsigned char>& data) {

@@ -1,4 +1,6 @@
 #pragma once
+#include <openssl/evp.h>
+
 #include <memory>
 #include <vector>
 
@@ -60,6 +62,14 @@ class KeyStore : public IKeyStore {
                                                    void** key) override;
   std::int32_t GetChainedCAsForCertificate(const X509_Auth_Certificate* certificate,
                                            unsigned long* count, X509_Auth_ASN_1** asn1) override;
+
+  // RSASSA-PSS over |hash| (made by |digest|) with the key of the
+  // certificate |thumbprint| names; found and opened as for SignHash. Never
+  // throws: every failure is a result code.
+  KeyStoreResult<X509_Auth_Signature> SignHashPss(const Thumbprint& thumbprint,
+                                                  const EVP_MD* digest,
+                                                  const std::vector<unsigned char>& hash,
+                                                  int salt_length);
 
   // Throws std::invalid_argument("Unimplemented") for an algorithm above 2.
   const X509_Auth_Signature* AllocateSignature(Algorithm algorithm,

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "api/SafeCallbacksWrapper.h"
+#include "smartcard/Pkcs11ModuleChoice.h"
 
 namespace quorvant::shared::x509 {
 
@@ -19,9 +20,16 @@ constexpr const char* k_pin_title = "Enter pin";
 
 bool IsReadable(const std::string& path) { return access(path.c_str(), R_OK) == 0; }
 
-// The module is looked for beside the host: in its working directory, or in
-// the "lib" directory that sits where the working directory has "bin".
+// The module the host chose, if it chose a file; otherwise the default
+// lookup beside the host: in its working directory, or in the "lib"
+// directory that sits where the working directory has "bin".
 std::optional<std::string> FindModule() {
+  const Pkcs11ModuleChoice& choice = Pkcs11ModuleChoice::GetInstance();
+  if (choice.CurrentKind() == Pkcs11ModuleChoice::Kind::k_file) {
+    std::string chosen = choice.File();
+    if (IsReadable(chosen)) return chosen;
+    return std::nullopt;
+  }
   if (IsReadable(Libp11Context::k_module_file_name)) return Libp11Context::k_module_file_name;
   const std::optional<std::string> library_directory =
       Libp11Context::LibraryDirectoryFromWorkingDirectory();
@@ -136,6 +144,14 @@ int Libp11Context::PinEntryUiReader(UI* /*ui*/, UI_STRING* /*uis*/) { return 1; 
 
 int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Debug, "Libp11Context::GetCerts started.");
+  // A host that chose no module has no smart cards: nothing to load, and
+  // nothing missing either.
+  if (pkcs11_ctx_ == nullptr &&
+      Pkcs11ModuleChoice::GetInstance().CurrentKind() == Pkcs11ModuleChoice::Kind::k_none) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Debug,
+                              "Libp11Context::GetCerts no PKCS#11 module is chosen; no smart cards");
+    return 0;
+  }
   if (pkcs11_ctx_ == nullptr) InitialiseContextAndSlots();
   if (pkcs11_ctx_ == nullptr) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,

@@ -65,6 +65,9 @@ class Libp11Context {
   // hang libp11; that window cannot be closed from outside libp11.
   int ProbeSession(const PKCS11_slot_st* slot) const { return session_probe_.Probe(slot); }
   bool CanOpenSession(const PKCS11_slot_st* slot) const { return ProbeSession(slot) == 0; }
+  // The loaded module's function list, for what libp11 cannot do itself;
+  // null while no module is loaded. Valid while this context lives.
+  CK_FUNCTION_LIST_PTR ModuleFunctions() const { return session_probe_.Functions(); }
 
   // The OpenSSL UI writer through which libp11 asks the host for a PIN.
   static int PinEntryUiWriter(UI* ui, UI_STRING* uis);

@@ -1,5 +1,6 @@
 #pragma once
 #include <libp11.h>
+#include <p11-kit/pkcs11.h>
 
 #include <memory>
 #include <string>
@@ -34,14 +35,18 @@ class Pkcs11SessionProbe {
   // (-1 when that does not fit an int).
   int Probe(const PKCS11_SLOT* slot) const;
 
+  // The module's own function list, for the few operations libp11 0.4.12
+  // does not offer (RSA-PSS on a token key); null when not attached. Valid
+  // until Detach.
+  CK_FUNCTION_LIST_PTR Functions() const { return functions_; }
+
  private:
   struct ModuleCloser {
     void operator()(void* handle) const;
   };
-  struct FunctionList;
 
   std::unique_ptr<void, ModuleCloser> module_;
-  const FunctionList* functions_ = nullptr;
+  CK_FUNCTION_LIST_PTR functions_ = nullptr;
 };
 
 }  // namespace quorvant::shared::x509

@@ -38,8 +38,14 @@ SoftHsmToken::SoftHsmToken(const Options& options) {
   root_ = pattern;
   token_directory_ = root_ / "tokens";
   std::filesystem::create_directories(token_directory_);
+  // SoftHSM2 2.6.1 skips the first name of a list that starts with "-", so
+  // that name is given twice.
+  std::string mechanisms = options.mechanisms;
+  if (!mechanisms.empty() && mechanisms[0] == '-')
+    mechanisms = mechanisms.substr(0, mechanisms.find(',')) + "," + mechanisms.substr(1);
   WriteFile(root_ / "softhsm2.conf", "directories.tokendir = " + token_directory_.string() +
-                                         "\nobjectstore.backend = file\nlog.level = ERROR\n");
+                                         "\nobjectstore.backend = file\nlog.level = ERROR\n" +
+                                         "slots.mechanisms = " + mechanisms + "\n");
 
   // The module reads its configuration when it is loaded, so this must be in
   // place before any Libp11Context loads it.

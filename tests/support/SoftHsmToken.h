@@ -47,6 +47,10 @@ class SoftHsmToken {
     // What the link points to: SoftHSM2's module unless a test wants another
     // file there.
     std::filesystem::path module_link_target = SOFTHSM2_MODULE_PATH;
+    // SoftHSM2's "slots.mechanisms" line: which mechanisms its tokens
+    // offer. A leading "-" makes the whole list the ones left out:
+    // "-CKM_RSA_PKCS_PSS,CKM_RSA_X_509" offers neither of the two.
+    std::string mechanisms = "ALL";
   };
 
   SoftHsmToken();
