@@ -78,9 +78,17 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     }
     for (const auto& object : built.objects) current[HandleFor(thumbprint, object->Kind())] = object;
 
+    // The chain starts with the certificate itself, which the CA store does
+    // not hold: asking for it would only log a failed lookup.
+    X509_Auth_Certificate chain_only = *record;
+    if (chain_only.ca_chain_count > 0 && chain_only.ca_chain != nullptr &&
+        std::memcmp(chain_only.ca_chain[0], record->thumbprint, thumbprint.size()) == 0) {
+      ++chain_only.ca_chain;
+      --chain_only.ca_chain_count;
+    }
     uint64_t ca_count = 0;
     X509_Auth_ASN_1* cas = nullptr;
-    if (X509_Auth_GetChainedCAsForCertificate(record, &ca_count, &cas) == 0) {
+    if (chain_only.ca_chain_count > 0 && X509_Auth_GetChainedCAsForCertificate(&chain_only, &ca_count, &cas) == 0) {
       LibraryFree free_cas(cas);
       for (uint64_t j = 0; j < ca_count; ++j)
         if (cas[j].data != nullptr)
