@@ -137,6 +137,16 @@ void SignDecryptSeeds(const fs::path& root) {
 
 }  // namespace
 
+// Call sequences for the PKCS#11 module: byte strings whose first bytes pick
+// open-session, find, sign and decrypt steps; libFuzzer takes it from there.
+void Pkcs11Seeds(const fs::path& root) {
+  SeedWriter seeds(root, "fuzz_pkcs11");
+  seeds.Add(std::string("\x06\x01\x01\x06\x0a\x00\x0b\x01\x08\x0e\x01\x01\x0f", 13));
+  seeds.Add(std::string("\x03\x01\x01\x06\x01\x06\x08\x01pin\x0a\x01\x0b\x08\x12\x00\x13", 19));
+  seeds.Add(std::string(64, '\x0e'));
+  seeds.Add(std::string(64, '\x0d'));
+}
+
 int main(int argc, char** argv) {
   if (argc != 2) {
     std::fprintf(stderr, "usage: %s OUTPUT-DIRECTORY\n", argv[0]);
@@ -148,5 +158,6 @@ int main(int argc, char** argv) {
   AddCaSeeds(root);
   PemToDerSeeds(root);
   SignDecryptSeeds(root);
+  Pkcs11Seeds(root);
   return 0;
 }

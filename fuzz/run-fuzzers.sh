@@ -14,7 +14,7 @@ seconds=${1:-30}
 shift || true
 harnesses=("$@")
 if [ ${#harnesses[@]} -eq 0 ]; then
-  harnesses=(fuzz_cert_file fuzz_key_file fuzz_add_ca fuzz_pem_to_der fuzz_sign_decrypt)
+  harnesses=(fuzz_cert_file fuzz_key_file fuzz_add_ca fuzz_pem_to_der fuzz_sign_decrypt fuzz_pkcs11)
 fi
 
 build="$root/build-fuzz"

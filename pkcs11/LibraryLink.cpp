@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <openssl/crypto.h>
-#include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <stdlib.h>
 
@@ -11,7 +10,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <sstream>
 
 #include "Log.h"
 #include "OpenSslPtr.h"
@@ -69,13 +67,15 @@ void FreeAnswer(X509_Auth_PinEntryResult* result) {
 // an unresolved symbol.
 void* LibrarySymbol(const char* name) {
   Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&X509_Auth_Init), &info) == 0 || info.dli_fname == nullptr)
-    return nullptr;
-  void* handle = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
-  if (handle == nullptr) return nullptr;
-  void* symbol = dlsym(handle, name);
-  dlclose(handle);  // the library stays loaded: this module depends on it
-  return symbol;
+  if (dladdr(reinterpret_cast<void*>(&X509_Auth_Init), &info) != 0 && info.dli_fname != nullptr) {
+    if (void* handle = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD)) {
+      void* symbol = dlsym(handle, name);
+      dlclose(handle);  // the library stays loaded: this module depends on it
+      return symbol;
+    }
+  }
+  // The library built into the program itself (the fuzzing harness).
+  return dlsym(RTLD_DEFAULT, name);
 }
 
 std::string RealPath(const std::string& path) {

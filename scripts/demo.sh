@@ -11,7 +11,7 @@ root=$(pwd)
 
 bash scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
-cmake --build build -j"$(nproc)" --target x509-auth
+cmake --build build -j"$(nproc)" --target x509-auth x509auth_pkcs11
 
 demo=$(mktemp -d /tmp/x509auth-demo-XXXXXX)
 trap 'rm -rf "$demo"' EXIT
@@ -134,3 +134,34 @@ done
 echo
 echo "== Summary: $handshakes of $total certificates authenticated a TLS handshake"
 [ "$handshakes" -eq "$total" ]
+
+# The same certificates for PKCS#11 programs: gnutls-cli names Alice's
+# certificate and key (password-protected: the PIN given to the token is the
+# key file's password) by pkcs11: URIs of the x509auth module.
+echo
+echo "== TLS client authentication through the PKCS#11 module (gnutls-cli)"
+port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+timeout 60 openssl s_server -accept "127.0.0.1:$port" -cert "$demo/server.pem" -key "$demo/server.key" \
+  -Verify 1 -verify_return_error -CAfile "$demo/pki/ca.pem" -naccept 1 -www > "$demo/server.log" 2>&1 &
+server=$!
+for _ in $(seq 50); do grep -q ACCEPT "$demo/server.log" 2>/dev/null && break; sleep 0.1; done
+uri="pkcs11:token=x509auth;object=Alice (file, RSA, password-protected key)"
+echo "\$ GNUTLS_PIN=demo-password gnutls-cli --provider build/pkcs11/x509auth-pkcs11.so \\"
+echo "    --x509certfile '$uri;type=cert' --x509keyfile '$uri;type=private' ..."
+pkcs11_ok=0
+if printf 'GET / HTTP/1.0\r\n\r\n' | X509AUTH_DIRS="$demo/base" X509AUTH_HOME_DIRS= \
+     X509AUTH_CA_FILES="$demo/pki/ca.pem" X509AUTH_LOG=error GNUTLS_PIN=demo-password \
+     timeout 60 gnutls-cli --provider "$root/build/pkcs11/x509auth-pkcs11.so" \
+     --x509certfile "$uri;type=cert" --x509keyfile "$uri;type=private" \
+     --x509cafile "$demo/server.pem" --verify-hostname localhost --port "$port" 127.0.0.1 \
+     > "$demo/gnutls.log" 2>&1 && grep -q "HTTP/1.0 200 ok" "$demo/gnutls.log"; then
+  pkcs11_ok=1
+  grep -m1 "^- Description:" "$demo/gnutls.log" | sed 's/^/   /'
+  echo "   the server verified: $(grep -m1 '^depth=0' "$demo/server.log")"
+else
+  tail -20 "$demo/gnutls.log"
+fi
+kill "$server" 2>/dev/null || true
+wait "$server" 2>/dev/null || true
+echo "== Summary: gnutls-cli through the PKCS#11 module: $([ "$pkcs11_ok" -eq 1 ] && echo handshake completed || echo FAILED)"
+[ "$pkcs11_ok" -eq 1 ]

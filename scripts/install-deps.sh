@@ -15,6 +15,7 @@ packages=(
   gcr xvfb x11-utils xauth imagemagick
   libcli11-dev nlohmann-json3-dev tmux
   clang-14 libclang-rt-14-dev
+  gnutls-bin libnss3-tools openssh-client openssh-server hyperfine
 )
 
 missing=()

@@ -28,11 +28,22 @@ class Pkcs11TlsTest : public Pkcs11Test {
                "GET / HTTP/1.0\r\n\r\n", {{"GNUTLS_PIN", pin}});
   }
 
+  static void SkipGnutlsUnderSanitizer() {
+#ifdef X509AUTH_TEST_ASAN_RUNTIME
+    // With the sanitizer's runtime preloaded, gnutls-cli deadlocks at exit in
+    // p11-kit's destructor (freelocale under glibc's locale lock), with any
+    // module or none: nothing to learn about this one. The module's own code
+    // runs under the sanitizers in the in-process tests.
+    GTEST_SKIP() << "gnutls-cli hangs at exit with the sanitizer runtime preloaded, module or not";
+#endif
+  }
+
   TlsTestServer server_{temp_.path()};
 };
 
 TEST_F(Pkcs11TlsTest, GnutlsCliCompletesTls13And12HandshakesWithRsaAndEcKeysPlainAndPasswordProtected) {
   if (!HaveProgram("gnutls-cli")) GTEST_SKIP() << "gnutls-cli (gnutls-bin) missing";
+  SkipGnutlsUnderSanitizer();
   Install(KeyKind::kRsa, "Alice");
   Install(KeyKind::kEc, "Bob");
   Install(KeyKind::kRsa, "Carol", "s3cret", 7);
@@ -53,6 +64,7 @@ TEST_F(Pkcs11TlsTest, GnutlsCliCompletesTls13And12HandshakesWithRsaAndEcKeysPlai
 
 TEST_F(Pkcs11TlsTest, GnutlsCliWithAWrongPinCompletesNoHandshake) {
   if (!HaveProgram("gnutls-cli")) GTEST_SKIP() << "gnutls-cli (gnutls-bin) missing";
+  SkipGnutlsUnderSanitizer();
   Install(KeyKind::kEc, "Dave", "s3cret");
   auto server = server_.Start(CasFile(), {"-www"});
   ASSERT_NE(server, nullptr);
@@ -132,11 +144,6 @@ std::string SshPublicKey(const TempDir& temp, EVP_PKEY* key, const std::string& 
 TEST_F(Pkcs11TlsTest, SshLogsInWithRsaAndEcKeysOfTheModule) {
   if (!HaveProgram("ssh") || access("/usr/sbin/sshd", X_OK) != 0) GTEST_SKIP() << "openssh missing";
   if (getuid() != 0) GTEST_SKIP() << "the local sshd runs as root";
-#ifdef X509AUTH_TEST_ASAN_RUNTIME
-  // ssh hands the module to ssh-pkcs11-helper, which ssh-agent's code starts
-  // with a cleaned environment: the sanitizer's runtime is not preloaded there.
-  GTEST_SKIP() << "ssh-pkcs11-helper cannot load the instrumented module";
-#endif
   for (const KeyKind kind : {KeyKind::kRsa, KeyKind::kEc}) {
     const std::string name = kind == KeyKind::kRsa ? "Alice" : "Bob";
     SCOPED_TRACE(name);
