@@ -25,6 +25,20 @@ X509AUTH_LOG=none openssl list -providers -provider-path "$modulesdir" -provider
   > "$work/providers.txt"
 grep -q "status: active" "$work/providers.txt" ||
   { echo "the installed module does not load:"; cat "$work/providers.txt"; exit 1; }
+# The PKCS#11 module: in lib/pkcs11, exporting only C_GetFunctionList,
+# loadable from the installed tree alone, and its p11-kit file (not enabled)
+# naming it there.
+p11module="$libdir/pkcs11/x509auth-pkcs11.so"
+[ -f "$p11module" ] || { echo "no PKCS#11 module at $p11module"; exit 1; }
+[ "$(nm -D --defined-only "$p11module" | awk '$2 != "A" {print $3}')" = "C_GetFunctionList@@X509AUTH_PKCS11" ] ||
+  { echo "the installed PKCS#11 module exports more than C_GetFunctionList"; exit 1; }
+X509AUTH_DIRS= X509AUTH_HOME_DIRS= X509AUTH_MODULE= X509AUTH_LOG=none X509AUTH_PKCS11_CONF=/nonexistent \
+  pkcs11-tool --module "$p11module" -L > "$work/pkcs11-tool.txt" 2>&1 ||
+  { echo "the installed PKCS#11 module does not load:"; cat "$work/pkcs11-tool.txt"; exit 1; }
+grep -q "token label        : x509auth" "$work/pkcs11-tool.txt" ||
+  { echo "no x509auth token:"; cat "$work/pkcs11-tool.txt"; exit 1; }
+grep -qx "module: $p11module" "$prefix/share/p11-kit/modules-available/x509auth-pkcs11.module" ||
+  { echo "the p11-kit file does not name the installed module"; exit 1; }
 # shellcheck disable=SC2046
 ${CC:-cc} -std=c99 -Wall -Wextra -Werror "$source/host_main.c" -o "$work/host_pkgconfig" \
   $(pkg-config --cflags --libs x509auth)
