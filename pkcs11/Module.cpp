@@ -276,8 +276,9 @@ CK_RV Module::Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PT
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (pin == nullptr && pin_length != 0) return CKR_ARGUMENTS_BAD;
   if (Find(session) == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (user != CKU_USER) return user == CKU_SO || user == CKU_CONTEXT_SPECIFIC ? CKR_USER_TYPE_INVALID
-                                                                              : CKR_USER_TYPE_INVALID;
+  // No security officer, and no key needs a context-specific login
+  // (CKA_ALWAYS_AUTHENTICATE is false on every key).
+  if (user != CKU_USER) return CKR_USER_TYPE_INVALID;
   if (LoggedIn()) return CKR_USER_ALREADY_LOGGED_IN;
   if (pin_length > 1024) return CKR_PIN_LEN_RANGE;
   pin_.Set(pin, pin_length);

@@ -4,7 +4,9 @@
 # a SoftHSM2 token holding an RSA and an EC certificate with their keys, and a
 # planted server-only certificate that is not offered), then runs the
 # x509-auth commands a user would run: list, doctor, chain, and sign with
-# every offered certificate.
+# every offered certificate; a TLS handshake with each; and one gnutls-cli
+# handshake with a certificate and key named by pkcs11: URIs of the PKCS#11
+# module.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -145,7 +147,8 @@ timeout 60 openssl s_server -accept "127.0.0.1:$port" -cert "$demo/server.pem" -
   -Verify 1 -verify_return_error -CAfile "$demo/pki/ca.pem" -naccept 1 -www > "$demo/server.log" 2>&1 &
 server=$!
 for _ in $(seq 50); do grep -q ACCEPT "$demo/server.log" 2>/dev/null && break; sleep 0.1; done
-uri="pkcs11:token=x509auth;object=Alice (file, RSA, password-protected key)"
+# The label is the certificate's common name, spaces percent-encoded as URIs want.
+uri="pkcs11:token=x509auth;object=Alice%20(file,%20RSA,%20password-protected%20key)"
 echo "\$ GNUTLS_PIN=demo-password gnutls-cli --provider build/pkcs11/x509auth-pkcs11.so \\"
 echo "    --x509certfile '$uri;type=cert' --x509keyfile '$uri;type=private' ..."
 pkcs11_ok=0

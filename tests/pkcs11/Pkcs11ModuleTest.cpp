@@ -384,5 +384,37 @@ TEST_F(Pkcs11ModuleTest, RefusesToLoadItselfOrP11KitsProxyAsTheTokenModule) {
   }
 }
 
+TEST_F(Pkcs11ModuleTest, QuietUnlessTheSettingsAskForLogLines) {
+  // A directory that does not exist makes the library log; nobody asked.
+  setenv("X509AUTH_DIRS", (temp_ / "missing").c_str(), 1);
+  unsetenv("X509AUTH_LOG");
+  LoadedModule module;
+  testing::internal::CaptureStderr();
+  {
+    ModuleSession s(module);
+    EXPECT_TRUE(s.FindClass(CKO_CERTIFICATE).empty());
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  setenv("X509AUTH_LOG", "warning", 1);
+  testing::internal::CaptureStderr();
+  {
+    ModuleSession s(module);
+    s.FindClass(CKO_CERTIFICATE);
+  }
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("x509auth-pkcs11: [warning]"), std::string::npos);
+}
+
+TEST_F(Pkcs11ModuleTest, OnlyTheUserLogsIn) {
+  LoadedModule module;
+  ModuleSession s(module);
+  unsigned char pin[] = "1234";
+  EXPECT_EQ(s.f()->C_Login(s.session(), CKU_SO, pin, 4), CKR_USER_TYPE_INVALID);
+  EXPECT_EQ(s.f()->C_Login(s.session(), CKU_CONTEXT_SPECIFIC, pin, 4), CKR_USER_TYPE_INVALID);
+  EXPECT_EQ(s.f()->C_Logout(s.session()), CKR_USER_NOT_LOGGED_IN);
+  EXPECT_EQ(s.Login("1234"), CKR_OK);
+  EXPECT_EQ(s.Login("1234"), CKR_USER_ALREADY_LOGGED_IN);
+  EXPECT_EQ(s.f()->C_Logout(s.session()), CKR_OK);
+}
+
 }  // namespace
 }  // namespace x509auth_test
