@@ -39,11 +39,8 @@ std::string Label(X509* cert) {
   if (index >= 0) {
     unsigned char* utf8 = nullptr;
     const int length = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
-    if (length >= 0) {
-      std::string label(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(length));
-      OPENSSL_free(utf8);
-      return label;
-    }
+    const OpenSslBytesPtr owned(utf8);
+    if (length >= 0) return std::string(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(length));
   }
   char line[256];
   X509_NAME_oneline(subject, line, sizeof(line));
@@ -133,11 +130,11 @@ bool SetKeyValues(TokenObject& object, EVP_PKEY* key, X509* cert) {
     Bytes octets(EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, nullptr, 0, nullptr));
     EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets.data(), octets.size(), nullptr);
     // CKA_EC_POINT is the DER encoding of the point as an OCTET STRING.
-    ASN1_OCTET_STRING* wrapped = ASN1_OCTET_STRING_new();
-    if (wrapped == nullptr) return false;
-    ASN1_OCTET_STRING_set(wrapped, octets.data(), static_cast<int>(octets.size()));
-    object.Set(CKA_EC_POINT, Der(wrapped, i2d_ASN1_OCTET_STRING));
-    ASN1_OCTET_STRING_free(wrapped);
+    const Asn1OctetStringPtr wrapped(ASN1_OCTET_STRING_new());
+    if (wrapped == nullptr ||
+        ASN1_OCTET_STRING_set(wrapped.get(), octets.data(), static_cast<int>(octets.size())) != 1)
+      return false;
+    object.Set(CKA_EC_POINT, Der(wrapped.get(), i2d_ASN1_OCTET_STRING));
     const std::size_t order_bytes = static_cast<std::size_t>((EC_GROUP_order_bits(group) + 7) / 8);
     object.SetSignatureLength(2 * order_bytes);
     return true;

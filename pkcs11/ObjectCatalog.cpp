@@ -86,6 +86,17 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
       ++chain_only.ca_chain;
       --chain_only.ca_chain_count;
     }
+    // CA certificates already made are taken from what is kept (the store
+    // the library builds chains with only grows until C_Finalize); the
+    // library is asked only for a chain with one not made yet.
+    bool all_known = chain_only.ca_chain != nullptr || chain_only.ca_chain_count == 0;
+    for (uint64_t j = 0; all_known && j < chain_only.ca_chain_count; ++j) {
+      Thumbprint ca{};
+      std::memcpy(ca.data(), chain_only.ca_chain[j], ca.size());
+      all_known = authorities_.count(ca) != 0;
+      if (all_known) authorities.emplace_back(ca, Bytes());
+    }
+    if (all_known) continue;
     uint64_t ca_count = 0;
     X509_Auth_ASN_1* cas = nullptr;
     if (chain_only.ca_chain_count > 0 && X509_Auth_GetChainedCAsForCertificate(&chain_only, &ca_count, &cas) == 0) {
@@ -96,7 +107,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     }
   }
   for (auto& [thumbprint, der] : authorities) {
-    thumbprint = CertificateObjects::ThumbprintOf(der);
+    if (!der.empty()) thumbprint = CertificateObjects::ThumbprintOf(der);
     // A chain lists the certificate itself too; it is already a client object.
     if (!seen.insert(thumbprint).second) continue;
     auto& authority = authorities_[thumbprint];

@@ -29,10 +29,9 @@ const HashKind* SignatureEncoding::ParseDigestInfo(const Bytes& input, Bytes& di
   // Re-encoding must give the input back: no alternative encodings pass.
   unsigned char* encoded = nullptr;
   const int encoded_length = i2d_X509_SIG(info.get(), &encoded);
-  const bool canonical = encoded_length == static_cast<int>(input.size()) &&
-                         std::memcmp(encoded, input.data(), input.size()) == 0;
-  OPENSSL_free(encoded);
-  if (!canonical) return nullptr;
+  const OpenSslBytesPtr owned(encoded);
+  if (encoded_length != static_cast<int>(input.size()) || std::memcmp(encoded, input.data(), input.size()) != 0)
+    return nullptr;
   digest.assign(ASN1_STRING_get0_data(value), ASN1_STRING_get0_data(value) + hash->length);
   return hash;
 }
