@@ -253,10 +253,13 @@ CK_RV Module::GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info
 }
 
 CK_RV Module::TryPin() {
-  // The first key that asks and answers either way decides; a key file
-  // gone meanwhile, or a token that cannot be reached, decides nothing.
+  // The PIN is right when it opens some key that asks for one: with keys of
+  // different passwords the user may mean any of them. Wrong only when a
+  // key asked, was given the PIN and did not open; a key file gone
+  // meanwhile, or a token that cannot be reached, decides nothing.
   static const unsigned char digest[32] = {};
   const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
+  bool refused = false;
   for (const Thumbprint& thumbprint : catalog_.KeysAsking()) {
     PromptRecord prompts;
     const X509_Auth_Signature* signature = nullptr;
@@ -267,9 +270,9 @@ CK_RV Module::TryPin() {
     }
     if (signature != nullptr) X509_Auth_Free(signature);
     if (result.code == X509_Auth_ResultCode_Success) return CKR_OK;
-    if (prompts.answered > 0 && result.code == X509_Auth_ResultCode_KeyOpenFailed) return CKR_PIN_INCORRECT;
+    if (prompts.answered > 0 && result.code == X509_Auth_ResultCode_KeyOpenFailed) refused = true;
   }
-  return CKR_OK;
+  return refused ? CKR_PIN_INCORRECT : CKR_OK;
 }
 
 CK_RV Module::Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG pin_length) {

@@ -311,6 +311,13 @@ TEST_F(Pkcs11ModuleTest, ThePinAnswersEveryPromptAndAKeyWithAnotherPasswordFails
   const InstalledClient& second = Install(KeyKind::kRsa, "Second", "two");
   LoadedModule module;
   ModuleSession s(module);
+  // Either password logs in; the other key then refuses the PIN.
+  ASSERT_EQ(s.Login("two"), CKR_OK);
+  CK_RV refused = CKR_OK;
+  s.Sign(s.One(CKO_PRIVATE_KEY, first.thumbprint), {CKM_ECDSA_SHA256, nullptr, 0}, k_data, &refused);
+  EXPECT_EQ(refused, CKR_PIN_INCORRECT);
+  ASSERT_EQ(s.f()->C_Logout(s.session()), CKR_OK);
+  EXPECT_EQ(s.Login("three"), CKR_PIN_INCORRECT);
   ASSERT_EQ(s.Login("one"), CKR_OK);
   const Bytes digest = Digest(EVP_sha256(), k_data);
   Bytes sig = s.Sign(s.One(CKO_PRIVATE_KEY, first.thumbprint), {CKM_ECDSA, nullptr, 0}, digest);
@@ -402,6 +409,27 @@ TEST_F(Pkcs11ModuleTest, QuietUnlessTheSettingsAskForLogLines) {
     s.FindClass(CKO_CERTIFICATE);
   }
   EXPECT_NE(testing::internal::GetCapturedStderr().find("x509auth-pkcs11: [warning]"), std::string::npos);
+}
+
+TEST_F(Pkcs11ModuleTest, ThePinNeverReachesTheLogEvenAtDebug) {
+  const std::string pin = "Distinctive-Pin-4711";
+  const InstalledClient& locked = Install(KeyKind::kEc, "Locked", pin.c_str());
+  const InstalledClient& other = Install(KeyKind::kRsa, "Other", "another-password");
+  setenv("X509AUTH_LOG", "debug", 1);
+  LoadedModule module;
+  testing::internal::CaptureStderr();
+  {
+    ModuleSession s(module);
+    EXPECT_EQ(s.Login("wrong-" + pin), CKR_PIN_INCORRECT);
+    ASSERT_EQ(s.Login(pin), CKR_OK);
+    s.Sign(s.One(CKO_PRIVATE_KEY, locked.thumbprint), {CKM_ECDSA_SHA256, nullptr, 0}, k_data);
+    CK_RV rv = CKR_OK;
+    s.Sign(s.One(CKO_PRIVATE_KEY, other.thumbprint), {CKM_SHA256_RSA_PKCS, nullptr, 0}, k_data, &rv);
+    EXPECT_EQ(rv, CKR_PIN_INCORRECT);
+  }
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("x509auth-pkcs11: [debug]"), std::string::npos);
+  EXPECT_EQ(err.find(pin), std::string::npos) << err;
 }
 
 TEST_F(Pkcs11ModuleTest, OnlyTheUserLogsIn) {
