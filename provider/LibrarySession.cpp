@@ -2,7 +2,6 @@
 
 #include <link.h>
 #include <openssl/crypto.h>
-#include <openssl/err.h>
 
 #include <cstdarg>
 #include <cstddef>
@@ -159,8 +158,6 @@ LibrarySession::~LibrarySession() {
 }
 
 LibrarySession::Scope::Scope(const Request& request) {
-  ERR_set_mark();
-  marked_ = true;
   const ProviderSettings& settings = *request.settings;
   std::vector<const char*> dirs, home_dirs;
   for (const std::string& dir : settings.dirs) dirs.push_back(dir.c_str());
@@ -172,11 +169,10 @@ LibrarySession::Scope::Scope(const Request& request) {
 }
 
 LibrarySession::Scope::~Scope() {
+  // What the library queued (it reads a DER key by trying PEM first, and
+  // libp11 queues what it has already handled) goes with |errors_|: the
+  // caller reports failures with the library's own lines.
   g_current = nullptr;
-  // The library reads a DER key by trying PEM first, and libp11 and
-  // OpenSSL queue errors it has already handled: none of it is the
-  // application's business.
-  if (marked_) ERR_pop_to_mark();
 }
 
 }  // namespace x509auth_provider

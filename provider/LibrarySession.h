@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "ErrorQueueGuard.h"
 #include "PassphraseSource.h"
 
 namespace x509auth_provider {
@@ -89,7 +90,7 @@ class LibrarySession {
     Scope& operator=(const Scope&) = delete;
 
    private:
-    bool marked_ = false;
+    const ErrorQueueGuard errors_;
 
   };
 };

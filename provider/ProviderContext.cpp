@@ -17,6 +17,7 @@
 #include <sstream>
 
 #include "Dispatch.h"
+#include "ErrorQueueGuard.h"
 #include "x509_auth.h"
 
 namespace x509auth_provider {
@@ -211,10 +212,12 @@ bool ProviderContext::Start() {
   // as the application loads it too; teardown may come after the
   // application's library context is gone, so it must not touch it.
   if (get_libctx_ != nullptr) {
+    // Without it (a FIPS-only application) nothing changes, and the failure
+    // to load it is not the application's error.
+    const ErrorQueueGuard errors;
     OSSL_LIB_CTX* application = reinterpret_cast<OSSL_LIB_CTX*>(get_libctx_(handle_));
     OSSL_PROVIDER* fallback = OSSL_PROVIDER_load(application, "default");
     if (fallback != nullptr) OSSL_PROVIDER_unload(fallback);
-    ERR_clear_error();  // without it (a FIPS-only application) nothing changes
   }
   crypto_.reset(OSSL_LIB_CTX_new());
   if (crypto_ == nullptr) {
@@ -277,11 +280,12 @@ void ProviderContext::AddCertificateAuthorities(const std::vector<std::string>& 
   // The library offers a certificate only when it can build its chain from
   // the CAs a host added (or the system's); these files are such CAs.
   for (const std::string& file : files) {
-    // Reading to the end of a PEM file queues an error; the mark keeps the
-    // application's queue as it was.
-    ERR_set_mark();
-    const std::vector<std::vector<unsigned char>> certificates = CertificatesIn(file);
-    ERR_pop_to_mark();
+    std::vector<std::vector<unsigned char>> certificates;
+    {
+      // Reading to the end of a PEM file queues an error.
+      const ErrorQueueGuard errors;
+      certificates = CertificatesIn(file);
+    }
     int added = 0;
     for (const std::vector<unsigned char>& der : certificates) {
       const Request request{&settings_, nullptr};
