@@ -36,7 +36,7 @@ std::shared_ptr<const KeyObject> KeyObject::ForCertificate(
     (void)cert.release();
   }
   if (raw == nullptr) {
-    provider->Raise(k_reason_unsupported_key, "thumbprint=%s: the certificate cannot be parsed",
+    X509AUTH_RAISE(provider, k_reason_unsupported_key, "thumbprint=%s: the certificate cannot be parsed",
                     hex.c_str());
     return nullptr;
   }
@@ -45,7 +45,7 @@ std::shared_ptr<const KeyObject> KeyObject::ForCertificate(
   if (key != nullptr && EVP_PKEY_is_a(key.get(), "RSA")) algorithm = X509_Auth_Algorithm_Rsa;
   if (key != nullptr && EVP_PKEY_is_a(key.get(), "EC")) algorithm = X509_Auth_Algorithm_Ec;
   if (algorithm == X509_Auth_Algorithm_Unknown) {
-    provider->Raise(k_reason_unsupported_key, "thumbprint=%s", hex.c_str());
+    X509AUTH_RAISE(provider, k_reason_unsupported_key, "thumbprint=%s", hex.c_str());
     return nullptr;
   }
   std::shared_ptr<KeyObject> object(new KeyObject());
@@ -104,13 +104,13 @@ void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Resu
   const std::string evidence = Joined(report.evidence);
   const char* separator = evidence.empty() ? "" : "; library: ";
   if (report.prompt_refused) {
-    provider_->Raise(k_reason_passphrase_unavailable,
+    X509AUTH_RAISE(provider_, k_reason_passphrase_unavailable,
                      "thumbprint=%s: %s result %d (detail %lu)%s%s", thumbprint_hex_.c_str(),
                      what, result.code, static_cast<unsigned long>(result.detail), separator,
                      evidence.c_str());
     return;
   }
-  provider_->Raise(reason, "thumbprint=%s: %s result %d (detail %lu): %s%s%s",
+  X509AUTH_RAISE(provider_, reason, "thumbprint=%s: %s result %d (detail %lu): %s%s%s",
                    thumbprint_hex_.c_str(), what, result.code,
                    static_cast<unsigned long>(result.detail), Meaning(result.code), separator,
                    evidence.c_str());
@@ -123,7 +123,7 @@ void KeyObject::ForgetPassphrase() const {
 template <typename Call>
 bool KeyObject::Sign(const char* what, std::vector<unsigned char>* signature, Call&& call) const {
   if (!has_private_) {
-    provider_->Raise(k_reason_no_private_key, "a public key cannot sign");
+    X509AUTH_RAISE(provider_, k_reason_no_private_key, "a public key cannot sign");
     return false;
   }
   ProviderContext::CallReport report;
@@ -139,7 +139,7 @@ bool KeyObject::Sign(const char* what, std::vector<unsigned char>* signature, Ca
       return r;
     });
   } catch (const std::exception& failure) {
-    provider_->Raise(k_reason_signing_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
+    X509AUTH_RAISE(provider_, k_reason_signing_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
                      failure.what());
     return false;
   }
@@ -167,7 +167,7 @@ bool KeyObject::SignHashPss(X509_Auth_HashType hash_type, const unsigned char* h
 bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::size_t length,
                         std::vector<unsigned char>* plaintext) const {
   if (!has_private_) {
-    provider_->Raise(k_reason_no_private_key, "a public key cannot decrypt");
+    X509AUTH_RAISE(provider_, k_reason_no_private_key, "a public key cannot decrypt");
     return false;
   }
   ProviderContext::CallReport report;
@@ -185,7 +185,7 @@ bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::s
       return r;
     });
   } catch (const std::exception& failure) {
-    provider_->Raise(k_reason_decryption_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
+    X509AUTH_RAISE(provider_, k_reason_decryption_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
                      failure.what());
     return false;
   }

@@ -17,11 +17,20 @@
 #include <sstream>
 
 #include "Dispatch.h"
+#include "DispatchCast.h"
 #include "ErrorQueueGuard.h"
 #include "x509_auth.h"
 
 namespace x509auth_provider {
 namespace {
+
+// Each entry point has OpenSSL's own type for its slot: a wrong signature
+// does not build.
+OSSL_FUNC_provider_teardown_fn Teardown;
+OSSL_FUNC_provider_gettable_params_fn GettableParams;
+OSSL_FUNC_provider_get_params_fn GetParams;
+OSSL_FUNC_provider_query_operation_fn QueryOperation;
+OSSL_FUNC_provider_get_reason_strings_fn GetReasonStrings;
 
 constexpr const char* k_properties = "provider=x509auth";
 constexpr const char* k_default_home_dir = ".x509-auth";
@@ -122,13 +131,12 @@ const OSSL_ALGORITHM* QueryOperation(void*, int operation_id, int* no_cache) {
 
 const OSSL_ITEM* GetReasonStrings(void*) { return k_reason_strings; }
 
-using VoidFunction = void (*)(void);
 const OSSL_DISPATCH k_provider_functions[] = {
-    {OSSL_FUNC_PROVIDER_TEARDOWN, reinterpret_cast<VoidFunction>(Teardown)},
-    {OSSL_FUNC_PROVIDER_GETTABLE_PARAMS, reinterpret_cast<VoidFunction>(GettableParams)},
-    {OSSL_FUNC_PROVIDER_GET_PARAMS, reinterpret_cast<VoidFunction>(GetParams)},
-    {OSSL_FUNC_PROVIDER_QUERY_OPERATION, reinterpret_cast<VoidFunction>(QueryOperation)},
-    {OSSL_FUNC_PROVIDER_GET_REASON_STRINGS, reinterpret_cast<VoidFunction>(GetReasonStrings)},
+    {OSSL_FUNC_PROVIDER_TEARDOWN, DispatchCast(Teardown)},
+    {OSSL_FUNC_PROVIDER_GETTABLE_PARAMS, DispatchCast(GettableParams)},
+    {OSSL_FUNC_PROVIDER_GET_PARAMS, DispatchCast(GetParams)},
+    {OSSL_FUNC_PROVIDER_QUERY_OPERATION, DispatchCast(QueryOperation)},
+    {OSSL_FUNC_PROVIDER_GET_REASON_STRINGS, DispatchCast(GetReasonStrings)},
     {0, nullptr}};
 
 }  // namespace
@@ -166,7 +174,7 @@ bool ProviderContext::ChooseModule() {
   struct stat status {};
   if (module[0] != '/' || stat(module.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
       access(module.c_str(), R_OK) != 0) {
-    Raise(k_reason_setup_failed,
+    X509AUTH_RAISE(this, k_reason_setup_failed,
           "pkcs11_module %s: give the absolute path of a readable PKCS#11 module, or none",
           module.c_str());
     return false;
@@ -198,7 +206,7 @@ bool ProviderContext::Start() {
   const std::string level = Parameter("log_level", "X509AUTH_LOG");
   settings_.log_threshold = level.empty() ? 4 : ParseLogLevel(level);
   if (settings_.log_threshold < 0) {
-    Raise(k_reason_setup_failed, "log_level '%s': use debug, info, warning, error or none",
+    X509AUTH_RAISE(this, k_reason_setup_failed, "log_level '%s': use debug, info, warning, error or none",
           level.c_str());
     return false;
   }
@@ -221,7 +229,7 @@ bool ProviderContext::Start() {
   }
   crypto_.reset(OSSL_LIB_CTX_new());
   if (crypto_ == nullptr) {
-    Raise(k_reason_setup_failed, "cannot make a library context");
+    X509AUTH_RAISE(this, k_reason_setup_failed, "cannot make a library context");
     return false;
   }
   ca_files_ = SplitColons(Parameter("ca_files", "X509AUTH_CA_FILES"));
@@ -301,10 +309,11 @@ void ProviderContext::AddCertificateAuthorities(const std::vector<std::string>& 
   }
 }
 
-void ProviderContext::Raise(int reason, const char* format, ...) const {
+void ProviderContext::RaiseAt(const char* file, int line, const char* function, int reason,
+                              const char* format, ...) const {
   if (new_error_ == nullptr || vset_error_ == nullptr) return;
   new_error_(handle_);
-  if (set_error_debug_ != nullptr) set_error_debug_(handle_, OPENSSL_FILE, OPENSSL_LINE, "x509auth");
+  if (set_error_debug_ != nullptr) set_error_debug_(handle_, file, line, function);
   va_list arguments;
   va_start(arguments, format);
   vset_error_(handle_, static_cast<uint32_t>(reason), format, arguments);

@@ -4,6 +4,7 @@
 // environment), a private library context for public-key work and hashing,
 // a share of the process's library session, and the core's error functions.
 #include <openssl/core.h>
+#include <openssl/err.h>
 #include <openssl/core_dispatch.h>
 #include <openssl/provider.h>
 
@@ -34,6 +35,11 @@ enum Reason {
   k_reason_bad_argument,
   k_reason_setup_failed,
 };
+
+// Raises an error of |provider| (a ProviderContext*) that points at the
+// place that failed, not at the raising helper.
+#define X509AUTH_RAISE(provider, reason, ...) \
+  (provider)->RaiseAt(OPENSSL_FILE, OPENSSL_LINE, OPENSSL_FUNC, (reason), __VA_ARGS__)
 
 class ProviderContext {
  public:
@@ -72,8 +78,10 @@ class ProviderContext {
     return result;
   }
 
-  // Raises an OpenSSL error of this provider with a printf-style detail.
-  void Raise(int reason, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+  // Raises an OpenSSL error of this provider with a printf-style detail,
+  // recorded at the caller's file, line and function: use X509AUTH_RAISE.
+  void RaiseAt(const char* file, int line, const char* function, int reason, const char* format,
+               ...) const __attribute__((format(printf, 6, 7)));
 
  private:
   std::string Parameter(const char* name, const char* environment) const;

@@ -137,7 +137,7 @@ void* DupContext(void* context) {
 EvpMdPtr FetchDigest(const SignatureContext* context, const char* name) {
   EvpMdPtr md(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
   if (md == nullptr || HashTypeOf(md.get()) < 0) {
-    context->provider->Raise(k_reason_unsupported_digest, "digest %s", name);
+    X509AUTH_RAISE(context->provider, k_reason_unsupported_digest, "digest %s", name);
     return nullptr;
   }
   return md;
@@ -155,7 +155,7 @@ bool SetPadding(SignatureContext* context, const OSSL_PARAM* p) {
   if (context->algorithm != X509_Auth_Algorithm_Rsa ||
       (mode != RSA_PKCS1_PADDING && mode != RSA_PKCS1_PSS_PADDING)) {
     const std::string shown = name != nullptr ? name : std::to_string(mode);
-    context->provider->Raise(k_reason_unsupported_padding, "padding %s", shown.c_str());
+    X509AUTH_RAISE(context->provider, k_reason_unsupported_padding, "padding %s", shown.c_str());
     return false;
   }
   context->padding = mode;
@@ -180,7 +180,7 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
     int salt_length = 0;
     if (context->algorithm != X509_Auth_Algorithm_Rsa || !ParseSaltLength(p, &salt_length) ||
         salt_length < RSA_PSS_SALTLEN_MAX) {
-      context->provider->Raise(k_reason_bad_argument,
+      X509AUTH_RAISE(context->provider, k_reason_bad_argument,
                                "PSS salt length: a number of bytes, digest, max or auto");
       return 0;
     }
@@ -256,7 +256,7 @@ int Init(void* opaque, void* keydata, const OSSL_PARAM params[]) {
   SignatureContext* context = AsContext(opaque);
   const KeyData* data = static_cast<const KeyData*>(keydata);
   if (data == nullptr || data->key == nullptr || data->key->Algorithm() != context->algorithm) {
-    context->provider->Raise(k_reason_bad_argument, "not a key of this provider's kind");
+    X509AUTH_RAISE(context->provider, k_reason_bad_argument, "not a key of this provider's kind");
     return 0;
   }
   context->key = data->key;
@@ -279,7 +279,7 @@ std::size_t MaxSize(const SignatureContext* context) {
 const EVP_MD* DigestForSignature(SignatureContext* context, std::size_t length, EvpMdPtr* inferred) {
   if (context->md != nullptr) {
     if (static_cast<std::size_t>(EVP_MD_get_size(context->md.get())) != length) {
-      context->provider->Raise(k_reason_bad_argument, "a %s hash has %d bytes, not %zu",
+      X509AUTH_RAISE(context->provider, k_reason_bad_argument, "a %s hash has %d bytes, not %zu",
                                EVP_MD_get0_name(context->md.get()),
                                EVP_MD_get_size(context->md.get()), length);
       return nullptr;
@@ -287,14 +287,14 @@ const EVP_MD* DigestForSignature(SignatureContext* context, std::size_t length, 
     return context->md.get();
   }
   if (context->algorithm == X509_Auth_Algorithm_Rsa) {
-    context->provider->Raise(k_reason_bad_argument,
+    X509AUTH_RAISE(context->provider, k_reason_bad_argument,
                              "an RSA signature needs its digest set (for example -pkeyopt "
                              "digest:sha256); x509auth makes no raw RSA signatures");
     return nullptr;
   }
   const char* name = DigestNameForLength(length);
   if (name == nullptr) {
-    context->provider->Raise(k_reason_unsupported_digest, "no digest has %zu bytes", length);
+    X509AUTH_RAISE(context->provider, k_reason_unsupported_digest, "no digest has %zu bytes", length);
     return nullptr;
   }
   *inferred = FetchDigest(context, name);
@@ -314,7 +314,7 @@ int SignHash(SignatureContext* context, unsigned char* sig, size_t* siglen, size
   std::vector<unsigned char> signature;
   if (context->padding == RSA_PKCS1_PSS_PADDING) {
     if (context->mgf1_md != nullptr && !EVP_MD_is_a(context->mgf1_md.get(), EVP_MD_get0_name(md))) {
-      context->provider->Raise(k_reason_unsupported_digest,
+      X509AUTH_RAISE(context->provider, k_reason_unsupported_digest,
                                "MGF1 with %s under a %s signature: x509auth uses the signature's "
                                "digest for MGF1",
                                EVP_MD_get0_name(context->mgf1_md.get()), EVP_MD_get0_name(md));
@@ -325,7 +325,7 @@ int SignHash(SignatureContext* context, unsigned char* sig, size_t* siglen, size
     return 0;
   }
   if (signature.size() > sigsize) {
-    context->provider->Raise(k_reason_buffer_too_small, "%zu bytes for a %zu-byte signature",
+    X509AUTH_RAISE(context->provider, k_reason_buffer_too_small, "%zu bytes for a %zu-byte signature",
                              sigsize, signature.size());
     return 0;
   }

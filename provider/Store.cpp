@@ -13,10 +13,20 @@
 #include <string>
 
 #include "Dispatch.h"
+#include "DispatchCast.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
 namespace {
+
+// Each entry point has OpenSSL's own type for its slot: a wrong signature
+// does not build.
+OSSL_FUNC_store_open_fn Open;
+OSSL_FUNC_store_settable_ctx_params_fn SettableParams;
+OSSL_FUNC_store_set_ctx_params_fn SetParams;
+OSSL_FUNC_store_load_fn Load;
+OSSL_FUNC_store_eof_fn Eof;
+OSSL_FUNC_store_close_fn Close;
 
 constexpr const char* k_scheme = "x509auth:";
 constexpr const char* k_thumbprint_key = "thumbprint=";
@@ -66,7 +76,7 @@ void* Open(void* provctx, const char* uri) {
   if (!rest.empty()) {
     if (strncasecmp(rest.c_str(), k_thumbprint_key, key_length) != 0 ||
         !ParseHex(rest.substr(key_length), &context->thumbprint)) {
-      provider->Raise(k_reason_bad_uri, "%s: use x509auth:thumbprint=<40 hex digits> or x509auth:",
+      X509AUTH_RAISE(provider, k_reason_bad_uri, "%s: use x509auth:thumbprint=<40 hex digits> or x509auth:",
                       uri);
       return nullptr;
     }
@@ -115,13 +125,13 @@ bool List(StoreContext* context) {
   if (!listed) {
     std::string evidence;
     for (const std::string& line : report.evidence) evidence += " | " + line;
-    context->provider->Raise(k_reason_listing_failed,
+    X509AUTH_RAISE(context->provider, k_reason_listing_failed,
                              "X509_Auth_LoadClientCertificates could not open the store%s",
                              evidence.c_str());
     return false;
   }
   if (!context->list_all && context->entries.empty()) {
-    context->provider->Raise(k_reason_certificate_not_found, "thumbprint=%s",
+    X509AUTH_RAISE(context->provider, k_reason_certificate_not_found, "thumbprint=%s",
                              context->thumbprint_hex.c_str());
     return false;
   }
@@ -221,18 +231,16 @@ int Close(void* opaque) {
   return 1;
 }
 
-using VoidFunction = void (*)(void);
-#define X509AUTH_FN(id, function) {id, reinterpret_cast<VoidFunction>(function)}
 
 }  // namespace
 
 const OSSL_DISPATCH k_store_functions[] = {
-    X509AUTH_FN(OSSL_FUNC_STORE_OPEN, Open),
-    X509AUTH_FN(OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, SettableParams),
-    X509AUTH_FN(OSSL_FUNC_STORE_SET_CTX_PARAMS, SetParams),
-    X509AUTH_FN(OSSL_FUNC_STORE_LOAD, Load),
-    X509AUTH_FN(OSSL_FUNC_STORE_EOF, Eof),
-    X509AUTH_FN(OSSL_FUNC_STORE_CLOSE, Close),
+    {OSSL_FUNC_STORE_OPEN, DispatchCast(Open)},
+    {OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)},
+    {OSSL_FUNC_STORE_SET_CTX_PARAMS, DispatchCast(SetParams)},
+    {OSSL_FUNC_STORE_LOAD, DispatchCast(Load)},
+    {OSSL_FUNC_STORE_EOF, DispatchCast(Eof)},
+    {OSSL_FUNC_STORE_CLOSE, DispatchCast(Close)},
     {0, nullptr}};
 
 }  // namespace x509auth_provider

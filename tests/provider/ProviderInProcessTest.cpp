@@ -372,8 +372,9 @@ TEST_F(ProviderInProcessTest, WorkingDirectoryNeverChangesWhileTheProviderWorks)
   for (int round = 0; round < 5; ++round) {
     Key key(LoadKey(*loaded, rsa, &answer));
     EXPECT_NE(key, nullptr);
-    if (key != nullptr)
+    if (key != nullptr) {
       EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
+    }
   }
   done = true;
   watcher.join();

@@ -93,6 +93,9 @@ TEST_F(ProviderTest, UnknownThumbprintFailsBeforeConnectingWithTheThumbprintName
   EXPECT_NE(client.err.find("no offered certificate has this thumbprint"), std::string::npos)
       << client.err;
   EXPECT_NE(client.err.find("thumbprint=" + unknown), std::string::npos) << client.err;
+  // The error points at the place that failed, not at the raising helper.
+  EXPECT_NE(client.err.find("provider/Store.cpp"), std::string::npos) << client.err;
+  EXPECT_EQ(client.err.find("ProviderContext.cpp"), std::string::npos) << client.err;
 }
 
 }  // namespace
