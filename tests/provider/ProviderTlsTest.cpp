@@ -39,8 +39,9 @@ TEST_P(ProviderDefaultsTest, SClientWithOnlyCertKeyAndPassCompletesTheHandshake)
   // Quiet by default: nothing of the library's reaches stderr.
   EXPECT_EQ(client.err.find("x509auth:"), std::string::npos) << client.err;
   EXPECT_TRUE(ServerVerified(*server, "Client")) << server->Output();
-  if (c.kind == KeyKind::kRsa)
+  if (c.kind == KeyKind::kRsa) {
     EXPECT_NE(server->Output().find("RSA-PSS"), std::string::npos) << server->Output();
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
