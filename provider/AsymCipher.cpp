@@ -12,10 +12,24 @@
 #include <string>
 
 #include "Dispatch.h"
+#include "DispatchCast.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
 namespace {
+
+// Each entry point has OpenSSL's own type for its slot: a wrong signature
+// does not build.
+OSSL_FUNC_asym_cipher_newctx_fn NewContext;
+OSSL_FUNC_asym_cipher_freectx_fn FreeContext;
+OSSL_FUNC_asym_cipher_dupctx_fn DupContext;
+OSSL_FUNC_asym_cipher_encrypt_init_fn Init;
+OSSL_FUNC_asym_cipher_encrypt_fn Encrypt;
+OSSL_FUNC_asym_cipher_decrypt_fn Decrypt;
+OSSL_FUNC_asym_cipher_get_ctx_params_fn GetParams;
+OSSL_FUNC_asym_cipher_gettable_ctx_params_fn GettableParams;
+OSSL_FUNC_asym_cipher_set_ctx_params_fn SetParams;
+OSSL_FUNC_asym_cipher_settable_ctx_params_fn SettableParams;
 
 struct CipherContext {
   ProviderContext* provider = nullptr;
@@ -40,7 +54,7 @@ bool IsSha1(CipherContext* context, const OSSL_PARAM* p) {
   if (!OSSL_PARAM_get_utf8_string_ptr(p, &name)) return false;
   EvpMdPtr md(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
   if (md != nullptr && EVP_MD_is_a(md.get(), "SHA1")) return true;
-  context->provider->Raise(k_reason_unsupported_digest,
+  X509AUTH_RAISE(context->provider, k_reason_unsupported_digest,
                            "OAEP digest %s: x509auth decrypts OAEP with SHA-1 only", name);
   return false;
 }
@@ -59,7 +73,7 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
       return 0;
     }
     if (mode != RSA_PKCS1_PADDING && mode != RSA_PKCS1_OAEP_PADDING) {
-      context->provider->Raise(k_reason_unsupported_padding,
+      X509AUTH_RAISE(context->provider, k_reason_unsupported_padding,
                                "padding %s: x509auth decrypts PKCS#1 v1.5 and OAEP",
                                name != nullptr ? name : std::to_string(mode).c_str());
       return 0;
@@ -72,7 +86,7 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
   if (p != nullptr && !IsSha1(context, p)) return 0;
   p = OSSL_PARAM_locate_const(params, OSSL_ASYM_CIPHER_PARAM_OAEP_LABEL);
   if (p != nullptr && p->data_size != 0) {
-    context->provider->Raise(k_reason_unsupported_padding, "x509auth decrypts OAEP without a label");
+    X509AUTH_RAISE(context->provider, k_reason_unsupported_padding, "x509auth decrypts OAEP without a label");
     return 0;
   }
   return 1;
@@ -114,7 +128,7 @@ int Init(void* opaque, void* keydata, const OSSL_PARAM params[]) {
   CipherContext* context = AsContext(opaque);
   const KeyData* data = static_cast<const KeyData*>(keydata);
   if (data == nullptr || data->key == nullptr || data->key->Algorithm() != X509_Auth_Algorithm_Rsa) {
-    context->provider->Raise(k_reason_bad_argument, "not an RSA key of this provider");
+    X509AUTH_RAISE(context->provider, k_reason_bad_argument, "not an RSA key of this provider");
     return 0;
   }
   context->key = data->key;
@@ -136,7 +150,7 @@ int Decrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
   if (!context->key->Decrypt(padding, in, inlen, &plaintext)) return 0;
   int result = 0;
   if (plaintext.size() > outsize) {
-    context->provider->Raise(k_reason_buffer_too_small, "%zu bytes for a %zu-byte plaintext",
+    X509AUTH_RAISE(context->provider, k_reason_buffer_too_small, "%zu bytes for a %zu-byte plaintext",
                              outsize, plaintext.size());
   } else {
     std::memcpy(out, plaintext.data(), plaintext.size());
@@ -162,23 +176,21 @@ int Encrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
   return 1;
 }
 
-using VoidFunction = void (*)(void);
-#define X509AUTH_FN(id, function) {id, reinterpret_cast<VoidFunction>(function)}
 
 }  // namespace
 
 const OSSL_DISPATCH k_rsa_asym_cipher_functions[] = {
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_NEWCTX, NewContext),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_FREECTX, FreeContext),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_DUPCTX, DupContext),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_ENCRYPT_INIT, Init),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_ENCRYPT, Encrypt),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_DECRYPT_INIT, Init),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_DECRYPT, Decrypt),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_GET_CTX_PARAMS, GetParams),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_GETTABLE_CTX_PARAMS, GettableParams),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_SET_CTX_PARAMS, SetParams),
-    X509AUTH_FN(OSSL_FUNC_ASYM_CIPHER_SETTABLE_CTX_PARAMS, SettableParams),
+    {OSSL_FUNC_ASYM_CIPHER_NEWCTX, DispatchCast(NewContext)},
+    {OSSL_FUNC_ASYM_CIPHER_FREECTX, DispatchCast(FreeContext)},
+    {OSSL_FUNC_ASYM_CIPHER_DUPCTX, DispatchCast(DupContext)},
+    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT_INIT, DispatchCast(Init)},
+    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT, DispatchCast(Encrypt)},
+    {OSSL_FUNC_ASYM_CIPHER_DECRYPT_INIT, DispatchCast(Init)},
+    {OSSL_FUNC_ASYM_CIPHER_DECRYPT, DispatchCast(Decrypt)},
+    {OSSL_FUNC_ASYM_CIPHER_GET_CTX_PARAMS, DispatchCast(GetParams)},
+    {OSSL_FUNC_ASYM_CIPHER_GETTABLE_CTX_PARAMS, DispatchCast(GettableParams)},
+    {OSSL_FUNC_ASYM_CIPHER_SET_CTX_PARAMS, DispatchCast(SetParams)},
+    {OSSL_FUNC_ASYM_CIPHER_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)},
     {0, nullptr}};
 
 }  // namespace x509auth_provider

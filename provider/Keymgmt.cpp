@@ -10,10 +10,30 @@
 #include <cstring>
 
 #include "Dispatch.h"
+#include "DispatchCast.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
 namespace {
+
+// Each entry point has OpenSSL's own type for its slot: a wrong signature
+// does not build.
+OSSL_FUNC_keymgmt_new_fn NewKey;
+OSSL_FUNC_keymgmt_free_fn FreeKey;
+OSSL_FUNC_keymgmt_load_fn LoadRsa;
+OSSL_FUNC_keymgmt_has_fn HasKey;
+OSSL_FUNC_keymgmt_match_fn MatchKeys;
+OSSL_FUNC_keymgmt_import_fn ImportRsa;
+OSSL_FUNC_keymgmt_import_types_fn RsaTypes;
+OSSL_FUNC_keymgmt_export_fn ExportKey;
+OSSL_FUNC_keymgmt_get_params_fn GetParams;
+OSSL_FUNC_keymgmt_gettable_params_fn RsaGettable;
+OSSL_FUNC_keymgmt_query_operation_name_fn RsaOperationName;
+OSSL_FUNC_keymgmt_load_fn LoadEc;
+OSSL_FUNC_keymgmt_import_fn ImportEc;
+OSSL_FUNC_keymgmt_import_types_fn EcTypes;
+OSSL_FUNC_keymgmt_gettable_params_fn EcGettable;
+OSSL_FUNC_keymgmt_query_operation_name_fn EcOperationName;
 
 KeyData* AsKey(void* keydata) { return static_cast<KeyData*>(keydata); }
 const KeyData* AsKey(const void* keydata) { return static_cast<const KeyData*>(keydata); }
@@ -144,39 +164,37 @@ const char* EcOperationName(int operation_id) {
   return operation_id == OSSL_OP_SIGNATURE ? "ECDSA" : "EC";
 }
 
-using VoidFunction = void (*)(void);
-#define X509AUTH_FN(id, function) {id, reinterpret_cast<VoidFunction>(function)}
 
 }  // namespace
 
 const OSSL_DISPATCH k_rsa_keymgmt_functions[] = {
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_NEW, NewKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_FREE, FreeKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_LOAD, LoadRsa),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_HAS, HasKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_MATCH, MatchKeys),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_IMPORT, ImportRsa),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_IMPORT_TYPES, RsaTypes),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_EXPORT, ExportKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_EXPORT_TYPES, RsaTypes),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_GET_PARAMS, GetParams),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, RsaGettable),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, RsaOperationName),
+    {OSSL_FUNC_KEYMGMT_NEW, DispatchCast(NewKey)},
+    {OSSL_FUNC_KEYMGMT_FREE, DispatchCast(FreeKey)},
+    {OSSL_FUNC_KEYMGMT_LOAD, DispatchCast(LoadRsa)},
+    {OSSL_FUNC_KEYMGMT_HAS, DispatchCast(HasKey)},
+    {OSSL_FUNC_KEYMGMT_MATCH, DispatchCast(MatchKeys)},
+    {OSSL_FUNC_KEYMGMT_IMPORT, DispatchCast(ImportRsa)},
+    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, DispatchCast(RsaTypes)},
+    {OSSL_FUNC_KEYMGMT_EXPORT, DispatchCast(ExportKey)},
+    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, DispatchCast(RsaTypes)},
+    {OSSL_FUNC_KEYMGMT_GET_PARAMS, DispatchCast(GetParams)},
+    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, DispatchCast(RsaGettable)},
+    {OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, DispatchCast(RsaOperationName)},
     {0, nullptr}};
 
 const OSSL_DISPATCH k_ec_keymgmt_functions[] = {
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_NEW, NewKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_FREE, FreeKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_LOAD, LoadEc),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_HAS, HasKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_MATCH, MatchKeys),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_IMPORT, ImportEc),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_IMPORT_TYPES, EcTypes),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_EXPORT, ExportKey),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_EXPORT_TYPES, EcTypes),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_GET_PARAMS, GetParams),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, EcGettable),
-    X509AUTH_FN(OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, EcOperationName),
+    {OSSL_FUNC_KEYMGMT_NEW, DispatchCast(NewKey)},
+    {OSSL_FUNC_KEYMGMT_FREE, DispatchCast(FreeKey)},
+    {OSSL_FUNC_KEYMGMT_LOAD, DispatchCast(LoadEc)},
+    {OSSL_FUNC_KEYMGMT_HAS, DispatchCast(HasKey)},
+    {OSSL_FUNC_KEYMGMT_MATCH, DispatchCast(MatchKeys)},
+    {OSSL_FUNC_KEYMGMT_IMPORT, DispatchCast(ImportEc)},
+    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, DispatchCast(EcTypes)},
+    {OSSL_FUNC_KEYMGMT_EXPORT, DispatchCast(ExportKey)},
+    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, DispatchCast(EcTypes)},
+    {OSSL_FUNC_KEYMGMT_GET_PARAMS, DispatchCast(GetParams)},
+    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, DispatchCast(EcGettable)},
+    {OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, DispatchCast(EcOperationName)},
     {0, nullptr}};
 
 }  // namespace x509auth_provider

@@ -4,6 +4,7 @@
 // environment), a private library context for public-key work and hashing,
 // a share of the process's library session, and the core's error functions.
 #include <openssl/core.h>
+#include <openssl/err.h>
 #include <openssl/core_dispatch.h>
 #include <openssl/provider.h>
 
@@ -35,6 +36,11 @@ enum Reason {
   k_reason_setup_failed,
 };
 
+// Raises an error of |provider| (a ProviderContext*) that points at the
+// place that failed, not at the raising helper.
+#define X509AUTH_RAISE(provider, reason, ...) \
+  (provider)->RaiseAt(OPENSSL_FILE, OPENSSL_LINE, OPENSSL_FUNC, (reason), __VA_ARGS__)
+
 class ProviderContext {
  public:
   ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in);
@@ -53,22 +59,34 @@ class ProviderContext {
   OSSL_LIB_CTX* Crypto() const { return crypto_.get(); }
   const ProviderSettings& Settings() const { return settings_; }
 
-  // Runs |call| inside the library session (see LibrarySession::Run);
-  // |*prompt_refused| tells whether the library asked for a secret that
-  // |source| could not give.
+  // What one call into the library left for the caller's error report.
+  struct CallReport {
+    bool prompt_refused = false;          // a secret was asked for, none given
+    std::vector<std::string> evidence;    // the library's lines explaining it
+  };
+
+  // Runs |call| inside the library session (see LibrarySession::Run), with
+  // |source| answering prompts; fills |*report| when it is given.
   template <typename Call>
-  auto Run(const PassphraseSource* source, bool* prompt_refused, Call&& call) {
+  auto Run(const PassphraseSource* source, CallReport* report, Call&& call) {
     const Request request{&settings_, source};
     auto result = Session().Run(request, std::forward<Call>(call));
-    if (prompt_refused != nullptr) *prompt_refused = request.prompt_refused;
+    if (report != nullptr) {
+      report->prompt_refused = request.prompt_refused;
+      report->evidence = std::move(request.evidence);
+    }
     return result;
   }
 
-  // Raises an OpenSSL error of this provider with a printf-style detail.
-  void Raise(int reason, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+  // Raises an OpenSSL error of this provider with a printf-style detail,
+  // recorded at the caller's file, line and function: use X509AUTH_RAISE.
+  void RaiseAt(const char* file, int line, const char* function, int reason, const char* format,
+               ...) const __attribute__((format(printf, 6, 7)));
 
  private:
   std::string Parameter(const char* name, const char* environment) const;
+  // Settles the PKCS#11 module setting; false after raising an error.
+  bool ChooseModule();
   LibrarySession& Session();
   void AddCertificateAuthorities(const std::vector<std::string>& files);
 

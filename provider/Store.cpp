@@ -13,10 +13,20 @@
 #include <string>
 
 #include "Dispatch.h"
+#include "DispatchCast.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
 namespace {
+
+// Each entry point has OpenSSL's own type for its slot: a wrong signature
+// does not build.
+OSSL_FUNC_store_open_fn Open;
+OSSL_FUNC_store_settable_ctx_params_fn SettableParams;
+OSSL_FUNC_store_set_ctx_params_fn SetParams;
+OSSL_FUNC_store_load_fn Load;
+OSSL_FUNC_store_eof_fn Eof;
+OSSL_FUNC_store_close_fn Close;
 
 constexpr const char* k_scheme = "x509auth:";
 constexpr const char* k_thumbprint_key = "thumbprint=";
@@ -66,7 +76,7 @@ void* Open(void* provctx, const char* uri) {
   if (!rest.empty()) {
     if (strncasecmp(rest.c_str(), k_thumbprint_key, key_length) != 0 ||
         !ParseHex(rest.substr(key_length), &context->thumbprint)) {
-      provider->Raise(k_reason_bad_uri, "%s: use x509auth:thumbprint=<40 hex digits> or x509auth:",
+      X509AUTH_RAISE(provider, k_reason_bad_uri, "%s: use x509auth:thumbprint=<40 hex digits> or x509auth:",
                       uri);
       return nullptr;
     }
@@ -93,7 +103,8 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
 // Lists the offered certificates once, keeping copies of the ones wanted.
 bool List(StoreContext* context) {
   context->listed = true;
-  const bool listed = context->provider->Run(nullptr, nullptr, [&] {
+  ProviderContext::CallReport report;
+  const bool listed = context->provider->Run(nullptr, &report, [&] {
     uint64_t count = 0;
     const X509_Auth_Certificate* records = nullptr;
     if (!X509_Auth_LoadClientCertificates(&count, &records)) return false;
@@ -112,12 +123,15 @@ bool List(StoreContext* context) {
     return true;
   });
   if (!listed) {
-    context->provider->Raise(k_reason_listing_failed,
-                             "X509_Auth_LoadClientCertificates could not open the store");
+    std::string evidence;
+    for (const std::string& line : report.evidence) evidence += " | " + line;
+    X509AUTH_RAISE(context->provider, k_reason_listing_failed,
+                             "X509_Auth_LoadClientCertificates could not open the store%s",
+                             evidence.c_str());
     return false;
   }
   if (!context->list_all && context->entries.empty()) {
-    context->provider->Raise(k_reason_certificate_not_found, "thumbprint=%s",
+    X509AUTH_RAISE(context->provider, k_reason_certificate_not_found, "thumbprint=%s",
                              context->thumbprint_hex.c_str());
     return false;
   }
@@ -145,9 +159,14 @@ int GiveKey(StoreContext* context, const Entry& entry, OSSL_CALLBACK* object_cb,
   // One signature now, while the application's passphrase callback is at
   // hand: a token login made here stays, and a wrong PIN or password fails
   // the load instead of a later handshake.
+  // The answer it gave is kept for the key's later operations; a wrong one
+  // is not.
   unsigned char probe[32] = {};
   std::vector<unsigned char> signature;
-  if (!key->SignHash(X509_Auth_HashType_Sha256, probe, &signature)) return 0;
+  if (!key->SignHash(X509_Auth_HashType_Sha256, probe, &signature)) {
+    key->ForgetPassphrase();
+    return 0;
+  }
   int type = OSSL_OBJECT_PKEY;
   const char* data_type = key->Algorithm() == X509_Auth_Algorithm_Rsa ? "RSA" : "EC";
   // The key management's load takes its own share of the object through this
@@ -212,18 +231,16 @@ int Close(void* opaque) {
   return 1;
 }
 
-using VoidFunction = void (*)(void);
-#define X509AUTH_FN(id, function) {id, reinterpret_cast<VoidFunction>(function)}
 
 }  // namespace
 
 const OSSL_DISPATCH k_store_functions[] = {
-    X509AUTH_FN(OSSL_FUNC_STORE_OPEN, Open),
-    X509AUTH_FN(OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, SettableParams),
-    X509AUTH_FN(OSSL_FUNC_STORE_SET_CTX_PARAMS, SetParams),
-    X509AUTH_FN(OSSL_FUNC_STORE_LOAD, Load),
-    X509AUTH_FN(OSSL_FUNC_STORE_EOF, Eof),
-    X509AUTH_FN(OSSL_FUNC_STORE_CLOSE, Close),
+    {OSSL_FUNC_STORE_OPEN, DispatchCast(Open)},
+    {OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)},
+    {OSSL_FUNC_STORE_SET_CTX_PARAMS, DispatchCast(SetParams)},
+    {OSSL_FUNC_STORE_LOAD, DispatchCast(Load)},
+    {OSSL_FUNC_STORE_EOF, DispatchCast(Eof)},
+    {OSSL_FUNC_STORE_CLOSE, DispatchCast(Close)},
     {0, nullptr}};
 
 }  // namespace x509auth_provider

@@ -11,16 +11,14 @@ namespace quorvant::shared::x509 {
 // X509_STORE_set_default_paths does: the default CA file's certificates and
 // CRLs, the hashed CA directory and the default store URI. The CA file (some
 // 150 certificates) is parsed once per process and again only when it
-// changes, instead of on every store: parsing it dominated every request.
+// changes, instead of on every store, and not at all until a chain needs an
+// issuer the store's own certificates cannot give: parsing it dominated every
+// request, and most client chains end in CAs the host added.
 class DefaultCaPaths {
  public:
   // Returns 1 on success and 0 when a lookup cannot be added, like
   // X509_STORE_set_default_paths; a missing CA file is no failure.
   static int SetOn(X509_STORE* store);
-  // The same, but the CA file's certificates are appended to |certs| (new
-  // references) for the caller to add later, in that order, instead of
-  // being added now; its CRLs are added now.
-  static int SetOn(X509_STORE* store, std::vector<X509Ptr>* certs);
 };
 
 }  // namespace quorvant::shared::x509

@@ -132,10 +132,8 @@ std::uint32_t CertStore::Open(CertStoreType type) {
     LogAllOpenSslErrors();
     return status;
   }
-  std::vector<X509Ptr> default_cas;
-  const int default_paths_set = DefaultCaPaths::SetOn(x509_store.get(), &default_cas);
-  for (X509Ptr& cert : default_cas) unfilled.AddOwned(std::move(cert));
-  if (default_paths_set != 1) {
+  // The CA file's certificates join the store when a chain first needs one.
+  if (DefaultCaPaths::SetOn(x509_store.get()) != 1) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to set CA paths");
     LogAllOpenSslErrors();
     return k_status_failed;
