@@ -188,13 +188,13 @@ int main(int argc, char** argv) {
   ChainOptions chain;
   CLI::App* chain_app =
       add("chain", "Show a certificate's chain, leaf first", [&] { return RunChain(global, chain); });
-  chain_app->add_option("THUMBPRINT", chain.thumbprint, "The certificate")->required()->check(k_thumbprint);
+  chain_app->add_option("THUMBPRINT", chain.thumbprint, "The certificate")->type_name("")->required()->check(k_thumbprint);
   chain_app->add_flag("--pem", chain.pem, "Write the leaf and the CA certificates the library hands out as PEM");
 
   SignOptions sign;
   CLI::App* sign_app = add("sign", "Hash the input and sign the digest with a certificate's key",
                            [&] { return RunSign(global, sign); });
-  sign_app->add_option("THUMBPRINT", sign.thumbprint, "The certificate")->required()->check(k_thumbprint);
+  sign_app->add_option("THUMBPRINT", sign.thumbprint, "The certificate")->type_name("")->required()->check(k_thumbprint);
   sign_app->add_option("--hash", sign.hash, "Digest algorithm")
       ->type_name("sha1|sha256|sha384|sha512")
       ->check(OneOf({"sha1", "sha256", "sha384", "sha512"}))
@@ -212,6 +212,7 @@ int main(int argc, char** argv) {
   CLI::App* decrypt_app = add("decrypt", "Decrypt the input with a certificate's RSA key",
                               [&] { return RunDecrypt(global, decrypt); });
   decrypt_app->add_option("THUMBPRINT", decrypt.thumbprint, "The certificate")
+      ->type_name("")
       ->required()
       ->check(k_thumbprint);
   decrypt_app->add_option("--padding", decrypt.padding, "RSA padding of the input")
@@ -230,6 +231,7 @@ int main(int argc, char** argv) {
   add("show", "Open a certificate in the desktop's certificate viewer",
       [&] { return RunShow(global, show); })
       ->add_option("THUMBPRINT", show.thumbprint, "The certificate")
+      ->type_name("")
       ->required()
       ->check(k_thumbprint);
 
@@ -241,7 +243,7 @@ int main(int argc, char** argv) {
   TlsOptions tls;
   CLI::App* tls_app = add("tls", "A TLS handshake authenticated with a certificate",
                           [&] { return RunTls(global, tls); });
-  tls_app->add_option("TARGET", tls.target, "The server, HOST:PORT")->type_name("HOST:PORT")->required();
+  tls_app->add_option("TARGET", tls.target, "The server, HOST:PORT")->type_name("")->required();
   tls_app->add_option("--cert", tls.thumbprint, "The certificate")
       ->required()
       ->type_name("THUMBPRINT")
@@ -295,8 +297,9 @@ int main(int argc, char** argv) {
   };
   if (help_first || help_app->parsed()) {
     // App::help() would show the help of the command given: `help` itself.
-    const auto text = [](CLI::App* of) {
-      return of->get_formatter()->make_help(of, of->get_name(), CLI::AppFormatMode::Normal);
+    const auto text = [&app](CLI::App* of) {
+      const std::string name = of == &app ? of->get_name() : app.get_name() + " " + of->get_name();
+      return of->get_formatter()->make_help(of, name, CLI::AppFormatMode::Normal);
     };
     if (help_topic.empty()) return std::printf("%s", text(&app).c_str()), k_exit_ok;
     for (const Command& command : commands)
