@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "SoftHsmToken.h"
+#include "TlsTestServer.h"
 #include "ToolFixture.h"
 
 namespace x509auth_test {
@@ -123,6 +124,39 @@ TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
   // An empty answer on a terminal is said as such, not as a missing source.
   EXPECT_NE(screen.find("went unanswered: nothing was entered"), std::string::npos) << screen;
   EXPECT_EQ(screen.find("--password-env"), std::string::npos) << screen;
+}
+
+TEST_F(TerminalTest, TlsAsksForAKeyFilesPasswordOnceWithACleanPrompt) {
+  Chain chain = MakeChain(KeyKind::kEc, "Pane TLS");
+  WriteFile(Base("b") / "certs" / "tls.pem", CertToPem(chain.leaf.get()));
+  const std::string key_path = (Base("b") / "keys" / "tls.pem.key").string();
+  WriteFile(key_path, KeyToPem(chain.leaf_key.get(), "pw"));
+  WriteFile(temp_ / "root.pem", CertToPem(chain.root.get()));
+  WriteFile(temp_ / "intermediate.pem", CertToPem(chain.intermediate.get()));
+  WriteFile(temp_ / "cas.pem", CertToPem(chain.root.get()) + CertToPem(chain.intermediate.get()));
+  TlsTestServer server_files(temp_.path());
+  auto server = server_files.Start(temp_ / "cas.pem", {"-rev"});
+  ASSERT_NE(server, nullptr);
+  const std::string tool = std::string(ToolPath()) + " --dir " + Quote(Base("b").string()) +
+                           " --add-ca " + Quote((temp_ / "root.pem").string()) + " --add-ca " +
+                           Quote((temp_ / "intermediate.pem").string()) + " tls " +
+                           server_files.Address() + " --cert " +
+                           HexOf(Sha1Thumbprint(chain.leaf.get())).substr(0, 8) + " --CAfile " +
+                           Quote(server_files.CertificateFile().string());
+  const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  Tmux("send-keys -t prompt -l pw");
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+  const std::string screen = Screen();
+  const std::string prompt = "Password for the key file " + key_path + " (input hidden):";
+  const std::size_t first = screen.find(prompt);
+  ASSERT_NE(first, std::string::npos) << screen;
+  EXPECT_EQ(screen.find(prompt, first + 1), std::string::npos) << "asked twice:\n" << screen;
+  EXPECT_EQ(screen.find("pass phrase"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("handshake:        accepted"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("EXIT=0"), std::string::npos) << screen;
 }
 
 TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
