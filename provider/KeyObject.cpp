@@ -79,42 +79,59 @@ const char* Meaning(std::int32_t code) {
     case X509_Auth_ResultCode_KeyOpenFailed:
       return "the private key could not be opened (a wrong PIN or password, or no key)";
     case X509_Auth_ResultCode_AlgorithmNotSupported: return "the algorithm is not supported";
+    case X509_Auth_ResultCode_InvalidArgument: return "the request is not one the key can serve";
+    case X509_Auth_ResultCode_MechanismNotSupported:
+      return "the token can do neither RSA-PSS nor raw RSA";
     default: return "unexpected result";
   }
 }
 
 }  // namespace
 
-void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Result result,
-                                    bool prompt_refused) const {
-  if (prompt_refused) {
-    const bool gone = passphrase_ != nullptr && !passphrase_->Valid();
-    provider_->Raise(k_reason_passphrase_unavailable,
-                     "thumbprint=%s: %s result %d (detail %lu)%s", thumbprint_hex_.c_str(), what,
-                     result.code, static_cast<unsigned long>(result.detail),
-                     gone ? "; the store that loaded the key, whose passphrase callback it "
-                            "used, has been closed"
-                          : "");
-    return;
-  }
-  provider_->Raise(reason, "thumbprint=%s: %s result %d (detail %lu): %s",
-                   thumbprint_hex_.c_str(), what, result.code,
-                   static_cast<unsigned long>(result.detail), Meaning(result.code));
+namespace {
+
+// The library's lines of a failed call, as one error data text.
+std::string Joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += (text.empty() ? "" : " | ") + line;
+  return text;
 }
 
-bool KeyObject::SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
-                         std::vector<unsigned char>* signature) const {
+}  // namespace
+
+void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Result result,
+                                    const ProviderContext::CallReport& report) const {
+  const std::string evidence = Joined(report.evidence);
+  const char* separator = evidence.empty() ? "" : "; library: ";
+  if (report.prompt_refused) {
+    provider_->Raise(k_reason_passphrase_unavailable,
+                     "thumbprint=%s: %s result %d (detail %lu)%s%s", thumbprint_hex_.c_str(),
+                     what, result.code, static_cast<unsigned long>(result.detail), separator,
+                     evidence.c_str());
+    return;
+  }
+  provider_->Raise(reason, "thumbprint=%s: %s result %d (detail %lu): %s%s%s",
+                   thumbprint_hex_.c_str(), what, result.code,
+                   static_cast<unsigned long>(result.detail), Meaning(result.code), separator,
+                   evidence.c_str());
+}
+
+void KeyObject::ForgetPassphrase() const {
+  if (passphrase_ != nullptr) passphrase_->Forget();
+}
+
+template <typename Call>
+bool KeyObject::Sign(const char* what, std::vector<unsigned char>* signature, Call&& call) const {
   if (!has_private_) {
     provider_->Raise(k_reason_no_private_key, "a public key cannot sign");
     return false;
   }
-  bool prompt_refused = false;
+  ProviderContext::CallReport report;
   X509_Auth_Result result{};
   try {
-    result = provider_->Run(passphrase_.get(), &prompt_refused, [&] {
+    result = provider_->Run(passphrase_.get(), &report, [&] {
       const X509_Auth_Signature* made = nullptr;
-      const X509_Auth_Result r =
-          X509_Auth_SignHash(thumbprint_.data(), 1, &algorithm_, hash_type, hash, &made);
+      const X509_Auth_Result r = call(&made);
       if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
         signature->assign(made->data, made->data + made->length);
         X509_Auth_Free(made);
@@ -127,10 +144,24 @@ bool KeyObject::SignHash(X509_Auth_HashType hash_type, const unsigned char* hash
     return false;
   }
   if (result.code != X509_Auth_ResultCode_Success) {
-    RaiseLibraryFailure(k_reason_signing_failed, "X509_Auth_SignHash", result, prompt_refused);
+    RaiseLibraryFailure(k_reason_signing_failed, what, result, report);
     return false;
   }
   return true;
+}
+
+bool KeyObject::SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
+                         std::vector<unsigned char>* signature) const {
+  return Sign("X509_Auth_SignHash", signature, [&](const X509_Auth_Signature** made) {
+    return X509_Auth_SignHash(thumbprint_.data(), 1, &algorithm_, hash_type, hash, made);
+  });
+}
+
+bool KeyObject::SignHashPss(X509_Auth_HashType hash_type, const unsigned char* hash,
+                            int salt_length, std::vector<unsigned char>* signature) const {
+  return Sign("X509_Auth_SignHashPss", signature, [&](const X509_Auth_Signature** made) {
+    return X509_Auth_SignHashPss(thumbprint_.data(), hash_type, hash, salt_length, made);
+  });
 }
 
 bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::size_t length,
@@ -139,10 +170,10 @@ bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::s
     provider_->Raise(k_reason_no_private_key, "a public key cannot decrypt");
     return false;
   }
-  bool prompt_refused = false;
+  ProviderContext::CallReport report;
   X509_Auth_Result result{};
   try {
-    result = provider_->Run(passphrase_.get(), &prompt_refused, [&] {
+    result = provider_->Run(passphrase_.get(), &report, [&] {
       const X509_Auth_ASN_1* made = nullptr;
       const X509_Auth_Result r = X509_Auth_Decrypt(thumbprint_.data(), padding, length, data, &made);
       if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
@@ -159,7 +190,7 @@ bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::s
     return false;
   }
   if (result.code != X509_Auth_ResultCode_Success) {
-    RaiseLibraryFailure(k_reason_decryption_failed, "X509_Auth_Decrypt", result, prompt_refused);
+    RaiseLibraryFailure(k_reason_decryption_failed, "X509_Auth_Decrypt", result, report);
     return false;
   }
   return true;

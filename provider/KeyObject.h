@@ -40,14 +40,22 @@ class KeyObject {
   // after raising an error naming the thumbprint and the library's result.
   bool SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
                 std::vector<unsigned char>* signature) const;
+  // The same with RSASSA-PSS, MGF1 with the same digest; |salt_length| as
+  // X509_Auth_SignHashPss takes it.
+  bool SignHashPss(X509_Auth_HashType hash_type, const unsigned char* hash, int salt_length,
+                   std::vector<unsigned char>* signature) const;
+  // Drops the passphrase kept for this key (it turned out wrong).
+  void ForgetPassphrase() const;
   // Decrypts through the library with X509_Auth_DecryptAlgorithm_* |padding|.
   bool Decrypt(std::uint32_t padding, const unsigned char* data, std::size_t length,
                std::vector<unsigned char>* plaintext) const;
 
  private:
   KeyObject() = default;
+  template <typename Call>
+  bool Sign(const char* what, std::vector<unsigned char>* signature, Call&& call) const;
   void RaiseLibraryFailure(int reason, const char* what, X509_Auth_Result result,
-                           bool prompt_refused) const;
+                           const ProviderContext::CallReport& report) const;
 
   ProviderContext* provider_ = nullptr;
   std::uint32_t algorithm_ = X509_Auth_Algorithm_Unknown;

@@ -2,14 +2,12 @@
 
 #include <link.h>
 #include <openssl/crypto.h>
-#include <unistd.h>
-
-#include <cstddef>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <limits.h>
+#include <cstring>
 
 #include "x509_auth.h"
 
@@ -44,14 +42,26 @@ int Threshold() {
   return g_current != nullptr ? g_current->settings->log_threshold : g_idle_threshold;
 }
 
+// Lines that explain a failure: the library's errors, and OpenSSL's own
+// reasons, which it hands on as one "%s" line at priority 1.
+bool IsEvidence(X509_Auth_LogPriority priority, const char* format) {
+  return priority == X509_Auth_LogPriority_Error ||
+         (priority == X509_Auth_LogPriority_Info && std::strcmp(format, "%s") == 0);
+}
+
 void Log(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
-  if (static_cast<int>(priority) < Threshold()) return;
-  std::fputs("x509auth: ", stderr);
-  std::vfprintf(stderr, format, arguments);
-  std::fputc('\n', stderr);
+  const bool to_stderr = static_cast<int>(priority) >= Threshold();
+  const bool kept = g_current != nullptr && IsEvidence(priority, format);
+  if (!to_stderr && !kept) return;
+  char line[1024];
+  std::vsnprintf(line, sizeof(line), format, arguments);
+  if (kept) g_current->evidence.emplace_back(line);
+  if (to_stderr) std::fprintf(stderr, "x509auth: %s\n", line);
 }
 
 void Message(const char* message, const char* title) {
+  if (g_current != nullptr)
+    g_current->evidence.push_back(std::string(title) + ": " + message);
   if (X509_Auth_LogPriority_Error < Threshold()) return;
   std::fprintf(stderr, "x509auth: %s: %s\n", title, message);
 }
@@ -103,8 +113,11 @@ std::shared_ptr<LibrarySession> LibrarySession::Acquire(const ProviderSettings& 
   {
     std::lock_guard<std::mutex> lock(Mutex());
     const Request request{&settings, nullptr};
-    Scope scope(request);
+    const Scope scope(request);
     g_idle_threshold = settings.log_threshold;
+    // Checked when the settings were read; the library loads exactly this
+    // module (or none) and never looks in the working directory.
+    X509_Auth_SetPkcs11Module(settings.module.c_str());
     X509_Auth_Init(nullptr, X509_Auth_Callbacks{Log, PinEntry, FreePinEntry, Message});
     g_finished = false;
     g_live = session.get();
@@ -151,21 +164,15 @@ LibrarySession::Scope::Scope(const Request& request) {
   for (const std::string& dir : settings.home_dirs) home_dirs.push_back(dir.c_str());
   const X509_Auth_Settings record{dirs.data(), dirs.size(), home_dirs.data(), home_dirs.size()};
   X509_Auth_PostInitUpdateSettings(&record);
-  // The library loads its PKCS#11 module from the working directory.
-  if (!settings.module_directory.empty()) {
-    char cwd[PATH_MAX];
-    if (getcwd(cwd, sizeof(cwd)) != nullptr && chdir(settings.module_directory.c_str()) == 0)
-      previous_directory_ = cwd;
-  }
+  request.evidence.clear();
   g_current = &request;
 }
 
 LibrarySession::Scope::~Scope() {
+  // What the library queued (it reads a DER key by trying PEM first, and
+  // libp11 queues what it has already handled) goes with |errors_|: the
+  // caller reports failures with the library's own lines.
   g_current = nullptr;
-  if (!previous_directory_.empty() && chdir(previous_directory_.c_str()) != 0) {
-    // The old directory may have gone meanwhile; "/" always exists.
-    (void)!chdir("/");
-  }
 }
 
 }  // namespace x509auth_provider

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "ErrorQueueGuard.h"
 #include "PassphraseSource.h"
 
 namespace x509auth_provider {
@@ -20,18 +21,23 @@ namespace x509auth_provider {
 struct ProviderSettings {
   std::vector<std::string> dirs;       // absolute, searched as given
   std::vector<std::string> home_dirs;  // relative to $HOME
-  std::string module;                  // absolute PKCS#11 module path, or empty
-  std::string module_directory;        // private directory linking it, or empty
-  int log_threshold = 3;               // lowest priority written; 4: nothing
+  std::string module;                  // absolute PKCS#11 module path; "": none
+  int log_threshold = 4;               // lowest priority written; 4: nothing
 };
 
 // One call into the library: the context's settings and, for key
 // operations, where PINs and passwords come from (null: refuse prompts).
 struct Request {
+  Request(const ProviderSettings* settings_in, const PassphraseSource* passphrase_in)
+      : settings(settings_in), passphrase(passphrase_in) {}
+
   const ProviderSettings* settings = nullptr;
   const PassphraseSource* passphrase = nullptr;
   // Set when the library asked for a secret the request could not give.
   mutable bool prompt_refused = false;
+  // The library's lines that explain a failure (its errors and OpenSSL's
+  // reasons), formatted, for the error the caller raises if the call failed.
+  mutable std::vector<std::string> evidence;
 };
 
 class LibrarySession {
@@ -43,13 +49,14 @@ class LibrarySession {
   LibrarySession& operator=(const LibrarySession&) = delete;
 
   // Runs |call| (which calls into the library) under the process-wide lock,
-  // with |request|'s directories applied, its module directory entered and
-  // its passphrase source answering prompts.
+  // with |request|'s directories applied and its passphrase source answering
+  // prompts. Whatever the library leaves on OpenSSL's error queue is taken
+  // off again: its failures reach the caller as results and evidence.
   template <typename Call>
   auto Run(const Request& request, Call&& call) {
     std::lock_guard<std::mutex> lock(Mutex());
     const ExitHandlerAfterLoad exit_handler;
-    Scope scope(request);
+    const Scope scope(request);
     return call();
   }
 
@@ -83,7 +90,8 @@ class LibrarySession {
     Scope& operator=(const Scope&) = delete;
 
    private:
-    std::string previous_directory_;
+    const ErrorQueueGuard errors_;
+
   };
 };
 

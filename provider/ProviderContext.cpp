@@ -6,8 +6,10 @@
 #include <openssl/pem.h>
 #include <openssl/provider.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -15,12 +17,15 @@
 #include <sstream>
 
 #include "Dispatch.h"
+#include "ErrorQueueGuard.h"
 #include "x509_auth.h"
 
 namespace x509auth_provider {
 namespace {
 
 constexpr const char* k_properties = "provider=x509auth";
+constexpr const char* k_default_home_dir = ".x509-auth";
+constexpr const char* k_default_pkcs11_module = X509AUTH_DEFAULT_PKCS11_MODULE;
 constexpr const char* k_rsa_names = "RSA:rsaEncryption:1.2.840.113549.1.1.1";
 constexpr const char* k_ec_names = "EC:id-ecPublicKey:1.2.840.10045.2.1";
 
@@ -74,7 +79,7 @@ int ParseLogLevel(const std::string& text) {
   if (text == "debug" || text == "0") return 0;
   if (text == "info" || text == "1") return 1;
   if (text == "warning" || text == "2") return 2;
-  if (text == "error" || text == "3" || text.empty()) return 3;
+  if (text == "error" || text == "3") return 3;
   if (text == "none" || text == "4") return 4;
   return -1;
 }
@@ -142,12 +147,32 @@ ProviderContext::ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISP
   }
 }
 
-ProviderContext::~ProviderContext() {
-  session_.reset();
-  if (!settings_.module_directory.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(settings_.module_directory, ignored);
+ProviderContext::~ProviderContext() { session_.reset(); }
+
+bool ProviderContext::ChooseModule() {
+  // "module" is OpenSSL's own key in a provider section (the provider's
+  // path), so the PKCS#11 module has a name of its own.
+  const std::string module = Parameter("pkcs11_module", "X509AUTH_MODULE");
+  if (module.empty()) {
+    // Debian's OpenSC module where it is installed, else no smart cards;
+    // never a file from the working directory.
+    settings_.module = access(k_default_pkcs11_module, R_OK) == 0 ? k_default_pkcs11_module : "";
+    return true;
   }
+  if (module == "none") {
+    settings_.module.clear();
+    return true;
+  }
+  struct stat status {};
+  if (module[0] != '/' || stat(module.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+      access(module.c_str(), R_OK) != 0) {
+    Raise(k_reason_setup_failed,
+          "pkcs11_module %s: give the absolute path of a readable PKCS#11 module, or none",
+          module.c_str());
+    return false;
+  }
+  settings_.module = module;
+  return true;
 }
 
 std::string ProviderContext::Parameter(const char* name, const char* environment) const {
@@ -163,36 +188,21 @@ bool ProviderContext::Start() {
   std::error_code error;
   // The session enters the module's directory around each call, so relative
   // directories are fixed now, against the application's working directory.
+  // Fixed now, against the application's working directory when it loaded
+  // the provider: a later chdir of the application changes nothing.
   for (const std::string& dir : SplitColons(Parameter("dirs", "X509AUTH_DIRS")))
     settings_.dirs.push_back(std::filesystem::absolute(dir, error).lexically_normal().string());
   settings_.home_dirs = SplitColons(Parameter("home_dirs", "X509AUTH_HOME_DIRS"));
+  // The same default as the x509-auth tool's, so both see one set of files.
+  if (settings_.home_dirs.empty()) settings_.home_dirs.push_back(k_default_home_dir);
   const std::string level = Parameter("log_level", "X509AUTH_LOG");
-  settings_.log_threshold = ParseLogLevel(level);
+  settings_.log_threshold = level.empty() ? 4 : ParseLogLevel(level);
   if (settings_.log_threshold < 0) {
     Raise(k_reason_setup_failed, "log_level '%s': use debug, info, warning, error or none",
           level.c_str());
     return false;
   }
-  const std::string module = Parameter("module", "X509AUTH_MODULE");
-  if (!module.empty()) {
-    settings_.module = std::filesystem::absolute(module, error).string();
-    if (access(settings_.module.c_str(), R_OK) != 0) {
-      Raise(k_reason_setup_failed, "PKCS#11 module %s cannot be read", settings_.module.c_str());
-      return false;
-    }
-    // The library loads "./opensc-pkcs11.so": a private directory holding
-    // only that link makes the chosen module visible where it looks.
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
-                          "/x509auth-provider-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr ||
-        symlink(settings_.module.c_str(), (pattern + "/opensc-pkcs11.so").c_str()) != 0) {
-      Raise(k_reason_setup_failed, "cannot make a directory for the PKCS#11 module in %s",
-            pattern.c_str());
-      return false;
-    }
-    settings_.module_directory = pattern;
-  }
+  if (!ChooseModule()) return false;
   // OpenSSL 3.0 gives an unqualified fetch the implementation of the provider
   // that came first. Were that this one's EC key management, libssl would
   // find no provider offering the EC groups with their own key management
@@ -202,10 +212,12 @@ bool ProviderContext::Start() {
   // as the application loads it too; teardown may come after the
   // application's library context is gone, so it must not touch it.
   if (get_libctx_ != nullptr) {
+    // Without it (a FIPS-only application) nothing changes, and the failure
+    // to load it is not the application's error.
+    const ErrorQueueGuard errors;
     OSSL_LIB_CTX* application = reinterpret_cast<OSSL_LIB_CTX*>(get_libctx_(handle_));
     OSSL_PROVIDER* fallback = OSSL_PROVIDER_load(application, "default");
     if (fallback != nullptr) OSSL_PROVIDER_unload(fallback);
-    ERR_clear_error();  // without it (a FIPS-only application) nothing changes
   }
   crypto_.reset(OSSL_LIB_CTX_new());
   if (crypto_ == nullptr) {
@@ -228,27 +240,61 @@ LibrarySession& ProviderContext::Session() {
   return *session_;
 }
 
+namespace {
+
+// The DER encodings of the certificates in |file|: every certificate of a
+// PEM file, or the file itself when it is not PEM (DER is checked by the
+// library when it is added).
+std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) {
+  std::vector<std::vector<unsigned char>> found;
+  std::unique_ptr<BIO, Deleter<BIO, BioFree>> bio(BIO_new_file(file.c_str(), "rb"));
+  if (bio == nullptr) return found;
+  std::vector<unsigned char> content;
+  unsigned char chunk[4096];
+  int read = 0;
+  while ((read = BIO_read(bio.get(), chunk, sizeof(chunk))) > 0)
+    content.insert(content.end(), chunk, chunk + read);
+  static const std::string k_pem_marker = "-----BEGIN";
+  if (std::search(content.begin(), content.end(), k_pem_marker.begin(), k_pem_marker.end()) ==
+      content.end()) {
+    if (!content.empty()) found.push_back(std::move(content));
+    return found;
+  }
+  std::unique_ptr<BIO, Deleter<BIO, BioFree>> pem(
+      BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
+  while (pem != nullptr) {
+    X509Ptr cert(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
+    if (cert == nullptr) break;
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(cert.get(), &der);
+    if (length <= 0) break;
+    std::unique_ptr<unsigned char, Deleter<void, CryptoFree>> owned(der);
+    found.emplace_back(der, der + length);
+  }
+  return found;
+}
+
+}  // namespace
+
 void ProviderContext::AddCertificateAuthorities(const std::vector<std::string>& files) {
   // The library offers a certificate only when it can build its chain from
   // the CAs a host added (or the system's); these files are such CAs.
   for (const std::string& file : files) {
-    std::unique_ptr<BIO, Deleter<BIO, BioFree>> bio(BIO_new_file(file.c_str(), "r"));
+    std::vector<std::vector<unsigned char>> certificates;
+    {
+      // Reading to the end of a PEM file queues an error.
+      const ErrorQueueGuard errors;
+      certificates = CertificatesIn(file);
+    }
     int added = 0;
-    while (bio != nullptr) {
-      X509Ptr cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-      if (cert == nullptr) break;
-      unsigned char* der = nullptr;
-      const int length = i2d_X509(cert.get(), &der);
-      if (length <= 0) break;
-      std::unique_ptr<unsigned char, Deleter<void, CryptoFree>> owned(der);
+    for (const std::vector<unsigned char>& der : certificates) {
       const Request request{&settings_, nullptr};
       added += session_->Run(request, [&] {
-        return X509_Auth_AddAdditionalCertificateAuthorityToStore(der, static_cast<uint64_t>(length));
+        return X509_Auth_AddAdditionalCertificateAuthorityToStore(der.data(), der.size());
       });
     }
-    ERR_clear_error();  // the end of the file reads as an error
-    // Reported where the library's own lines go: this runs inside the first
-    // request, which should not fail for it.
+    // Reported where the library's own lines go, when asked for: this runs
+    // inside the first request, which should not fail for it.
     if (added == 0 && settings_.log_threshold <= 3)
       std::fprintf(stderr, "x509auth: ca_files: no CA certificate could be added from %s\n",
                    file.c_str());

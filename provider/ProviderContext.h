@@ -53,14 +53,22 @@ class ProviderContext {
   OSSL_LIB_CTX* Crypto() const { return crypto_.get(); }
   const ProviderSettings& Settings() const { return settings_; }
 
-  // Runs |call| inside the library session (see LibrarySession::Run);
-  // |*prompt_refused| tells whether the library asked for a secret that
-  // |source| could not give.
+  // What one call into the library left for the caller's error report.
+  struct CallReport {
+    bool prompt_refused = false;          // a secret was asked for, none given
+    std::vector<std::string> evidence;    // the library's lines explaining it
+  };
+
+  // Runs |call| inside the library session (see LibrarySession::Run), with
+  // |source| answering prompts; fills |*report| when it is given.
   template <typename Call>
-  auto Run(const PassphraseSource* source, bool* prompt_refused, Call&& call) {
+  auto Run(const PassphraseSource* source, CallReport* report, Call&& call) {
     const Request request{&settings_, source};
     auto result = Session().Run(request, std::forward<Call>(call));
-    if (prompt_refused != nullptr) *prompt_refused = request.prompt_refused;
+    if (report != nullptr) {
+      report->prompt_refused = request.prompt_refused;
+      report->evidence = std::move(request.evidence);
+    }
     return result;
   }
 
@@ -69,6 +77,8 @@ class ProviderContext {
 
  private:
   std::string Parameter(const char* name, const char* environment) const;
+  // Settles the PKCS#11 module setting; false after raising an error.
+  bool ChooseModule();
   LibrarySession& Session();
   void AddCertificateAuthorities(const std::vector<std::string>& files);
 

@@ -93,7 +93,8 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
 // Lists the offered certificates once, keeping copies of the ones wanted.
 bool List(StoreContext* context) {
   context->listed = true;
-  const bool listed = context->provider->Run(nullptr, nullptr, [&] {
+  ProviderContext::CallReport report;
+  const bool listed = context->provider->Run(nullptr, &report, [&] {
     uint64_t count = 0;
     const X509_Auth_Certificate* records = nullptr;
     if (!X509_Auth_LoadClientCertificates(&count, &records)) return false;
@@ -112,8 +113,11 @@ bool List(StoreContext* context) {
     return true;
   });
   if (!listed) {
+    std::string evidence;
+    for (const std::string& line : report.evidence) evidence += " | " + line;
     context->provider->Raise(k_reason_listing_failed,
-                             "X509_Auth_LoadClientCertificates could not open the store");
+                             "X509_Auth_LoadClientCertificates could not open the store%s",
+                             evidence.c_str());
     return false;
   }
   if (!context->list_all && context->entries.empty()) {
@@ -145,9 +149,14 @@ int GiveKey(StoreContext* context, const Entry& entry, OSSL_CALLBACK* object_cb,
   // One signature now, while the application's passphrase callback is at
   // hand: a token login made here stays, and a wrong PIN or password fails
   // the load instead of a later handshake.
+  // The answer it gave is kept for the key's later operations; a wrong one
+  // is not.
   unsigned char probe[32] = {};
   std::vector<unsigned char> signature;
-  if (!key->SignHash(X509_Auth_HashType_Sha256, probe, &signature)) return 0;
+  if (!key->SignHash(X509_Auth_HashType_Sha256, probe, &signature)) {
+    key->ForgetPassphrase();
+    return 0;
+  }
   int type = OSSL_OBJECT_PKEY;
   const char* data_type = key->Algorithm() == X509_Auth_Algorithm_Rsa ? "RSA" : "EC";
   // The key management's load takes its own share of the object through this

@@ -22,6 +22,10 @@
 
 namespace x509auth_test {
 
+// How a key file is stored.
+enum class KeyForm { kPem, kDer, kEncrypted };
+inline constexpr const char* k_key_password = "key-file-secret";
+
 class ProviderTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -30,8 +34,9 @@ class ProviderTest : public ::testing::Test {
     base_ = temp_ / "base";
     std::filesystem::create_directories(work_);
     std::filesystem::create_directories(base_);
-    // The real OpenSC module with no reader attached: no tokens, no error.
-    std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
+    // No module here: the provider takes Debian's OpenSC module by its
+    // absolute path (no reader attached: no tokens, no error) and never
+    // looks in the working directory.
     ASSERT_EQ(chdir(work_.c_str()), 0);
   }
 
@@ -43,10 +48,26 @@ class ProviderTest : public ::testing::Test {
   // base/certs with its key in base/keys (encrypted with |password| when
   // given); both CAs are appended to cas.pem. Returns the thumbprint (hex).
   std::string InstallClient(KeyKind kind, const std::string& name, const char* password = nullptr) {
+    return InstallClientWithKey(kind, name, password != nullptr ? KeyForm::kEncrypted : KeyForm::kPem,
+                                password);
+  }
+
+  // The same with the key file in |form|; an encrypted one is PKCS#8 under
+  // |password| (k_key_password by default).
+  std::string InstallClientWithKey(KeyKind kind, const std::string& name, KeyForm form,
+                                   const char* password = nullptr) {
     Chain chain = MakeChain(kind, name);
     const std::string file = name + ".pem";
     WriteFile(base_ / "certs" / file, CertToPem(chain.leaf.get()));
-    WriteFile(base_ / "keys" / (file + ".key"), KeyToPem(chain.leaf_key.get(), password));
+    const std::filesystem::path key_file = base_ / "keys" / (file + ".key");
+    switch (form) {
+      case KeyForm::kPem: WriteFile(key_file, KeyToPem(chain.leaf_key.get())); break;
+      case KeyForm::kDer: WriteFile(key_file, KeyToDer(chain.leaf_key.get())); break;
+      case KeyForm::kEncrypted:
+        WriteFile(key_file,
+                  KeyToPem(chain.leaf_key.get(), password != nullptr ? password : k_key_password));
+        break;
+    }
     AddCas(chain);
     leaf_certs_[name] = CertToPem(chain.leaf.get());
     chains_.push_back(std::move(chain));
@@ -66,7 +87,6 @@ class ProviderTest : public ::testing::Test {
     std::map<std::string, std::string> env = SanitizerEnvironment();
     env["X509AUTH_DIRS"] = base_.string();
     env["X509AUTH_CA_FILES"] = CasFile().string();
-    env["X509AUTH_LOG"] = "error";
     return env;
   }
 
@@ -97,6 +117,30 @@ class ProviderTest : public ::testing::Test {
   // it would not start.
   std::unique_ptr<BackgroundChild> StartServer(const std::filesystem::path& client_cas) {
     return server_.Start(client_cas, {"-www"});
+  }
+
+  // A real TLS server demanding a client certificate that sends every line
+  // back reversed.
+  std::unique_ptr<BackgroundChild> StartReversingServer() {
+    return server_.Start(CasFile(), {"-rev"});
+  }
+
+  // s_client with nothing but the provider's certificate and key (and
+  // |extra|), sending one line to a reversing server; "CLOSE" makes the
+  // server end the connection, and with it the client.
+  ChildResult SendLine(const std::string& thumbprint, const std::vector<std::string>& extra) const {
+    std::vector<std::string> args = {"-connect", server_.Address(),
+                                     "-cert", "x509auth:thumbprint=" + thumbprint,
+                                     "-key", "x509auth:thumbprint=" + thumbprint,
+                                     "-CAfile", server_.CertificateFile().string(),
+                                     "-verify_return_error", "-ign_eof"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    return Openssl("s_client", args, "hello through x509auth\nCLOSE\n");
+  }
+
+  // The reversing server's answer came back.
+  static bool LineCameBack(const ChildResult& client) {
+    return client.out.find("htua905x hguorht olleh") != std::string::npos;
   }
 
   // s_client with the certificate and key of |thumbprint| from the provider.

@@ -8,7 +8,9 @@
 #include <openssl/store.h>
 #include <openssl/ui.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "ProviderContext.h"
 #include "ProviderFixture.h"
@@ -138,6 +140,38 @@ class ProviderInProcessTest : public ProviderTest {
     return VerifiesWithCertificate(cert, digest, hash, signature.data(), signature.size());
   }
 
+  // Digest-signs a fixed text with RSA-PSS (|salt| as OpenSSL's pkeyopt
+  // spells it) and verifies with |certificate_key| expecting exactly
+  // |expected_salt| bytes of salt.
+  static bool SignsPss(const Loaded& loaded, EVP_PKEY* key, const char* md, const char* salt,
+                       EVP_PKEY* certificate_key, int expected_salt) {
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    EVP_PKEY_CTX* pctx = nullptr;
+    std::size_t length = 0;
+    const unsigned char data[] = "signed with RSA-PSS through the provider";
+    Bytes signature;
+    bool ok = EVP_DigestSignInit_ex(context, &pctx, md, loaded.ctx, nullptr, key, nullptr) == 1 &&
+              EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+              EVP_PKEY_CTX_ctrl_str(pctx, "rsa_pss_saltlen", salt) == 1 &&
+              EVP_DigestSignUpdate(context, data, sizeof data) == 1 &&
+              EVP_DigestSignFinal(context, nullptr, &length) == 1;
+    if (ok) {
+      signature.resize(length);
+      ok = EVP_DigestSignFinal(context, signature.data(), &length) == 1;
+      signature.resize(length);
+    }
+    EVP_MD_CTX_free(context);
+    if (!ok) return false;
+    EVP_MD_CTX* verify = EVP_MD_CTX_new();
+    pctx = nullptr;
+    ok = EVP_DigestVerifyInit_ex(verify, &pctx, md, nullptr, nullptr, certificate_key, nullptr) == 1 &&
+         EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+         EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, expected_salt) == 1 &&
+         EVP_DigestVerify(verify, signature.data(), signature.size(), data, sizeof data) == 1;
+    EVP_MD_CTX_free(verify);
+    return ok;
+  }
+
   struct UiFree {
     void operator()(UI_METHOD* method) const { UI_destroy_method(method); }
   };
@@ -215,16 +249,42 @@ TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOther
   }
   EXPECT_FALSE(SignsAndVerifies(*loaded, ec_key.get(), "SHA224", chains_[1].leaf.get()));
   EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
-  // RSA-PSS: refused when asked for.
-  EVP_MD_CTX* context = EVP_MD_CTX_new();
-  EVP_PKEY_CTX* pctx = nullptr;
-  ASSERT_EQ(EVP_DigestSignInit_ex(context, &pctx, "SHA256", loaded->ctx, nullptr, rsa_key.get(), nullptr), 1);
-  EXPECT_LE(EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING), 0);
-  EXPECT_NE(ErrorText().find("x509auth has no RSA-PSS"), std::string::npos);
-  EVP_MD_CTX_free(context);
+  // RSA-PSS with every digest and every salt spelling OpenSSL has; each
+  // verified by OpenSSL's own implementation with the certificate's key and
+  // the salt length the signature must have.
+  EVP_PKEY* certificate_key = X509_get0_pubkey(chains_[0].leaf.get());
+  for (const char* md : {"SHA1", "SHA256", "SHA384", "SHA512"}) {
+    const int digest_length = EVP_MD_get_size(EVP_get_digestbyname(md));
+    const int longest = 256 - digest_length - 2;
+    const struct {
+      const char* asked;
+      int expected;
+    } salts[] = {{"digest", digest_length}, {"max", longest}, {"auto", longest}, {"20", 20}};
+    for (const auto& salt : salts) {
+      EXPECT_TRUE(SignsPss(*loaded, rsa_key.get(), md, salt.asked, certificate_key, salt.expected))
+          << md << " salt " << salt.asked << ErrorText();
+    }
+  }
 }
 
-TEST_F(ProviderInProcessTest, PasswordComesFromTheStoresCallbackOnlyWhileTheStoreIsOpen) {
+TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
+  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
+  auto loaded = Load(base_);
+  Answer answer;
+  Key key(LoadKey(*loaded, rsa, &answer));
+  ASSERT_NE(key, nullptr) << ErrorText();
+  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr);
+  ASSERT_EQ(EVP_PKEY_sign_init(context), 1);
+  const unsigned char hash[32] = {1, 2, 3};
+  unsigned char signature[512];
+  std::size_t length = sizeof signature;
+  EXPECT_NE(EVP_PKEY_sign(context, signature, &length, hash, sizeof hash), 1);
+  EVP_PKEY_CTX_free(context);
+  const std::string errors = ErrorText();
+  EXPECT_NE(errors.find("an RSA signature needs its digest set"), std::string::npos) << errors;
+}
+
+TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfTheKey) {
   const std::string thumbprint = InstallClient(KeyKind::kRsa, "Locked Client", "s3cret");
   auto loaded = Load(base_);
   Answer answer{"s3cret"};
@@ -233,15 +293,92 @@ TEST_F(ProviderInProcessTest, PasswordComesFromTheStoresCallbackOnlyWhileTheStor
   ASSERT_NE(key, nullptr) << ErrorText();
   EXPECT_EQ(answer.asked, 1);  // the load unlocks the key once
   EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get())) << ErrorText();
-  EXPECT_EQ(answer.asked, 2);  // the library opens the key file again
+  // The library reads the key file again, and the kept answer serves it.
+  EXPECT_EQ(answer.asked, 1);
   OSSL_STORE_close(store);
-  // The callback lived in the store: now nothing answers, and the error
-  // says so instead of prompting somewhere else.
-  EXPECT_FALSE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
-  EXPECT_EQ(answer.asked, 2);
-  const std::string errors = ErrorText();
-  EXPECT_NE(errors.find("the application gave none"), std::string::npos) << errors;
-  EXPECT_NE(errors.find("has been closed"), std::string::npos) << errors;
+  // The callback lived in the store; the answer lives with the key.
+  EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA384", chains_[0].leaf.get())) << ErrorText();
+  EXPECT_TRUE(SignsPss(*loaded, key.get(), "SHA256", "digest",
+                       X509_get0_pubkey(chains_[0].leaf.get()), 32))
+      << ErrorText();
+  EXPECT_EQ(answer.asked, 1);
+}
+
+TEST_F(ProviderInProcessTest, SuccessfulOperationsLeaveTheErrorQueueAsTheyFoundIt) {
+  // DER key files make the library try PEM first, which queues errors.
+  const std::string rsa = InstallClientWithKey(KeyKind::kRsa, "RSA DER", KeyForm::kDer);
+  const std::string ec = InstallClientWithKey(KeyKind::kEc, "EC DER", KeyForm::kDer);
+  auto loaded = Load(base_);
+  Answer answer;
+  ERR_clear_error();
+  ERR_raise_data(ERR_LIB_USER, 42, "the application's own error");
+  Key rsa_key(LoadKey(*loaded, rsa, &answer));
+  Key ec_key(LoadKey(*loaded, ec, &answer));
+  ASSERT_NE(rsa_key, nullptr);
+  ASSERT_NE(ec_key, nullptr);
+  EXPECT_TRUE(SignsAndVerifies(*loaded, rsa_key.get(), "SHA256", chains_[0].leaf.get()));
+  EXPECT_TRUE(SignsAndVerifies(*loaded, ec_key.get(), "SHA256", chains_[1].leaf.get()));
+  EXPECT_TRUE(SignsPss(*loaded, rsa_key.get(), "SHA256", "digest",
+                       X509_get0_pubkey(chains_[0].leaf.get()), 32));
+  // Exactly the one error the application had queued, nothing more.
+  const char* data = nullptr;
+  EXPECT_EQ(ERR_GET_REASON(ERR_get_error_all(nullptr, nullptr, nullptr, &data, nullptr)), 42);
+  EXPECT_STREQ(data, "the application's own error");
+  EXPECT_EQ(ERR_peek_error(), 0u) << ErrorText();
+}
+
+TEST_F(ProviderInProcessTest, FailureRaisesOneErrorCarryingTheLibrarysLines) {
+  const std::string thumbprint = InstallClient(KeyKind::kEc, "Locked Client", "s3cret");
+  auto loaded = Load(base_);
+  Answer answer{"wrong"};
+  ERR_clear_error();
+  Key key(LoadKey(*loaded, thumbprint, &answer));
+  EXPECT_EQ(key, nullptr);
+  int from_provider = 0;
+  std::string data_text;
+  unsigned long code;
+  const char* data = nullptr;
+  int flags = 0;
+  while ((code = ERR_get_error_all(nullptr, nullptr, nullptr, &data, &flags)) != 0) {
+    if (data != nullptr && std::strstr(data, "thumbprint=") != nullptr) {
+      ++from_provider;
+      data_text = data;
+    }
+  }
+  EXPECT_EQ(from_provider, 1);
+  // The library's own error lines for the call, as the error's data.
+  EXPECT_NE(data_text.find("library: "), std::string::npos) << data_text;
+  EXPECT_NE(data_text.find("Failed to open private key for certificate (error: 1)"),
+            std::string::npos)
+      << data_text;
+}
+
+TEST_F(ProviderInProcessTest, WorkingDirectoryNeverChangesWhileTheProviderWorks) {
+  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
+  setenv("X509AUTH_MODULE", OPENSC_MODULE_PATH, 1);
+  auto loaded = Load(base_);
+  unsetenv("X509AUTH_MODULE");
+  const std::filesystem::path expected = std::filesystem::current_path();
+  std::atomic<bool> done{false};
+  std::atomic<int> changed{0}, looks{0};
+  std::thread watcher([&] {
+    char cwd[4096];
+    while (!done) {
+      if (getcwd(cwd, sizeof cwd) == nullptr || expected != cwd) ++changed;
+      ++looks;
+    }
+  });
+  Answer answer;
+  for (int round = 0; round < 5; ++round) {
+    Key key(LoadKey(*loaded, rsa, &answer));
+    EXPECT_NE(key, nullptr);
+    if (key != nullptr)
+      EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
+  }
+  done = true;
+  watcher.join();
+  EXPECT_GT(looks.load(), 0);
+  EXPECT_EQ(changed.load(), 0);
 }
 
 TEST_F(ProviderInProcessTest, WrongPasswordFailsTheKeyLoadWithTheReason) {

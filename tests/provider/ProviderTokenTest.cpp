@@ -1,7 +1,6 @@
-// Token certificates through the provider: a SoftHSM2 token reached the way
-// the library reaches a smart card ("./opensc-pkcs11.so" in the working
-// directory of the openssl program), the PIN from the application's
-// passphrase callback (-pass).
+// Token certificates through the provider: a SoftHSM2 token whose module the
+// provider's setting names (X509AUTH_MODULE or pkcs11_module), the PIN from
+// the application's passphrase callback (-pass).
 #include <memory>
 
 #include "ProviderFixture.h"
@@ -10,14 +9,14 @@
 namespace x509auth_test {
 namespace {
 
-const std::vector<std::string> k_tls12_rsa = {"-tls1_2", "-client_sigalgs",
-                                              "RSA+SHA256:RSA+SHA384:RSA+SHA512"};
-
 class ProviderTokenTest : public ProviderTest {
  protected:
   void SetUp() override {
     ProviderTest::SetUp();
-    hsm_ = std::make_unique<SoftHsmToken>();
+    SoftHsmToken::Options options;
+    options.module_link_directory.clear();
+    hsm_ = std::make_unique<SoftHsmToken>(options);
+    env_override_["X509AUTH_MODULE"] = SoftHsmToken::ModulePath().string();
     hsm_->InitToken("Card A");
     rsa_ = MakeChain(KeyKind::kRsa, "Token RSA");
     ec_ = MakeChain(KeyKind::kEc, "Token EC");
@@ -36,24 +35,25 @@ class ProviderTokenTest : public ProviderTest {
   Chain rsa_, ec_;
 };
 
-TEST_F(ProviderTokenTest, RsaTokenKeyTls12WithPinFromPassArgument) {
-  auto server = StartServer(CasFile());
-  ASSERT_NE(server, nullptr);
-  std::vector<std::string> args = k_tls12_rsa;
-  args.insert(args.end(), {"-pass", "pass:1234"});
-  const ChildResult client = Handshake(LowerHex(Sha1Thumbprint(rsa_.leaf.get())), args);
-  EXPECT_TRUE(Answered(client)) << "status " << client.status << '\n' << client.err;
-  EXPECT_TRUE(ServerVerified(*server, "Token RSA")) << server->Output();
-}
-
-TEST_F(ProviderTokenTest, EcTokenKeyTls13WithPinFromPassArgument) {
-  auto server = StartServer(CasFile());
-  ASSERT_NE(server, nullptr);
-  const ChildResult client =
-      Handshake(LowerHex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_3", "-pass", "pass:1234"});
-  EXPECT_TRUE(Answered(client)) << client.err;
-  EXPECT_NE(client.out.find("New, TLSv1.3"), std::string::npos);
-  EXPECT_TRUE(ServerVerified(*server, "Token EC")) << server->Output();
+TEST_F(ProviderTokenTest, RsaAndEcTokenKeysAtTheDefaultsWithPinFromPassArgument) {
+  const struct {
+    const Chain* chain;
+    const char* name;
+  } keys[] = {{&rsa_, "Token RSA"}, {&ec_, "Token EC"}};
+  for (const auto& key : keys) {
+    for (const char* version : {"-tls1_3", "-tls1_2"}) {
+      auto server = StartReversingServer();
+      ASSERT_NE(server, nullptr);
+      const ChildResult client = SendLine(LowerHex(Sha1Thumbprint(key.chain->leaf.get())),
+                                          {version, "-pass", "pass:1234"});
+      EXPECT_EQ(client.status, 0) << key.name << version << client.err;
+      EXPECT_TRUE(LineCameBack(client)) << key.name << version << client.out << client.err;
+      EXPECT_NE(client.out.find(std::string("New, TLSv1.") + version[6]), std::string::npos)
+          << client.out;
+      EXPECT_EQ(client.err.find(":error:"), std::string::npos) << client.err;
+      EXPECT_TRUE(ServerVerified(*server, key.name)) << server->Output();
+    }
+  }
 }
 
 // At exit the provider ends the library (logging out of the token and
@@ -90,26 +90,8 @@ TEST_F(ProviderTokenTest, WrongPinFailsClearlyBeforeAnyHandshake) {
   EXPECT_EQ(server->Output().find("depth=0"), std::string::npos) << server->Output();
 }
 
-TEST_F(ProviderTokenTest, ModuleSettingMakesTheTokenVisibleFromAnyDirectory) {
-  // A directory without "./opensc-pkcs11.so": only the setting names the
-  // module, which the provider links where the library looks for it.
-  cwd_override_ = temp_.path();
-  env_override_["X509AUTH_MODULE"] = SoftHsmToken::ModulePath().string();
-  const std::filesystem::path tmp = temp_ / "tmp";
-  std::filesystem::create_directories(tmp);
-  env_override_["TMPDIR"] = tmp.string();
-  auto server = StartServer(CasFile());
-  ASSERT_NE(server, nullptr);
-  const ChildResult client =
-      Handshake(LowerHex(Sha1Thumbprint(ec_.leaf.get())), {"-tls1_2", "-pass", "pass:1234"});
-  EXPECT_TRUE(Answered(client)) << client.err;
-  EXPECT_TRUE(ServerVerified(*server, "Token EC")) << server->Output();
-  // The private directory holding the link is gone with the provider.
-  EXPECT_TRUE(std::filesystem::is_empty(tmp));
-}
-
 TEST_F(ProviderTokenTest, WithoutTheModuleTheTokenCertificateIsNotOffered) {
-  cwd_override_ = temp_.path();
+  env_override_["X509AUTH_MODULE"] = "none";
   const ChildResult listed = Openssl("storeutl", {"-noout", "x509auth:"});
   EXPECT_NE(listed.out.find("Total found: 0"), std::string::npos) << listed.out << listed.err;
 }
