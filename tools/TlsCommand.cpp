@@ -14,6 +14,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -46,7 +47,33 @@ using SslCtxPtr = Owned<SSL_CTX, SSL_CTX_free>;
 using SslPtr = Owned<SSL, SSL_free>;
 using UiMethodPtr = Owned<UI_METHOD, UI_destroy_method>;
 
-// The last OpenSSL error, for a one-line failure.
+// The provider's error data ends in "; library: LINE | LINE ...)": the
+// library's lines that explain the error. They become evidence, shown under
+// the failure line like the library's lines of the other commands.
+std::string TakeLibraryLines(std::string data) {
+  static const std::string k_marker = "; library: ";
+  const std::size_t at = data.find(k_marker);
+  if (at == std::string::npos) return data;
+  std::string lines = data.substr(at + k_marker.size());
+  data.erase(at);
+  if (!lines.empty() && lines.back() == ')') {
+    lines.pop_back();
+    data += ")";
+  }
+  std::size_t start = 0;
+  while (start <= lines.size()) {
+    std::size_t end = lines.find(" | ", start);
+    if (end == std::string::npos) end = lines.size();
+    std::string line = lines.substr(start, end - start);
+    while (!line.empty() && std::isspace(static_cast<unsigned char>(line.back()))) line.pop_back();
+    if (!line.empty()) Evidence::AddForeign("provider", line);
+    start = end + 3;
+  }
+  return data;
+}
+
+// The last OpenSSL error, for a one-line failure; the library's lines any
+// error carries become evidence.
 std::string OpenSslReason() {
   std::string text;
   unsigned long code;
@@ -56,9 +83,22 @@ std::string OpenSslReason() {
     char line[256];
     ERR_error_string_n(code, line, sizeof line);
     text = line;
-    if (data != nullptr && *data != '\0' && (flags & ERR_TXT_STRING) != 0) text += std::string(" (") + data + ")";
+    if (data != nullptr && *data != '\0' && (flags & ERR_TXT_STRING) != 0)
+      text += " (" + TakeLibraryLines(data) + ")";
   }
   return text.empty() ? "no further detail" : text;
+}
+
+// A wrong password or PIN, said as such when the library's lines show one
+// after the prompt was answered; empty otherwise.
+std::string WrongSecret() {
+  const std::string& answered = PinPrompt::LastAnswered();
+  if (answered.empty()) return "";
+  if (Evidence::StepHas("Failed to parse private key file [") ||
+      Evidence::StepHas("Failed to parse private key file [%s]"))
+    return "wrong password for the key file " + answered;
+  if (Evidence::StepHas("Incorrect pin entered for: ")) return "wrong PIN for the token \"" + answered + "\"";
+  return "";
 }
 
 std::string Join(const std::vector<std::string>& parts) {
@@ -67,17 +107,20 @@ std::string Join(const std::vector<std::string>& parts) {
   return joined;
 }
 
-// The store's passphrase callback: the provider hands the library's prompt
-// over as the prompt info, which OpenSSL wraps as "Enter pass phrase for
-// INFO:"; the library's own prompt is unwrapped and answered by the tool's
-// prompt sources, as for the other commands.
+// The store's passphrase callback. The provider hands over what the
+// library's prompt names ("token: LABEL" or a key file's path) as the prompt
+// info, which OpenSSL wraps as "Enter pass phrase for INFO:"; the library's
+// own prompt is made again from it and answered by the tool's prompt
+// sources, as for the other commands.
 int ReadFromPrompt(UI* ui, UI_STRING* uis) {
   if (UI_get_string_type(uis) != UIT_PROMPT && UI_get_string_type(uis) != UIT_VERIFY) return 1;
-  std::string prompt = UI_get0_output_string(uis);
+  std::string info = UI_get0_output_string(uis);
   static const std::string k_wrapper = "Enter pass phrase for ";
-  if (prompt.compare(0, k_wrapper.size(), k_wrapper) == 0) prompt.erase(0, k_wrapper.size());
-  if (!prompt.empty() && prompt.back() == ':') prompt.pop_back();
-  const char* title = prompt.rfind("Enter password for", 0) == 0 ? "Enter password" : "Enter pin";
+  if (info.compare(0, k_wrapper.size(), k_wrapper) == 0) info.erase(0, k_wrapper.size());
+  if (!info.empty() && info.back() == ':') info.pop_back();
+  const bool pin = info.rfind("token: ", 0) == 0;
+  const char* title = pin ? "Enter pin" : "Enter password";
+  const std::string prompt = pin ? "Enter pin for " + info : "Enter password for: " + info;
   X509_Auth_PinEntryResult* answer = PinPrompt::OnPinEntry(title, prompt.c_str());
   int ok = 0;
   if (answer != nullptr && answer->status == 0 && answer->value != nullptr)
@@ -141,16 +184,12 @@ void ConfigureProvider(const GlobalOptions& global) {
   setenv("X509AUTH_DIRS", Join(global.dirs).c_str(), 1);
   setenv("X509AUTH_HOME_DIRS", Join(global.home_dirs).c_str(), 1);
   setenv("X509AUTH_CA_FILES", Join(global.cas).c_str(), 1);
-  // Everything is collected (see ProviderLog); what is shown is the tool's
-  // choice, as for the tool's own library session.
-  setenv("X509AUTH_LOG", global.verbose > 0 ? "debug" : "error", 1);
-  // The tool's module choice, so that the provider never looks at the
-  // working directory either. No module at all cannot be said this way:
-  // then the provider's own default applies, which is the same.
-  if (!global.module_path.empty())
-    setenv("X509AUTH_MODULE", global.module_path.c_str(), 1);
-  else
-    unsetenv("X509AUTH_MODULE");
+  // The provider is quiet and hands the library's lines on as its errors'
+  // data; with -v everything it writes is collected (see ProviderLog).
+  setenv("X509AUTH_LOG", global.verbose > 0 ? "debug" : "none", 1);
+  // The tool's module choice ("none": no module), so that the provider
+  // never looks further.
+  setenv("X509AUTH_MODULE", global.module_path.empty() ? "none" : global.module_path.c_str(), 1);
 }
 
 // The provider writes the library's lines to stderr as "x509auth: TEXT"
@@ -299,8 +338,10 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
     }
     if (client.cert == nullptr || client.key == nullptr) {
       provider_log.reset();
+      const std::string reason = OpenSslReason();
+      const std::string wrong = WrongSecret();
       return Fail(LibrarySession::WithPromptNote("tls: cannot load the certificate and key of " +
-                                                 thumbprint + ": " + OpenSslReason()));
+                                                 thumbprint + ": " + (wrong.empty() ? reason : wrong)));
     }
   }
 
@@ -401,7 +442,11 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   std::fflush(stdout);
   if (connected) SSL_shutdown(ssl.get());
   close(fd);
-  if (!accepted) return Fail("tls: the handshake with " + options.target + " failed");
+  if (!accepted) {
+    const std::string wrong = WrongSecret();
+    return Fail(LibrarySession::WithPromptNote("tls: the handshake with " + options.target + " failed" +
+                                               (wrong.empty() ? "" : ": " + wrong)));
+  }
   if (!asked && !options.allow_no_client_auth)
     return FailPlain("tls: " + options.target +
                      " did not ask for a client certificate, so the certificate was not tried "
