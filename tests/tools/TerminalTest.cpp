@@ -159,6 +159,25 @@ TEST_F(TerminalTest, TlsAsksForAKeyFilesPasswordOnceWithACleanPrompt) {
   EXPECT_NE(screen.find("EXIT=0"), std::string::npos) << screen;
 }
 
+TEST_F(TerminalTest, SignReadingTheTerminalSaysSoAndEndsAtCtrlD) {
+  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestX509 cert = ClientCert("Typed Data", ec.get());
+  InstallFileCert(Base("b"), "typed.pem", cert.get(), ec.get());
+  const std::string tool = std::string(ToolPath()) + " --dir " + Quote(Base("b").string()) + " sign " +
+                           HexOf(Sha1Thumbprint(cert.get())).substr(0, 8);
+  const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("x509-auth: reading the data to sign from the terminal; end it with Ctrl-D"))
+      << Screen();
+  Tmux("send-keys -t prompt -l hello");
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("hello")) << Screen();
+  Tmux("send-keys -t prompt C-d");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+  EXPECT_NE(Screen().find("EXIT=0"), std::string::npos) << Screen();
+  EXPECT_NE(Screen().find("ECDSA signature over the sha256 digest, verified"), std::string::npos) << Screen();
+}
+
 TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
   TestKey ec = SharedKey(KeyKind::kEc, 1);
   TestX509 cert = ClientCert("Interrupted", ec.get());
