@@ -264,7 +264,7 @@ struct Client {
 int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   const std::size_t colon = options.target.rfind(':');
   if (colon == std::string::npos || colon == 0 || colon + 1 == options.target.size())
-    return Fail("tls: give the server as HOST:PORT, not '" + options.target + "'"), k_exit_usage;
+    return FailPlain("tls: give the server as HOST:PORT, not '" + options.target + "'"), k_exit_usage;
   std::string host = options.target.substr(0, colon);
   if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
   const std::string port = options.target.substr(colon + 1);
