@@ -119,10 +119,12 @@ TEST_F(ClearAnswersTest, DoctorSaysDuplicateAndKeyStatesAndListMarksThem) {
   std::size_t twice_rows = 0;
   for (const std::string& line : Lines(list.out)) {
     twice_rows += line.find("Twice") != std::string::npos ? 1 : 0;
-    if (line.find("Keyless") != std::string::npos)
+    if (line.find("Keyless") != std::string::npos) {
       EXPECT_NE(line.find("ec (no key file)"), std::string::npos) << line;
-    if (line.find("Mismatch") != std::string::npos)
+    }
+    if (line.find("Mismatch") != std::string::npos) {
       EXPECT_NE(line.find("ec (key mismatch)"), std::string::npos) << line;
+    }
   }
   EXPECT_EQ(twice_rows, 1u) << list.out;
   EXPECT_EQ(list.err,

@@ -157,11 +157,12 @@ TEST_F(TlsCommandTest, ServerThatAsksForNoCertificateIsAFailureUnlessAllowed) {
     EXPECT_NE(result.out.find("handshake:        completed, but the server asked for no client certificate"),
               std::string::npos)
         << result.out;
-    if (!allow)
+    if (!allow) {
       EXPECT_NE(result.err.find("did not ask for a client certificate, so the certificate was not tried "
                                 "(--allow-no-client-auth accepts that)"),
                 std::string::npos)
           << result.err;
+    }
   }
 }
 
