@@ -91,9 +91,7 @@ cd "$demo"
 echo "== Running x509-auth"
 echo "   (every command below also gets: --dir $demo/base --add-ca $demo/pki/ca.pem"
 echo "    --module $module --pin-env DEMO_PIN --password-env DEMO_PASSWORD)"
-echo "   (lines starting with [error] are the library's own log at priority 3: SoftHSM2"
-echo "    always adds an uninitialised token, reported as a token whose certificates"
-echo "    cannot be listed)"
+echo "   (the library's own log lines are shown only under a failure, or all with -v)"
 x509_auth list
 x509_auth doctor
 thumbprints=$("$root/build/tools/x509-auth" -q --dir "$demo/base" --add-ca "$demo/pki/ca.pem" \

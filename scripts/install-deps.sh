@@ -14,6 +14,7 @@ packages=(
   python3
   gcr xvfb x11-utils xauth imagemagick
   libcli11-dev nlohmann-json3-dev tmux
+  bash-completion man-db lintian dpkg-dev file
   clang-14 libclang-rt-14-dev
   gnutls-bin libnss3-tools openssh-client openssh-server hyperfine
 )

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 
+#include "Evidence.h"
 #include "Formatting.h"
 #include "LibrarySession.h"
 #include "OpenSslHandles.h"
@@ -19,13 +20,8 @@ int RunChain(const GlobalOptions& global, const ChainOptions& options) {
 
   uint64_t count = 0;
   X509_Auth_ASN_1* blobs = nullptr;
-  int32_t code;
-  {
-    // The chain starts with the leaf, which is never among the added CAs:
-    // the library's "not found" line for it is expected, not an error.
-    const LibrarySession::Demotion demotion("Failed to find certificate thumbprint (error: %d)");
-    code = X509_Auth_GetChainedCAsForCertificate(record, &count, &blobs);
-  }
+  Evidence::BeginStep();
+  const int32_t code = X509_Auth_GetChainedCAsForCertificate(record, &count, &blobs);
   if (code != 0)
     return Fail("the library could not return the chain (code " + std::to_string(code) + ")");
   std::map<std::string, X509Ptr> handed_out;  // by thumbprint

@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
 #include "LibrarySession.h"
@@ -21,13 +22,11 @@ int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   if (!input) return k_exit_failed;
 
   const X509_Auth_ASN_1* plaintext = nullptr;
+  Evidence::BeginStep();
   const X509_Auth_Result result =
       X509_Auth_Decrypt(record->thumbprint, padding, input->size(), input->data(), &plaintext);
   if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr)
-    return Fail(LibrarySession::WithPromptNote(
-        "decrypting with " + std::string(record->name) + " failed: result code " +
-        std::to_string(result.code) + " (" + ResultCodeMeaning(result.code) + "), detail " +
-        std::to_string(result.detail)));
+    return Fail(LibrarySession::KeyFailure("decrypting with " + std::string(record->name), result));
   const bool written =
       WriteOutput(options.out, plaintext->data, static_cast<std::size_t>(plaintext->length));
   const std::size_t length = static_cast<std::size_t>(plaintext->length);

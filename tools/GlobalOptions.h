@@ -1,7 +1,6 @@
 #pragma once
 // The options every command shares, as parsed from the command line. Paths
-// are already absolute: the tool leaves its working directory before the
-// library starts (see ModuleDirectory).
+// are made absolute while they are read.
 #include <string>
 #include <vector>
 
@@ -12,15 +11,18 @@ struct GlobalOptions {
   std::vector<std::string> home_dirs;  // --home-dir REL, relative to $HOME
   std::vector<std::string> cas;        // --add-ca FILE
   std::string module;                  // --module PATH; empty: the default
+  std::string module_path;             // the module loaded (ModuleChoice); "": none
   std::string pin_env, password_env;   // --pin-env VAR / --password-env VAR
   int pin_fd = -1, password_fd = -1;   // --pin-fd N / --password-fd N
-  int verbose = 0;                     // -v count: warnings, info, debug
-  bool quiet = false;                  // -q: not even errors
+  int verbose = 0;                     // -v: every library line as it comes
+  bool quiet = false;                  // -q: the result and the failure line only
 };
 
 // The exit statuses every command returns.
 constexpr int k_exit_ok = 0;
 constexpr int k_exit_failed = 1;
 constexpr int k_exit_usage = 2;
+// Not returned: a shell reports a tool that Ctrl-C ended as 128 + SIGINT.
+constexpr int k_exit_interrupted = 130;
 
 }  // namespace x509auth_tool

@@ -26,7 +26,12 @@ std::optional<std::vector<unsigned char>> ReadInput(const std::string& path) {
   std::vector<unsigned char> data;
   unsigned char buffer[65536];
   std::size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0) data.insert(data.end(), buffer, buffer + n);
+  // One Ctrl-D on a terminal ends the input: stop at the first end of file
+  // rather than read on for a second one.
+  while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0) {
+    data.insert(data.end(), buffer, buffer + n);
+    if (std::feof(in)) break;
+  }
   if (std::ferror(in))
     return Fail("cannot read " + (path == "-" ? std::string("standard input") : path)),
            std::nullopt;

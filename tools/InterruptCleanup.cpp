@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <initializer_list>
 
 namespace x509auth_tool {
@@ -12,27 +11,15 @@ namespace {
 // Plain storage: the signal handler may read it at any moment.
 volatile sig_atomic_t g_terminal_fd = -1;
 termios g_saved_terminal;
-char g_link[4096];
-char g_directory[4096];
-volatile sig_atomic_t g_have_directory = 0;
 
 void OnSignal(int signal_number) {
   if (g_terminal_fd >= 0) {
     tcsetattr(g_terminal_fd, TCSAFLUSH, &g_saved_terminal);
     (void)!write(g_terminal_fd, "\n", 1);
   }
-  if (g_have_directory) {
-    unlink(g_link);
-    rmdir(g_directory);
-  }
   // Die of the same signal, so the parent sees what happened.
   signal(signal_number, SIG_DFL);
   raise(signal_number);
-}
-
-void Copy(char* target, const char* source) {
-  std::strncpy(target, source, 4095);
-  target[4095] = '\0';
 }
 
 }  // namespace
@@ -58,14 +45,5 @@ void InterruptCleanup::SetTerminal(int fd, const termios& saved) {
 }
 
 void InterruptCleanup::ClearTerminal() { g_terminal_fd = -1; }
-
-void InterruptCleanup::SetDirectory(const char* link, const char* directory) {
-  g_have_directory = 0;
-  Copy(g_link, link);
-  Copy(g_directory, directory);
-  g_have_directory = 1;
-}
-
-void InterruptCleanup::ClearDirectory() { g_have_directory = 0; }
 
 }  // namespace x509auth_tool

@@ -6,7 +6,9 @@
 #include <fstream>
 #include <iterator>
 
+#include "Evidence.h"
 #include "Formatting.h"
+#include "OfferingReport.h"
 #include "PinPrompt.h"
 #include "Report.h"
 #include "ThumbprintArgument.h"
@@ -14,12 +16,8 @@
 namespace x509auth_tool {
 namespace {
 
-// The C callbacks reach the one session of the process through these.
-int g_threshold = X509_Auth_LogPriority_Error;
-bool g_quiet = false;
+// The C callbacks reach the one session of the process through this.
 LibrarySession::LogObserver g_observer;
-bool g_demoting = false;
-const char* g_demoted_format = nullptr;
 
 __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
                                                  const char* format, va_list arguments) {
@@ -31,29 +29,19 @@ __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
   if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
   if (g_observer) g_observer(priority, format, text);
-  if (g_demoting && (g_demoted_format == nullptr || std::strcmp(format, g_demoted_format) == 0) &&
-      priority > X509_Auth_LogPriority_Warning)
-    priority = X509_Auth_LogPriority_Warning;
-  if (g_quiet || priority < g_threshold) return;
-  static const char* const names[] = {"debug", "info", "warning", "error"};
-  std::fflush(stdout);
-  std::fprintf(stderr, "[%s] %s\n", names[static_cast<unsigned>(priority) & 3u], text.c_str());
+  Evidence::AddLog(priority, format, text);
 }
 
 void OnMessage(const char* message, const char* title) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "x509-auth: %s: %s\n", title != nullptr ? title : "",
-               message != nullptr ? message : "");
+  Evidence::AddNotice(title != nullptr ? title : "", message != nullptr ? message : "");
 }
 
 }  // namespace
 
 LibrarySession::LibrarySession(const GlobalOptions& options) : options_(options) {
-  g_quiet = options.quiet;
-  const int verbose = options.verbose > 3 ? 3 : options.verbose;
-  g_threshold = X509_Auth_LogPriority_Error - verbose;
+  Evidence::Configure(options.verbose > 0, options.quiet);
   PinPrompt::Configure(PromptSources{options.pin_env, options.password_env, options.pin_fd,
-                                     options.password_fd});
+                                     options.password_fd, options.module_path});
 }
 
 LibrarySession::~LibrarySession() {
@@ -63,20 +51,29 @@ LibrarySession::~LibrarySession() {
   X509_Auth_DeInit();
 }
 
-LibrarySession::Demotion::Demotion(const char* format) {
-  g_demoting = true;
-  g_demoted_format = format;
-}
-LibrarySession::Demotion::~Demotion() {
-  g_demoting = false;
-  g_demoted_format = nullptr;
-}
-
 void LibrarySession::SetLogObserver(LogObserver observer) { g_observer = std::move(observer); }
 
 std::string LibrarySession::WithPromptNote(const std::string& message) {
   const std::string& note = PinPrompt::LastUnanswered();
   return note.empty() ? message : message + "; " + note;
+}
+
+std::string LibrarySession::KeyFailure(const std::string& what, const X509_Auth_Result& result) {
+  // The library says a wrong password as a key file it cannot parse after
+  // the prompt was answered, and a wrong PIN as its login notice.
+  const std::string& answered = PinPrompt::LastAnswered();
+  if (result.code == X509_Auth_ResultCode_KeyOpenFailed && !answered.empty() &&
+      Evidence::StepHas("Failed to parse private key file [%s]"))
+    return what + " failed: wrong password for the key file " + answered;
+  if (result.code == X509_Auth_ResultCode_KeyOpenFailed && Evidence::StepHas("Incorrect pin entered for: ")) {
+    std::string line = what + " failed: wrong PIN for the token \"" + answered + "\"";
+    const std::string tries = PinPrompt::TriesLeft();
+    if (!tries.empty()) line += " (" + tries + ")";
+    return line;
+  }
+  return WithPromptNote(what + " failed: result code " + std::to_string(result.code) + " (" +
+                        ResultCodeMeaning(result.code) + "), detail " +
+                        std::to_string(result.detail));
 }
 
 X509_Auth_Callbacks LibrarySession::Callbacks() {
@@ -95,18 +92,23 @@ X509_Auth_Settings LibrarySession::Settings() {
 
 std::optional<std::vector<unsigned char>> LibrarySession::ReadCaFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return Fail("cannot read the CA certificate " + path), std::nullopt;
+  if (!in) return FailPlain("cannot read the CA certificate " + path), std::nullopt;
   return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)),
                                     std::istreambuf_iterator<char>());
 }
 
 bool LibrarySession::Start() {
+  Evidence::BeginStep();
+  // Chosen before the first request loads a module; "" is no module at all.
+  if (X509_Auth_SetPkcs11Module(options_.module_path.c_str()) != X509_Auth_ResultCode_Success)
+    return Fail("the library refused the PKCS#11 module " + options_.module_path), false;
   const X509_Auth_Settings settings = Settings();
   X509_Auth_Init(&settings, Callbacks());
   started_ = true;
   for (const std::string& path : options_.cas) {
     const std::optional<std::vector<unsigned char>> data = ReadCaFile(path);
     if (!data) return false;
+    Evidence::BeginStep();
     if (X509_Auth_AddAdditionalCertificateAuthorityToStore(data->data(), data->size()) != 1)
       return Fail("the library did not accept " + path +
                   " as a CA certificate (PEM or DER expected)"),
@@ -118,6 +120,7 @@ bool LibrarySession::Start() {
 bool LibrarySession::Load() {
   if (loaded_) return true;
   uint64_t count = 0;
+  Evidence::BeginStep();
   if (!X509_Auth_LoadClientCertificates(&count, &array_)) {
     array_ = nullptr;
     return Fail("the certificate store could not be opened"), false;
@@ -129,20 +132,25 @@ bool LibrarySession::Load() {
 
 const X509_Auth_Certificate* LibrarySession::Find(const std::string& argument) {
   const std::optional<std::string> digits = ThumbprintArgument::Normalise(argument);
-  if (!digits) return Fail(ThumbprintArgument::Check(argument)), nullptr;
+  if (!digits) return FailPlain(ThumbprintArgument::Check(argument)), nullptr;
   if (!Load()) return nullptr;
   const ThumbprintArgument::Match match = ThumbprintArgument::Resolve(*digits, records_);
   if (match.record != nullptr) return match.record;
   const bool ambiguous = !match.candidates.empty();
-  const auto& listed = ambiguous ? match.candidates : records_;
-  if (ambiguous)
-    Fail("the thumbprint prefix " + *digits + " is ambiguous: it matches " +
-         std::to_string(match.candidates.size()) + " certificates");
-  else
-    Fail("no offered certificate has the thumbprint " + *digits +
-         (records_.empty() ? " (no certificate is offered; try 'x509-auth doctor')"
-                           : "; the offered ones are:"));
-  for (const X509_Auth_Certificate* record : listed)
+  if (ambiguous) {
+    FailPlain("the thumbprint prefix " + *digits + " is ambiguous: it matches " +
+              std::to_string(match.candidates.size()) + " certificates");
+    for (const X509_Auth_Certificate* record : match.candidates)
+      FailDetail(ThumbprintHex(*record) + "  " + record->name);
+    return nullptr;
+  }
+  // A certificate that is there but not offered is named, with the reason.
+  const std::optional<std::string> why = OfferingReport::WhyNotOffered(options_, *digits);
+  if (why) return FailPlain(*why), nullptr;
+  FailPlain("no offered certificate has the thumbprint " + *digits +
+            (records_.empty() ? " (no certificate is offered; try 'x509-auth doctor')"
+                              : "; the offered ones are:"));
+  for (const X509_Auth_Certificate* record : records_)
     FailDetail(ThumbprintHex(*record) + "  " + record->name);
   return nullptr;
 }

@@ -1,7 +1,7 @@
 #pragma once
-// One use of the library, as any host makes it: callbacks installed and the
-// directories set (X509_Auth_Init), the extra CAs added, the certificates
-// listed once, and X509_Auth_DeInit at the end.
+// One use of the library, as any host makes it: callbacks installed, the
+// PKCS#11 module chosen and the directories set (X509_Auth_Init), the extra
+// CAs added, the certificates listed once, and X509_Auth_DeInit at the end.
 #include <functional>
 #include <optional>
 #include <string>
@@ -39,25 +39,18 @@ class LibrarySession {
   const std::vector<const X509_Auth_Certificate*>& Records() const { return records_; }
 
   // The record |argument| names (a full thumbprint or a unique prefix), or
-  // null after printing why, with the candidates.
+  // null after printing why: the candidates, or why a certificate with that
+  // thumbprint exists but is not offered.
   const X509_Auth_Certificate* Find(const std::string& argument);
 
   // Also hands every log line to |observer| while the session lives.
   static void SetLogObserver(LogObserver observer);
 
-  // While it lives, error lines with this exact format (every line when
-  // null) are shown as warnings: for failures the tool expects and explains
-  // itself. -v still shows them.
-  class Demotion {
-   public:
-    explicit Demotion(const char* format);
-    ~Demotion();
-    Demotion(const Demotion&) = delete;
-    Demotion& operator=(const Demotion&) = delete;
-  };
-
   // Appends the unanswered prompt, if any, to a failure message.
   static std::string WithPromptNote(const std::string& message);
+  // The failure line of a key operation (sign, decrypt) that returned
+  // |code|: a wrong password or PIN said as such, else the code's meaning.
+  static std::string KeyFailure(const std::string& what, const X509_Auth_Result& result);
 
  private:
   const GlobalOptions& options_;

@@ -6,12 +6,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "Formatting.h"
+#include "KeyFileCheck.h"
 #include "LibrarySession.h"
+#include "OpenSslHandles.h"
 #include "RecordJson.h"
+#include "Report.h"
 
 namespace x509auth_tool {
 namespace {
@@ -26,29 +31,47 @@ std::string Pad(const std::string& text, std::size_t width) {
   return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
 
+// The KEY column: the algorithm, and a mark when a file certificate's key
+// cannot serve (the library offers it all the same; signing fails).
+std::string KeyCell(const X509_Auth_Certificate& record) {
+  std::string cell = KeyAlgorithmName(record.key_algorithm_group);
+  if (record.cert_type != X509_Auth_CertificateType_FileBased || record.key_path == nullptr) return cell;
+  X509Ptr cert = RecordCertificate(record);
+  const std::filesystem::path cert_path;  // only named in the library's own log lines
+  const KeyFileStatus key = CheckKeyFile(cert.get(), cert_path, record.key_path);
+  if (key.status == "missing") return cell + " (no key file)";
+  if (key.status == "does-not-match") return cell + " (key mismatch)";
+  if (key.status == "unreadable") return cell + " (key unreadable)";
+  return cell;
+}
+
 void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
   const std::vector<std::string> headings{"THUMBPRINT", "SUBJECT", "ISSUER",
                                           "SOURCE",     "KEY",     "EXPIRES"};
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
   std::vector<std::vector<std::string>> rows;
-  // 0 valid, 1 expired, 2 not yet valid, 3 expiring soon. The library's
-  // chain check refuses the first two, but a record says what it says.
+  // 0 valid, 3 expiring soon. Expired and not yet valid certificates are
+  // never offered: the library's chain check refuses them.
   std::vector<int> states;
+  std::set<std::string> seen;
+  std::size_t duplicates = 0;
   for (const X509_Auth_Certificate* record : records) {
+    // The same certificate found twice is one certificate to its user.
+    if (!seen.insert(ThumbprintHex(*record)).second) {
+      ++duplicates;
+      continue;
+    }
     const int64_t days_left = (record->not_after - now) / 86400;
-    const int state = record->not_after < now    ? 1
-                      : record->not_before > now ? 2
-                      : days_left < k_soon_days  ? 3
-                                                 : 0;
+    const int state = days_left < k_soon_days ? 3 : 0;
     std::string expiry = IsoTime(record->not_after).substr(0, 10);
-    if (state == 1) expiry += " (expired)";
-    if (state == 2) expiry += " (not yet valid)";
     if (state == 3) expiry += " (in " + std::to_string(days_left) + " days)";
     rows.push_back({ThumbprintHex(*record).substr(0, k_short_thumbprint), record->name,
-                    record->issuer_name, SourceName(record->cert_type),
-                    KeyAlgorithmName(record->key_algorithm_group), expiry});
+                    record->issuer_name, SourceName(record->cert_type), KeyCell(*record), expiry});
     states.push_back(state);
   }
+  if (duplicates > 0)
+    Warn(std::to_string(duplicates) + " certificate" + (duplicates == 1 ? " is" : "s are") +
+         " found more than once and listed once; 'x509-auth doctor' shows where");
   std::vector<std::size_t> widths;
   for (const std::string& heading : headings) widths.push_back(heading.size());
   for (const auto& row : rows)
@@ -60,7 +83,7 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
     for (std::size_t c = 0; c < row.size(); ++c) {
       const bool last = c + 1 == row.size();
       std::string cell = last ? row[c] : Pad(row[c], widths[c]) + "  ";
-      if (last && colour && state != 0) cell = (state == 1 ? "\033[31m" : "\033[33m") + cell + "\033[0m";
+      if (last && colour && state != 0) cell = "\033[33m" + cell + "\033[0m";
       line += cell;
     }
     if (heading && colour) line = "\033[1m" + line + "\033[0m";

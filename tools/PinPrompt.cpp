@@ -1,5 +1,6 @@
 #include "PinPrompt.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <openssl/crypto.h>
 #include <termios.h>
@@ -8,24 +9,37 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <vector>
 
 #include "InterruptCleanup.h"
+#include "p11-kit/pkcs11.h"
 
 namespace x509auth_tool {
 namespace {
 
 PromptSources g_sources;
 std::string g_last_unanswered;
+std::string g_last_answered;
+std::string g_last_token;
+
+// A string whose characters are wiped when it goes.
+struct Secret {
+  std::string value;
+  Secret() { value.reserve(1024); }
+  ~Secret() {
+    if (!value.empty()) OPENSSL_cleanse(&value[0], value.size());
+  }
+};
+// Key-file passwords already given in this command, by file.
+std::map<std::string, std::unique_ptr<Secret>> g_passwords;
 
 // The record the library sees is the first member, so the release callback
 // can find the whole answer again.
 struct HeldAnswer {
   X509_Auth_PinEntryResult result{nullptr, 1};
-  std::string value;
-  ~HeldAnswer() {
-    if (!value.empty()) OPENSSL_cleanse(&value[0], value.size());
-  }
+  Secret secret;
 };
 
 // Reads up to a newline; false at end of input before any byte. The buffer
@@ -48,17 +62,17 @@ void Trim(std::string& line) {
   if (!line.empty() && line.back() == '\r') line.pop_back();
 }
 
-// Reads from the controlling terminal with echo off; false when there is no
-// terminal or nothing was entered.
-bool ReadFromTerminal(const char* title, const char* prompt, std::string& answer) {
+enum class TerminalAnswer { k_answered, k_no_terminal, k_empty };
+
+// Reads from the controlling terminal with echo off.
+TerminalAnswer ReadFromTerminal(const std::string& question, std::string& answer) {
   const int fd = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
-  if (fd < 0) return false;
+  if (fd < 0) return TerminalAnswer::k_no_terminal;
   termios saved{};
   if (tcgetattr(fd, &saved) != 0) {
     close(fd);
-    return false;
+    return TerminalAnswer::k_no_terminal;
   }
-  const std::string question = std::string(title) + "\n" + prompt + " (input hidden): ";
   (void)!write(fd, question.data(), question.size());
   termios quiet = saved;
   quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
@@ -70,7 +84,46 @@ bool ReadFromTerminal(const char* title, const char* prompt, std::string& answer
   InterruptCleanup::ClearTerminal();
   close(fd);
   Trim(answer);
-  return got && !answer.empty();
+  return got && !answer.empty() ? TerminalAnswer::k_answered : TerminalAnswer::k_empty;
+}
+
+// What follows |prefix| in |text|, or |text| when it does not start so.
+std::string After(const std::string& text, const char* prefix) {
+  const std::size_t length = std::strlen(prefix);
+  return text.compare(0, length, prefix) == 0 ? text.substr(length) : text;
+}
+
+// The token's PIN flags, asked of the module the library already loaded
+// and initialised (dlopen gives the same copy; it is not finalised here).
+CK_FLAGS TokenFlags(const std::string& module, const std::string& label) {
+  if (module.empty()) return 0;
+  void* handle = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+  if (handle == nullptr) return 0;
+  CK_FLAGS flags = 0;
+  auto get_list = reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle, "C_GetFunctionList"));
+  CK_FUNCTION_LIST_PTR functions = nullptr;
+  if (get_list != nullptr && get_list(&functions) == CKR_OK && functions != nullptr) {
+    const CK_RV initialised = functions->C_Initialize(nullptr);
+    if (initialised == CKR_OK || initialised == CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+      CK_ULONG count = 0;
+      std::vector<CK_SLOT_ID> slots;
+      if (functions->C_GetSlotList(CK_TRUE, nullptr, &count) == CKR_OK) {
+        slots.resize(count);
+        if (functions->C_GetSlotList(CK_TRUE, slots.data(), &count) != CKR_OK) count = 0;
+        slots.resize(count);
+      }
+      for (const CK_SLOT_ID slot : slots) {
+        CK_TOKEN_INFO info{};
+        if (functions->C_GetTokenInfo(slot, &info) != CKR_OK) continue;
+        std::string name(reinterpret_cast<const char*>(info.label), sizeof info.label);
+        while (!name.empty() && name.back() == ' ') name.pop_back();
+        if (name == label) flags = info.flags;
+      }
+      if (initialised == CKR_OK) functions->C_Finalize(nullptr);
+    }
+  }
+  dlclose(handle);
+  return flags;
 }
 
 }  // namespace
@@ -78,6 +131,15 @@ bool ReadFromTerminal(const char* title, const char* prompt, std::string& answer
 void PinPrompt::Configure(const PromptSources& sources) { g_sources = sources; }
 
 const std::string& PinPrompt::LastUnanswered() { return g_last_unanswered; }
+const std::string& PinPrompt::LastAnswered() { return g_last_answered; }
+
+std::string PinPrompt::TriesLeft() {
+  const CK_FLAGS flags = TokenFlags(g_sources.module, g_last_token);
+  if ((flags & CKF_USER_PIN_LOCKED) != 0) return "the PIN is now locked";
+  if ((flags & CKF_USER_PIN_FINAL_TRY) != 0) return "one try left";
+  if ((flags & CKF_USER_PIN_COUNT_LOW) != 0) return "few tries left";
+  return "";
+}
 
 X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* prompt) {
   title = title != nullptr ? title : "";
@@ -88,35 +150,66 @@ X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* p
   const int fd = is_pin ? g_sources.pin_fd : g_sources.password_fd;
   const char* env_option = is_pin ? "--pin-env" : "--password-env";
   const char* fd_option = is_pin ? "--pin-fd" : "--password-fd";
+  // "Enter pin for token: LABEL" and "Enter password for: PATH".
+  const std::string subject =
+      is_pin ? After(prompt, "Enter pin for token: ") : After(prompt, "Enter password for: ");
+  const std::string what = is_pin ? "the PIN of the token \"" + subject + "\""
+                                  : "the password of the key file " + subject;
+  if (is_pin) g_last_token = subject;
 
   auto held = std::make_unique<HeldAnswer>();
+  std::string& value = held->secret.value;
+  if (!is_pin) {
+    const auto given = g_passwords.find(subject);
+    if (given != g_passwords.end()) {
+      value = given->second->value;
+      held->result.status = 0;
+      held->result.value = value.c_str();
+      return &held.release()->result;
+    }
+  }
   std::string why;
   bool answered = false;
   if (!env.empty()) {
-    const char* value = std::getenv(env.c_str());
-    answered = value != nullptr;
+    const char* from_env = std::getenv(env.c_str());
+    answered = from_env != nullptr;
     if (answered)
-      held->value.assign(value);
+      value.assign(from_env);
     else
       why = "the environment variable " + env + " (" + env_option + ") is not set";
   } else if (fd >= 0) {
-    answered = ReadLine(fd, held->value);
-    Trim(held->value);
+    answered = ReadLine(fd, value);
+    Trim(value);
     if (!answered) why = std::string("nothing to read from ") + fd_option + " " + std::to_string(fd);
   } else {
-    answered = ReadFromTerminal(title, prompt, held->value);
-    if (!answered)
-      why = std::string("no terminal to ask on and no ") + env_option + " or " + fd_option +
-            " given, or nothing was entered";
+    std::string question = is_pin ? "PIN for the token \"" + subject + "\""
+                                  : "Password for the key file " + subject;
+    if (is_pin) {
+      const std::string tries = TriesLeft();
+      if (!tries.empty()) question += " (" + tries + ")";
+    }
+    switch (ReadFromTerminal(question + " (input hidden): ", value)) {
+      case TerminalAnswer::k_answered: answered = true; break;
+      case TerminalAnswer::k_empty: why = "nothing was entered"; break;
+      case TerminalAnswer::k_no_terminal:
+        why = std::string("there is no terminal to ask on; give ") + env_option + " VAR or " +
+              fd_option + " N";
+        break;
+    }
   }
   if (!answered) {
-    g_last_unanswered = std::string("the prompt \"") + title + ": " + prompt +
-                        "\" went unanswered: " + why;
+    g_last_unanswered = "the prompt for " + what + " went unanswered: " + why;
     held->result.status = 1;
   } else {
+    g_last_answered = subject;
     held->result.status = 0;
+    if (!is_pin) {
+      auto kept = std::make_unique<Secret>();
+      kept->value = value;
+      g_passwords[subject] = std::move(kept);
+    }
   }
-  held->result.value = held->value.c_str();
+  held->result.value = value.c_str();
   return &held.release()->result;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "Evidence.h"
 #include "LibrarySession.h"
 #include "Report.h"
 
@@ -27,11 +28,24 @@ bool ViewerOnPath() {
   return false;
 }
 
+// The viewer is a window: without a display it starts, fails and is gone
+// after the tool has said it opened.
+bool HasDisplay() {
+  for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY"}) {
+    const char* value = std::getenv(variable);
+    if (value != nullptr && *value != '\0') return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 int RunShow(const GlobalOptions& global, const ShowOptions& options) {
+  if (!HasDisplay())
+    return FailPlain("there is no display to show a window on (neither DISPLAY nor WAYLAND_DISPLAY "
+                     "is set); 'x509-auth chain THUMBPRINT --pem | openssl x509 -text' shows it as text");
   if (!ViewerOnPath())
-    return Fail(std::string("the certificate viewer ") + k_viewer +
+    return FailPlain(std::string("the certificate viewer ") + k_viewer +
                 " is not installed or not on PATH (Debian package gcr)");
   LibrarySession session(global);
   if (!session.Start()) return k_exit_failed;
@@ -40,6 +54,7 @@ int RunShow(const GlobalOptions& global, const ShowOptions& options) {
   // Nothing buffered may be inherited by the library's child.
   std::fflush(stdout);
   std::fflush(stderr);
+  Evidence::BeginStep();
   const pid_t parent = getpid();
   const bool started = X509_Auth_ShowCertificateDialog(record, nullptr);
   if (getpid() != parent) {

@@ -1,11 +1,13 @@
 #include "SignCommand.h"
 
 #include <openssl/rsa.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <optional>
 #include <vector>
 
+#include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
 #include "LibrarySession.h"
@@ -26,10 +28,11 @@ const HashChoice k_hashes[] = {{"sha1", X509_Auth_HashType_Sha1, EVP_sha1},
                                {"sha384", X509_Auth_HashType_Sha384, EVP_sha384},
                                {"sha512", X509_Auth_HashType_Sha512, EVP_sha512}};
 
-// PKCS#1 v1.5 with the digest's algorithm for RSA, DER ECDSA for EC: what
-// the library produces.
+// PKCS#1 v1.5 (or PSS with MGF1 of the same digest and a digest-long salt)
+// with the digest's algorithm for RSA, DER ECDSA for EC: what the library
+// produces.
 bool Verifies(const X509_Auth_Certificate& record, const EVP_MD* md, const unsigned char* digest,
-              std::size_t digest_length, const X509_Auth_Signature& signature) {
+              std::size_t digest_length, const X509_Auth_Signature& signature, bool pss) {
   X509Ptr cert = RecordCertificate(record);
   if (!cert) return false;
   EvpPkeyPtr key(X509_get_pubkey(cert.get()));
@@ -37,8 +40,11 @@ bool Verifies(const X509_Auth_Certificate& record, const EVP_MD* md, const unsig
   EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!ctx || EVP_PKEY_verify_init(ctx.get()) <= 0) return false;
   if (EVP_PKEY_base_id(key.get()) == EVP_PKEY_RSA &&
-      (EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) <= 0 ||
+      (EVP_PKEY_CTX_set_rsa_padding(ctx.get(), pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING) <= 0 ||
        EVP_PKEY_CTX_set_signature_md(ctx.get(), md) <= 0))
+    return false;
+  if (pss && (EVP_PKEY_CTX_set_rsa_mgf1_md(ctx.get(), md) <= 0 ||
+              EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx.get(), RSA_PSS_SALTLEN_DIGEST) <= 0))
     return false;
   return EVP_PKEY_verify(ctx.get(), signature.data, signature.length, digest, digest_length) == 1;
 }
@@ -49,12 +55,15 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
   const HashChoice* hash = nullptr;
   for (const HashChoice& choice : k_hashes)
     if (options.hash == choice.name) hash = &choice;
-  if (hash == nullptr) return Fail("unknown hash " + options.hash), k_exit_usage;
+  if (hash == nullptr) return FailPlain("unknown hash " + options.hash), k_exit_usage;
 
   LibrarySession session(global);
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;
+  // A terminal on standard input would otherwise wait without a word.
+  if (options.in == "-" && isatty(STDIN_FILENO) == 1)
+    Note("reading the data to sign from the terminal; end it with Ctrl-D (or give --in FILE)");
   const std::optional<std::vector<unsigned char>> input = ReadInput(options.in);
   if (!input) return k_exit_failed;
 
@@ -65,24 +74,29 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
 
   const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
   const X509_Auth_Signature* signature = nullptr;
+  if (options.pss && record->key_algorithm_group != X509_Auth_KeyAlgorithmGroup_Rsa)
+    return FailPlain("--pss is for RSA keys; " + std::string(record->name) + " has an " +
+                     KeyAlgorithmName(record->key_algorithm_group) + " key"),
+           k_exit_usage;
+  Evidence::BeginStep();
+  // RSA-PSS with a salt as long as the digest, as TLS 1.3 signs.
   const X509_Auth_Result result =
-      X509_Auth_SignHash(record->thumbprint, 2, algorithms, hash->type, digest, &signature);
+      options.pss ? X509_Auth_SignHashPss(record->thumbprint, hash->type, digest,
+                                          X509_AUTH_PSS_SALT_DIGEST, &signature)
+                  : X509_Auth_SignHash(record->thumbprint, 2, algorithms, hash->type, digest, &signature);
   if (result.code != X509_Auth_ResultCode_Success || signature == nullptr)
-    return Fail(LibrarySession::WithPromptNote(
-        "signing with " + std::string(record->name) + " failed: result code " +
-        std::to_string(result.code) + " (" + ResultCodeMeaning(result.code) + "), detail " +
-        std::to_string(result.detail)));
+    return Fail(LibrarySession::KeyFailure("signing with " + std::string(record->name), result));
 
-  const bool verified = Verifies(*record, hash->md(), digest, digest_length, *signature);
+  const bool verified = Verifies(*record, hash->md(), digest, digest_length, *signature, options.pss);
   bool written = true;
   if (!options.out.empty())
     written = WriteOutput(options.out, signature->data, static_cast<std::size_t>(signature->length));
   else
     std::printf("%s\n", Hex(signature->data, static_cast<std::size_t>(signature->length)).c_str());
   const std::string what = std::to_string(signature->length) + "-byte " +
-                           (signature->algorithm == X509_Auth_Algorithm_Rsa
-                                ? "RSA PKCS#1 v1.5"
-                                : "ECDSA") +
+                           (signature->algorithm != X509_Auth_Algorithm_Rsa ? "ECDSA"
+                            : options.pss                                  ? "RSA-PSS"
+                                                                           : "RSA PKCS#1 v1.5") +
                            " signature over the " + options.hash + " digest";
   X509_Auth_Free(signature);
   if (!written) return k_exit_failed;

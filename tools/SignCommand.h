@@ -10,6 +10,7 @@ struct SignOptions {
   std::string hash = "sha256";
   std::string in = "-";
   std::string out;  // empty: hex on stdout
+  bool pss = false;  // RSA-PSS instead of PKCS#1 v1.5
 };
 
 // `sign`: hashes the input, signs the digest through the library, and

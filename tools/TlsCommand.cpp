@@ -4,14 +4,17 @@
 #include <netdb.h>
 #include <openssl/err.h>
 #include <openssl/provider.h>
+#include <openssl/rsa.h>
 #include <openssl/ssl.h>
 #include <openssl/store.h>
 #include <openssl/ui.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +23,8 @@
 #include <optional>
 #include <string>
 
+#include "Evidence.h"
+#include "Formatting.h"
 #include "LibrarySession.h"
 #include "OpenSslHandles.h"
 #include "PinPrompt.h"
@@ -42,7 +47,33 @@ using SslCtxPtr = Owned<SSL_CTX, SSL_CTX_free>;
 using SslPtr = Owned<SSL, SSL_free>;
 using UiMethodPtr = Owned<UI_METHOD, UI_destroy_method>;
 
-// The last OpenSSL error, for a one-line failure.
+// The provider's error data ends in "; library: LINE | LINE ...)": the
+// library's lines that explain the error. They become evidence, shown under
+// the failure line like the library's lines of the other commands.
+std::string TakeLibraryLines(std::string data) {
+  static const std::string k_marker = "; library: ";
+  const std::size_t at = data.find(k_marker);
+  if (at == std::string::npos) return data;
+  std::string lines = data.substr(at + k_marker.size());
+  data.erase(at);
+  if (!lines.empty() && lines.back() == ')') {
+    lines.pop_back();
+    data += ")";
+  }
+  std::size_t start = 0;
+  while (start <= lines.size()) {
+    std::size_t end = lines.find(" | ", start);
+    if (end == std::string::npos) end = lines.size();
+    std::string line = lines.substr(start, end - start);
+    while (!line.empty() && std::isspace(static_cast<unsigned char>(line.back()))) line.pop_back();
+    if (!line.empty()) Evidence::AddForeign("provider", line);
+    start = end + 3;
+  }
+  return data;
+}
+
+// The last OpenSSL error, for a one-line failure; the library's lines any
+// error carries become evidence.
 std::string OpenSslReason() {
   std::string text;
   unsigned long code;
@@ -52,9 +83,22 @@ std::string OpenSslReason() {
     char line[256];
     ERR_error_string_n(code, line, sizeof line);
     text = line;
-    if (data != nullptr && *data != '\0' && (flags & ERR_TXT_STRING) != 0) text += std::string(" (") + data + ")";
+    if (data != nullptr && *data != '\0' && (flags & ERR_TXT_STRING) != 0)
+      text += " (" + TakeLibraryLines(data) + ")";
   }
   return text.empty() ? "no further detail" : text;
+}
+
+// A wrong password or PIN, said as such when the library's lines show one
+// after the prompt was answered; empty otherwise.
+std::string WrongSecret() {
+  const std::string& answered = PinPrompt::LastAnswered();
+  if (answered.empty()) return "";
+  if (Evidence::StepHas("Failed to parse private key file [") ||
+      Evidence::StepHas("Failed to parse private key file [%s]"))
+    return "wrong password for the key file " + answered;
+  if (Evidence::StepHas("Incorrect pin entered for: ")) return "wrong PIN for the token \"" + answered + "\"";
+  return "";
 }
 
 std::string Join(const std::vector<std::string>& parts) {
@@ -63,13 +107,20 @@ std::string Join(const std::vector<std::string>& parts) {
   return joined;
 }
 
-// The store's passphrase callback: the provider hands the library's prompt
-// over as the prompt info; the tool's prompt sources answer it.
+// The store's passphrase callback. The provider hands over what the
+// library's prompt names ("token: LABEL" or a key file's path) as the prompt
+// info, which OpenSSL wraps as "Enter pass phrase for INFO:"; the library's
+// own prompt is made again from it and answered by the tool's prompt
+// sources, as for the other commands.
 int ReadFromPrompt(UI* ui, UI_STRING* uis) {
   if (UI_get_string_type(uis) != UIT_PROMPT && UI_get_string_type(uis) != UIT_VERIFY) return 1;
-  const std::string prompt = UI_get0_output_string(uis);
-  const char* title =
-      prompt.find("Enter password for") != std::string::npos ? "Enter password" : "Enter pin";
+  std::string info = UI_get0_output_string(uis);
+  static const std::string k_wrapper = "Enter pass phrase for ";
+  if (info.compare(0, k_wrapper.size(), k_wrapper) == 0) info.erase(0, k_wrapper.size());
+  if (!info.empty() && info.back() == ':') info.pop_back();
+  const bool pin = info.rfind("token: ", 0) == 0;
+  const char* title = pin ? "Enter pin" : "Enter password";
+  const std::string prompt = pin ? "Enter pin for " + info : "Enter password for: " + info;
   X509_Auth_PinEntryResult* answer = PinPrompt::OnPinEntry(title, prompt.c_str());
   int ok = 0;
   if (answer != nullptr && answer->status == 0 && answer->value != nullptr)
@@ -133,10 +184,74 @@ void ConfigureProvider(const GlobalOptions& global) {
   setenv("X509AUTH_DIRS", Join(global.dirs).c_str(), 1);
   setenv("X509AUTH_HOME_DIRS", Join(global.home_dirs).c_str(), 1);
   setenv("X509AUTH_CA_FILES", Join(global.cas).c_str(), 1);
-  static const char* const levels[] = {"error", "warning", "info", "debug"};
-  setenv("X509AUTH_LOG", global.quiet ? "none" : levels[global.verbose > 3 ? 3 : global.verbose], 1);
-  // The module directory the tool made is the working directory already.
-  unsetenv("X509AUTH_MODULE");
+  // The provider is quiet and hands the library's lines on as its errors'
+  // data; with -v everything it writes is collected (see ProviderLog).
+  setenv("X509AUTH_LOG", global.verbose > 0 ? "debug" : "none", 1);
+  // The tool's module choice ("none": no module), so that the provider
+  // never looks further.
+  setenv("X509AUTH_MODULE", global.module_path.empty() ? "none" : global.module_path.c_str(), 1);
+}
+
+// The provider writes the library's lines to stderr as "x509auth: TEXT"
+// (it is made for other people's programs). While it works, stderr goes to
+// a memory file; the lines become evidence, like the library's lines of the
+// other commands, when the tool has stderr back.
+class ProviderLog {
+ public:
+  ProviderLog() {
+    std::fflush(stderr);
+    g_file = memfd_create("x509-auth-provider-log", MFD_CLOEXEC);
+    g_saved = g_file >= 0 ? dup(STDERR_FILENO) : -1;
+    if (g_saved >= 0) {
+      dup2(g_file, STDERR_FILENO);
+      BeforeNextReport(Finish);
+    }
+  }
+  ~ProviderLog() {
+    BeforeNextReport(nullptr);
+    Finish();
+  }
+  ProviderLog(const ProviderLog&) = delete;
+  ProviderLog& operator=(const ProviderLog&) = delete;
+
+  // Gives stderr back and turns what was written into evidence; once.
+  static void Finish() {
+    if (g_saved < 0) return;
+    std::fflush(stderr);
+    dup2(g_saved, STDERR_FILENO);
+    close(g_saved);
+    g_saved = -1;
+    std::string text;
+    char buffer[4096];
+    ssize_t n;
+    for (off_t at = 0; (n = pread(g_file, buffer, sizeof buffer, at)) > 0; at += n)
+      text.append(buffer, static_cast<std::size_t>(n));
+    close(g_file);
+    g_file = -1;
+    std::size_t start = 0;
+    while (start < text.size()) {
+      std::size_t end = text.find('\n', start);
+      if (end == std::string::npos) end = text.size();
+      std::string line = text.substr(start, end - start);
+      if (line.rfind("x509auth: ", 0) == 0) line.erase(0, 10);
+      if (!line.empty()) Evidence::AddForeign("provider", line);
+      start = end + 1;
+    }
+  }
+
+ private:
+  static inline int g_file = -1;
+  static inline int g_saved = -1;
+};
+
+// Whether |key| takes RSA-PSS padding for signing: asked of its signature
+// implementation without signing anything.
+bool CanSignPss(OSSL_LIB_CTX* libctx, EVP_PKEY* key) {
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(libctx, key, nullptr));
+  const bool can = ctx != nullptr && EVP_PKEY_sign_init(ctx.get()) > 0 &&
+                   EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PSS_PADDING) > 0;
+  ERR_clear_error();
+  return can;
 }
 
 struct Client {
@@ -149,14 +264,19 @@ struct Client {
 int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   const std::size_t colon = options.target.rfind(':');
   if (colon == std::string::npos || colon == 0 || colon + 1 == options.target.size())
-    return Fail("tls: give the server as HOST:PORT, not '" + options.target + "'"), k_exit_usage;
+    return FailPlain("tls: give the server as HOST:PORT, not '" + options.target + "'"), k_exit_usage;
   std::string host = options.target.substr(0, colon);
   if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
   const std::string port = options.target.substr(colon + 1);
-  PinPrompt::Configure(PromptSources{global.pin_env, global.password_env, global.pin_fd, global.password_fd});
-  const std::optional<std::string> thumbprint = ThumbprintArgument::Normalise(options.thumbprint);
-  if (!thumbprint || thumbprint->size() != 2 * X509_AUTH_THUMBPRINT_LENGTH)
-    return Fail("tls: --cert needs the full 40-digit thumbprint"), k_exit_usage;
+
+  // The certificate is looked up as for every command (a prefix, or why it
+  // is not offered) before the provider or the token key is involved.
+  auto session = std::make_unique<LibrarySession>(global);
+  if (!session->Start()) return k_exit_failed;
+  const X509_Auth_Certificate* record = session->Find(options.thumbprint);
+  if (record == nullptr) return k_exit_failed;
+  const std::string thumbprint = ThumbprintHex(*record);
+  const bool smart_card = record->smart_card != 0;
 
   // A library context of the tool's own with OpenSSL's default provider,
   // loaded first so that generic look-ups get OpenSSL's implementations.
@@ -166,22 +286,19 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   ProviderPtr provider;
   StorePtr store;
   UiMethodPtr ui;
-  std::unique_ptr<LibrarySession> session;
   Client client;
+  std::unique_ptr<ProviderLog> provider_log;
   if (options.token_key == "export") {
     // The tool is a host of its own here, as for its other commands; the
     // exported key works inside the library's PKCS#11 context, which the
     // session keeps until the end.
-    session = std::make_unique<LibrarySession>(global);
-    if (!session->Start()) return k_exit_failed;
-    const X509_Auth_Certificate* record = session->Find(options.thumbprint);
-    if (record == nullptr) return k_exit_failed;
-    if (record->smart_card == 0)
-      return Fail("tls: --token-key export is for token certificates; " +
-                  std::string(record->name) + " comes from a file (use --token-key library)"),
+    if (!smart_card)
+      return FailPlain("tls: --token-key export is for token certificates; " +
+                       std::string(record->name) + " comes from a file (use --token-key library)"),
              k_exit_usage;
     client.cert = RecordCertificate(*record);
     void* exported = nullptr;
+    Evidence::BeginStep();
     const X509_Auth_ResultCode code = X509_Auth_GetPrivateKeyForCertificate(record, &exported);
     client.key.reset(static_cast<EVP_PKEY*>(exported));
     if (code != X509_Auth_ResultCode_Success || client.key == nullptr)
@@ -189,19 +306,27 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
           "tls: the token key of " + std::string(record->name) +
           " could not be exported: result code " + std::to_string(code)));
   } else {
-    // The provider built in, the same code as the module. Its store stays
-    // open until the end: its passphrase callback answers the library for
-    // every signature (a password-protected key file is read each time).
+    // The provider built in, the same code as the module, starts a library
+    // session of its own: the tool's ends first. Its store stays open until
+    // the end: its passphrase callback answers the library for every
+    // signature (a password-protected key file is read each time; the
+    // prompt remembers the answer).
+    session.reset();
     ConfigureProvider(global);
+    provider_log = std::make_unique<ProviderLog>();
+    Evidence::BeginStep();
     if (OSSL_PROVIDER_add_builtin(libctx.get(), "x509auth", x509auth_provider::X509AuthProviderInit) != 1 ||
         (provider = ProviderPtr(OSSL_PROVIDER_load(libctx.get(), "x509auth"))) == nullptr)
       return Fail("tls: cannot load the x509auth provider: " + OpenSslReason());
     ui.reset(UI_create_method("x509-auth"));
     UI_method_set_reader(ui.get(), ReadFromPrompt);
-    const std::string uri = "x509auth:thumbprint=" + *thumbprint;
+    const std::string uri = "x509auth:thumbprint=" + thumbprint;
     store.reset(OSSL_STORE_open_ex(uri.c_str(), libctx.get(), nullptr, ui.get(), nullptr, nullptr,
                                    nullptr, nullptr));
-    if (store == nullptr) return Fail("tls: cannot open " + uri + ": " + OpenSslReason());
+    if (store == nullptr) {
+      provider_log.reset();
+      return Fail("tls: cannot open " + uri + ": " + OpenSslReason());
+    }
     while (!OSSL_STORE_eof(store.get())) {
       OSSL_STORE_INFO* info = OSSL_STORE_load(store.get());
       if (info == nullptr) break;
@@ -211,15 +336,23 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
         client.key.reset(OSSL_STORE_INFO_get1_PKEY(info));
       OSSL_STORE_INFO_free(info);
     }
-    if (client.cert == nullptr || client.key == nullptr)
-      return Fail("tls: cannot load the certificate and key of " + options.thumbprint + ": " +
-                  OpenSslReason());
+    if (client.cert == nullptr || client.key == nullptr) {
+      provider_log.reset();
+      const std::string reason = OpenSslReason();
+      const std::string wrong = WrongSecret();
+      return Fail(LibrarySession::WithPromptNote("tls: cannot load the certificate and key of " +
+                                                 thumbprint + ": " + (wrong.empty() ? reason : wrong)));
+    }
   }
+
+  // TLS 1.3 signs RSA with PSS only, and TLS 1.2 prefers it. A key that
+  // cannot (a provider or exported key without PSS) keeps to PKCS#1 v1.5,
+  // which only TLS 1.2 has.
   const bool rsa = EVP_PKEY_is_a(X509_get0_pubkey(client.cert.get()), "RSA");
-  if (rsa && options.tls1_3)
-    return Fail("tls: " + CommonName(client.cert.get()) +
-                " has an RSA key, which TLS 1.3 would need to sign with RSA-PSS; the library "
-                "signs RSA with PKCS#1 v1.5 only, so RSA keys are for TLS 1.2 (use --tls1_2)"),
+  const bool pss = !rsa || CanSignPss(libctx.get(), client.key.get());
+  if (!pss && options.tls1_3)
+    return FailPlain("tls: the key of " + CommonName(client.cert.get()) +
+                     " cannot sign RSA-PSS, which TLS 1.3 needs for RSA keys (use --tls1_2)"),
            k_exit_usage;
 
   SslCtxPtr ctx(SSL_CTX_new_ex(libctx.get(), nullptr, TLS_client_method()));
@@ -228,12 +361,15 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   if (version != 0) {
     SSL_CTX_set_min_proto_version(ctx.get(), version);
     SSL_CTX_set_max_proto_version(ctx.get(), version);
-  } else if (rsa) {
-    SSL_CTX_set_max_proto_version(ctx.get(), TLS1_2_VERSION);
   }
-  // The library signs RSA with PKCS#1 v1.5 only: never offer RSA-PSS for
-  // the client's own signature.
-  if (rsa) SSL_CTX_set1_client_sigalgs_list(ctx.get(), "RSA+SHA256:RSA+SHA384:RSA+SHA512:RSA+SHA1");
+  if (!pss) {
+    SSL_CTX_set_max_proto_version(ctx.get(), TLS1_2_VERSION);
+    SSL_CTX_set1_client_sigalgs_list(ctx.get(), "RSA+SHA256:RSA+SHA384:RSA+SHA512:RSA+SHA1");
+  }
+  // Called by libssl only when the server sends a CertificateRequest.
+  bool requested = false;
+  SSL_CTX_set_cert_cb(
+      ctx.get(), [](SSL*, void* flag) { return *static_cast<bool*>(flag) = true, 1; }, &requested);
   if (!options.ca_file.empty() ? SSL_CTX_load_verify_locations(ctx.get(), options.ca_file.c_str(), nullptr) != 1
                                : SSL_CTX_set_default_verify_paths(ctx.get()) != 1)
     return Fail("tls: cannot read the CAs: " + OpenSslReason());
@@ -249,6 +385,7 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   SSL_set_tlsext_host_name(ssl.get(), servername.c_str());
   if (!options.servername.empty()) SSL_set1_host(ssl.get(), options.servername.c_str());
 
+  Evidence::BeginStep();
   const bool connected = SSL_connect(ssl.get()) == 1;
   std::string failure = connected ? "" : OpenSslReason();
   bool accepted = connected;
@@ -296,12 +433,24 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   std::printf("server verified:  %s\n",
               server == nullptr ? "no" : verify == X509_V_OK ? "yes" : X509_verify_cert_error_string(verify));
   std::printf("client key:       %s\n", options.token_key == "export" ? "exported from the token" : "x509auth provider");
-  std::printf("handshake:        %s\n", accepted ? "accepted" : ("rejected: " + failure).c_str());
+  provider_log.reset();
+  const bool asked = accepted && requested;
+  std::printf("handshake:        %s\n", !accepted ? ("rejected: " + failure).c_str()
+                                       : asked   ? "accepted"
+                                                 : "completed, but the server asked for no client certificate");
   if (!reply.empty()) std::printf("reply:            %s", reply.back() == '\n' ? reply.c_str() : (reply + "\n").c_str());
   std::fflush(stdout);
   if (connected) SSL_shutdown(ssl.get());
   close(fd);
-  if (!accepted) return Fail("tls: the handshake with " + options.target + " failed");
+  if (!accepted) {
+    const std::string wrong = WrongSecret();
+    return Fail(LibrarySession::WithPromptNote("tls: the handshake with " + options.target + " failed" +
+                                               (wrong.empty() ? "" : ": " + wrong)));
+  }
+  if (!asked && !options.allow_no_client_auth)
+    return FailPlain("tls: " + options.target +
+                     " did not ask for a client certificate, so the certificate was not tried "
+                     "(--allow-no-client-auth accepts that)");
   if (server == nullptr || verify != X509_V_OK)
     return Fail("tls: the server's certificate did not verify");
   return k_exit_ok;

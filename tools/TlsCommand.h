@@ -14,6 +14,7 @@ struct TlsOptions {
   std::string send;        // --send: one line written after the handshake
   std::string token_key = "library";  // or "export"
   int timeout_seconds = 15;
+  bool allow_no_client_auth = false;  // a server that asks for no certificate is a success
 };
 
 // `tls`: a TLS handshake authenticated with a certificate. The key works

@@ -9,6 +9,25 @@
 
 namespace quorvant::shared::x509 {
 
+namespace {
+
+// Verification errors that a CA of the system's CA file could turn into a
+// built chain; other failures (dates, signatures, purposes) it cannot.
+bool MoreCasCouldHelp(int error) {
+  switch (error) {
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
 ChainBuilder::ChainBuilder() = default;
 
 ChainBuilder::~ChainBuilder() = default;
@@ -31,6 +50,7 @@ bool ChainBuilder::Prepare(X509_STORE* own, X509_STORE* extra) {
     if (extra != nullptr) batch.AddCertificatesOf(extra);
   }
   DefaultCaPaths::SetOn(trusted_.get());
+  ca_file_added_ = false;
   own_ = own;
   extra_ = extra;
   return true;
@@ -52,7 +72,22 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
     LogAllOpenSslErrors();
     return false;
   }
-  if (X509_verify_cert(context.get()) != 1) {
+  int verified = X509_verify_cert(context.get());
+  if (verified != 1 && !ca_file_added_ && MoreCasCouldHelp(X509_STORE_CTX_get_error(context.get()))) {
+    // Built as if the system's CA file had been in the store from the start:
+    // it joins now, once for this trusted store, and the chain is built again.
+    DefaultCaPaths::AddCaFile(trusted_.get());
+    ca_file_added_ = true;
+    X509_STORE_CTX_cleanup(context.get());
+    if (X509_STORE_CTX_init(context.get(), trusted_.get(), cert, nullptr) != 1) {
+      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                                "Cert::CaChain failed to create new X509 store context");
+      LogAllOpenSslErrors();
+      return false;
+    }
+    verified = X509_verify_cert(context.get());
+  }
+  if (verified != 1) {
     const int error = X509_STORE_CTX_get_error(context.get());
     const int depth = X509_STORE_CTX_get_error_depth(context.get());
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,

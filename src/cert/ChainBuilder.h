@@ -35,6 +35,8 @@ class ChainBuilder {
   X509StorePtr trusted_;
   X509_STORE* own_ = nullptr;
   X509_STORE* extra_ = nullptr;
+  // Whether the system's CA file has joined |trusted_| (see CaChain).
+  bool ca_file_added_ = false;
 };
 
 }  // namespace quorvant::shared::x509

@@ -92,9 +92,9 @@ void Reload(CaFileCache& cache, const FileIdentity& identity) {
   }
 }
 
-// Adds the CA file's certificates and CRLs to |store|, parsing the file
-// first if it changed since the cache was filled.
-void AddCaFileTo(X509_STORE* store) {
+}  // namespace
+
+void DefaultCaPaths::AddCaFile(X509_STORE* store) {
   CaFileCache& cache = Cache();
   std::lock_guard<std::mutex> lock(cache.mutex);
   const FileIdentity identity = CurrentCaFile();
@@ -104,57 +104,13 @@ void AddCaFileTo(X509_STORE* store) {
     for (const X509Ptr& cert : cache.certs) batch.Add(cert.get());
   }
   for (const X509CrlPtr& crl : cache.crls) X509_STORE_add_crl(store, crl.get());
-}
-
-// The lookup that stands where X509_STORE_set_default_paths puts the file
-// lookup. OpenSSL asks a store's lookups only for what its own objects do
-// not hold, so the CA file is read (once per process, from the cache after
-// that) only when a chain needs an issuer that the added CAs and the
-// certificate files cannot give; then all of it joins this store, as the
-// file lookup would have added it up front. Most chains of client
-// certificates end in CAs the host added, and never pay for the file.
-int GetBySubject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name,
-                 X509_OBJECT* found) {
-  // Once added, the store's own objects answer; a second load adds nothing.
-  if (X509_LOOKUP_get_method_data(lookup) != nullptr) return 0;
-  X509_STORE* store = X509_LOOKUP_get_store(lookup);
-  if (store == nullptr) return 0;
-  X509_LOOKUP_set_method_data(lookup, store);
-  AddCaFileTo(store);
-  // The file lookup's loads clear what they queued; so does this one.
+  // OpenSSL's file lookup clears what its load queued; so do we.
   ERR_clear_error();
-  if (!X509_STORE_lock(store)) return 0;
-  X509_OBJECT* object =
-      X509_OBJECT_retrieve_by_subject(X509_STORE_get0_objects(store), type, name);
-  int result = 0;
-  if (object != nullptr) {
-    if (X509* cert = X509_OBJECT_get0_X509(object))
-      result = X509_OBJECT_set1_X509(found, cert);
-    else if (X509_CRL* crl = X509_OBJECT_get0_X509_CRL(object))
-      result = X509_OBJECT_set1_X509_CRL(found, crl);
-  }
-  X509_STORE_unlock(store);
-  return result;
 }
-
-// One method for the whole process, made on first use. It is never freed:
-// a store made from it may be destroyed during exit, after any static.
-X509_LOOKUP_METHOD* DeferredCaFileMethod() {
-  static X509_LOOKUP_METHOD* const method = [] {
-    X509_LOOKUP_METHOD* made = X509_LOOKUP_meth_new("x509auth deferred default CA file");
-    if (made != nullptr) X509_LOOKUP_meth_set_get_by_subject(made, GetBySubject);
-    return made;
-  }();
-  return method;
-}
-
-}  // namespace
 
 int DefaultCaPaths::SetOn(X509_STORE* store) {
-  // The same lookups, in the same order, as X509_STORE_set_default_paths;
-  // only the file's contents come from the cache, and only when asked for.
-  X509_LOOKUP_METHOD* deferred = DeferredCaFileMethod();
-  if (deferred == nullptr || X509_STORE_add_lookup(store, deferred) == nullptr) return 0;
+  // The lookups of X509_STORE_set_default_paths after its file lookup, in
+  // the same order; the file's contents come with AddCaFile.
   X509_LOOKUP* directory = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
   if (directory == nullptr) return 0;
   X509_LOOKUP_add_dir(directory, nullptr, X509_FILETYPE_DEFAULT);

@@ -7,18 +7,21 @@
 
 namespace quorvant::shared::x509 {
 
-// Gives a store the system's default CA locations, as
-// X509_STORE_set_default_paths does: the default CA file's certificates and
-// CRLs, the hashed CA directory and the default store URI. The CA file (some
-// 150 certificates) is parsed once per process and again only when it
-// changes, instead of on every store, and not at all until a chain needs an
-// issuer the store's own certificates cannot give: parsing it dominated every
-// request, and most client chains end in CAs the host added.
+// The system's default CA locations, as X509_STORE_set_default_paths gives
+// them: the default CA file's certificates and CRLs, the hashed CA directory
+// and the default store URI. The CA file (some 150 certificates) is parsed
+// once per process and again only when it changes, and only for a chain that
+// cannot be built without it: parsing it dominated every request of a fresh
+// process, and most client chains end in CAs the host added.
 class DefaultCaPaths {
  public:
-  // Returns 1 on success and 0 when a lookup cannot be added, like
-  // X509_STORE_set_default_paths; a missing CA file is no failure.
+  // Adds the hashed CA directory and the default store URI, which OpenSSL
+  // asks only for what a store's own objects lack. Returns 1 on success and
+  // 0 when a lookup cannot be added, like X509_STORE_set_default_paths.
   static int SetOn(X509_STORE* store);
+  // Adds the CA file's certificates and CRLs (from the cache, parsing the
+  // file if it changed). A missing CA file adds nothing and is no failure.
+  static void AddCaFile(X509_STORE* store);
 };
 
 }  // namespace quorvant::shared::x509

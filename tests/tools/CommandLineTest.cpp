@@ -84,7 +84,7 @@ TEST_F(CommandLineTest, UnknownPrefixFailsAndListsTheOfferedCertificates) {
   const std::string other = thumb[0] == '0' ? "111111" : "000000";
   const ToolResult result = RunTool({"--dir", Base("b").string(), "chain", other});
   EXPECT_EQ(result.status, 1);
-  const std::vector<std::string> lines = ToolLines(result.err);
+  const std::vector<std::string> lines = Lines(result.err);
   ASSERT_EQ(lines.size(), 2u) << result.err;
   EXPECT_EQ(lines[0], "x509-auth: no offered certificate has the thumbprint " + other +
                           "; the offered ones are:");
@@ -133,7 +133,7 @@ TEST_F(CommandLineTest, AmbiguousPrefixFailsAndListsBothCandidates) {
 
   const ToolResult result = RunTool({"--dir", Base("b").string(), "sign", prefix});
   EXPECT_EQ(result.status, 1);
-  const std::vector<std::string> lines = ToolLines(result.err);
+  const std::vector<std::string> lines = Lines(result.err);
   ASSERT_EQ(lines.size(), 3u) << result.err;
   EXPECT_EQ(lines[0], "x509-auth: the thumbprint prefix " + prefix +
                           " is ambiguous: it matches 2 certificates");
@@ -151,15 +151,16 @@ TEST_F(CommandLineTest, AmbiguousPrefixFailsAndListsBothCandidates) {
   EXPECT_EQ(picked.out.rfind("0  " + HexOf(Sha1Thumbprint(first.get())), 0), 0u);
 }
 
-TEST_F(CommandLineTest, VerbosityShowsErrorsByDefaultMoreWithVAndNoneWithQ) {
+TEST_F(CommandLineTest, LibraryLinesAreEvidenceUnderTheFailureAllWithVNoneWithQ) {
   // A certificate file whose key file is missing: signing fails with the
-  // library's error line at priority 3 and warnings at priority 2 before.
+  // library's error lines, after its trace lines at priority 2.
   TestKey ec = SharedKey(KeyKind::kEc, 0);
   TestX509 cert = ClientCert("Loud", ec.get());
   InstallFileCert(Base("b"), "loud.pem", cert.get());
   const std::string thumb = HexOf(Sha1Thumbprint(cert.get()));
-  auto run = [&](std::vector<std::string> extra) {
-    extra.insert(extra.end(), {"--dir", Base("b").string(), "sign", thumb});
+  auto run = [&](std::vector<std::string> extra, const std::string& command = "sign") {
+    extra.insert(extra.end(), {"--dir", Base("b").string(), command});
+    if (command == "sign") extra.push_back(thumb);
     return RunTool(extra);
   };
   auto count = [](const std::string& text, const std::string& what) {
@@ -167,21 +168,32 @@ TEST_F(CommandLineTest, VerbosityShowsErrorsByDefaultMoreWithVAndNoneWithQ) {
     for (const std::string& line : Lines(text)) n += line.rfind(what, 0) == 0 ? 1 : 0;
     return n;
   };
+  // By default: the failure line first, then only the library's error lines
+  // of the failed step, indented.
   const ToolResult normal = run({});
-  EXPECT_GT(count(normal.err, "[error] "), 0u) << normal.err;
-  EXPECT_EQ(count(normal.err, "[warning] "), 0u) << normal.err;
+  EXPECT_EQ(normal.status, 1);
+  const std::vector<std::string> lines = Lines(normal.err);
+  ASSERT_GE(lines.size(), 2u) << normal.err;
+  EXPECT_EQ(lines[0].rfind("x509-auth: signing with Loud failed", 0), 0u) << normal.err;
+  EXPECT_GT(count(normal.err, "  [error] Private key file ["), 0u) << normal.err;
+  EXPECT_EQ(count(normal.err, "  [warning] "), 0u) << normal.err;
+  for (const std::string& line : lines)
+    EXPECT_TRUE(line.rfind("x509-auth: ", 0) == 0 || line.rfind("  ", 0) == 0) << line;
+  // -v: every line as it comes, at its priority's name, with the one prefix.
   const ToolResult v = run({"-v"});
-  EXPECT_GT(count(v.err, "[warning] "), 0u) << v.err;
-  EXPECT_EQ(count(v.err, "[info] "), 0u) << v.err;
-  const ToolResult vv = run({"-vv"});
-  EXPECT_GT(count(vv.err, "[info] "), 0u) << vv.err;
-  EXPECT_EQ(count(vv.err, "[debug] "), 0u) << vv.err;
-  const ToolResult vvv = run({"--verbose", "-v", "-v"});
-  EXPECT_GT(count(vvv.err, "[debug] "), 0u) << vvv.err;
+  EXPECT_GT(count(v.err, "x509-auth: [warning] CertStore::Open"), 0u) << v.err;
+  EXPECT_GT(count(v.err, "x509-auth: [info] "), 0u) << v.err;
+  EXPECT_GT(count(v.err, "x509-auth: [error] "), 0u) << v.err;
+  // -q: the failure line alone.
   const ToolResult quiet = run({"-q"});
   EXPECT_EQ(quiet.status, 1);
   EXPECT_EQ(Lines(quiet.err).size(), 1u) << quiet.err;
   EXPECT_EQ(quiet.err.rfind("x509-auth: signing with Loud failed", 0), 0u) << quiet.err;
+  // A success prints its result and nothing on stderr.
+  const ToolResult listed = run({}, "list");
+  EXPECT_EQ(listed.status, 0);
+  EXPECT_EQ(listed.err, "");
+  EXPECT_NE(listed.out.find("Loud"), std::string::npos) << listed.out;
 }
 
 }  // namespace

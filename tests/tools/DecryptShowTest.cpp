@@ -89,6 +89,7 @@ TEST_F(DecryptShowTest, ShowStartsTheViewerFoundOnPathWithTheCertificate) {
   chmod((bin / "gcr-viewer").c_str(), 0755);
   ToolRun run({"--dir", Base("b").string(), "show", HexOf(Sha1Thumbprint(ec_cert_.get()))});
   run.env["PATH"] = bin.string() + ":/usr/bin:/bin";
+  run.env["DISPLAY"] = ":99";
   const ToolResult result = RunTool(run);
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.err.find("opened Decrypter EC in gcr-viewer"), std::string::npos) << result.err;
@@ -102,11 +103,28 @@ TEST_F(DecryptShowTest, ShowStartsTheViewerFoundOnPathWithTheCertificate) {
 TEST_F(DecryptShowTest, ShowWithoutAViewerOnPathFailsBeforeTryingIt) {
   ToolRun run({"--dir", Base("b").string(), "show", HexOf(Sha1Thumbprint(ec_cert_.get()))});
   run.env["PATH"] = (temp_ / "empty-bin").string();
+  run.env["DISPLAY"] = ":99";
   const ToolResult result = RunTool(run);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
             "x509-auth: the certificate viewer gcr-viewer is not installed or not on PATH (Debian "
             "package gcr)\n");
+}
+
+TEST_F(DecryptShowTest, ShowWithoutADisplayFailsBeforeStartingTheViewer) {
+  unsetenv("DISPLAY");
+  unsetenv("WAYLAND_DISPLAY");
+  const std::filesystem::path bin = temp_ / "bin";
+  std::filesystem::create_directories(bin);
+  WriteFile(bin / "gcr-viewer", "#!/bin/sh\ntouch '" + (temp_ / "started").string() + "'\n");
+  chmod((bin / "gcr-viewer").c_str(), 0755);
+  ToolRun run({"--dir", Base("b").string(), "show", HexOf(Sha1Thumbprint(ec_cert_.get()))});
+  run.env["PATH"] = bin.string() + ":/usr/bin:/bin";
+  const ToolResult result = RunTool(run);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err.rfind("x509-auth: there is no display to show a window on", 0), 0u) << result.err;
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_FALSE(std::filesystem::exists(temp_ / "started"));
 }
 
 }  // namespace

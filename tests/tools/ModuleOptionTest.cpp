@@ -1,6 +1,6 @@
 // Smart cards through --module from a working directory that has nothing to
-// do with the module, the default module of the working directory, and PIN
-// entry without a terminal.
+// do with the module, the default module (never the working directory's),
+// and PIN entry without a terminal.
 #include <openssl/evp.h>
 
 #include "SoftHsmToken.h"
@@ -66,19 +66,62 @@ TEST_F(ModuleOptionTest, RelativeModulePathIsResolvedAgainstTheStartingDirectory
   EXPECT_EQ(nlohmann::json::parse(result.out).size(), 2u) << result.out;
 }
 
-TEST_F(ModuleOptionTest, DefaultModuleIsTheWorkingDirectorysOpenscLink) {
-  // The token store's working directory links SoftHSM2 as opensc-pkcs11.so.
-  ToolRun run{{"list", "--json"}};
-  run.cwd = hsm_->WorkingDirectory().string();
-  const ToolResult result = RunTool(run);
+TEST_F(ModuleOptionTest, WorkingDirectoryModuleIsNeverLoadedEvenWhenPlanted) {
+  // A module that leaves a marker file when it is loaded, planted where the
+  // library's old default looked: every command, from that directory, with
+  // the default module and with --module, must leave it alone.
+  const std::filesystem::path planted = elsewhere_ / "opensc-pkcs11.so";
+  std::filesystem::copy_file(MARKER_MODULE_PATH, planted);
+  const std::filesystem::path marker = temp_ / "marker";
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"list"}, {"doctor"}, {"--module", SoftHsmToken::ModulePath().string(), "list"},
+        {"sign", "abcdef", "--in", "/dev/null"}}) {
+    ToolRun run{args};
+    run.cwd = elsewhere_.string();
+    run.env["X509AUTH_TEST_MARKER"] = marker.string();
+    const ToolResult result = RunTool(run);
+    EXPECT_NE(result.status, 2) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(marker)) << "loaded by: " << args.front();
+  }
+  // The marker module does work when it is named: the test can see a load.
+  ToolRun named{{"--module", planted.string(), "list"}};
+  named.env["X509AUTH_TEST_MARKER"] = marker.string();
+  RunTool(named);
+  EXPECT_TRUE(std::filesystem::exists(marker));
+}
+
+TEST_F(ModuleOptionTest, DefaultModuleIsDebiansOpenscOrTheVariable) {
+  // X509AUTH_MODULE names the module when --module does not.
+  ToolRun by_variable{{"list", "--json"}};
+  by_variable.cwd = elsewhere_.string();
+  by_variable.env["X509AUTH_MODULE"] = SoftHsmToken::ModulePath().string();
+  const ToolResult result = RunTool(by_variable);
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(nlohmann::json::parse(result.out).size(), 2u) << result.out;
-  // From a directory without the link, the system's OpenSC module sees no card.
-  ToolRun plain{{"list", "--json"}};
+  // Without either, Debian's OpenSC module, which sees no card here.
+  ToolRun plain{{"-v", "list", "--json"}};
   plain.cwd = elsewhere_.string();
   const ToolResult none = RunTool(plain);
   ASSERT_EQ(none.status, 0) << none.err;
   EXPECT_EQ(nlohmann::json::parse(none.out).size(), 0u) << none.out;
+}
+
+TEST_F(ModuleOptionTest, ModuleThatIsNoModuleIsNamedAsTheUserGaveIt) {
+  WriteFile(elsewhere_ / "hostname", std::string("not a module\n"));
+  ToolRun run{{"--module", "hostname", "list"}};
+  run.cwd = elsewhere_.string();
+  const ToolResult result = RunTool(run);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(ToolLines(result.err).at(0).rfind("x509-auth: --module " + (elsewhere_ / "hostname").string() +
+                                                  " is not a PKCS#11 module: ",
+                                              0),
+            0u)
+      << result.err;
+  // A shared object without C_GetFunctionList is said so.
+  ToolRun no_entry{{"--module", NO_FUNCTION_LIST_MODULE_PATH, "list"}};
+  const ToolResult missing = RunTool(no_entry);
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("it has no C_GetFunctionList"), std::string::npos) << missing.err;
 }
 
 TEST_F(ModuleOptionTest, SignsOnTheTokenWithThePinFromEnvOrDescriptor) {
@@ -109,18 +152,20 @@ TEST_F(ModuleOptionTest, WrongOrMissingPinFailsWithOneLineNamingThePrompt) {
   wrong.env["CARD_PIN"] = "0000";
   const ToolResult wrong_result = RunTool(wrong);
   EXPECT_EQ(wrong_result.status, 1);
-  EXPECT_NE(Lines(wrong_result.err).back().find("x509-auth: signing with Token EC failed: result code"),
-            std::string::npos)
+  // A wrong PIN is said so, with what the token reports of the tries left.
+  // SoftHSM2 sets CKF_USER_PIN_COUNT_LOW after a failed login.
+  EXPECT_EQ(ToolLines(wrong_result.err).back(),
+            "x509-auth: signing with Token EC failed: wrong PIN for the token \"Card A\" (few tries left)")
       << wrong_result.err;
-  // The library's own notice about the wrong PIN reaches the user too.
-  EXPECT_NE(wrong_result.err.find("Smartcard error: Incorrect pin entered for: Card A"),
+  // The library's own notice about the wrong PIN is under it.
+  EXPECT_NE(wrong_result.err.find("  [notice] Smartcard error: Incorrect pin entered for: Card A"),
             std::string::npos)
       << wrong_result.err;
 
   const ToolResult missing = RunTool(InElsewhere({"sign", thumb}));
   EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(Lines(missing.err).back().find(
-                "the prompt \"Enter pin: Enter pin for token: Card A\" went unanswered: no terminal"),
+  EXPECT_NE(ToolLines(missing.err).back().find(
+                "the prompt for the PIN of the token \"Card A\" went unanswered: there is no terminal"),
             std::string::npos)
       << missing.err;
 }

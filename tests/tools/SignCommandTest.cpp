@@ -113,8 +113,13 @@ TEST_F(SignCommandTest, EncryptedKeyTakesItsPasswordFromEnvOrDescriptor) {
   fd_run.fd3 = "wrong\n";
   const ToolResult wrong = RunTool(fd_run);
   EXPECT_EQ(wrong.status, 1);
-  EXPECT_NE(wrong.err.find("x509-auth: signing with Locked failed: result code 4 (the private key "
-                           "could not be opened"),
+  // The library's code 4 and its parse failure after an answered prompt: a
+  // wrong password, said so, with the library's line under it.
+  const std::string key_path = (Base("locked") / "keys" / "locked.pem.key").string();
+  EXPECT_EQ(ToolLines(wrong.err).at(0),
+            "x509-auth: signing with Locked failed: wrong password for the key file " + key_path)
+      << wrong.err;
+  EXPECT_NE(wrong.err.find("  [error] Failed to parse private key file [" + key_path + "]"),
             std::string::npos)
       << wrong.err;
 }
@@ -128,8 +133,9 @@ TEST_F(SignCommandTest, NoTerminalAndNoSourceSaysWhichPromptWentUnanswered) {
   const ToolResult result = RunTool({"--dir", Base("locked").string(), "sign", Thumb(cert.get())});
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("result code 4"), std::string::npos) << result.err;
-  EXPECT_NE(result.err.find("the prompt \"Enter password: Enter password for: " + key_path +
-                            "\" went unanswered: no terminal to ask on"),
+  EXPECT_NE(result.err.find("the prompt for the password of the key file " + key_path +
+                            " went unanswered: there is no terminal to ask on; give "
+                            "--password-env VAR or --password-fd N"),
             std::string::npos)
       << result.err;
   // An unset variable is named.
@@ -162,7 +168,7 @@ TEST_F(SignCommandTest, KeyFileMissingIsResultCodeFourWithItsMeaning) {
   const ToolResult result = RunTool({"--dir", Base("keyless").string(), "sign", Thumb(cert.get())});
   // Offered (nothing checks the key file while listing), but the key cannot be opened.
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(Lines(result.err).back(),
+  EXPECT_EQ(ToolLines(result.err).back(),
             "x509-auth: signing with Keyless failed: result code 4 (the private key could not be "
             "opened (missing key file, wrong password or PIN, or no answer)), detail 1")
       << result.err;

@@ -95,11 +95,13 @@ TEST_F(TlsCommandTest, RsaFileKeysPlainAndPasswordProtectedOverTls12) {
   for (const auto& [thumbprint, name] : {std::pair{plain, "RSA Plain"}, std::pair{locked, "RSA Locked"}}) {
     auto server = StartServer(temp_ / "cas.pem");
     ASSERT_NE(server, nullptr);
-    const ChildResult result =
-        Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "s3cret"}});
+    // A prefix, as every other command takes.
+    const ChildResult result = Tls(thumbprint.substr(0, 8), {"--password-env", "KEY_PASSWORD"},
+                                   {"--tls1_2"}, {{"KEY_PASSWORD", "s3cret"}});
     EXPECT_TRUE(Accepted(result)) << result.out << result.err;
     EXPECT_NE(result.out.find("version:          TLSv1.2"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("client signature: RSA PKCS#1 v1.5 with SHA256"), std::string::npos)
+    // libssl prefers RSA-PSS in TLS 1.2 too, now that the provider signs it.
+    EXPECT_NE(result.out.find("client signature: RSA-PSS with SHA256"), std::string::npos)
         << result.out;
     EXPECT_NE(result.out.find("server:           /CN=localhost"), std::string::npos);
     EXPECT_NE(result.out.find("server verified:  yes"), std::string::npos);
@@ -123,13 +125,68 @@ TEST_F(TlsCommandTest, EcFileKeyOverTls12AndTls13AndSendPrintsTheReply) {
   }
 }
 
-TEST_F(TlsCommandTest, RsaKeyWithTls13IsRefusedBeforeConnecting) {
+TEST_F(TlsCommandTest, RsaKeyIsNotHeldToTls12) {
   const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Client");
-  address_ = "127.0.0.1:" + std::to_string(FreeLoopbackPort());  // nobody listens there
-  const ChildResult result = Tls(thumbprint, {}, {"--tls1_3"});
-  EXPECT_EQ(result.status, 2);
-  EXPECT_NE(result.err.find("RSA keys are for TLS 1.2 (use --tls1_2)"), std::string::npos) << result.err;
-  EXPECT_EQ(result.err.find("cannot connect"), std::string::npos) << result.err;
+  auto server = StartServer(temp_ / "cas.pem");
+  ASSERT_NE(server, nullptr);
+  const ChildResult result = Tls(thumbprint, {}, {});
+  EXPECT_TRUE(Accepted(result)) << result.out << result.err;
+  EXPECT_NE(result.out.find("version:          TLSv1.3"), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("client signature: RSA-PSS"), std::string::npos) << result.out;
+  EXPECT_TRUE(ServerVerified(*server, "RSA Client")) << server->Output();
+}
+
+TEST_F(TlsCommandTest, ServerThatAsksForNoCertificateIsAFailureUnlessAllowed) {
+  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
+  for (const bool allow : {false, true}) {
+    // s_server without -Verify sends no CertificateRequest.
+    std::unique_ptr<BackgroundChild> server;
+    for (int attempt = 0; attempt < 3 && server == nullptr; ++attempt) {
+      address_ = "127.0.0.1:" + std::to_string(FreeLoopbackPort());
+      ChildRun run;
+      run.argv = {OpensslProgram(), "s_server", "-accept", address_, "-cert",
+                  server_.CertificateFile().string(), "-key", (temp_ / "server.key").string(),
+                  "-naccept", "1", "-rev"};
+      server = std::make_unique<BackgroundChild>(run, (temp_ / "plain-server.log").string());
+      if (!server->WaitForOutput("ACCEPT", std::chrono::seconds(10))) server.reset();
+    }
+    ASSERT_NE(server, nullptr);
+    const ChildResult result =
+        Tls(thumbprint, {}, allow ? std::vector<std::string>{"--allow-no-client-auth"} : std::vector<std::string>{});
+    EXPECT_EQ(result.status, allow ? 0 : 1) << result.out << result.err;
+    EXPECT_NE(result.out.find("handshake:        completed, but the server asked for no client certificate"),
+              std::string::npos)
+        << result.out;
+    if (!allow) {
+      EXPECT_NE(result.err.find("did not ask for a client certificate, so the certificate was not tried "
+                                "(--allow-no-client-auth accepts that)"),
+                std::string::npos)
+          << result.err;
+    }
+  }
+}
+
+TEST_F(TlsCommandTest, SuccessIsQuietAndAFailureShowsTheProvidersLinesUnderIt) {
+  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client", "s3cret");
+  auto server = StartServer(temp_ / "cas.pem");
+  ASSERT_NE(server, nullptr);
+  const ChildResult ok = Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "s3cret"}});
+  EXPECT_TRUE(Accepted(ok)) << ok.out << ok.err;
+  EXPECT_EQ(ok.err, "");
+  server->Finish(std::chrono::seconds(5));
+  auto second = StartServer(temp_ / "cas.pem");
+  ASSERT_NE(second, nullptr);
+  const ChildResult wrong = Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "nope"}});
+  EXPECT_EQ(wrong.status, 1);
+  const std::vector<std::string> lines = Lines(wrong.err);
+  ASSERT_GE(lines.size(), 2u) << wrong.err;
+  EXPECT_EQ(lines[0], "x509-auth: tls: cannot load the certificate and key of " + thumbprint +
+                          ": wrong password for the key file " +
+                          (temp_ / "base" / "keys" / "EC Client.pem.key").string())
+      << wrong.err;
+  EXPECT_NE(wrong.err.find("  [provider] Failed to parse private key file ["), std::string::npos) << wrong.err;
+  for (const std::string& line : lines)
+    EXPECT_TRUE(line.rfind("x509-auth: ", 0) == 0 || line.rfind("  [", 0) == 0) << line;
 }
 
 TEST_F(TlsCommandTest, ServerThatDoesNotTrustTheIssuerRejectsAndTheToolSaysSo) {
@@ -174,11 +231,13 @@ TEST_F(TlsTokenTest, TokenRsaAndEcCertificatesInBothKeyModes) {
     const char* name;
     const char* version;
   };
-  for (const Case& c : {Case{&rsa_, "Token RSA", "--tls1_2"}, Case{&ec_, "Token EC", "--tls1_3"}}) {
+  for (const Case& c : {Case{&rsa_, "Token RSA", "--tls1_2"}, Case{&rsa_, "Token RSA", "--tls1_3"},
+                        Case{&ec_, "Token EC", "--tls1_3"}}) {
     for (const char* mode : {"library", "export"}) {
       auto server = StartServer(temp_ / "cas.pem");
       ASSERT_NE(server, nullptr);
-      const ChildResult result = Tls(LowerHex(Sha1Thumbprint(c.chain->leaf.get())), {"--pin-env", "TOKEN_PIN"},
+      const ChildResult result = Tls(LowerHex(Sha1Thumbprint(c.chain->leaf.get())),
+                                     {"--module", SoftHsmToken::ModulePath().string(), "--pin-env", "TOKEN_PIN"},
                                      {c.version, "--token-key", mode}, {{"TOKEN_PIN", "1234"}});
       EXPECT_TRUE(Accepted(result)) << c.name << " " << mode << result.out << result.err;
       EXPECT_NE(result.out.find(std::string("client key:       ") +
@@ -194,7 +253,8 @@ TEST_F(TlsTokenTest, WrongPinFailsClearlyWithoutAHandshake) {
   for (const char* mode : {"library", "export"}) {
     auto server = StartServer(temp_ / "cas.pem");
     ASSERT_NE(server, nullptr);
-    const ChildResult result = Tls(LowerHex(Sha1Thumbprint(ec_.leaf.get())), {"--pin-env", "TOKEN_PIN"},
+    const ChildResult result = Tls(LowerHex(Sha1Thumbprint(ec_.leaf.get())),
+                                   {"--module", SoftHsmToken::ModulePath().string(), "--pin-env", "TOKEN_PIN"},
                                    {"--tls1_3", "--token-key", mode}, {{"TOKEN_PIN", "0000"}});
     EXPECT_EQ(result.status, 1) << mode << result.out;
     EXPECT_EQ(result.out.find("handshake:"), std::string::npos) << mode << result.out;

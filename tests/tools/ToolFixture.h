@@ -1,8 +1,8 @@
 #pragma once
 // Each test gets a temporary directory with a working directory (holding the
 // real OpenSC module link for in-process library calls, which sees no
-// reader), its own HOME and its own TMPDIR, which the tool's private module
-// directory must leave empty again.
+// reader), its own HOME and its own TMPDIR, which the tool must leave empty
+// of anything of its own.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -37,7 +37,7 @@ class ToolTest : public ::testing::Test {
 
   void TearDown() override {
     X509_Auth_DeInit();
-    // The tool removes its private module directory on every exit.
+    // The tool makes no private directories (it once linked its module so).
     for (const auto& entry : std::filesystem::directory_iterator(tmp_))
       EXPECT_NE(entry.path().filename().string().rfind("x509-auth-", 0), 0u)
           << "the tool left " << entry.path() << " behind";

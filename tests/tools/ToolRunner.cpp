@@ -39,7 +39,8 @@ std::vector<std::string> Lines(const std::string& text) {
 std::vector<std::string> ToolLines(const std::string& err) {
   std::vector<std::string> lines;
   for (std::string& line : Lines(err))
-    if (line.rfind("[", 0) != 0) lines.push_back(std::move(line));
+    if (line.rfind("x509-auth: ", 0) == 0 && line.rfind("x509-auth: [", 0) != 0)
+      lines.push_back(std::move(line));
   return lines;
 }
 

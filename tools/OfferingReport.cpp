@@ -1,0 +1,315 @@
+#include "OfferingReport.h"
+
+#include <libp11.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <regex>
+
+#include "Formatting.h"
+#include "KeyFileCheck.h"
+#include "LibrarySession.h"
+#include "OpenSslHandles.h"
+#include "Report.h"
+#include "api/SafeCallbacksWrapper.h"
+#include "api/X509Settings.h"
+#include "cert/ICertificate.h"
+#include "keystore/KeyStore.h"
+#include "smartcard/Libp11Context.h"
+#include "smartcard/Pkcs11ModuleChoice.h"
+#include "store/CertStore.h"
+
+namespace x509auth_tool {
+namespace {
+
+namespace fs = std::filesystem;
+namespace lib = quorvant::shared::x509;
+
+// Captures what Cert::CaChain logs while it runs: the library's own words
+// for why a chain could not be built.
+class ChainLog {
+ public:
+  ChainLog() {
+    LibrarySession::SetLogObserver(
+        [this](X509_Auth_LogPriority priority, const char* format, const std::string& text) {
+          if (capturing_ && priority >= X509_Auth_LogPriority_Warning &&
+              std::string(format).rfind("Cert::CaChain", 0) == 0)
+            lines_.push_back(text);
+        });
+  }
+  ~ChainLog() { LibrarySession::SetLogObserver(nullptr); }
+  ChainLog(const ChainLog&) = delete;
+  ChainLog& operator=(const ChainLog&) = delete;
+  void Start() {
+    lines_.clear();
+    capturing_ = true;
+  }
+  // "certificate has expired (OpenSSL verify error 10 at depth 0)", or the
+  // library's line as it is when it is not a verification failure.
+  std::string Stop() {
+    capturing_ = false;
+    static const std::regex verify(
+        R"(X509_verify_cert failed\. Error code: \[(-?\d+)\], Error message: \[(.*)\], Error depth: \[(-?\d+)\])");
+    for (const std::string& line : lines_) {
+      std::smatch match;
+      if (std::regex_search(line, match, verify))
+        return match[2].str() + " (OpenSSL verify error " + match[1].str() + " at depth " +
+               match[3].str() + ")";
+    }
+    return lines_.empty() ? "the chain could not be built" : lines_.front();
+  }
+
+ private:
+  bool capturing_ = false;
+  std::vector<std::string> lines_;
+};
+
+// Whether the token holding |slot| can sign RSA-PSS, as the library does it:
+// with CKM_RSA_PKCS_PSS, or with CKM_RSA_X_509 over a block it encodes.
+std::optional<bool> TokenCanPss(PKCS11_SLOT* slot) {
+  const std::shared_ptr<lib::Libp11Context> context = lib::Libp11Context::GetInstance();
+  CK_FUNCTION_LIST_PTR functions = context != nullptr ? context->ModuleFunctions() : nullptr;
+  if (functions == nullptr || slot == nullptr) return std::nullopt;
+  const CK_SLOT_ID id = PKCS11_get_slotid_from_slot(slot);
+  CK_ULONG count = 0;
+  if (functions->C_GetMechanismList(id, nullptr, &count) != CKR_OK) return std::nullopt;
+  std::vector<CK_MECHANISM_TYPE> mechanisms(count);
+  if (functions->C_GetMechanismList(id, mechanisms.data(), &count) != CKR_OK) return std::nullopt;
+  mechanisms.resize(count);
+  for (const CK_MECHANISM_TYPE mechanism : mechanisms)
+    if (mechanism == CKM_RSA_PKCS_PSS || mechanism == CKM_RSA_X_509) return true;
+  return false;
+}
+
+// The library's decision for one certificate, taken with its own code and in
+// the order X509_Auth_LoadClientCertificates takes it: IsPermitted, CaChain
+// against the key store's own store, Thumbprint.
+Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store, ChainLog& log) {
+  Finding finding;
+  finding.subject = cert.Name();
+  const bool permitted = lib::KeyStore::IsPermitted(cert);
+  if (!permitted)
+    finding.Add("key-usage",
+                "neither TLS client authentication (extended key usage) nor digital signature "
+                "(key usage) is allowed");
+  std::vector<lib::Thumbprint> chain;
+  log.Start();
+  const bool chained = cert.CaChain(chain, &key_store.OwnStore());
+  const std::string chain_error = log.Stop();
+  if (!chained) finding.Add("chain", chain_error);
+  lib::Thumbprint thumbprint{};
+  const bool has_thumbprint = cert.Thumbprint(thumbprint);
+  if (has_thumbprint) {
+    finding.thumbprint = Hex(thumbprint.data(), thumbprint.size());
+  } else {
+    finding.Add("chain", "the thumbprint could not be computed");
+  }
+  finding.offered = permitted && chained && has_thumbprint;
+
+  const std::vector<unsigned char> der = cert.Encode();
+  X509Ptr x509 = ParseDer(der.data(), der.size());
+  if (x509) {
+    if (X509_cmp_current_time(X509_get0_notAfter(x509.get())) < 0)
+      finding.Add("expired", "not valid after " + IsoTime(cert.NotAfter()));
+    if (X509_cmp_current_time(X509_get0_notBefore(x509.get())) > 0)
+      finding.Add("not-yet-valid", "not valid before " + IsoTime(cert.NotBefore()));
+  }
+
+  std::optional<bool> token_pss;
+  const lib::CertContext& context = cert.GetContext();
+  if (const auto* file = std::get_if<std::unique_ptr<lib::CertFileContext>>(&context)) {
+    finding.kind = "file";
+    finding.path = (*file)->cert_path.string();
+    finding.key_path = (*file)->key_path.string();
+    const KeyFileStatus key = CheckKeyFile(x509.get(), (*file)->cert_path, (*file)->key_path);
+    finding.key = key.status;
+    if (!key.detail.empty()) finding.details["key"] = key.detail;
+    // Offered all the same: the library offers a certificate whatever its
+    // key file's state, and signing fails later.
+    if (finding.offered && key.status == "missing")
+      finding.Add("key-missing", "no key file " + finding.key_path + "; signing will fail");
+    if (finding.offered && key.status == "does-not-match")
+      finding.Add("key-mismatch", finding.key_path + " is not this certificate's key; signing will fail");
+  } else if (const auto* token = std::get_if<std::unique_ptr<lib::Libp11CertContext>>(&context)) {
+    finding.kind = "smartcard";
+    PKCS11_SLOT* slot = (*token)->slot;
+    finding.token = slot != nullptr && slot->token != nullptr && slot->token->label != nullptr
+                        ? slot->token->label
+                        : "";
+    // The key object is private: only a login (at signing time) can see it.
+    finding.key = "token";
+    if (cert.PublicKeyAlgorithmGroup() == lib::Algorithm::k_rsa) token_pss = TokenCanPss(slot);
+  } else {
+    finding.kind = "other";
+  }
+
+  const bool key_usable = finding.key == "plain" || finding.key == "encrypted" || finding.key == "token";
+  if (finding.offered && key_usable) {
+    const lib::Algorithm group = cert.PublicKeyAlgorithmGroup();
+    if (group == lib::Algorithm::k_rsa && finding.kind == "smartcard" && token_pss != true) {
+      finding.tls = {"tls1.2"};
+      finding.tls_note = token_pss == false
+                             ? "no TLS 1.3: the token offers neither CKM_RSA_PKCS_PSS nor CKM_RSA_X_509, "
+                               "and TLS 1.3 needs RSA-PSS"
+                             : "TLS 1.3 unknown: the token's mechanisms could not be read";
+    } else if (group == lib::Algorithm::k_rsa || group == lib::Algorithm::k_ec) {
+      finding.tls = {"tls1.2", "tls1.3"};
+    } else {
+      finding.tls_note = "the key's algorithm is neither RSA nor EC";
+    }
+  } else if (!finding.offered) {
+    finding.tls_note = "not offered";
+  } else {
+    finding.tls_note = "no usable private key";
+  }
+  return finding;
+}
+
+// An entry the store did not take as a certificate: unreadable, or not one.
+Finding NotACertificate(const fs::directory_entry& entry) {
+  Finding finding;
+  finding.kind = "file";
+  finding.path = entry.path().string();
+  finding.tls_note = "not offered";
+  std::error_code error;
+  if (!entry.is_regular_file(error)) {
+    finding.Add("not-a-certificate", "not a regular file");
+  } else if (access(finding.path.c_str(), R_OK) != 0) {
+    finding.Add("unreadable", std::strerror(errno));
+  } else {
+    finding.Add("not-a-certificate", "neither a PEM nor a DER certificate");
+  }
+  return finding;
+}
+
+Finding DirectoryFinding(const fs::path& certs, const std::string& reason, const std::string& detail) {
+  Finding finding;
+  finding.kind = "directory";
+  finding.path = certs.string();
+  finding.Add(reason, detail);
+  return finding;
+}
+
+// The base directories in the store's own order and form.
+std::vector<fs::path> BaseDirectories() {
+  const lib::X509Settings& settings = lib::X509Settings::GetInstance();
+  std::vector<fs::path> bases = settings.CertificateDirectories();
+  if (const char* home = std::getenv("HOME"))
+    for (const fs::path& relative : settings.HomeCertificateDirectories())
+      bases.push_back(fs::path(home) / relative);
+  return bases;
+}
+
+// The second and later reports of one certificate say so, naming the one
+// the key operations use (the first in the store's order).
+void MarkDuplicates(std::vector<Finding>& findings) {
+  std::map<std::string, const Finding*> first;
+  for (Finding& finding : findings) {
+    if (finding.thumbprint.empty() || !finding.offered) continue;
+    const auto [seen, inserted] = first.emplace(finding.thumbprint, &finding);
+    if (inserted) continue;
+    const Finding& used = *seen->second;
+    const std::string where = used.kind == "smartcard" ? "the token \"" + used.token + "\"" : used.path;
+    finding.Add("duplicate", "the same certificate as " + where + ", which sign, decrypt and tls use");
+  }
+}
+
+}  // namespace
+
+std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions& global,
+                                                            bool with_tokens) {
+  lib::SafeCallbacksWrapper::GetInstance().Replace(LibrarySession::Callbacks());
+  std::vector<const char*> dirs, home_dirs;
+  for (const std::string& dir : global.dirs) dirs.push_back(dir.c_str());
+  for (const std::string& dir : global.home_dirs) home_dirs.push_back(dir.c_str());
+  if (dirs.empty() && home_dirs.empty()) home_dirs.push_back(".x509-auth");
+  lib::X509Settings::GetInstance().Replace(
+      X509_Auth_Settings{dirs.data(), dirs.size(), home_dirs.data(), home_dirs.size()});
+  lib::Pkcs11ModuleChoice::GetInstance().Choose(with_tokens ? global.module_path.c_str() : "");
+  ChainLog chain_log;
+
+  std::vector<Finding> findings;
+  lib::KeyStore key_store;
+  key_store.Init();
+  for (const std::string& path : global.cas) {
+    const std::optional<std::vector<unsigned char>> data = LibrarySession::ReadCaFile(path);
+    if (!data) return std::nullopt;
+    if (!key_store.AddAdditionalCertificateAuthorityToStore(data->data(), data->size()))
+      return FailPlain("the library did not accept " + path + " as a CA certificate (PEM or DER expected)"),
+             std::nullopt;
+  }
+  lib::CertStore users_store;
+  if (const std::uint32_t error = users_store.Open(lib::ICertificateStore::k_users_cert_store))
+    return Fail("the certificate store could not be opened (error " + std::to_string(error) + ")"),
+           std::nullopt;
+
+  // Evaluations by certificate path, in the store's order; token ones apart.
+  std::map<std::string, std::deque<Finding>> by_path;
+  std::vector<Finding> tokens;
+  for (const std::unique_ptr<lib::ICertificate>& cert : users_store.Certificates()) {
+    Finding finding = Evaluate(*cert, key_store, chain_log);
+    if (finding.kind == "file")
+      by_path[finding.path].push_back(std::move(finding));
+    else
+      tokens.push_back(std::move(finding));
+  }
+
+  for (const fs::path& base : BaseDirectories()) {
+    const fs::path certs = base / "certs";
+    std::error_code error;
+    const fs::file_status status = fs::status(certs, error);
+    if (!fs::is_directory(status)) {
+      findings.push_back(fs::exists(status)
+                             ? DirectoryFinding(certs, "no-certs-directory", "not a directory")
+                             : DirectoryFinding(certs, "no-certs-directory", "the directory does not exist"));
+      continue;
+    }
+    std::vector<fs::directory_entry> entries;
+    fs::directory_iterator it(certs, error);
+    for (fs::directory_iterator end; !error && it != end; it.increment(error)) entries.push_back(*it);
+    if (error) {
+      findings.push_back(DirectoryFinding(certs, "unreadable", error.message()));
+      continue;
+    }
+    std::sort(entries.begin(), entries.end(),
+              [](const auto& a, const auto& b) { return a.path() < b.path(); });
+    for (const fs::directory_entry& entry : entries) {
+      auto found = by_path.find(entry.path().string());
+      if (found == by_path.end() || found->second.empty()) {
+        findings.push_back(NotACertificate(entry));
+        continue;
+      }
+      findings.push_back(std::move(found->second.front()));
+      found->second.pop_front();
+    }
+  }
+  for (Finding& token : tokens) findings.push_back(std::move(token));
+  MarkDuplicates(findings);
+  return findings;
+}
+
+std::optional<std::string> OfferingReport::WhyNotOffered(const GlobalOptions& global,
+                                                         const std::string& digits) {
+  // Files only: the tokens stay with the library session that is running.
+  const std::optional<std::vector<Finding>> findings = Collect(global, false);
+  if (!findings) return std::nullopt;
+  for (const Finding& finding : *findings) {
+    if (finding.offered || finding.thumbprint.compare(0, digits.size(), digits) != 0) continue;
+    std::string reasons;
+    for (const std::string& reason : finding.reasons) {
+      const auto detail = finding.details.find(reason);
+      reasons += (reasons.empty() ? "" : "; ") + reason +
+                 (detail != finding.details.end() ? " (" + detail->second + ")" : "");
+    }
+    return finding.subject + " (" + finding.path + ") exists but is not offered: " + reasons +
+           " (see 'x509-auth doctor')";
+  }
+  return std::nullopt;
+}
+
+}  // namespace x509auth_tool
