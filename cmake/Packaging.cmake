@@ -4,10 +4,10 @@
 #   development  libx509auth-dev            header, pkg-config file, CMake package
 #   tools        x509auth-tools             x509-auth, its manual page and completion
 #   provider     x509auth-openssl-provider  the OpenSSL provider module
+#   pkcs11       x509auth-pkcs11            the PKCS#11 module and its p11-kit file
 # A further package is a component added to X509AUTH_DEB_COMPONENTS with its
-# name, summary and dependencies below; the PKCS#11 module is to come as
-# "pkcs11" (x509auth-pkcs11) once pkcs11/ installs with COMPONENT pkcs11.
-set(X509AUTH_DEB_COMPONENTS library development tools provider)
+# name, summary and dependencies below.
+set(X509AUTH_DEB_COMPONENTS library development tools provider pkcs11)
 if(NOT X509AUTH_BUILD_TOOLS)
   list(REMOVE_ITEM X509AUTH_DEB_COMPONENTS tools)
 endif()
@@ -97,5 +97,13 @@ set(CPACK_COMPONENT_PROVIDER_DESCRIPTION
     "modules directory, so 'openssl ... -provider x509auth' finds it.")
 set(CPACK_DEBIAN_PROVIDER_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PROVIDER_PACKAGE_DEPENDS "${x509auth_deb_this_library}")
+
+set(CPACK_COMPONENT_PKCS11_DESCRIPTION
+    "X.509 client certificates: PKCS#11 module\n"
+    "x509auth-pkcs11.so offers the client certificates and keys of libx509auth to\n"
+    "PKCS#11 programs (NSS browsers, GnuTLS programs, ssh, pkcs11-tool). Its p11-kit\n"
+    "module file is shipped in modules-available, for opt-in registration.")
+set(CPACK_DEBIAN_PKCS11_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PKCS11_PACKAGE_DEPENDS "${x509auth_deb_this_library}")
 
 include(CPack)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the Debian packages with CPack: libx509auth3, libx509auth-dev,
-# x509auth-tools and x509auth-openssl-provider (see cmake/Packaging.cmake),
+# x509auth-tools, x509auth-openssl-provider and x509auth-pkcs11 (see
+# cmake/Packaging.cmake),
 # installed under /usr, with Debian's hardening flags, checked by lintian.
 #   bash scripts/package.sh [OUTPUT_DIR]      (default: build-deb/packages)
 # X509AUTH_DEB_BUILD names the build directory (default: build-deb).

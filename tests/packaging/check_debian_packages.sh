@@ -5,7 +5,7 @@
 #   check_debian_packages.sh SOURCE_DIR WORK_DIR
 set -euo pipefail
 source_dir=$1 work=$2
-packages=(libx509auth3 libx509auth-dev x509auth-tools x509auth-openssl-provider)
+packages=(libx509auth3 libx509auth-dev x509auth-tools x509auth-openssl-provider x509auth-pkcs11)
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
 for p in "${packages[@]}"; do
   ! installed "$p" || { echo "$p is installed already; this test would remove it"; exit 1; }
@@ -34,6 +34,12 @@ out=$(clean man -w x509-auth)
 [ -f /usr/share/bash-completion/completions/x509-auth ] || { echo "no bash completion"; exit 1; }
 providers=$(clean env X509AUTH_LOG=none openssl list -providers -provider x509auth)
 grep -q "status: active" <<< "$providers" || { echo "openssl does not load x509auth:"; echo "$providers"; exit 1; }
+module=/usr/lib/x86_64-linux-gnu/pkcs11/x509auth-pkcs11.so
+[ -f "$module" ] || { echo "no PKCS#11 module at $module"; exit 1; }
+grep -q "^module: $module" /usr/share/p11-kit/modules-available/x509auth-pkcs11.module 2>/dev/null ||
+  { echo "the p11-kit module file does not name $module"; ls /usr/share/p11-kit/modules-available/ || true; exit 1; }
+slots=$(clean pkcs11-tool --module "$module" --list-slots 2>&1)
+grep -q "x509auth" <<< "$slots" || { echo "pkcs11-tool on the installed module:"; echo "$slots"; exit 1; }
 [ "$(pkg-config --modversion x509auth)" = 3.0.0 ] || { echo "pkg-config does not find x509auth"; exit 1; }
 depends=$(dpkg-query -W -f='${Depends}' x509auth-tools)
 grep -q "libx509auth3 (= 3.0.0)" <<< "$depends" && grep -q "libc6" <<< "$depends" ||
