@@ -10,6 +10,7 @@ cd "$(dirname "$0")/.."
 source_dir=$PWD
 build=${X509AUTH_DEB_BUILD:-$source_dir/build-deb}
 out=${1:-$build/packages}
+mkdir -p "$(dirname "$build")"
 bash scripts/install-deps.sh
 
 # Debian's build flags; CMake reads CFLAGS, CXXFLAGS and LDFLAGS only, so the
