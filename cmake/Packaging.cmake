@@ -100,9 +100,9 @@ set(CPACK_DEBIAN_PROVIDER_PACKAGE_DEPENDS "${x509auth_deb_this_library}")
 
 set(CPACK_COMPONENT_PKCS11_DESCRIPTION
     "X.509 client certificates: PKCS#11 module\n"
-    "x509auth-pkcs11.so offers the client certificates and keys of libx509auth to\n"
-    "PKCS#11 programs (NSS browsers, GnuTLS programs, ssh, pkcs11-tool). Its p11-kit\n"
-    "module file is shipped in modules-available, for opt-in registration.")
+    "x509auth-pkcs11.so offers the client certificates and keys of libx509auth\n"
+    "to PKCS#11 programs (NSS browsers, GnuTLS programs, ssh, pkcs11-tool). Its\n"
+    "p11-kit module file is shipped in modules-available, for opt-in use.")
 set(CPACK_DEBIAN_PKCS11_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PKCS11_PACKAGE_DEPENDS "${x509auth_deb_this_library}")
 
