@@ -43,7 +43,7 @@ const OSSL_ALGORITHM k_keymgmt[] = {
     {k_ec_names, k_properties, k_ec_keymgmt_functions, "EC key of an x509auth certificate"},
     {nullptr, nullptr, nullptr, nullptr}};
 const OSSL_ALGORITHM k_signature[] = {
-    {k_rsa_names, k_properties, k_rsa_signature_functions, "RSA PKCS#1 v1.5 through x509auth"},
+    {k_rsa_names, k_properties, k_rsa_signature_functions, "RSA PKCS#1 v1.5 and PSS through x509auth"},
     {"ECDSA", k_properties, k_ecdsa_signature_functions, "ECDSA through x509auth"},
     {nullptr, nullptr, nullptr, nullptr}};
 const OSSL_ALGORITHM k_asym_cipher[] = {
@@ -62,7 +62,7 @@ const OSSL_ITEM k_reason_strings[] = {
     {k_reason_unsupported_digest,
      const_cast<char*>("unsupported digest (x509auth signs SHA-1, SHA-256, SHA-384 and SHA-512)")},
     {k_reason_unsupported_padding,
-     const_cast<char*>("unsupported padding (x509auth has no RSA-PSS; RSA keys are for TLS 1.2)")},
+     const_cast<char*>("unsupported padding (x509auth signs RSA with PKCS#1 v1.5 or PSS)")},
     {k_reason_no_private_key, const_cast<char*>("the key has no private half")},
     {k_reason_passphrase_unavailable,
      const_cast<char*>("a PIN or password was needed but the application gave none")},

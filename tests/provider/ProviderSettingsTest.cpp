@@ -154,6 +154,15 @@ TEST_F(ProviderSettingsTest, PkeyutlPssAndPkcs1SignaturesVerifyWithStockOpenssl)
                                               "-in", "hash.bin", "-out", "raw.bin"});
   EXPECT_NE(raw.status, 0);
   EXPECT_NE(raw.err.find("an RSA signature needs its digest set"), std::string::npos) << raw.err;
+  // Any other padding is refused with the two that work named.
+  const ChildResult x931 =
+      Openssl("pkeyutl", {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint, "-in", "hash.bin",
+                          "-out", "x931.bin", "-pkeyopt", "digest:sha256", "-pkeyopt",
+                          "rsa_padding_mode:x931"});
+  EXPECT_NE(x931.status, 0);
+  EXPECT_NE(x931.err.find("unsupported padding (x509auth signs RSA with PKCS#1 v1.5 or PSS)"),
+            std::string::npos)
+      << x931.err;
 }
 
 class ProviderTokenSettingsTest : public ProviderSettingsTest {
