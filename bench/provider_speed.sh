@@ -76,8 +76,8 @@ declare -A commands=(
   [lookup]="env $settings openssl storeutl $prov -noout -certs x509auth:thumbprint=$file_tp"
   [lookup-no-ca-bundle]="env $settings SSL_CERT_FILE=/dev/null openssl storeutl $prov -noout -certs x509auth:thumbprint=$file_tp"
   [lookup-no-module]="env $settings X509AUTH_MODULE=none openssl storeutl $prov -noout -certs x509auth:thumbprint=$file_tp"
-  [opensc-alone]="pkcs11-tool --module /usr/lib/x86_64-linux-gnu/pkcs11/opensc-pkcs11.so --show-info"
-  [softhsm-alone]="pkcs11-tool --module $softhsm --show-info"
+  [opensc-alone]="pkcs11-tool --module /usr/lib/x86_64-linux-gnu/pkcs11/opensc-pkcs11.so --list-slots || true"
+  [softhsm-alone]="pkcs11-tool --module $softhsm --list-slots || true"
 )
 order=(direct-key-file provider-file-key provider-file-key-no-module engine-token-key
        provider-token-key openssl-alone provider-loaded lookup lookup-no-ca-bundle lookup-no-module
@@ -119,7 +119,7 @@ for label, name in [("openssl version", "openssl-alone"), ("+ load the provider"
                     ("+ find one thumbprint (storeutl)", "lookup"),
                     ("  the same, SSL_CERT_FILE=/dev/null", "lookup-no-ca-bundle"),
                     ("  the same, pkcs11_module none", "lookup-no-module"),
-                    ("pkcs11-tool --show-info, OpenSC's module (no reader)", "opensc-alone"),
-                    ("pkcs11-tool --show-info, SoftHSM2's module", "softhsm-alone")]:
+                    ("pkcs11-tool --list-slots, OpenSC's module (no reader)", "opensc-alone"),
+                    ("pkcs11-tool --list-slots, SoftHSM2's module", "softhsm-alone")]:
     print(f"| {label} | {median[name]:.1f} ms |")
 PY
