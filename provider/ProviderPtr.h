@@ -1,6 +1,6 @@
 #pragma once
 // Owning aliases for the OpenSSL handles the provider makes, as the library
-// does in src/api/OpenSslPtr.h: a handle is owned the moment it exists.
+// does in src/base/OpenSslPtr.h: a handle is owned the moment it exists.
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 

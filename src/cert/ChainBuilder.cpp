@@ -2,7 +2,7 @@
 
 #include <openssl/x509.h>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/DefaultCaPaths.h"
 #include "cert/X509StoreBatch.h"
 #include "files/CertificateFiles.h"

@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "api/OpenSslPtr.h"
-#include "api/Thumbprint.h"
+#include "base/OpenSslPtr.h"
+#include "base/Thumbprint.h"
 
 namespace quorvant::shared::x509 {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "api/Algorithm.h"
-#include "api/Thumbprint.h"
+#include "base/Algorithm.h"
+#include "base/Thumbprint.h"
 #include "cert/CertContext.h"
 
 namespace quorvant::shared::x509 {

@@ -7,7 +7,7 @@
 #include <memory>
 #include <variant>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/ICertificate.h"
 #include "files/PrivateKeyFiles.h"
 #include "smartcard/Libp11Context.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "files/CertificateFile.h"
 
 namespace quorvant::shared::x509 {

@@ -9,10 +9,10 @@
 #include <string>
 #include <variant>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/Cert.h"
 #include "cert/ChainBuilder.h"
-#include "api/WipeOnExit.h"
+#include "base/WipeOnExit.h"
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"

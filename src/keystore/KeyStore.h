@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "api/SecretWipe.h"
+#include "base/SecretWipe.h"
 #include "keystore/ASN1Wrapper.h"
 #include "keystore/CertificateWrapper.h"
 #include "keystore/IKeyStore.h"

@@ -10,8 +10,8 @@
 #include <string>
 #include <system_error>
 
-#include "api/SafeCallbacksWrapper.h"
-#include "api/X509Settings.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/X509Settings.h"
 #include "cert/Cert.h"
 #include "cert/DefaultCaPaths.h"
 #include "cert/X509StoreBatch.h"
