@@ -16,9 +16,6 @@
 namespace x509auth_tool {
 namespace {
 
-// The C callbacks reach the one session of the process through this.
-LibrarySession::LogObserver g_observer;
-
 __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
                                                  const char* format, va_list arguments) {
   va_list copy;
@@ -28,7 +25,6 @@ __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
   std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
   if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  if (g_observer) g_observer(priority, format, text);
   Evidence::AddLog(priority, format, text);
 }
 
@@ -45,13 +41,10 @@ LibrarySession::LibrarySession(const GlobalOptions& options) : options_(options)
 }
 
 LibrarySession::~LibrarySession() {
-  g_observer = nullptr;
   if (!started_) return;
   if (array_ != nullptr) X509_Auth_Free(array_);
   X509_Auth_DeInit();
 }
-
-void LibrarySession::SetLogObserver(LogObserver observer) { g_observer = std::move(observer); }
 
 std::string LibrarySession::WithPromptNote(const std::string& message) {
   const std::string& note = PinPrompt::LastUnanswered();

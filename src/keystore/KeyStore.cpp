@@ -15,6 +15,7 @@
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
+#include "keystore/OfferDecision.h"
 #include "smartcard/TokenPrivateKey.h"
 
 namespace quorvant::shared::x509 {
@@ -181,7 +182,9 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
     return false;
   }
 
-  // Only read, and gone before the store is.
+  // Only read, and gone before the store is. The key usage is checked first
+  // and on its own, so that a refused certificate is never logged; the
+  // decision below repeats that check, which costs nothing.
   std::vector<std::unique_ptr<ICertificate>> certs = users_store.SharedCertificates();
   certs.erase(std::remove_if(certs.begin(), certs.end(),
                              [](const std::unique_ptr<ICertificate>& cert) {
@@ -221,14 +224,18 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
 
     // Chains are built against the store holding the host's added CAs, not
     // this request's users' store.
-    if (!cert->CaChain(wrapper.ca_chain, &cert_store, chain_builder)) {
+    OfferDecision decision =
+        DecideOffer(*cert, &cert_store, chain_builder, OfferDecision::Reasons::k_until_refused);
+    if (!decision.chained) {
       SafeCallbacksWrapper::Log(k_error, "Failed to get CA chain for a certificate");
       continue;
     }
-    if (!cert->Thumbprint(wrapper.thumbprint)) {
+    if (!decision.has_thumbprint) {
       SafeCallbacksWrapper::Log(k_error, "Failed to get thumbprint for a certificate");
       continue;
     }
+    wrapper.ca_chain = std::move(decision.chain);
+    wrapper.thumbprint = decision.thumbprint;
     wrappers.push_back(wrapper);
   }
   SafeCallbacksWrapper::Log(k_warning, "Total Client Certificates picked: %d",
