@@ -236,13 +236,13 @@ bool ProviderContext::Start() {
   return true;
 }
 
-LibrarySession& ProviderContext::Session() {
+SharedLibrarySession& ProviderContext::Session() {
   // Joined on first use, not in the init function: the library parses
   // certificates, and OpenSSL cannot decode their keys while a provider of
   // the same library context is still being activated.
   std::lock_guard<std::mutex> lock(session_mutex_);
   if (session_ == nullptr) {
-    session_ = LibrarySession::Acquire(settings_);
+    session_ = SharedLibrarySession::Acquire(settings_);
     AddCertificateAuthorities(ca_files_);
   }
   return *session_;

@@ -12,7 +12,7 @@
 
 #include "Formatting.h"
 #include "KeyFileCheck.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 #include "base/SafeCallbacksWrapper.h"
@@ -188,7 +188,7 @@ void MarkDuplicates(std::vector<Finding>& findings) {
 
 std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions& global,
                                                             bool with_tokens) {
-  lib::SafeCallbacksWrapper::GetInstance().Replace(LibrarySession::Callbacks());
+  lib::SafeCallbacksWrapper::GetInstance().Replace(CommandLibrarySession::Callbacks());
   std::vector<const char*> dirs, home_dirs;
   for (const std::string& dir : global.dirs) dirs.push_back(dir.c_str());
   for (const std::string& dir : global.home_dirs) home_dirs.push_back(dir.c_str());
@@ -201,7 +201,7 @@ std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions&
   lib::KeyStore key_store;
   key_store.Init();
   for (const std::string& path : global.cas) {
-    const std::optional<std::vector<unsigned char>> data = LibrarySession::ReadCaFile(path);
+    const std::optional<std::vector<unsigned char>> data = CommandLibrarySession::ReadCaFile(path);
     if (!data) return std::nullopt;
     if (!key_store.AddAdditionalCertificateAuthorityToStore(data->data(), data->size()))
       return FailPlain("the library did not accept " + path + " as a CA certificate (PEM or DER expected)"),

@@ -96,7 +96,7 @@ void X509_Auth_DeInit(void) {
   key_store.reset();
   ContextHolder().reset();
   // The watches on certificate directories end with the library's use.
-  DirectorySnapshots::Instance().Clear();
+  DirectorySnapshots::GetInstance().Clear();
   LogAllOpenSslErrors();
 }
 

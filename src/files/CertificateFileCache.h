@@ -33,7 +33,7 @@ class CertificateFileCache {
   CertificateFileCache& operator=(const CertificateFileCache&) = delete;
 
   // The one the certificate stores use.
-  static CertificateFileCache& Instance();
+  static CertificateFileCache& GetInstance();
 
   // What a directory scan learns of a file besides its record.
   struct Facts {

@@ -11,12 +11,12 @@
 
 namespace x509auth_tool {
 
-class LibrarySession {
+class CommandLibrarySession {
  public:
-  explicit LibrarySession(const GlobalOptions& options);
-  ~LibrarySession();
-  LibrarySession(const LibrarySession&) = delete;
-  LibrarySession& operator=(const LibrarySession&) = delete;
+  explicit CommandLibrarySession(const GlobalOptions& options);
+  ~CommandLibrarySession();
+  CommandLibrarySession(const CommandLibrarySession&) = delete;
+  CommandLibrarySession& operator=(const CommandLibrarySession&) = delete;
 
   // Initialises the library and adds the CAs; false after printing why.
   bool Start();
