@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "files/CertificateFiles.h"
 
 using namespace quorvant::shared::x509;

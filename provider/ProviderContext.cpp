@@ -236,13 +236,13 @@ bool ProviderContext::Start() {
   return true;
 }
 
-LibrarySession& ProviderContext::Session() {
+SharedLibrarySession& ProviderContext::Session() {
   // Joined on first use, not in the init function: the library parses
   // certificates, and OpenSSL cannot decode their keys while a provider of
   // the same library context is still being activated.
   std::lock_guard<std::mutex> lock(session_mutex_);
   if (session_ == nullptr) {
-    session_ = LibrarySession::Acquire(settings_);
+    session_ = SharedLibrarySession::Acquire(settings_);
     AddCertificateAuthorities(ca_files_);
   }
   return *session_;
@@ -255,7 +255,7 @@ namespace {
 // library when it is added).
 std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) {
   std::vector<std::vector<unsigned char>> found;
-  std::unique_ptr<BIO, Deleter<BIO, BioFree>> bio(BIO_new_file(file.c_str(), "rb"));
+  std::unique_ptr<BIO, OpenSslDeleter<BIO, BioFree>> bio(BIO_new_file(file.c_str(), "rb"));
   if (bio == nullptr) return found;
   std::vector<unsigned char> content;
   unsigned char chunk[4096];
@@ -268,7 +268,7 @@ std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) 
     if (!content.empty()) found.push_back(std::move(content));
     return found;
   }
-  std::unique_ptr<BIO, Deleter<BIO, BioFree>> pem(
+  std::unique_ptr<BIO, OpenSslDeleter<BIO, BioFree>> pem(
       BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
   while (pem != nullptr) {
     X509Ptr cert(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
@@ -276,7 +276,7 @@ std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) 
     unsigned char* der = nullptr;
     const int length = i2d_X509(cert.get(), &der);
     if (length <= 0) break;
-    std::unique_ptr<unsigned char, Deleter<void, CryptoFree>> owned(der);
+    std::unique_ptr<unsigned char, OpenSslDeleter<void, CryptoFree>> owned(der);
     found.emplace_back(der, der + length);
   }
   return found;

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "LibrarySession.h"
+#include "SharedLibrarySession.h"
 #include "ProviderPtr.h"
 
 namespace x509auth_provider {
@@ -65,7 +65,7 @@ class ProviderContext {
     std::vector<std::string> evidence;    // the library's lines explaining it
   };
 
-  // Runs |call| inside the library session (see LibrarySession::Run), with
+  // Runs |call| inside the library session (see SharedLibrarySession::Run), with
   // |source| answering prompts; fills |*report| when it is given.
   template <typename Call>
   auto Run(const PassphraseSource* source, CallReport* report, Call&& call) {
@@ -87,7 +87,7 @@ class ProviderContext {
   std::string Parameter(const char* name, const char* environment) const;
   // Settles the PKCS#11 module setting; false after raising an error.
   bool ChooseModule();
-  LibrarySession& Session();
+  SharedLibrarySession& Session();
   void AddCertificateAuthorities(const std::vector<std::string>& files);
 
   const OSSL_CORE_HANDLE* handle_;
@@ -100,7 +100,7 @@ class ProviderContext {
   LibCtxPtr crypto_;
   std::vector<std::string> ca_files_;
   std::mutex session_mutex_;
-  std::shared_ptr<LibrarySession> session_;  // joined on first use
+  std::shared_ptr<SharedLibrarySession> session_;  // joined on first use
 };
 
 // The provider's init function, shared by the module's OSSL_provider_init and

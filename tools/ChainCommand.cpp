@@ -6,14 +6,14 @@
 
 #include "Evidence.h"
 #include "Formatting.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 
 namespace x509auth_tool {
 
 int RunChain(const GlobalOptions& global, const ChainOptions& options) {
-  LibrarySession session(global);
+  CommandLibrarySession session(global);
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;

@@ -6,7 +6,7 @@
 #include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -14,7 +14,7 @@ namespace x509auth_tool {
 int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   const uint32_t padding = options.padding == "oaep" ? X509_Auth_DecryptAlgorithm_RsaOaep
                                                      : X509_Auth_DecryptAlgorithm_RsaPkcs1;
-  LibrarySession session(global);
+  CommandLibrarySession session(global);
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;
@@ -26,7 +26,7 @@ int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   const X509_Auth_Result result =
       X509_Auth_Decrypt(record->thumbprint, padding, input->size(), input->data(), &plaintext);
   if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr)
-    return Fail(LibrarySession::KeyFailure("decrypting with " + std::string(record->name), result));
+    return Fail(CommandLibrarySession::KeyFailure("decrypting with " + std::string(record->name), result));
   const bool written =
       WriteOutput(options.out, plaintext->data, static_cast<std::size_t>(plaintext->length));
   const std::size_t length = static_cast<std::size_t>(plaintext->length);

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "OfferingReport.h"
 
 namespace x509auth_tool {
@@ -65,7 +65,7 @@ void PrintHuman(const std::vector<Finding>& findings) {
 }  // namespace
 
 int RunDoctor(const GlobalOptions& global, const DoctorOptions& options) {
-  LibrarySession session(global);  // logging and prompts only; never started
+  CommandLibrarySession session(global);  // logging and prompts only; never started
   const std::optional<std::vector<Finding>> findings = OfferingReport::Collect(global, true);
   if (!findings) return k_exit_failed;
   if (options.json) {

@@ -13,7 +13,7 @@
 
 #include "Formatting.h"
 #include "KeyFileCheck.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "RecordJson.h"
 #include "Report.h"
@@ -96,7 +96,7 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
 }  // namespace
 
 int RunList(const GlobalOptions& global, const ListOptions& options) {
-  LibrarySession session(global);
+  CommandLibrarySession session(global);
   if (!session.Start() || !session.Load()) return k_exit_failed;
   if (options.json) {
     nlohmann::json array = nlohmann::json::array();

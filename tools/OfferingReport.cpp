@@ -9,17 +9,17 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
-#include <regex>
 
 #include "Formatting.h"
 #include "KeyFileCheck.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
-#include "api/SafeCallbacksWrapper.h"
-#include "api/X509Settings.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/X509Settings.h"
 #include "cert/ICertificate.h"
 #include "keystore/KeyStore.h"
+#include "keystore/OfferDecision.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
 #include "store/CertStore.h"
@@ -30,44 +30,14 @@ namespace {
 namespace fs = std::filesystem;
 namespace lib = quorvant::shared::x509;
 
-// Captures what Cert::CaChain logs while it runs: the library's own words
-// for why a chain could not be built.
-class ChainLog {
- public:
-  ChainLog() {
-    LibrarySession::SetLogObserver(
-        [this](X509_Auth_LogPriority priority, const char* format, const std::string& text) {
-          if (capturing_ && priority >= X509_Auth_LogPriority_Warning &&
-              std::string(format).rfind("Cert::CaChain", 0) == 0)
-            lines_.push_back(text);
-        });
-  }
-  ~ChainLog() { LibrarySession::SetLogObserver(nullptr); }
-  ChainLog(const ChainLog&) = delete;
-  ChainLog& operator=(const ChainLog&) = delete;
-  void Start() {
-    lines_.clear();
-    capturing_ = true;
-  }
-  // "certificate has expired (OpenSSL verify error 10 at depth 0)", or the
-  // library's line as it is when it is not a verification failure.
-  std::string Stop() {
-    capturing_ = false;
-    static const std::regex verify(
-        R"(X509_verify_cert failed\. Error code: \[(-?\d+)\], Error message: \[(.*)\], Error depth: \[(-?\d+)\])");
-    for (const std::string& line : lines_) {
-      std::smatch match;
-      if (std::regex_search(line, match, verify))
-        return match[2].str() + " (OpenSSL verify error " + match[1].str() + " at depth " +
-               match[3].str() + ")";
-    }
-    return lines_.empty() ? "the chain could not be built" : lines_.front();
-  }
-
- private:
-  bool capturing_ = false;
-  std::vector<std::string> lines_;
-};
+// "certificate has expired (OpenSSL verify error 10 at depth 0)", or the
+// failed step in the library's words when it is not a verification failure.
+std::string ChainText(const lib::ChainBuilder::Failure& failure) {
+  if (failure.verification)
+    return failure.message + " (OpenSSL verify error " + std::to_string(failure.verify_error) +
+           " at depth " + std::to_string(failure.depth) + ")";
+  return failure.message.empty() ? "the chain could not be built" : failure.message;
+}
 
 // Whether the token holding |slot| can sign RSA-PSS, as the library does it:
 // with CKM_RSA_PKCS_PSS, or with CKM_RSA_X_509 over a block it encodes.
@@ -86,39 +56,34 @@ std::optional<bool> TokenCanPss(PKCS11_SLOT* slot) {
   return false;
 }
 
-// The library's decision for one certificate, taken with its own code and in
-// the order X509_Auth_LoadClientCertificates takes it: IsPermitted, CaChain
-// against the key store's own store, Thumbprint.
-Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store, ChainLog& log) {
+// The library's decision for one certificate (lib::DecideOffer, which
+// X509_Auth_LoadClientCertificates takes too) with every reason, its chain
+// built against the key store's own store.
+Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) {
   Finding finding;
   finding.subject = cert.Name();
-  const bool permitted = lib::KeyStore::IsPermitted(cert);
-  if (!permitted)
+  // A trusted store of its own for each certificate, as a single chain
+  // request makes.
+  lib::ChainBuilder builder;
+  const lib::OfferDecision decision =
+      lib::DecideOffer(cert, &key_store.OwnStore(), builder, lib::OfferDecision::Reasons::k_every);
+  if (!decision.key_usage_allowed)
     finding.Add("key-usage",
                 "neither TLS client authentication (extended key usage) nor digital signature "
                 "(key usage) is allowed");
-  std::vector<lib::Thumbprint> chain;
-  log.Start();
-  const bool chained = cert.CaChain(chain, &key_store.OwnStore());
-  const std::string chain_error = log.Stop();
-  if (!chained) finding.Add("chain", chain_error);
-  lib::Thumbprint thumbprint{};
-  const bool has_thumbprint = cert.Thumbprint(thumbprint);
-  if (has_thumbprint) {
-    finding.thumbprint = Hex(thumbprint.data(), thumbprint.size());
+  if (!decision.chained) finding.Add("chain", ChainText(decision.chain_failure));
+  if (decision.has_thumbprint) {
+    finding.thumbprint = Hex(decision.thumbprint.data(), decision.thumbprint.size());
   } else {
     finding.Add("chain", "the thumbprint could not be computed");
   }
-  finding.offered = permitted && chained && has_thumbprint;
+  finding.offered = decision.offered;
+  if (decision.expired) finding.Add("expired", "not valid after " + IsoTime(cert.NotAfter()));
+  if (decision.not_yet_valid)
+    finding.Add("not-yet-valid", "not valid before " + IsoTime(cert.NotBefore()));
 
   const std::vector<unsigned char> der = cert.Encode();
   X509Ptr x509 = ParseDer(der.data(), der.size());
-  if (x509) {
-    if (X509_cmp_current_time(X509_get0_notAfter(x509.get())) < 0)
-      finding.Add("expired", "not valid after " + IsoTime(cert.NotAfter()));
-    if (X509_cmp_current_time(X509_get0_notBefore(x509.get())) > 0)
-      finding.Add("not-yet-valid", "not valid before " + IsoTime(cert.NotBefore()));
-  }
 
   std::optional<bool> token_pss;
   const lib::CertContext& context = cert.GetContext();
@@ -223,7 +188,7 @@ void MarkDuplicates(std::vector<Finding>& findings) {
 
 std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions& global,
                                                             bool with_tokens) {
-  lib::SafeCallbacksWrapper::GetInstance().Replace(LibrarySession::Callbacks());
+  lib::SafeCallbacksWrapper::GetInstance().Replace(CommandLibrarySession::Callbacks());
   std::vector<const char*> dirs, home_dirs;
   for (const std::string& dir : global.dirs) dirs.push_back(dir.c_str());
   for (const std::string& dir : global.home_dirs) home_dirs.push_back(dir.c_str());
@@ -231,13 +196,12 @@ std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions&
   lib::X509Settings::GetInstance().Replace(
       X509_Auth_Settings{dirs.data(), dirs.size(), home_dirs.data(), home_dirs.size()});
   lib::Pkcs11ModuleChoice::GetInstance().Choose(with_tokens ? global.module_path.c_str() : "");
-  ChainLog chain_log;
 
   std::vector<Finding> findings;
   lib::KeyStore key_store;
   key_store.Init();
   for (const std::string& path : global.cas) {
-    const std::optional<std::vector<unsigned char>> data = LibrarySession::ReadCaFile(path);
+    const std::optional<std::vector<unsigned char>> data = CommandLibrarySession::ReadCaFile(path);
     if (!data) return std::nullopt;
     if (!key_store.AddAdditionalCertificateAuthorityToStore(data->data(), data->size()))
       return FailPlain("the library did not accept " + path + " as a CA certificate (PEM or DER expected)"),
@@ -252,7 +216,7 @@ std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions&
   std::map<std::string, std::deque<Finding>> by_path;
   std::vector<Finding> tokens;
   for (const std::unique_ptr<lib::ICertificate>& cert : users_store.Certificates()) {
-    Finding finding = Evaluate(*cert, key_store, chain_log);
+    Finding finding = Evaluate(*cert, key_store);
     if (finding.kind == "file")
       by_path[finding.path].push_back(std::move(finding));
     else

@@ -4,8 +4,8 @@
 // commands say about a certificate that exists but is not offered.
 //
 // It runs on the library's internal layer linked into the tool (the same
-// store scan, KeyStore::IsPermitted and Cert::CaChain against a key store's
-// own store that X509_Auth_LoadClientCertificates runs), never through
+// store scan and the same decision, DecideOffer of keystore/OfferDecision.h,
+// that X509_Auth_LoadClientCertificates takes), never through
 // X509_Auth_*: the shared library's copies of the process-wide singletons
 // (callbacks, settings, the PKCS#11 context) are not this layer's.
 #include <map>

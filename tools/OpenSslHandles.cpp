@@ -6,10 +6,6 @@
 #include <climits>
 
 namespace x509auth_tool {
-namespace {
-using BioPtr = std::unique_ptr<BIO, OpenSslDeleter<BIO, BIO_free_all>>;
-}
-
 X509Ptr ParseDer(const uint8_t* der, uint64_t length) {
   if (der == nullptr || length == 0 || length > LONG_MAX) return nullptr;
   const unsigned char* cursor = der;

@@ -1,6 +1,6 @@
 #pragma once
-// Owning handles for the OpenSSL objects the tool makes, owned the moment
-// they are made.
+// Helpers over the OpenSSL objects the tool makes, each owned the moment it
+// is made.
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
@@ -8,16 +8,12 @@
 #include <string>
 
 #include "x509_auth.h"
+#include "x509auth/OpenSslPtr.h"
 
 namespace x509auth_tool {
 
-template <typename T, void (*Free)(T*)>
-struct OpenSslDeleter {
-  void operator()(T* p) const { Free(p); }
-};
-using X509Ptr = std::unique_ptr<X509, OpenSslDeleter<X509, X509_free>>;
-using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, OpenSslDeleter<EVP_PKEY, EVP_PKEY_free>>;
-using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, OpenSslDeleter<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
+// The project's owning aliases (common/x509auth/OpenSslPtr.h).
+using namespace x509auth_openssl;
 
 // Parses DER bytes; null when they are not a certificate.
 X509Ptr ParseDer(const uint8_t* der, uint64_t length);

@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "Evidence.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -47,7 +47,7 @@ int RunShow(const GlobalOptions& global, const ShowOptions& options) {
   if (!ViewerOnPath())
     return FailPlain(std::string("the certificate viewer ") + k_viewer +
                 " is not installed or not on PATH (Debian package gcr)");
-  LibrarySession session(global);
+  CommandLibrarySession session(global);
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;

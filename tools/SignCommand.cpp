@@ -10,7 +10,7 @@
 #include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 
@@ -57,7 +57,7 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
     if (options.hash == choice.name) hash = &choice;
   if (hash == nullptr) return FailPlain("unknown hash " + options.hash), k_exit_usage;
 
-  LibrarySession session(global);
+  CommandLibrarySession session(global);
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;
@@ -85,7 +85,7 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
                                           X509_AUTH_PSS_SALT_DIGEST, &signature)
                   : X509_Auth_SignHash(record->thumbprint, 2, algorithms, hash->type, digest, &signature);
   if (result.code != X509_Auth_ResultCode_Success || signature == nullptr)
-    return Fail(LibrarySession::KeyFailure("signing with " + std::string(record->name), result));
+    return Fail(CommandLibrarySession::KeyFailure("signing with " + std::string(record->name), result));
 
   const bool verified = Verifies(*record, hash->md(), digest, digest_length, *signature, options.pss);
   bool written = true;

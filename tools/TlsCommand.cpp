@@ -25,7 +25,7 @@
 
 #include "Evidence.h"
 #include "Formatting.h"
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "PinPrompt.h"
 #include "ProviderContext.h"
@@ -271,7 +271,7 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
 
   // The certificate is looked up as for every command (a prefix, or why it
   // is not offered) before the provider or the token key is involved.
-  auto session = std::make_unique<LibrarySession>(global);
+  auto session = std::make_unique<CommandLibrarySession>(global);
   if (!session->Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session->Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;
@@ -302,7 +302,7 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
     const X509_Auth_ResultCode code = X509_Auth_GetPrivateKeyForCertificate(record, &exported);
     client.key.reset(static_cast<EVP_PKEY*>(exported));
     if (code != X509_Auth_ResultCode_Success || client.key == nullptr)
-      return Fail(LibrarySession::WithPromptNote(
+      return Fail(CommandLibrarySession::WithPromptNote(
           "tls: the token key of " + std::string(record->name) +
           " could not be exported: result code " + std::to_string(code)));
   } else {
@@ -340,7 +340,7 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
       provider_log.reset();
       const std::string reason = OpenSslReason();
       const std::string wrong = WrongSecret();
-      return Fail(LibrarySession::WithPromptNote("tls: cannot load the certificate and key of " +
+      return Fail(CommandLibrarySession::WithPromptNote("tls: cannot load the certificate and key of " +
                                                  thumbprint + ": " + (wrong.empty() ? reason : wrong)));
     }
   }
@@ -444,7 +444,7 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   close(fd);
   if (!accepted) {
     const std::string wrong = WrongSecret();
-    return Fail(LibrarySession::WithPromptNote("tls: the handshake with " + options.target + " failed" +
+    return Fail(CommandLibrarySession::WithPromptNote("tls: the handshake with " + options.target + " failed" +
                                                (wrong.empty() ? "" : ": " + wrong)));
   }
   if (!asked && !options.allow_no_client_auth)

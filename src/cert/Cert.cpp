@@ -13,13 +13,13 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/Asn1Time.h"
 #include "cert/ChainBuilder.h"
 #include "cert/DefaultCaPaths.h"
 #include "cert/ViewerFile.h"
 #include "files/CertificateFiles.h"
-#include "store/ICertificateStore.h"
+#include "cert/ICertificateStore.h"
 
 namespace quorvant::shared::x509 {
 

@@ -26,12 +26,10 @@ class Cert : public ICertificate {
   bool Thumbprint(x509::Thumbprint& thumbprint) const override;
   bool CaChain(std::vector<x509::Thumbprint>& chain,
                const ICertificateStore* extra_store) const override;
-  // The same, sharing |builder|'s trusted store with the other certificates
-  // of one listing.
-  bool CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store,
-               ChainBuilder& builder) const;
   bool ShowDialog(void* parent) const override;
   const CertContext& GetContext() const override;
+  bool CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store,
+               ChainBuilder& builder) const override;
 
   // The active context's certificate, still owned by it.
   X509* GetX509() const;

@@ -1,7 +1,7 @@
 #pragma once
 #include <filesystem>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 
 namespace quorvant::shared::x509 {
 

@@ -2,7 +2,7 @@
 
 #include <openssl/x509.h>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/DefaultCaPaths.h"
 #include "cert/X509StoreBatch.h"
 #include "files/CertificateFiles.h"
@@ -41,6 +41,7 @@ bool ChainBuilder::Prepare(X509_STORE* own, X509_STORE* extra) {
     trusted_.reset();
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Cert::CaChain failed to create new X509 store context");
+    last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
     LogAllOpenSslErrors();
     return false;
   }
@@ -61,6 +62,7 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
   X509StoreCtxPtr context(X509_STORE_CTX_new());
   if (!context) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Cert::CaChain X509_STORE_CTX_new failed");
+    last_failure_ = Failure{false, 0, 0, "Cert::CaChain X509_STORE_CTX_new failed"};
     LogAllOpenSslErrors();
     return false;
   }
@@ -69,6 +71,7 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
   if (X509_STORE_CTX_init(context.get(), trusted_.get(), cert, nullptr) != 1) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Cert::CaChain failed to create new X509 store context");
+    last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
     LogAllOpenSslErrors();
     return false;
   }
@@ -82,6 +85,7 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
     if (X509_STORE_CTX_init(context.get(), trusted_.get(), cert, nullptr) != 1) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "Cert::CaChain failed to create new X509 store context");
+      last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
       LogAllOpenSslErrors();
       return false;
     }
@@ -94,12 +98,14 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
                               "Cert::CaChain X509_verify_cert failed. Error code: [%i], Error "
                               "message: [%s], Error depth: [%i]",
                               error, X509_verify_cert_error_string(error), depth);
+    last_failure_ = Failure{true, error, depth, X509_verify_cert_error_string(error)};
     LogAllOpenSslErrors();
     return false;
   }
   STACK_OF(X509)* members = X509_STORE_CTX_get0_chain(context.get());
   if (members == nullptr) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Cert::CaChain failed to extract CA chain");
+    last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to extract CA chain"};
     LogAllOpenSslErrors();
     return false;
   }
@@ -111,6 +117,7 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
     if (!GetThumbprintForX509Cert(sk_X509_value(members, i), &thumbprint)) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "Cert::CaChain failed to get certificate thumprint");
+      last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to get certificate thumprint"};
       LogAllOpenSslErrors();
       return false;
     }

@@ -1,10 +1,11 @@
 #pragma once
 #include <openssl/x509_vfy.h>
 
+#include <string>
 #include <vector>
 
-#include "api/OpenSslPtr.h"
-#include "api/Thumbprint.h"
+#include "base/OpenSslPtr.h"
+#include "base/Thumbprint.h"
 
 namespace quorvant::shared::x509 {
 
@@ -18,6 +19,16 @@ namespace quorvant::shared::x509 {
 // certificates there, which is what it would load anyway. One thread at a time.
 class ChainBuilder {
  public:
+  // Why the last CaChain failed: OpenSSL's verification error with its
+  // message and depth, or (not |verification|) the step that failed, in the
+  // words of its log line; an empty message when nothing failed.
+  struct Failure {
+    bool verification = false;
+    int verify_error = 0;
+    int depth = 0;
+    std::string message;
+  };
+
   ChainBuilder();
   ~ChainBuilder();
   ChainBuilder(const ChainBuilder&) = delete;
@@ -27,6 +38,8 @@ class ChainBuilder {
   // first. |own| is the X509_STORE of the store that made the certificate
   // (null fails), |extra| may be null. Logs every failure.
   bool CaChain(X509* cert, X509_STORE* own, X509_STORE* extra, std::vector<Thumbprint>& chain);
+  const Failure& LastFailure() const { return last_failure_; }
+  void ForgetFailure() { last_failure_ = Failure{}; }
 
  private:
   bool Prepare(X509_STORE* own, X509_STORE* extra);
@@ -37,6 +50,7 @@ class ChainBuilder {
   X509_STORE* extra_ = nullptr;
   // Whether the system's CA file has joined |trusted_| (see CaChain).
   bool ca_file_added_ = false;
+  Failure last_failure_;
 };
 
 }  // namespace quorvant::shared::x509

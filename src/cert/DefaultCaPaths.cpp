@@ -11,7 +11,7 @@
 #include <tuple>
 #include <vector>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "cert/X509StoreBatch.h"
 
 namespace quorvant::shared::x509 {

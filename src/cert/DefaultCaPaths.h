@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 
 namespace quorvant::shared::x509 {
 

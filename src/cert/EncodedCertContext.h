@@ -1,5 +1,5 @@
 #pragma once
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 
 namespace quorvant::shared::x509 {
 

@@ -4,12 +4,13 @@
 #include <string>
 #include <vector>
 
-#include "api/Algorithm.h"
-#include "api/Thumbprint.h"
+#include "base/Algorithm.h"
+#include "base/Thumbprint.h"
 #include "cert/CertContext.h"
 
 namespace quorvant::shared::x509 {
 
+class ChainBuilder;
 class ICertificateStore;
 
 // The view of one certificate that the key store hands around. Operations
@@ -45,6 +46,12 @@ class ICertificate {
   // Starts the desktop's certificate viewer on this certificate.
   virtual bool ShowDialog(void* parent) const = 0;
   virtual const CertContext& GetContext() const = 0;
+  // CaChain sharing |builder|'s trusted store with the other certificates of
+  // one listing; an implementation without a chain of its own ignores it.
+  virtual bool CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store,
+                       ChainBuilder& /*builder*/) const {
+    return CaChain(chain, extra_store);
+  }
 };
 
 }  // namespace quorvant::shared::x509

@@ -2,8 +2,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "api/Algorithm.h"
-#include "api/ResultPair.h"
+#include "base/Algorithm.h"
+#include "base/ResultPair.h"
 
 namespace quorvant::shared::x509 {
 

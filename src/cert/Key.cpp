@@ -7,10 +7,11 @@
 #include <memory>
 #include <variant>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/ICertificate.h"
 #include "files/PrivateKeyFiles.h"
 #include "smartcard/Libp11Context.h"
+#include "smartcard/TokenPrivateKey.h"
 #include "smartcard/TokenPssSigner.h"
 
 namespace quorvant::shared::x509 {
@@ -29,9 +30,9 @@ const EVP_MD* DigestForHashLength(std::size_t length) {
   }
 }
 
-ResultPair Failure() { return ResultPair{1, 0}; }
+ResultPair Failure() { return ResultPair{X509_Auth_ResultCode_KeyOperationFailed, 0}; }
 
-ResultPair Unsupported() { return ResultPair{6, 0}; }
+ResultPair Unsupported() { return ResultPair{X509_Auth_ResultCode_AlgorithmNotSupported, 0}; }
 
 }  // namespace
 
@@ -63,28 +64,14 @@ std::int32_t Key::Open(const ICertificate& certificate) {
                               certificate.Name().c_str());
   } else if (const auto* token = std::get_if<std::unique_ptr<Libp11CertContext>>(&context)) {
     const Libp11CertContext& token_cert = **token;
-    {
-      // Held for the login only; the certificate's context keeps the slot
-      // and the certificate alive for the key lookup.
-      const std::shared_ptr<Libp11Context> libp11 = Libp11Context::GetInstance();
-      const int login = libp11 ? libp11->LogInToSlotIfRequired(token_cert.slot) : 0;
-      // A failed login does not stop the lookup: the key may be public.
-      if (login != 0) {
-        SafeCallbacksWrapper::Log(
-            X509_Auth_LogPriority_Error,
-            "Error logging in to token before obtaining private key! Error code: [%i]", login);
-      }
-    }
-    // libp11 waits forever for a session the token refuses, so a token that
-    // cannot open one now is treated as holding no key.
-    const bool usable = token_cert.libp11_context &&
-                        token_cert.libp11_context->CanOpenSession(token_cert.slot);
-    PKCS11_KEY* found = usable ? PKCS11_find_key(token_cert.cert) : nullptr;
-    if (found != nullptr) {
-      key.reset(PKCS11_get_private_key(found));
+    TokenPrivateKey opened = TokenPrivateKey::Open(
+        token_cert.libp11_context, token_cert.slot, token_cert.cert,
+        TokenPrivateKey::OnLoginFailure::k_continue);
+    if (opened.found != nullptr) {
+      key = std::move(opened.key);
       token_context = token_cert.libp11_context;
       token_slot = token_cert.slot;
-      token_key = found;
+      token_key = opened.found;
     } else {
       success = false;
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -184,7 +171,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   // The query gives an upper bound; a DER-encoded ECDSA signature is usually
   // shorter.
   signature->resize(length);
-  return ResultPair{0, 0};
+  return ResultPair{X509_Auth_ResultCode_Success, 0};
 }
 
 namespace {
@@ -238,7 +225,7 @@ ResultPair Key::SignPss(const EVP_MD* digest, const std::vector<unsigned char>& 
     signature->assign(length, 0);
     if (EVP_PKEY_sign(context.get(), signature->data(), &length, hash.data(), hash.size()) > 0) {
       signature->resize(length);
-      return ResultPair{0, 0};
+      return ResultPair{X509_Auth_ResultCode_Success, 0};
     }
   }
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Key::SignPss signing failed");
@@ -315,7 +302,7 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   }
   // The query gave the modulus size; the padding removed leaves less.
   plaintext->resize(length);
-  return ResultPair{0, 0};
+  return ResultPair{X509_Auth_ResultCode_Success, 0};
 }
 
 }  // namespace quorvant::shared::x509

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "cert/IKey.h"
 
 namespace quorvant::shared::x509 {

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 
 namespace quorvant::shared::x509 {
 

@@ -1,8 +1,8 @@
 #pragma once
 #include <filesystem>
 
-#include "api/OpenSslPtr.h"
-#include "api/Thumbprint.h"
+#include "base/OpenSslPtr.h"
+#include "base/Thumbprint.h"
 
 namespace quorvant::shared::x509 {
 

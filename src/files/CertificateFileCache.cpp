@@ -42,7 +42,7 @@ CertificateFileCache::CertificateFileCache(std::size_t capacity)
 
 CertificateFileCache::~CertificateFileCache() = default;
 
-CertificateFileCache& CertificateFileCache::Instance() {
+CertificateFileCache& CertificateFileCache::GetInstance() {
   static CertificateFileCache cache;
   return cache;
 }

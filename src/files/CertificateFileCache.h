@@ -9,7 +9,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "files/CertificateFile.h"
 
 namespace quorvant::shared::x509 {
@@ -33,7 +33,7 @@ class CertificateFileCache {
   CertificateFileCache& operator=(const CertificateFileCache&) = delete;
 
   // The one the certificate stores use.
-  static CertificateFileCache& Instance();
+  static CertificateFileCache& GetInstance();
 
   // What a directory scan learns of a file besides its record.
   struct Facts {

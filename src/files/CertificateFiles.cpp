@@ -7,7 +7,7 @@
 #include <fstream>
 #include <system_error>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "files/ReadAllBytes.h"
 
 namespace quorvant::shared::x509 {

@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <vector>
 
-#include "api/OpenSslPtr.h"
-#include "api/Thumbprint.h"
+#include "base/OpenSslPtr.h"
+#include "base/Thumbprint.h"
 
 namespace quorvant::shared::x509 {
 

@@ -70,7 +70,7 @@ class NeverDestroyed {
 
 }  // namespace
 
-DirectorySnapshots& DirectorySnapshots::Instance() {
+DirectorySnapshots& DirectorySnapshots::GetInstance() {
   // Never destroyed: the library may be ended (which clears this) from
   // another library's exit handler after static objects are gone, as when
   // OpenSSL's cleanup ends the provider that uses it.

@@ -51,7 +51,7 @@ class DirectorySnapshots {
   // this many files, and a snapshot would hold them all.
   static constexpr std::size_t k_max_entries = 4096;
 
-  static DirectorySnapshots& Instance();
+  static DirectorySnapshots& GetInstance();
 
   DirectorySnapshots();
   ~DirectorySnapshots();

@@ -12,8 +12,8 @@
 #include <system_error>
 #include <vector>
 
-#include "api/SafeCallbacksWrapper.h"
-#include "api/WipeOnExit.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/WipeOnExit.h"
 #include "files/ReadAllBytes.h"
 
 namespace quorvant::shared::x509 {

@@ -4,7 +4,7 @@
 // empty handle; nothing is thrown on bad input.
 #include <filesystem>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 
 namespace quorvant::shared::x509 {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "api/Thumbprint.h"
+#include "base/Thumbprint.h"
 
 namespace quorvant::shared::x509 {
 

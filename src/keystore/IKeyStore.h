@@ -2,8 +2,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "api/Algorithm.h"
-#include "api/Thumbprint.h"
+#include "base/Algorithm.h"
+#include "base/Thumbprint.h"
 #include "x509_auth.h"
 
 namespace quorvant::shared::x509 {

@@ -9,14 +9,14 @@
 #include <string>
 #include <variant>
 
-#include "api/SafeCallbacksWrapper.h"
-#include "cert/Cert.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/WipeOnExit.h"
 #include "cert/ChainBuilder.h"
-#include "api/WipeOnExit.h"
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
-#include "smartcard/Libp11Context.h"
+#include "keystore/OfferDecision.h"
+#include "smartcard/TokenPrivateKey.h"
 
 namespace quorvant::shared::x509 {
 
@@ -25,6 +25,12 @@ namespace {
 constexpr auto k_info = X509_Auth_LogPriority_Info;
 constexpr auto k_warning = X509_Auth_LogPriority_Warning;
 constexpr auto k_error = X509_Auth_LogPriority_Error;
+
+// X509_Auth_GetChainedCAsForCertificate's own results (x509_auth.h), which
+// are not key-operation result codes.
+constexpr std::int32_t k_chain_null_certificate = 2;
+constexpr std::int32_t k_chain_null_count = 3;
+constexpr std::int32_t k_chain_null_output = 4;
 
 // The client-authentication bit of X509_get_extended_key_usage.
 constexpr std::uint32_t k_eku_client_auth = 0x2;
@@ -58,20 +64,21 @@ std::optional<X509_Auth_Result> OpenForKeyOperation(const Thumbprint& thumbprint
   if (store_error != 0) {
     SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
                               static_cast<int>(store_error));
-    return X509_Auth_Result{2, 0, store_error};
+    return X509_Auth_Result{X509_Auth_ResultCode_StoreOpenFailed, 0, store_error};
   }
   // The request only reads the certificate and ends before the store does.
   const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint, &cert);
   if (find_error != 0) {
     SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
                               static_cast<int>(find_error));
-    return X509_Auth_Result{3, 0, find_error};
+    return X509_Auth_Result{X509_Auth_ResultCode_CertificateNotFound, 0, find_error};
   }
   const std::int32_t open_result = key.Open(*cert);
   if (open_result != 0) {
     SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)",
                               open_result);
-    return X509_Auth_Result{4, 0, static_cast<std::uint64_t>(open_result)};
+    return X509_Auth_Result{X509_Auth_ResultCode_KeyOpenFailed, 0,
+                            static_cast<std::uint64_t>(open_result)};
   }
   return std::nullopt;
 }
@@ -175,7 +182,9 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
     return false;
   }
 
-  // Only read, and gone before the store is.
+  // Only read, and gone before the store is. The key usage is checked first
+  // and on its own, so that a refused certificate is never logged; the
+  // decision below repeats that check, which costs nothing.
   std::vector<std::unique_ptr<ICertificate>> certs = users_store.SharedCertificates();
   certs.erase(std::remove_if(certs.begin(), certs.end(),
                              [](const std::unique_ptr<ICertificate>& cert) {
@@ -215,18 +224,18 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
 
     // Chains are built against the store holding the host's added CAs, not
     // this request's users' store.
-    const auto* concrete = dynamic_cast<const Cert*>(cert.get());
-    const bool chained = concrete != nullptr
-                             ? concrete->CaChain(wrapper.ca_chain, &cert_store, chain_builder)
-                             : cert->CaChain(wrapper.ca_chain, &cert_store);
-    if (!chained) {
+    OfferDecision decision =
+        DecideOffer(*cert, &cert_store, chain_builder, OfferDecision::Reasons::k_until_refused);
+    if (!decision.chained) {
       SafeCallbacksWrapper::Log(k_error, "Failed to get CA chain for a certificate");
       continue;
     }
-    if (!cert->Thumbprint(wrapper.thumbprint)) {
+    if (!decision.has_thumbprint) {
       SafeCallbacksWrapper::Log(k_error, "Failed to get thumbprint for a certificate");
       continue;
     }
+    wrapper.ca_chain = std::move(decision.chain);
+    wrapper.thumbprint = decision.thumbprint;
     wrappers.push_back(wrapper);
   }
   SafeCallbacksWrapper::Log(k_warning, "Total Client Certificates picked: %d",
@@ -295,15 +304,15 @@ std::int32_t KeyStore::GetChainedCAsForCertificate(const X509_Auth_Certificate* 
                                                    unsigned long* count, X509_Auth_ASN_1** asn1) {
   if (certificate == nullptr) {
     SafeCallbacksWrapper::Log(k_error, "KeyStore::GetChainedCAsForCertificate Cert is null");
-    return 2;
+    return k_chain_null_certificate;
   }
   if (count == nullptr) {
     SafeCallbacksWrapper::Log(k_error, "KeyStore::GetChainedCAsForCertificate total is null");
-    return 3;
+    return k_chain_null_count;
   }
   if (asn1 == nullptr) {
     SafeCallbacksWrapper::Log(k_error, "KeyStore::GetChainedCAsForCertificate asn1 is null");
-    return 4;
+    return k_chain_null_output;
   }
 
   std::vector<ASN1Wrapper> blobs;
@@ -344,7 +353,7 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHash(const Thumbprint& thumbpr
   if (group == Algorithm::k_unknown ||
       std::find(algorithms.begin(), algorithms.end(), group) == algorithms.end()) {
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support requested algorithm");
-    return {nullptr, {6, 0, 0}};
+    return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
   }
   std::vector<unsigned char> signature;
   const ResultPair signed_result = key.Sign(hash, &signature);
@@ -355,7 +364,7 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHash(const Thumbprint& thumbpr
   }
   SafeCallbacksWrapper::Log(k_info, "Successfully signed hash");
   const X509_Auth_Signature* record = AllocateSignature(group, std::move(signature));
-  return {record, {0, 0, signed_result.detail}};
+  return {record, {X509_Auth_ResultCode_Success, 0, signed_result.detail}};
 }
 
 KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPss(const Thumbprint& thumbprint,
@@ -380,7 +389,7 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPss(const Thumbprint& thum
   }
   SafeCallbacksWrapper::Log(k_info, "Successfully signed hash with RSA-PSS");
   const X509_Auth_Signature* record = AllocateSignature(Algorithm::k_rsa, std::move(signature));
-  return {record, {0, 0, 0}};
+  return {record, {X509_Auth_ResultCode_Success, 0, 0}};
 }
 
 KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
@@ -392,7 +401,7 @@ KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
   if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key)) return {nullptr, *failure};
   if (cert->PublicKeyAlgorithmGroup() != Algorithm::k_rsa) {
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");
-    return {nullptr, {6, 0, 0}};
+    return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
   }
   std::vector<unsigned char> plaintext;
   const WipeOnExit wipe(plaintext);  // empty once moved into the kept record
@@ -404,70 +413,59 @@ KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
   }
   SafeCallbacksWrapper::Log(k_info, "Successfully decrypted data");
   const X509_Auth_ASN_1* record = AllocatePlaintext(std::move(plaintext));
-  return {record, {0, 0, decrypted.detail}};
+  return {record, {X509_Auth_ResultCode_Success, 0, decrypted.detail}};
 }
 
 X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(
     const X509_Auth_Certificate* certificate, void** key) {
   if (certificate == nullptr) {
     SafeCallbacksWrapper::Log(k_error, "Failed to GetPrivateKeyForCertificate Cert is null");
-    return 2;
+    return X509_Auth_ResultCode_NullCertificate;
   }
   if (key == nullptr) {
     SafeCallbacksWrapper::Log(k_error, "Failed to GetPrivateKeyForCertificate pvt_key ptr is null");
-    return 3;
+    return X509_Auth_ResultCode_NullKeyOutput;
   }
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
   bool store_failed = false;
   if (!FindForDialogOrExport(certificate, users_store, cert, store_failed))
-    return store_failed ? 5 : 6;
+    return store_failed ? X509_Auth_ResultCode_KeyExportStoreOpenFailed
+                        : X509_Auth_ResultCode_KeyExportCertificateNotFound;
 
   const CertContext& context = cert->GetContext();
   if (std::holds_alternative<std::unique_ptr<CertFileContext>>(context)) {
     SafeCallbacksWrapper::Log(k_warning,
                               "cert type is CertFileContext: Use Pvt Key Path not this function");
-    return 10;
+    return X509_Auth_ResultCode_UseKeyPath;
   }
   if (std::holds_alternative<std::unique_ptr<EncodedCertContext>>(context)) {
     SafeCallbacksWrapper::Log(k_warning, "cert type is EncodedCertContext, can not get pvt key");
-    return 9;
+    return X509_Auth_ResultCode_EncodedCertificateHasNoKey;
   }
   const Libp11CertContext& token = *std::get<std::unique_ptr<Libp11CertContext>>(context);
-  int login_result = 0;
-  {
-    // Held for the login only; the certificate's own share keeps the
-    // token objects alive afterwards.
-    std::shared_ptr<Libp11Context> libp11 = Libp11Context::GetInstance();
-    login_result = libp11 ? libp11->LogInToSlotIfRequired(token.slot) : -1;
-  }
-  if (login_result != 0) {
-    SafeCallbacksWrapper::Log(
-        k_error, "Error logging in to token before obtaining private key! Error code: [%i]",
-        login_result);
-    return 7;
-  }
-  SafeCallbacksWrapper::Log(k_warning, "cert type: Libp11CertContext");
-  SafeCallbacksWrapper::Log(k_error, "PKCS11_CERT* cert_ptr: [%p]", static_cast<void*>(token.cert));
-  // libp11 waits forever for a session the token refuses, so a token that
-  // cannot open one now is treated as holding no key.
-  const bool usable = token.libp11_context && token.libp11_context->CanOpenSession(token.slot);
-  PKCS11_KEY* found_key = usable ? PKCS11_find_key(token.cert) : nullptr;
-  if (found_key == nullptr) {
+  TokenPrivateKey opened = TokenPrivateKey::Open(
+      token.libp11_context, token.slot, token.cert, TokenPrivateKey::OnLoginFailure::k_stop, [&token] {
+        SafeCallbacksWrapper::Log(k_warning, "cert type: Libp11CertContext");
+        SafeCallbacksWrapper::Log(k_error, "PKCS11_CERT* cert_ptr: [%p]",
+                                  static_cast<void*>(token.cert));
+      });
+  if (opened.login != 0) return X509_Auth_ResultCode_TokenLoginFailed;
+  if (opened.found == nullptr) {
     SafeCallbacksWrapper::Log(k_error,
                               "Error loading private key for smart card cert: [%s] find key null",
                               cert->Name().c_str());
-    return 8;
+    return X509_Auth_ResultCode_TokenKeyNotFound;
   }
   // The host owns the key from here and frees it with EVP_PKEY_free.
-  EVP_PKEY* private_key = PKCS11_get_private_key(found_key);
+  EVP_PKEY* private_key = opened.key.release();
   *key = private_key;
   if (private_key == nullptr) {
     SafeCallbacksWrapper::Log(k_error,
                               "Error loading private key for smart card cert: [%s] get returned null",
                               cert->Name().c_str());
   }
-  return 0;
+  return X509_Auth_ResultCode_Success;
 }
 
 bool KeyStore::ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) {

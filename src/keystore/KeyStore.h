@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "api/SecretWipe.h"
+#include "base/SecretWipe.h"
 #include "keystore/ASN1Wrapper.h"
 #include "keystore/CertificateWrapper.h"
 #include "keystore/IKeyStore.h"
@@ -76,7 +76,8 @@ class KeyStore : public IKeyStore {
                                                std::vector<unsigned char> signature);
   const X509_Auth_ASN_1* AllocatePlaintext(std::vector<unsigned char> plaintext);
 
-  // Whether a certificate is offered for TLS client authentication.
+  // Whether a certificate's key usage allows TLS client authentication, the
+  // first part of the offering decision (keystore/OfferDecision.h).
   static bool IsPermitted(const ICertificate& cert);
 
   // The key store's own store, holding the CA certificates the host added.

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
 
 namespace quorvant::shared::x509 {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "smartcard/Libp11LoginHandler.h"
 #include "smartcard/Pkcs11SessionProbe.h"
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 
 namespace quorvant::shared::x509 {
 

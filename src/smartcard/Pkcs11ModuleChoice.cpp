@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 
 namespace quorvant::shared::x509 {
 

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "smartcard/Libp11Context.h"
 
 namespace quorvant::shared::x509 {

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "api/ResultPair.h"
+#include "base/ResultPair.h"
 
 namespace quorvant::shared::x509 {
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <system_error>
 
-#include "api/SafeCallbacksWrapper.h"
-#include "api/X509Settings.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/X509Settings.h"
 #include "cert/Cert.h"
 #include "cert/DefaultCaPaths.h"
 #include "cert/X509StoreBatch.h"
@@ -225,7 +225,7 @@ std::shared_ptr<const CertStore::X509CertFromFileSystem> CertStore::TakeFile(
   // Unchanged files come from the cache, record and all.
   errno = 0;
   std::shared_ptr<const X509CertFromFileSystem> file =
-      CertificateFileCache::Instance().Read(directory, name, path, key_file, facts);
+      CertificateFileCache::GetInstance().Read(directory, name, path, key_file, facts);
   // Out of descriptors every later file fails too: that ends this base
   // directory like any other file-system error, instead of silently.
   if (!file && (errno == EMFILE || errno == ENFILE))
@@ -247,7 +247,7 @@ bool CertStore::ReplaySnapshot(const fs::path& certs_directory, std::string& key
   if (directory.get() < 0) return false;
   key_file.resize(key_prefix);
   const std::shared_ptr<const DirectorySnapshots::Snapshot> snapshot =
-      DirectorySnapshots::Instance().Find(directory.get(), certs_directory.native(), key_file);
+      DirectorySnapshots::GetInstance().Find(directory.get(), certs_directory.native(), key_file);
   if (!snapshot) return false;
   std::string path = DirectoryEntries::PathPrefix(certs_directory);
   const std::size_t path_prefix = path.size();
@@ -276,7 +276,7 @@ bool CertStore::ReplaySnapshot(const fs::path& certs_directory, std::string& key
 
 void CertStore::ScanDirectory(const fs::path& certs_directory, std::string& key_file,
                               std::size_t key_prefix) {
-  DirectorySnapshots& snapshots = DirectorySnapshots::Instance();
+  DirectorySnapshots& snapshots = DirectorySnapshots::GetInstance();
   DirectorySnapshots::Ticket ticket;
   // Watched from before its first entry is read, so that any change made
   // while it is read is reported.

@@ -3,11 +3,11 @@
 #include <memory>
 #include <vector>
 
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "files/CertificateFile.h"
 #include "files/CertificateFileCache.h"
 #include "smartcard/Libp11Context.h"
-#include "store/ICertificateStore.h"
+#include "cert/ICertificateStore.h"
 #include "store/PendingCertificates.h"
 
 namespace quorvant::shared::x509 {

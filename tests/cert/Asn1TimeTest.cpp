@@ -3,24 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <memory>
+#include <ostream>
 #include <string>
+
+#include "base/OpenSslPtr.h"
 
 namespace quorvant::shared::x509 {
 namespace {
 
-struct Asn1StringFree {
-  void operator()(ASN1_STRING* p) const { ASN1_STRING_free(p); }
-};
-using Asn1StringPtr = std::unique_ptr<ASN1_STRING, Asn1StringFree>;
-
-Asn1StringPtr MakeTime(int type, const std::string& text) {
-  Asn1StringPtr time(ASN1_STRING_type_new(type));
-  ASN1_STRING_set(time.get(), text.data(), static_cast<int>(text.size()));
-  return time;
-}
+using Asn1StringPtr = std::unique_ptr<ASN1_STRING, OpenSslDeleter<ASN1_STRING, ASN1_STRING_free>>;
 
 // Seconds since the epoch of these fields read as UTC, computed without mktime.
 std::time_t Utc(int year, int month, int day, int hour, int minute, int second) {
@@ -34,117 +27,101 @@ std::time_t Utc(int year, int month, int day, int hour, int minute, int second) 
   return timegm(&fields);
 }
 
-// Every test runs in a zone three hours east of UTC without daylight saving,
-// so a conversion that used UTC would be off by 10800 seconds.
-class Asn1TimeTest : public ::testing::Test {
+// A zone three hours east of UTC without daylight saving, so that a
+// conversion that used UTC would be off by 10800 seconds.
+constexpr const char* k_east = "XST-3";
+constexpr std::time_t k_east_offset = 3 * 3600;
+// Central Europe: UTC+1, UTC+2 in summer.
+constexpr const char* k_cet = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+struct TimeCase {
+  const char* name;
+  const char* zone;
+  int type;
+  const char* text;
+  // The expected result: -1, or UTC fields less the zone's offset.
+  std::time_t expected;
+};
+
+void PrintTo(const TimeCase& c, std::ostream* out) { *out << c.name << " \"" << c.text << "\""; }
+
+std::time_t East(int year, int month, int day, int hour, int minute, int second) {
+  return Utc(year, month, day, hour, minute, second) - k_east_offset;
+}
+
+const TimeCase k_cases[] = {
+    // Times shorter than their layout come from certificates OpenSSL parses
+    // all the same; they must give -1 without a byte past their end being
+    // read (the sanitizer builds see such a read).
+    {"UtcTimeShorterThanItsLayout", k_east, V_ASN1_UTCTIME, "2501", -1},
+    {"UtcTimeOneShortOfItsLayout", k_east, V_ASN1_UTCTIME, "25010112000", -1},
+    {"EmptyUtcTime", k_east, V_ASN1_UTCTIME, "", -1},
+    {"GeneralizedTimeShorterThanItsLayout", k_east, V_ASN1_GENERALIZEDTIME, "2025010112000", -1},
+    {"GeneralizedTimeOfOnlyAZone", k_east, V_ASN1_GENERALIZEDTIME, "Z", -1},
+    {"OtherTypeShorterThanItsLayout", k_east, V_ASN1_OCTET_STRING, "061512003", -1},
+    {"UtcTimeOfExactlyItsLayoutLength", k_east, V_ASN1_UTCTIME, "240229133007",
+     East(2024, 2, 29, 13, 30, 7)},
+    {"GeneralizedTimeOfExactlyItsLayoutLength", k_east, V_ASN1_GENERALIZEDTIME, "20240229133007",
+     East(2024, 2, 29, 13, 30, 7)},
+    {"UtcTimeIsReadAsLocalTime", k_east, V_ASN1_UTCTIME, "240229133007Z",
+     East(2024, 2, 29, 13, 30, 7)},
+    {"UtcTimeYear69IsInThe2000s", k_east, V_ASN1_UTCTIME, "690615120000Z", East(2069, 6, 15, 12, 0, 0)},
+    {"UtcTimeYear70IsInThe1900s", k_east, V_ASN1_UTCTIME, "700101000000Z", East(1970, 1, 1, 0, 0, 0)},
+    {"UtcTimeYear50IsIn2050NotIn1950", k_east, V_ASN1_UTCTIME, "500101000000Z",
+     East(2050, 1, 1, 0, 0, 0)},
+    {"UtcTimeYear99IsIn1999", k_east, V_ASN1_UTCTIME, "991231235959Z", East(1999, 12, 31, 23, 59, 59)},
+    {"GeneralizedTimeIsReadAsLocalTime", k_east, V_ASN1_GENERALIZEDTIME, "20500102030405Z",
+     East(2050, 1, 2, 3, 4, 5)},
+    {"GeneralizedTimeBefore1950KeepsItsCentury", k_east, V_ASN1_GENERALIZEDTIME, "19491231235959Z",
+     East(1949, 12, 31, 23, 59, 59)},
+    // Fractions and zone offsets after the seconds are ignored.
+    {"GeneralizedTimeFractionAndOffsetAreIgnored", k_east, V_ASN1_GENERALIZEDTIME,
+     "20300405060708.999-0500", East(2030, 4, 5, 6, 7, 8)},
+    {"UtcTimeOffsetIsIgnored", k_east, V_ASN1_UTCTIME, "300405060708+1100", East(2030, 4, 5, 6, 7, 8)},
+    // Other types are read as month, day and time in the year 1900.
+    {"OtherTypeIsReadInTheYear1900", k_east, V_ASN1_OCTET_STRING, "0615120030",
+     East(1900, 6, 15, 12, 0, 30)},
+    {"OtherTypeWithAZoneIsReadInTheYear1900", k_east, V_ASN1_IA5STRING, "1231235959Z",
+     East(1900, 12, 31, 23, 59, 59)},
+    // Month 13 and second 60 are not validated; mktime carries them over.
+    {"FieldsOutOfRangeAreNormalisedNotRejected", k_east, V_ASN1_UTCTIME, "301301000060Z",
+     East(2031, 1, 1, 0, 1, 0)},
+    // The fields are read as standard time even in July, because the
+    // daylight-saving flag starts at zero.
+    {"DaylightSavingIsMarkedNotInEffectInSummer", k_cet, V_ASN1_UTCTIME, "300715120000Z",
+     Utc(2030, 7, 15, 12, 0, 0) - 3600},
+    {"DaylightSavingIsMarkedNotInEffectInWinter", k_cet, V_ASN1_UTCTIME, "300115120000Z",
+     Utc(2030, 1, 15, 12, 0, 0) - 3600},
+    {"UtcZoneGivesTheUtcValue", "UTC0", V_ASN1_GENERALIZEDTIME, "20380119031408Z",
+     Utc(2038, 1, 19, 3, 14, 8)},
+};
+
+// Each case runs in its own zone, restored to the process's default after.
+class Asn1TimeTest : public ::testing::TestWithParam<TimeCase> {
  protected:
-  static constexpr std::time_t k_offset = 3 * 3600;
-  void SetUp() override { SetZone("XST-3"); }
+  void SetUp() override {
+    setenv("TZ", GetParam().zone, 1);
+    tzset();
+  }
   void TearDown() override {
     unsetenv("TZ");
     tzset();
   }
-  static void SetZone(const char* zone) {
-    setenv("TZ", zone, 1);
-    tzset();
-  }
 };
 
-// Times shorter than their layout come from certificates OpenSSL parses all
-// the same; they must give -1 without a byte past their end being read
-// (the sanitizer builds see such a read).
-TEST_F(Asn1TimeTest, UtcTimeShorterThanItsLayoutGivesMinusOne) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "2501").get()), -1);
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "25010112000").get()), -1);
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "").get()), -1);
+TEST_P(Asn1TimeTest, ConvertsAsTheTableSays) {
+  const TimeCase& c = GetParam();
+  const std::string text = c.text;
+  const Asn1StringPtr time(ASN1_STRING_type_new(c.type));
+  ASSERT_TRUE(time);
+  ASN1_STRING_set(time.get(), text.data(), static_cast<int>(text.size()));
+  EXPECT_EQ(ConvertAsn1TimeToTimeT(time.get()), c.expected);
 }
 
-TEST_F(Asn1TimeTest, GeneralizedTimeShorterThanItsLayoutGivesMinusOne) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "2025010112000").get()), -1);
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "Z").get()), -1);
-}
-
-TEST_F(Asn1TimeTest, OtherTypeShorterThanItsLayoutGivesMinusOne) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_OCTET_STRING, "061512003").get()), -1);
-}
-
-TEST_F(Asn1TimeTest, TimesOfExactlyTheirLayoutLengthAreRead) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "240229133007").get()),
-            Utc(2024, 2, 29, 13, 30, 7) - k_offset);
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "20240229133007").get()),
-            Utc(2024, 2, 29, 13, 30, 7) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, UtcTimeIsReadAsLocalTime) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "240229133007Z").get()),
-            Utc(2024, 2, 29, 13, 30, 7) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, UtcTimeYear69IsInThe2000s) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "690615120000Z").get()),
-            Utc(2069, 6, 15, 12, 0, 0) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, UtcTimeYear70IsInThe1900s) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "700101000000Z").get()),
-            Utc(1970, 1, 1, 0, 0, 0) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, UtcTimeYear50IsIn2050NotIn1950) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "500101000000Z").get()),
-            Utc(2050, 1, 1, 0, 0, 0) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, UtcTimeYear99IsIn1999) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "991231235959Z").get()),
-            Utc(1999, 12, 31, 23, 59, 59) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, GeneralizedTimeIsReadAsLocalTime) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "20500102030405Z").get()),
-            Utc(2050, 1, 2, 3, 4, 5) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, GeneralizedTimeBefore1950KeepsItsCentury) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "19491231235959Z").get()),
-            Utc(1949, 12, 31, 23, 59, 59) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, FractionsAndZoneOffsetsAfterTheSecondsAreIgnored) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "20300405060708.999-0500").get()),
-            Utc(2030, 4, 5, 6, 7, 8) - k_offset);
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "300405060708+1100").get()),
-            Utc(2030, 4, 5, 6, 7, 8) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, OtherTypesAreReadAsMonthDayTimeInTheYear1900) {
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_OCTET_STRING, "0615120030").get()),
-            Utc(1900, 6, 15, 12, 0, 30) - k_offset);
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_IA5STRING, "1231235959Z").get()),
-            Utc(1900, 12, 31, 23, 59, 59) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, FieldsOutOfRangeAreNormalisedNotRejected) {
-  // Month 13 and second 60 are not validated; mktime carries them over.
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "301301000060Z").get()),
-            Utc(2031, 1, 1, 0, 1, 0) - k_offset);
-}
-
-TEST_F(Asn1TimeTest, DaylightSavingIsMarkedNotInEffect) {
-  // Central Europe: UTC+1, UTC+2 in summer. The fields are read as standard
-  // time even in July, because the daylight-saving flag starts at zero.
-  SetZone("CET-1CEST,M3.5.0,M10.5.0/3");
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "300715120000Z").get()),
-            Utc(2030, 7, 15, 12, 0, 0) - 3600);
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_UTCTIME, "300115120000Z").get()),
-            Utc(2030, 1, 15, 12, 0, 0) - 3600);
-}
-
-TEST_F(Asn1TimeTest, UtcZoneGivesTheUtcValue) {
-  SetZone("UTC0");
-  EXPECT_EQ(ConvertAsn1TimeToTimeT(MakeTime(V_ASN1_GENERALIZEDTIME, "20380119031408Z").get()),
-            Utc(2038, 1, 19, 3, 14, 8));
-}
+INSTANTIATE_TEST_SUITE_P(Table, Asn1TimeTest, ::testing::ValuesIn(k_cases),
+                         [](const ::testing::TestParamInfo<TimeCase>& info) {
+                           return std::string(info.param.name);
+                         });
 
 }  // namespace
 }  // namespace quorvant::shared::x509

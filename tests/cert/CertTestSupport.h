@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "RecordingCallbacks.h"
-#include "api/OpenSslPtr.h"
-#include "api/SafeCallbacksWrapper.h"
+#include "base/OpenSslPtr.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/Cert.h"
-#include "store/ICertificateStore.h"
+#include "cert/ICertificateStore.h"
 
 namespace quorvant::shared::x509::test {
 

@@ -8,7 +8,7 @@
 
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "files/CertificateFiles.h"
 
 namespace quorvant::shared::x509 {

@@ -16,7 +16,7 @@
 
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 
 namespace quorvant::shared::x509 {
 namespace {

@@ -12,7 +12,7 @@
 #include "FakeCertificate.h"
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 
 namespace quorvant::shared::x509 {
 namespace {

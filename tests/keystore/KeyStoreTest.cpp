@@ -6,7 +6,7 @@
 
 #include <stdexcept>
 
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/ICertificate.h"
 #include "RecordingCallbacks.h"
 

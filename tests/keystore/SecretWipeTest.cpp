@@ -14,9 +14,9 @@
 
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
-#include "api/SafeCallbacksWrapper.h"
-#include "api/SecretWipe.h"
-#include "api/X509Settings.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/SecretWipe.h"
+#include "base/X509Settings.h"
 #include "files/PrivateKeyFiles.h"
 #include "keystore/KeyStore.h"
 

@@ -13,7 +13,7 @@
 #include "SmartcardTest.h"
 #include "SoftHsmToken.h"
 #include "TestPki.h"
-#include "api/OpenSslPtr.h"
+#include "base/OpenSslPtr.h"
 #include "smartcard/Libp11Context.h"
 
 namespace x509auth_test {

@@ -11,7 +11,7 @@
 
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "smartcard/Libp11Context.h"
 
 namespace x509auth_test {

@@ -30,7 +30,7 @@ class SnapshotTest : public StoreTest {
  protected:
   void SetUp() override {
     StoreTest::SetUp();
-    DirectorySnapshots::Instance().Clear();
+    DirectorySnapshots::GetInstance().Clear();
     base_ = tmp_ / "base";
     fs::create_directories(base_ / "certs");
     fs::create_directories(base_ / "keys");
@@ -41,7 +41,7 @@ class SnapshotTest : public StoreTest {
     ASSERT_EQ(pem_.size(), 4u) << "no common PEM length";
   }
   void TearDown() override {
-    DirectorySnapshots::Instance().Clear();
+    DirectorySnapshots::GetInstance().Clear();
     StoreTest::TearDown();
   }
 
@@ -62,15 +62,15 @@ class SnapshotTest : public StoreTest {
   }
   // The same with nothing kept from earlier scans.
   std::string FullScan() {
-    DirectorySnapshots::Instance().Clear();
-    CertificateFileCache::Instance().Clear();
+    DirectorySnapshots::GetInstance().Clear();
+    CertificateFileCache::GetInstance().Clear();
     return Scan();
   }
   // A scan that must have been taken from the snapshot: no file was looked up.
   std::string ScanFromSnapshot() {
-    const std::uint64_t hits = CertificateFileCache::Instance().Hits();
+    const std::uint64_t hits = CertificateFileCache::GetInstance().Hits();
     const std::string found = Scan();
-    EXPECT_EQ(CertificateFileCache::Instance().Hits(), hits) << "files were looked at again";
+    EXPECT_EQ(CertificateFileCache::GetInstance().Hits(), hits) << "files were looked at again";
     return found;
   }
   // Rewrites |path| in place with |pem|, giving it back its times, so that
@@ -92,7 +92,7 @@ class SnapshotTest : public StoreTest {
     WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
     Settle();
     first_ = Scan();
-    ASSERT_EQ(DirectorySnapshots::Instance().Size(), 1u);
+    ASSERT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
     ASSERT_EQ(ScanFromSnapshot(), first_);
   }
   // The scan now, which must equal a full scan and hold |expected|.
@@ -113,7 +113,7 @@ TEST_F(SnapshotTest, AnUnchangedDirectoryIsTakenFromTheSnapshotWithTheSameResult
       << first_;
   EXPECT_EQ(first_, FullScan());
   // A full scan keeps a new snapshot.
-  EXPECT_EQ(DirectorySnapshots::Instance().Size(), 1u);
+  EXPECT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
   EXPECT_EQ(ScanFromSnapshot(), first_);
 }
 
@@ -222,11 +222,11 @@ TEST_F(SnapshotTest, LostReportsDropEverySnapshot) {
 
 TEST_F(SnapshotTest, ClearingStopsWatchingAndTheNextScanReadsEverything) {
   Start();
-  DirectorySnapshots::Instance().Clear();
-  EXPECT_EQ(DirectorySnapshots::Instance().Size(), 0u);
-  const std::uint64_t hits = CertificateFileCache::Instance().Hits();
+  DirectorySnapshots::GetInstance().Clear();
+  EXPECT_EQ(DirectorySnapshots::GetInstance().Size(), 0u);
+  const std::uint64_t hits = CertificateFileCache::GetInstance().Hits();
   EXPECT_EQ(Scan(), first_);
-  EXPECT_EQ(CertificateFileCache::Instance().Hits(), hits + 2) << "both files looked up";
+  EXPECT_EQ(CertificateFileCache::GetInstance().Hits(), hits + 2) << "both files looked up";
 }
 
 }  // namespace

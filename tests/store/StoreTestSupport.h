@@ -14,8 +14,8 @@
 #include "RecordingCallbacks.h"
 #include "SoftHsmToken.h"
 #include "TestPki.h"
-#include "api/SafeCallbacksWrapper.h"
-#include "api/X509Settings.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/X509Settings.h"
 #include "cert/Cert.h"
 #include "store/CertStore.h"
 

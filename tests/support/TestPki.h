@@ -14,16 +14,13 @@
 #include <string>
 #include <vector>
 
+#include "x509auth/OpenSslPtr.h"
+
 namespace x509auth_test {
 
-struct X509Free {
-  void operator()(X509* p) const { X509_free(p); }
-};
-struct EvpPkeyFree {
-  void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-using TestX509 = std::unique_ptr<X509, X509Free>;
-using TestKey = std::unique_ptr<EVP_PKEY, EvpPkeyFree>;
+// The project's owning aliases (common/x509auth/OpenSslPtr.h).
+using TestX509 = x509auth_openssl::X509Ptr;
+using TestKey = x509auth_openssl::EvpPkeyPtr;
 using Bytes = std::vector<unsigned char>;
 
 enum class KeyKind { kRsa, kEc, kRsaPss, kEd25519 };

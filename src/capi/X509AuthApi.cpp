@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "api/SafeCallbacksWrapper.h"
-#include "api/X509Settings.h"
+#include "base/SafeCallbacksWrapper.h"
+#include "base/X509Settings.h"
 #include "files/DirectorySnapshots.h"
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
@@ -96,7 +96,7 @@ void X509_Auth_DeInit(void) {
   key_store.reset();
   ContextHolder().reset();
   // The watches on certificate directories end with the library's use.
-  DirectorySnapshots::Instance().Clear();
+  DirectorySnapshots::GetInstance().Clear();
   LogAllOpenSslErrors();
 }
 

@@ -1,4 +1,4 @@
-#include "api/X509Settings.h"
+#include "base/X509Settings.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "LibrarySession.h"
+#include "CommandLibrarySession.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -16,9 +16,6 @@
 namespace x509auth_tool {
 namespace {
 
-// The C callbacks reach the one session of the process through this.
-LibrarySession::LogObserver g_observer;
-
 __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
                                                  const char* format, va_list arguments) {
   va_list copy;
@@ -28,7 +25,6 @@ __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
   std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
   if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  if (g_observer) g_observer(priority, format, text);
   Evidence::AddLog(priority, format, text);
 }
 
@@ -38,27 +34,24 @@ void OnMessage(const char* message, const char* title) {
 
 }  // namespace
 
-LibrarySession::LibrarySession(const GlobalOptions& options) : options_(options) {
+CommandLibrarySession::CommandLibrarySession(const GlobalOptions& options) : options_(options) {
   Evidence::Configure(options.verbose > 0, options.quiet);
   PinPrompt::Configure(PromptSources{options.pin_env, options.password_env, options.pin_fd,
                                      options.password_fd, options.module_path});
 }
 
-LibrarySession::~LibrarySession() {
-  g_observer = nullptr;
+CommandLibrarySession::~CommandLibrarySession() {
   if (!started_) return;
   if (array_ != nullptr) X509_Auth_Free(array_);
   X509_Auth_DeInit();
 }
 
-void LibrarySession::SetLogObserver(LogObserver observer) { g_observer = std::move(observer); }
-
-std::string LibrarySession::WithPromptNote(const std::string& message) {
+std::string CommandLibrarySession::WithPromptNote(const std::string& message) {
   const std::string& note = PinPrompt::LastUnanswered();
   return note.empty() ? message : message + "; " + note;
 }
 
-std::string LibrarySession::KeyFailure(const std::string& what, const X509_Auth_Result& result) {
+std::string CommandLibrarySession::KeyFailure(const std::string& what, const X509_Auth_Result& result) {
   // The library says a wrong password as a key file it cannot parse after
   // the prompt was answered, and a wrong PIN as its login notice.
   const std::string& answered = PinPrompt::LastAnswered();
@@ -76,11 +69,11 @@ std::string LibrarySession::KeyFailure(const std::string& what, const X509_Auth_
                         std::to_string(result.detail));
 }
 
-X509_Auth_Callbacks LibrarySession::Callbacks() {
+X509_Auth_Callbacks CommandLibrarySession::Callbacks() {
   return X509_Auth_Callbacks{OnLog, PinPrompt::OnPinEntry, PinPrompt::OnFree, OnMessage};
 }
 
-X509_Auth_Settings LibrarySession::Settings() {
+X509_Auth_Settings CommandLibrarySession::Settings() {
   dirs_.clear();
   home_dirs_.clear();
   for (const std::string& dir : options_.dirs) dirs_.push_back(dir.c_str());
@@ -90,14 +83,14 @@ X509_Auth_Settings LibrarySession::Settings() {
   return X509_Auth_Settings{dirs_.data(), dirs_.size(), home_dirs_.data(), home_dirs_.size()};
 }
 
-std::optional<std::vector<unsigned char>> LibrarySession::ReadCaFile(const std::string& path) {
+std::optional<std::vector<unsigned char>> CommandLibrarySession::ReadCaFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return FailPlain("cannot read the CA certificate " + path), std::nullopt;
   return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)),
                                     std::istreambuf_iterator<char>());
 }
 
-bool LibrarySession::Start() {
+bool CommandLibrarySession::Start() {
   Evidence::BeginStep();
   // Chosen before the first request loads a module; "" is no module at all.
   if (X509_Auth_SetPkcs11Module(options_.module_path.c_str()) != X509_Auth_ResultCode_Success)
@@ -117,7 +110,7 @@ bool LibrarySession::Start() {
   return true;
 }
 
-bool LibrarySession::Load() {
+bool CommandLibrarySession::Load() {
   if (loaded_) return true;
   uint64_t count = 0;
   Evidence::BeginStep();
@@ -130,7 +123,7 @@ bool LibrarySession::Load() {
   return true;
 }
 
-const X509_Auth_Certificate* LibrarySession::Find(const std::string& argument) {
+const X509_Auth_Certificate* CommandLibrarySession::Find(const std::string& argument) {
   const std::optional<std::string> digits = ThumbprintArgument::Normalise(argument);
   if (!digits) return FailPlain(ThumbprintArgument::Check(argument)), nullptr;
   if (!Load()) return nullptr;

@@ -1,7 +1,7 @@
 #pragma once
 #include <vector>
 
-#include "api/SecretWipe.h"
+#include "base/SecretWipe.h"
 
 namespace quorvant::shared::x509 {
 

@@ -1,4 +1,4 @@
-#include "LibrarySession.h"
+#include "SharedLibrarySession.h"
 
 #include <link.h>
 #include <openssl/crypto.h>
@@ -22,7 +22,7 @@ const Request* g_current = nullptr;
 int g_idle_threshold = X509_Auth_LogPriority_Error;
 // Set once the library has been deinitialised for good at process exit.
 bool g_finished = false;
-LibrarySession* g_live = nullptr;
+SharedLibrarySession* g_live = nullptr;
 
 // How many shared objects the process has loaded so far (the dynamic
 // linker's own count, which never goes down).
@@ -99,17 +99,17 @@ void FreePinEntry(X509_Auth_PinEntryResult* result) {
 
 }  // namespace
 
-std::mutex& LibrarySession::Mutex() {
+std::mutex& SharedLibrarySession::Mutex() {
   static std::mutex mutex;
   return mutex;
 }
 
-std::shared_ptr<LibrarySession> LibrarySession::Acquire(const ProviderSettings& settings) {
+std::shared_ptr<SharedLibrarySession> SharedLibrarySession::Acquire(const ProviderSettings& settings) {
   static std::mutex acquire_mutex;
-  static std::weak_ptr<LibrarySession> instance;
+  static std::weak_ptr<SharedLibrarySession> instance;
   std::lock_guard<std::mutex> acquire_lock(acquire_mutex);
-  if (std::shared_ptr<LibrarySession> session = instance.lock()) return session;
-  std::shared_ptr<LibrarySession> session(new LibrarySession());
+  if (std::shared_ptr<SharedLibrarySession> session = instance.lock()) return session;
+  std::shared_ptr<SharedLibrarySession> session(new SharedLibrarySession());
   {
     std::lock_guard<std::mutex> lock(Mutex());
     const Request request{&settings, nullptr};
@@ -134,7 +134,7 @@ std::shared_ptr<LibrarySession> LibrarySession::Acquire(const ProviderSettings& 
   return session;
 }
 
-void LibrarySession::DeinitialiseAtExit() {
+void SharedLibrarySession::DeinitialiseAtExit() {
   std::lock_guard<std::mutex> lock(Mutex());
   if (g_live != nullptr && !g_finished) {
     X509_Auth_DeInit();
@@ -142,22 +142,22 @@ void LibrarySession::DeinitialiseAtExit() {
   }
 }
 
-LibrarySession::ExitHandlerAfterLoad::ExitHandlerAfterLoad() : loads_before_(SharedObjectLoads()) {}
+SharedLibrarySession::ExitHandlerAfterLoad::ExitHandlerAfterLoad() : loads_before_(SharedObjectLoads()) {}
 
-LibrarySession::ExitHandlerAfterLoad::~ExitHandlerAfterLoad() {
+SharedLibrarySession::ExitHandlerAfterLoad::~ExitHandlerAfterLoad() {
   // One more call of an idempotent handler per request that loaded something:
   // in practice once per module load.
   if (SharedObjectLoads() != loads_before_) std::atexit(DeinitialiseAtExit);
 }
 
-LibrarySession::~LibrarySession() {
+SharedLibrarySession::~SharedLibrarySession() {
   std::lock_guard<std::mutex> lock(Mutex());
   if (!g_finished) X509_Auth_DeInit();
   g_finished = true;
   g_live = nullptr;
 }
 
-LibrarySession::Scope::Scope(const Request& request) {
+SharedLibrarySession::Scope::Scope(const Request& request) {
   const ProviderSettings& settings = *request.settings;
   std::vector<const char*> dirs, home_dirs;
   for (const std::string& dir : settings.dirs) dirs.push_back(dir.c_str());
@@ -168,7 +168,7 @@ LibrarySession::Scope::Scope(const Request& request) {
   g_current = &request;
 }
 
-LibrarySession::Scope::~Scope() {
+SharedLibrarySession::Scope::~Scope() {
   // What the library queued (it reads a DER key by trying PEM first, and
   // libp11 queues what it has already handled) goes with |errors_|: the
   // caller reports failures with the library's own lines.

@@ -6,13 +6,15 @@
 #include <memory>
 #include <vector>
 
-#include "api/Thumbprint.h"
+#include "base/Thumbprint.h"
 
 namespace quorvant::shared::x509 {
 
 class ICertificate;
 
-// A set of certificates gathered into one OpenSSL X509_STORE.
+// A set of certificates gathered into one OpenSSL X509_STORE. Declared here,
+// not in store/, because a certificate reaches its store's X509_STORE through
+// it; store/ implements it (CertStore), so the layers stay one-way.
 class ICertificateStore {
  public:
   // Any value other than k_users_cert_store opens an empty store for the

@@ -1,4 +1,4 @@
-#include "api/SecretWipe.h"
+#include "base/SecretWipe.h"
 
 #include <openssl/crypto.h>
 

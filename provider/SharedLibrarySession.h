@@ -40,13 +40,13 @@ struct Request {
   mutable std::vector<std::string> evidence;
 };
 
-class LibrarySession {
+class SharedLibrarySession {
  public:
   // The process's session, initialising the library for the first caller.
-  static std::shared_ptr<LibrarySession> Acquire(const ProviderSettings& settings);
-  ~LibrarySession();
-  LibrarySession(const LibrarySession&) = delete;
-  LibrarySession& operator=(const LibrarySession&) = delete;
+  static std::shared_ptr<SharedLibrarySession> Acquire(const ProviderSettings& settings);
+  ~SharedLibrarySession();
+  SharedLibrarySession(const SharedLibrarySession&) = delete;
+  SharedLibrarySession& operator=(const SharedLibrarySession&) = delete;
 
   // Runs |call| (which calls into the library) under the process-wide lock,
   // with |request|'s directories applied and its passphrase source answering
@@ -61,7 +61,7 @@ class LibrarySession {
   }
 
  private:
-  LibrarySession() = default;
+  SharedLibrarySession() = default;
   static std::mutex& Mutex();
   // Deinitialises the library at process exit, once, if a session is live.
   static void DeinitialiseAtExit();

@@ -1,4 +1,4 @@
-#include "api/SafeCallbacksWrapper.h"
+#include "base/SafeCallbacksWrapper.h"
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>

@@ -2,7 +2,6 @@
 // One use of the library, as any host makes it: callbacks installed, the
 // PKCS#11 module chosen and the directories set (X509_Auth_Init), the extra
 // CAs added, the certificates listed once, and X509_Auth_DeInit at the end.
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,22 +11,18 @@
 
 namespace x509auth_tool {
 
-class LibrarySession {
+class CommandLibrarySession {
  public:
-  // A log line: the library's priority, its raw format and the text.
-  using LogObserver =
-      std::function<void(X509_Auth_LogPriority, const char* format, const std::string& text)>;
-
-  explicit LibrarySession(const GlobalOptions& options);
-  ~LibrarySession();
-  LibrarySession(const LibrarySession&) = delete;
-  LibrarySession& operator=(const LibrarySession&) = delete;
+  explicit CommandLibrarySession(const GlobalOptions& options);
+  ~CommandLibrarySession();
+  CommandLibrarySession(const CommandLibrarySession&) = delete;
+  CommandLibrarySession& operator=(const CommandLibrarySession&) = delete;
 
   // Initialises the library and adds the CAs; false after printing why.
   bool Start();
 
   // The tool's callbacks, for a layer of the library that is not started
-  // through X509_Auth_Init (see DoctorCommand).
+  // through X509_Auth_Init (see OfferingReport).
   static X509_Auth_Callbacks Callbacks();
   // The directories of the command line; the default when none was given.
   // Points into this session.
@@ -42,9 +37,6 @@ class LibrarySession {
   // null after printing why: the candidates, or why a certificate with that
   // thumbprint exists but is not offered.
   const X509_Auth_Certificate* Find(const std::string& argument);
-
-  // Also hands every log line to |observer| while the session lives.
-  static void SetLogObserver(LogObserver observer);
 
   // Appends the unanswered prompt, if any, to a failure message.
   static std::string WithPromptNote(const std::string& message);

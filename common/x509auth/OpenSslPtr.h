@@ -1,0 +1,39 @@
+#pragma once
+// Owning aliases for every OpenSSL and libp11-made OpenSSL handle the
+// project creates: the library, the provider, the tool and the tests. A
+// handle goes into one of these the moment it is made, so no *_free call
+// appears anywhere else. Header-only, so that the provider and the tool use
+// it without linking the library's internals (they still reach the library
+// only through x509_auth.h).
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/ui.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+
+#include <memory>
+
+namespace x509auth_openssl {
+
+template <typename T, void (*Free)(T*)>
+struct OpenSslDeleter {
+  void operator()(T* p) const { Free(p); }
+};
+
+using X509Ptr = std::unique_ptr<X509, OpenSslDeleter<X509, X509_free>>;
+using X509CrlPtr = std::unique_ptr<X509_CRL, OpenSslDeleter<X509_CRL, X509_CRL_free>>;
+using X509StorePtr = std::unique_ptr<X509_STORE, OpenSslDeleter<X509_STORE, X509_STORE_free>>;
+using X509StoreCtxPtr =
+    std::unique_ptr<X509_STORE_CTX, OpenSslDeleter<X509_STORE_CTX, X509_STORE_CTX_free>>;
+using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, OpenSslDeleter<EVP_PKEY, EVP_PKEY_free>>;
+using EvpPkeyCtxPtr =
+    std::unique_ptr<EVP_PKEY_CTX, OpenSslDeleter<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
+using EvpMdPtr = std::unique_ptr<EVP_MD, OpenSslDeleter<EVP_MD, EVP_MD_free>>;
+using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, OpenSslDeleter<EVP_MD_CTX, EVP_MD_CTX_free>>;
+using LibCtxPtr = std::unique_ptr<OSSL_LIB_CTX, OpenSslDeleter<OSSL_LIB_CTX, OSSL_LIB_CTX_free>>;
+// Every BIO made here is a single one, for which BIO_free_all is BIO_free
+// with the void result a deleter needs.
+using BioPtr = std::unique_ptr<BIO, OpenSslDeleter<BIO, BIO_free_all>>;
+using UiMethodPtr = std::unique_ptr<UI_METHOD, OpenSslDeleter<UI_METHOD, UI_destroy_method>>;
+
+}  // namespace x509auth_openssl
