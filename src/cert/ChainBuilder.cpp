@@ -57,6 +57,15 @@ bool ChainBuilder::Prepare(X509_STORE* own, X509_STORE* extra) {
   return true;
 }
 
+bool ChainBuilder::InitContext(X509_STORE_CTX* context, X509* cert) {
+  if (X509_STORE_CTX_init(context, trusted_.get(), cert, nullptr) == 1) return true;
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                            "Cert::CaChain failed to create new X509 store context");
+  last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
+  LogAllOpenSslErrors();
+  return false;
+}
+
 bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
                            std::vector<Thumbprint>& chain) {
   X509StoreCtxPtr context(X509_STORE_CTX_new());
@@ -68,13 +77,7 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
   }
   if (!Prepare(own, extra)) return false;
 
-  if (X509_STORE_CTX_init(context.get(), trusted_.get(), cert, nullptr) != 1) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Cert::CaChain failed to create new X509 store context");
-    last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
-    LogAllOpenSslErrors();
-    return false;
-  }
+  if (!InitContext(context.get(), cert)) return false;
   int verified = X509_verify_cert(context.get());
   if (verified != 1 && !ca_file_added_ && MoreCasCouldHelp(X509_STORE_CTX_get_error(context.get()))) {
     // Built as if the system's CA file had been in the store from the start:
@@ -82,13 +85,7 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
     DefaultCaPaths::AddCaFile(trusted_.get());
     ca_file_added_ = true;
     X509_STORE_CTX_cleanup(context.get());
-    if (X509_STORE_CTX_init(context.get(), trusted_.get(), cert, nullptr) != 1) {
-      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                                "Cert::CaChain failed to create new X509 store context");
-      last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
-      LogAllOpenSslErrors();
-      return false;
-    }
+    if (!InitContext(context.get(), cert)) return false;
     verified = X509_verify_cert(context.get());
   }
   if (verified != 1) {

@@ -43,6 +43,9 @@ class ChainBuilder {
 
  private:
   bool Prepare(X509_STORE* own, X509_STORE* extra);
+  // Initialises |context| on the trusted store for |cert|; false after
+  // logging and recording the failure.
+  bool InitContext(X509_STORE_CTX* context, X509* cert);
 
   // The context points into the trusted store: it is freed first.
   X509StorePtr trusted_;

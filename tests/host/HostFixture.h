@@ -3,6 +3,7 @@
 // Each test gets its own working directory (holding the PKCS#11 module link
 // the library looks for), its own HOME and its own certificate directories.
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -87,6 +88,25 @@ inline TestX509 MakeClientCert(const std::string& name, EVP_PKEY* key,
   options.extended_key_usage = eku;
   options.key_usage = ku;
   return MakeCert(options, key);
+}
+
+// The digest function a hash type names.
+inline const EVP_MD* DigestFor(X509_Auth_HashType type) {
+  switch (type) {
+    case X509_Auth_HashType_Sha1: return EVP_sha1();
+    case X509_Auth_HashType_Sha256: return EVP_sha256();
+    case X509_Auth_HashType_Sha384: return EVP_sha384();
+    default: return EVP_sha512();
+  }
+}
+
+// |message| hashed with the digest function |type| names.
+inline Bytes DigestOf(X509_Auth_HashType type, const std::string& message) {
+  Bytes digest(EVP_MAX_MD_SIZE);
+  unsigned int length = 0;
+  EVP_Digest(message.data(), message.size(), digest.data(), &length, DigestFor(type), nullptr);
+  digest.resize(length);
+  return digest;
 }
 
 }  // namespace x509auth_test

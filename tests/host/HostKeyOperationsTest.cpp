@@ -12,23 +12,6 @@
 namespace x509auth_test {
 namespace {
 
-const EVP_MD* DigestFor(X509_Auth_HashType type) {
-  switch (type) {
-    case X509_Auth_HashType_Sha1: return EVP_sha1();
-    case X509_Auth_HashType_Sha256: return EVP_sha256();
-    case X509_Auth_HashType_Sha384: return EVP_sha384();
-    default: return EVP_sha512();
-  }
-}
-
-Bytes DigestOf(X509_Auth_HashType type, const std::string& message) {
-  Bytes digest(EVP_MAX_MD_SIZE);
-  unsigned int length = 0;
-  EVP_Digest(message.data(), message.size(), digest.data(), &length, DigestFor(type), nullptr);
-  digest.resize(length);
-  return digest;
-}
-
 bool Verifies(X509* cert, X509_Auth_HashType type, const Bytes& digest,
               const X509_Auth_Signature& signature) {
   return VerifiesWithCertificate(cert, DigestFor(type), digest, signature.data, signature.length);

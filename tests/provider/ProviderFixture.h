@@ -129,13 +129,7 @@ class ProviderTest : public ::testing::Test {
   // |extra|), sending one line to a reversing server; "CLOSE" makes the
   // server end the connection, and with it the client.
   ChildResult SendLine(const std::string& thumbprint, const std::vector<std::string>& extra) const {
-    std::vector<std::string> args = {"-connect", server_.Address(),
-                                     "-cert", "x509auth:thumbprint=" + thumbprint,
-                                     "-key", "x509auth:thumbprint=" + thumbprint,
-                                     "-CAfile", server_.CertificateFile().string(),
-                                     "-verify_return_error", "-ign_eof"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    return Openssl("s_client", args, "hello through x509auth\nCLOSE\n");
+    return Openssl("s_client", ClientArguments(thumbprint, extra), "hello through x509auth\nCLOSE\n");
   }
 
   // The reversing server's answer came back.
@@ -145,13 +139,20 @@ class ProviderTest : public ::testing::Test {
 
   // s_client with the certificate and key of |thumbprint| from the provider.
   ChildResult Handshake(const std::string& thumbprint, const std::vector<std::string>& extra) const {
+    return Openssl("s_client", ClientArguments(thumbprint, extra), "GET / HTTP/1.0\r\n\r\n");
+  }
+
+  // s_client's arguments: the server, the provider's certificate and key of
+  // |thumbprint|, the server's certificate to verify it with, then |extra|.
+  std::vector<std::string> ClientArguments(const std::string& thumbprint,
+                                           const std::vector<std::string>& extra) const {
     std::vector<std::string> args = {"-connect", server_.Address(),
                                      "-cert", "x509auth:thumbprint=" + thumbprint,
                                      "-key", "x509auth:thumbprint=" + thumbprint,
                                      "-CAfile", server_.CertificateFile().string(),
                                      "-verify_return_error", "-ign_eof"};
     args.insert(args.end(), extra.begin(), extra.end());
-    return Openssl("s_client", args, "GET / HTTP/1.0\r\n\r\n");
+    return args;
   }
 
   static bool ServerVerified(BackgroundChild& server, const std::string& name) {
