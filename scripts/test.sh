@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The project's one test command: installs the dependencies from Debian's
 # packages, then builds and runs every test twice, once in the normal build
-# and once under AddressSanitizer and UndefinedBehaviorSanitizer.
+# and once under AddressSanitizer and UndefinedBehaviorSanitizer, runs the
+# fuzzing harnesses, and last builds, installs and removes the Debian
+# packages.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,7 +12,7 @@ bash scripts/install-deps.sh
 jobs=$(nproc)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$jobs"
-ctest --test-dir build --output-on-failure -j"$jobs"
+ctest --test-dir build --output-on-failure -j"$jobs" -LE deb
 
 # Packaging checks link a plain C host against the installed tree and the
 # valgrind run wants uninstrumented code, so both stay with the normal build;
@@ -25,3 +27,8 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
 # libFuzzer harnesses (clang, own build in build-fuzz/): every saved
 # regression input replayed, then each harness fuzzed for 30 s.
 bash fuzz/run-fuzzers.sh 30
+
+# The Debian packages (label deb): built with their own build, installed on
+# this machine with apt-get, run and removed again. It takes about four
+# minutes and changes the system, so it is a stage of its own, last.
+ctest --test-dir build --output-on-failure -L deb
