@@ -1,11 +1,15 @@
 #pragma once
 // Owning aliases for every OpenSSL and libp11-made OpenSSL handle the
-// project creates: the library, the provider, the tool and the tests. A
+// project creates: the library, the provider, the tool, the PKCS#11 module
+// and the tests. A
 // handle goes into one of these the moment it is made, so no *_free call
 // appears anywhere else. Header-only, so that the provider and the tool use
 // it without linking the library's internals (they still reach the library
 // only through x509_auth.h).
+#include <openssl/asn1.h>
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/ui.h>
 #include <openssl/x509.h>
@@ -34,6 +38,16 @@ using LibCtxPtr = std::unique_ptr<OSSL_LIB_CTX, OpenSslDeleter<OSSL_LIB_CTX, OSS
 // Every BIO made here is a single one, for which BIO_free_all is BIO_free
 // with the void result a deleter needs.
 using BioPtr = std::unique_ptr<BIO, OpenSslDeleter<BIO, BIO_free_all>>;
+using UiPtr = std::unique_ptr<UI, OpenSslDeleter<UI, UI_free>>;
 using UiMethodPtr = std::unique_ptr<UI_METHOD, OpenSslDeleter<UI_METHOD, UI_destroy_method>>;
+using X509SigPtr = std::unique_ptr<X509_SIG, OpenSslDeleter<X509_SIG, X509_SIG_free>>;
+using EcdsaSigPtr = std::unique_ptr<ECDSA_SIG, OpenSslDeleter<ECDSA_SIG, ECDSA_SIG_free>>;
+using Asn1StringPtr = std::unique_ptr<ASN1_STRING, OpenSslDeleter<ASN1_STRING, ASN1_STRING_free>>;
+using Asn1OctetStringPtr =
+    std::unique_ptr<ASN1_OCTET_STRING, OpenSslDeleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
+// Bytes OpenSSL allocated for the caller (i2d_* output, ASN1_STRING_to_UTF8):
+// OPENSSL_free is a macro, so it gets a function of its own.
+inline void OpenSslFreeBytes(unsigned char* p) { OPENSSL_free(p); }
+using OpenSslBytesPtr = std::unique_ptr<unsigned char, OpenSslDeleter<unsigned char, OpenSslFreeBytes>>;
 
 }  // namespace x509auth_openssl

@@ -13,8 +13,6 @@
 namespace quorvant::shared::x509 {
 namespace {
 
-using Asn1StringPtr = std::unique_ptr<ASN1_STRING, OpenSslDeleter<ASN1_STRING, ASN1_STRING_free>>;
-
 // Seconds since the epoch of these fields read as UTC, computed without mktime.
 std::time_t Utc(int year, int month, int day, int hour, int minute, int second) {
   std::tm fields{};

@@ -18,10 +18,6 @@ namespace {
 
 using namespace x509auth_test;
 
-struct StoreFree {
-  void operator()(X509_STORE* p) const { X509_STORE_free(p); }
-};
-using TestStore = std::unique_ptr<X509_STORE, StoreFree>;
 
 std::set<Bytes> Certificates(X509_STORE* store) {
   std::set<Bytes> der;
@@ -52,8 +48,8 @@ class DefaultCaPathsTest : public ::testing::Test {
 };
 
 TEST_F(DefaultCaPathsTest, TrustsTheSameCertificatesAsOpenSsl) {
-  TestStore ours(X509_STORE_new());
-  TestStore openssl(X509_STORE_new());
+  X509StorePtr ours(X509_STORE_new());
+  X509StorePtr openssl(X509_STORE_new());
   ASSERT_EQ(DefaultCaPaths::SetOn(ours.get()), 1);
   ASSERT_EQ(X509_STORE_set_default_paths(openssl.get()), 1);
   const std::set<Bytes> expected = Certificates(openssl.get());
@@ -63,7 +59,7 @@ TEST_F(DefaultCaPathsTest, TrustsTheSameCertificatesAsOpenSsl) {
   DefaultCaPaths::AddCaFile(ours.get());
   EXPECT_EQ(Certificates(ours.get()), expected);
   // A second store comes from the cache and is the same again.
-  TestStore again(X509_STORE_new());
+  X509StorePtr again(X509_STORE_new());
   ASSERT_EQ(SetAll(again.get()), 1);
   EXPECT_EQ(Certificates(again.get()), expected);
   EXPECT_EQ(ERR_peek_last_error(), 0u);
@@ -86,7 +82,7 @@ TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
   const auto bundle = dir.path() / "bundle.pem";
   WriteFile(bundle, CertToPem(first.root.get()) + CertToPem(first.intermediate.get()));
   setenv("SSL_CERT_FILE", bundle.c_str(), 1);
-  TestStore before(X509_STORE_new());
+  X509StorePtr before(X509_STORE_new());
   ASSERT_EQ(SetAll(before.get()), 1);
   EXPECT_TRUE(Verifies(before.get(), first.leaf.get()));
   EXPECT_EQ(Certificates(before.get()).size(), 2u);
@@ -95,7 +91,7 @@ TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
   // Rewritten in place: a different size and a later modification time.
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   WriteFile(bundle, CertToPem(other_root.get()));
-  TestStore after(X509_STORE_new());
+  X509StorePtr after(X509_STORE_new());
   ASSERT_EQ(SetAll(after.get()), 1);
   EXPECT_TRUE(Verifies(after.get(), other_leaf.get()));
   EXPECT_EQ(Certificates(after.get()), std::set<Bytes>{CertToDer(other_root.get())});
@@ -105,7 +101,7 @@ TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
 TEST_F(DefaultCaPathsTest, MissingCaFileIsNoFailureAndAddsNothing) {
   TempDir dir;
   setenv("SSL_CERT_FILE", (dir.path() / "absent.pem").c_str(), 1);
-  TestStore store(X509_STORE_new());
+  X509StorePtr store(X509_STORE_new());
   EXPECT_EQ(SetAll(store.get()), 1);
   EXPECT_TRUE(Certificates(store.get()).empty());
   EXPECT_EQ(ERR_peek_last_error(), 0u);

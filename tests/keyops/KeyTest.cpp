@@ -36,10 +36,6 @@ constexpr const char* kEncoded = "Cannot load private key for encoded cert: [%s]
 constexpr const char* kUnknownAlgorithm = "Unknown algorithm: [%i]";
 constexpr const char* kDecryptFailed = "Error calling EVP_PKEY_decrypt. Error code: [%i]";
 
-struct CtxFree {
-  void operator()(EVP_PKEY_CTX* p) const { EVP_PKEY_CTX_free(p); }
-};
-using TestCtx = std::unique_ptr<EVP_PKEY_CTX, CtxFree>;
 
 // A key file and its self-signed certificate of one kind.
 struct FileCredential {
@@ -98,7 +94,7 @@ Bytes Hash(std::size_t length, unsigned char seed = 0x31) {
 
 bool VerifyRsaPkcs1(EVP_PKEY* public_key, const EVP_MD* digest, const Bytes& hash,
                     const Bytes& signature) {
-  TestCtx ctx(EVP_PKEY_CTX_new(public_key, nullptr));
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(public_key, nullptr));
   return ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
          EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) == 1 &&
          EVP_PKEY_CTX_set_signature_md(ctx.get(), digest) == 1 &&
@@ -107,14 +103,14 @@ bool VerifyRsaPkcs1(EVP_PKEY* public_key, const EVP_MD* digest, const Bytes& has
 }
 
 bool VerifyEcdsa(EVP_PKEY* public_key, const Bytes& hash, const Bytes& signature) {
-  TestCtx ctx(EVP_PKEY_CTX_new(public_key, nullptr));
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(public_key, nullptr));
   return ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
          EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), hash.data(),
                          hash.size()) == 1;
 }
 
 Bytes Encrypt(EVP_PKEY* public_key, int padding, const Bytes& message) {
-  TestCtx ctx(EVP_PKEY_CTX_new(public_key, nullptr));
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(public_key, nullptr));
   EXPECT_EQ(EVP_PKEY_encrypt_init(ctx.get()), 1);
   EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding), 1);
   std::size_t length = 0;

@@ -172,24 +172,17 @@ class ProviderInProcessTest : public ProviderTest {
     return ok;
   }
 
-  struct UiFree {
-    void operator()(UI_METHOD* method) const { UI_destroy_method(method); }
-  };
-  std::unique_ptr<UI_METHOD, UiFree> ui_;
+  x509auth_openssl::UiMethodPtr ui_;
 };
 
-struct KeyFree {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
 
 TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf) {
   const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
   const std::string ec = InstallClient(KeyKind::kEc, "EC Client");
   auto loaded = Load(base_);
   Answer answer;
-  Key rsa_key(LoadKey(*loaded, rsa, &answer));
-  Key ec_key(LoadKey(*loaded, ec, &answer));
+  x509auth_openssl::EvpPkeyPtr rsa_key(LoadKey(*loaded, rsa, &answer));
+  x509auth_openssl::EvpPkeyPtr ec_key(LoadKey(*loaded, ec, &answer));
   ASSERT_NE(rsa_key, nullptr) << ErrorText();
   ASSERT_NE(ec_key, nullptr) << ErrorText();
   EXPECT_EQ(answer.asked, 0);  // unencrypted key files
@@ -239,8 +232,8 @@ TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOther
   const std::string ec = InstallClient(KeyKind::kEc, "EC Client");
   auto loaded = Load(base_);
   Answer answer;
-  Key rsa_key(LoadKey(*loaded, rsa, &answer));
-  Key ec_key(LoadKey(*loaded, ec, &answer));
+  x509auth_openssl::EvpPkeyPtr rsa_key(LoadKey(*loaded, rsa, &answer));
+  x509auth_openssl::EvpPkeyPtr ec_key(LoadKey(*loaded, ec, &answer));
   ASSERT_NE(rsa_key, nullptr);
   ASSERT_NE(ec_key, nullptr);
   for (const char* md : {"SHA1", "SHA256", "SHA384", "SHA512"}) {
@@ -271,7 +264,7 @@ TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
   const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
   auto loaded = Load(base_);
   Answer answer;
-  Key key(LoadKey(*loaded, rsa, &answer));
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
   ASSERT_NE(key, nullptr) << ErrorText();
   EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr);
   ASSERT_EQ(EVP_PKEY_sign_init(context), 1);
@@ -289,7 +282,7 @@ TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfT
   auto loaded = Load(base_);
   Answer answer{"s3cret"};
   OSSL_STORE_CTX* store = nullptr;
-  Key key(LoadKey(*loaded, thumbprint, &answer, &store));
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer, &store));
   ASSERT_NE(key, nullptr) << ErrorText();
   EXPECT_EQ(answer.asked, 1);  // the load unlocks the key once
   EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get())) << ErrorText();
@@ -312,8 +305,8 @@ TEST_F(ProviderInProcessTest, SuccessfulOperationsLeaveTheErrorQueueAsTheyFoundI
   Answer answer;
   ERR_clear_error();
   ERR_raise_data(ERR_LIB_USER, 42, "the application's own error");
-  Key rsa_key(LoadKey(*loaded, rsa, &answer));
-  Key ec_key(LoadKey(*loaded, ec, &answer));
+  x509auth_openssl::EvpPkeyPtr rsa_key(LoadKey(*loaded, rsa, &answer));
+  x509auth_openssl::EvpPkeyPtr ec_key(LoadKey(*loaded, ec, &answer));
   ASSERT_NE(rsa_key, nullptr);
   ASSERT_NE(ec_key, nullptr);
   EXPECT_TRUE(SignsAndVerifies(*loaded, rsa_key.get(), "SHA256", chains_[0].leaf.get()));
@@ -332,7 +325,7 @@ TEST_F(ProviderInProcessTest, FailureRaisesOneErrorCarryingTheLibrarysLines) {
   auto loaded = Load(base_);
   Answer answer{"wrong"};
   ERR_clear_error();
-  Key key(LoadKey(*loaded, thumbprint, &answer));
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer));
   EXPECT_EQ(key, nullptr);
   int from_provider = 0;
   std::string data_text;
@@ -370,7 +363,7 @@ TEST_F(ProviderInProcessTest, WorkingDirectoryNeverChangesWhileTheProviderWorks)
   });
   Answer answer;
   for (int round = 0; round < 5; ++round) {
-    Key key(LoadKey(*loaded, rsa, &answer));
+    x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
     EXPECT_NE(key, nullptr);
     if (key != nullptr) {
       EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
@@ -386,7 +379,7 @@ TEST_F(ProviderInProcessTest, WrongPasswordFailsTheKeyLoadWithTheReason) {
   const std::string thumbprint = InstallClient(KeyKind::kEc, "Locked Client", "s3cret");
   auto loaded = Load(base_);
   Answer answer{"wrong"};
-  Key key(LoadKey(*loaded, thumbprint, &answer));
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer));
   EXPECT_EQ(key, nullptr);
   const std::string errors = ErrorText();
   EXPECT_NE(errors.find("thumbprint=" + thumbprint), std::string::npos) << errors;
@@ -415,7 +408,7 @@ TEST_F(ProviderInProcessTest, TwoLibraryContextsKeepTheirDirectoriesAndOutliveEa
   }
   EXPECT_EQ(LoadKey(*one, b, &answer), nullptr);
   ERR_clear_error();
-  Key key(LoadKey(*two, b, &answer));
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*two, b, &answer));
   ASSERT_NE(key, nullptr) << ErrorText();
   // The first context goes; the library stays initialised for the second.
   one.reset();

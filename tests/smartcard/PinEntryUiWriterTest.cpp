@@ -20,15 +20,9 @@ namespace x509auth_test {
 namespace {
 
 using quorvant::shared::x509::Libp11Context;
+using x509auth_openssl::UiMethodPtr;
+using x509auth_openssl::UiPtr;
 
-struct UiFree {
-  void operator()(UI* ui) const { UI_free(ui); }
-};
-struct UiMethodFree {
-  void operator()(UI_METHOD* method) const { UI_destroy_method(method); }
-};
-using UiHandle = std::unique_ptr<UI, UiFree>;
-using UiMethodHandle = std::unique_ptr<UI_METHOD, UiMethodFree>;
 
 constexpr const char* k_libp11_prompt = "PKCS#11 token PIN";
 
@@ -65,8 +59,8 @@ class PinEntryUiWriterTest : public SmartcardTest {
               0);
   }
 
-  UiMethodHandle method_;
-  UiHandle ui_;
+  UiMethodPtr method_;
+  UiPtr ui_;
   std::array<char, 33> pin_{};
 };
 
@@ -75,7 +69,7 @@ TEST_F(PinEntryUiWriterTest, InformationAndErrorStringsAreAnsweredWithZeroWithou
 
   EXPECT_LT(UI_process(ui_.get()), 0);
 
-  UiHandle error_ui(UI_new_method(method_.get()));
+  UiPtr error_ui(UI_new_method(method_.get()));
   ASSERT_GE(UI_add_error_string(error_ui.get(), "Card error"), 0);
   EXPECT_LT(UI_process(error_ui.get()), 0);
 
@@ -186,7 +180,7 @@ TEST_F(PinEntryUiWriterTest, ContextHandsLibp11AUiMethodThatPromptsTheHost) {
   std::vector<Libp11Context::Libp11CertAndSlot> certs;
   ASSERT_EQ(context->GetCerts(certs), 0);
   ASSERT_NE(context->UiMethod(), nullptr);
-  UiHandle ui(UI_new_method(context->UiMethod()));
+  UiPtr ui(UI_new_method(context->UiMethod()));
   ASSERT_GE(UI_add_input_string(ui.get(), k_libp11_prompt, UI_INPUT_FLAG_DEFAULT_PWD,
                                 pin_.data(), 0, static_cast<int>(pin_.size() - 1)),
             0);

@@ -27,10 +27,6 @@ void Check(bool ok, const char* what) {
   }
 }
 
-struct BioFree {
-  void operator()(BIO* p) const { BIO_free(p); }
-};
-using TestBio = std::unique_ptr<BIO, BioFree>;
 
 std::string BioText(BIO* bio) {
   char* data = nullptr;
@@ -168,7 +164,7 @@ Chain MakeChain(KeyKind leaf_kind, const std::string& leaf_name) {
 }
 
 std::string CertToPem(X509* cert) {
-  TestBio bio(BIO_new(BIO_s_mem()));
+  x509auth_openssl::BioPtr bio(BIO_new(BIO_s_mem()));
   Check(PEM_write_bio_X509(bio.get(), cert) == 1, "PEM_write_bio_X509");
   return BioText(bio.get());
 }
@@ -217,7 +213,7 @@ std::string LowerHex(const Bytes& bytes) {
 }
 
 std::string KeyToPem(EVP_PKEY* key, const char* password) {
-  TestBio bio(BIO_new(BIO_s_mem()));
+  x509auth_openssl::BioPtr bio(BIO_new(BIO_s_mem()));
   const EVP_CIPHER* cipher = password != nullptr ? EVP_aes_256_cbc() : nullptr;
   Check(PEM_write_bio_PKCS8PrivateKey(bio.get(), key, cipher, nullptr, 0, nullptr,
                                       const_cast<char*>(password)) == 1,
@@ -226,7 +222,7 @@ std::string KeyToPem(EVP_PKEY* key, const char* password) {
 }
 
 std::string KeyToTraditionalPem(EVP_PKEY* key, const char* password) {
-  TestBio bio(BIO_new(BIO_s_mem()));
+  x509auth_openssl::BioPtr bio(BIO_new(BIO_s_mem()));
   const EVP_CIPHER* cipher = password != nullptr ? EVP_aes_256_cbc() : nullptr;
   const unsigned char* pass = reinterpret_cast<const unsigned char*>(password);
   const int pass_length = password != nullptr ? static_cast<int>(std::strlen(password)) : 0;
@@ -238,7 +234,7 @@ std::string KeyToTraditionalPem(EVP_PKEY* key, const char* password) {
 }
 
 Bytes KeyToDer(EVP_PKEY* key) {
-  TestBio bio(BIO_new(BIO_s_mem()));
+  x509auth_openssl::BioPtr bio(BIO_new(BIO_s_mem()));
   Check(i2d_PKCS8PrivateKey_bio(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 1,
         "i2d_PKCS8PrivateKey_bio");
   const std::string text = BioText(bio.get());
@@ -255,7 +251,7 @@ Bytes KeyToTraditionalDer(EVP_PKEY* key) {
 }
 
 Bytes KeyToEncryptedDer(EVP_PKEY* key, const char* password) {
-  TestBio bio(BIO_new(BIO_s_mem()));
+  x509auth_openssl::BioPtr bio(BIO_new(BIO_s_mem()));
   Check(i2d_PKCS8PrivateKey_bio(bio.get(), key, EVP_aes_256_cbc(), nullptr, 0, nullptr,
                                 const_cast<char*>(password)) == 1,
         "i2d_PKCS8PrivateKey_bio encrypted");
