@@ -15,8 +15,9 @@ packages=(
   gcr xvfb x11-utils xauth imagemagick
   libcli11-dev nlohmann-json3-dev tmux
   bash-completion man-db lintian dpkg-dev file
-  clang-14 libclang-rt-14-dev
+  clang-14 libclang-rt-14-dev clang-format
   gnutls-bin libnss3-tools openssh-client openssh-server hyperfine
+  p11-kit p11-kit-modules
 )
 
 missing=()
