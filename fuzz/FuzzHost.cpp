@@ -64,7 +64,7 @@ void Message(const char* message, const char* title) {
 
 }  // namespace
 
-FuzzHost& FuzzHost::Instance() {
+FuzzHost& FuzzHost::GetInstance() {
   static FuzzHost host;
   return host;
 }
@@ -107,7 +107,7 @@ void FuzzHost::Init(PasswordAnswer answer) const {
 }
 
 void FuzzHost::WarmUp() {
-  const FuzzHost& host = Instance();
+  const FuzzHost& host = GetInstance();
   const InWorkDirectory in_work_directory(host);
   host.Init(PasswordAnswer::kRight);
   std::uint64_t count = 0;

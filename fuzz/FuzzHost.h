@@ -32,7 +32,7 @@ class FuzzHost {
  public:
   // Made once per process, on the first input: the working directory is
   // entered and the environment set before the library first looks at it.
-  static FuzzHost& Instance();
+  static FuzzHost& GetInstance();
 
   FuzzHost(const FuzzHost&) = delete;
   FuzzHost& operator=(const FuzzHost&) = delete;

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const x509auth_fuzz::FuzzHost& host = x509auth_fuzz::FuzzHost::Instance();
+  const x509auth_fuzz::FuzzHost& host = x509auth_fuzz::FuzzHost::GetInstance();
   const x509auth_fuzz::FuzzHost::InWorkDirectory in_work_directory(host);
   host.EmptyBase();
   const auto parts = x509auth_fuzz::SplitParts(data, size, 2);

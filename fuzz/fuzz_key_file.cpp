@@ -78,7 +78,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return 0;
-  const x509auth_fuzz::FuzzHost& host = x509auth_fuzz::FuzzHost::Instance();
+  const x509auth_fuzz::FuzzHost& host = x509auth_fuzz::FuzzHost::GetInstance();
   const x509auth_fuzz::FuzzHost::InWorkDirectory in_work_directory(host);
   const auto answer = static_cast<x509auth_fuzz::PasswordAnswer>(
       data[0] % static_cast<std::uint8_t>(x509auth_fuzz::PasswordAnswer::kCount));

@@ -16,7 +16,7 @@ namespace {
 template <typename Call>
 CK_RV Locked(Call&& call) {
   try {
-    Module& module = Module::Instance();
+    Module& module = Module::GetInstance();
     std::lock_guard<std::mutex> lock(module.Lock());
     return call(module);
   } catch (const std::bad_alloc&) {

@@ -41,7 +41,7 @@ std::string Hex(const unsigned char* bytes, std::size_t length) {
 
 }  // namespace
 
-Module& Module::Instance() {
+Module& Module::GetInstance() {
   // Never destroyed: a program may exit without C_Finalize, and by the time
   // static destructors run, OpenSSL and the library may be torn down.
   static Module* const instance = std::unique_ptr<Module>(new Module()).release();

@@ -24,8 +24,8 @@ class Module {
  public:
   static constexpr CK_SLOT_ID k_slot = 1;
 
-  // The process's module object; never destroyed (see Instance()).
-  static Module& Instance();
+  // The process's module object; never destroyed (see GetInstance()).
+  static Module& GetInstance();
   std::mutex& Lock() { return mutex_; }
 
   CK_RV Initialize(CK_VOID_PTR init_args);

@@ -22,7 +22,7 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DX509AUTH_SANITIZE=ON \
   -DX509AUTH_BUILD_BENCH=OFF
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest --test-dir build-asan --output-on-failure -j"$jobs" -LE 'packaging|valgrind|stress|tsan'
+  ctest --test-dir build-asan --output-on-failure -j"$jobs" -LE 'packaging|valgrind|stress|tsan|format|layers'
 
 # libFuzzer harnesses (clang, own build in build-fuzz/): every saved
 # regression input replayed, then each harness fuzzed for 30 s.

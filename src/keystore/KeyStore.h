@@ -14,8 +14,11 @@ namespace quorvant::shared::x509 {
 
 class ICertificate;
 
-// Keeps everything handed to the host until X509_Auth_Free or its own
-// destruction, and owns the long-lived store that receives the host's CA
+// The host's side of the library, not to be confused with store/: store/
+// reads certificates from files, tokens and added CAs; the key store decides
+// what of that is offered, opens the keys behind it and owns what the host
+// was handed. Keeps everything handed to the host until X509_Auth_Free or its
+// own destruction, and owns the long-lived store that receives the host's CA
 // certificates. No locking: the host serialises its calls.
 class KeyStore : public IKeyStore {
  public:

@@ -24,7 +24,7 @@ class SafeCallbacksWrapperTest : public ::testing::Test {
     SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
     ERR_clear_error();
   }
-  static RecordingCallbacks& recorder() { return RecordingCallbacks::Instance(); }
+  static RecordingCallbacks& recorder() { return RecordingCallbacks::GetInstance(); }
 };
 
 TEST_F(SafeCallbacksWrapperTest, GetInstanceReturnsTheSameObject) {

@@ -60,7 +60,7 @@ inline std::unique_ptr<Cert> MakeTokenCert(const ICertificateStore* store, PKCS1
 
 // Routes the library's log into the recorder, emptied.
 inline x509auth_test::RecordingCallbacks& InstallRecorder() {
-  x509auth_test::RecordingCallbacks& recorder = x509auth_test::RecordingCallbacks::Instance();
+  x509auth_test::RecordingCallbacks& recorder = x509auth_test::RecordingCallbacks::GetInstance();
   recorder.Reset();
   SafeCallbacksWrapper::GetInstance().Replace(recorder.Callbacks());
   return recorder;

@@ -31,10 +31,10 @@ using x509auth_test::TestKey;
 using x509auth_test::TestX509;
 using x509auth_test::WriteFile;
 
-constexpr const char* kFileCertFailed = "Error loading private key for file system cert: [%s]";
-constexpr const char* kEncoded = "Cannot load private key for encoded cert: [%s]";
-constexpr const char* kUnknownAlgorithm = "Unknown algorithm: [%i]";
-constexpr const char* kDecryptFailed = "Error calling EVP_PKEY_decrypt. Error code: [%i]";
+constexpr const char* k_file_cert_failed = "Error loading private key for file system cert: [%s]";
+constexpr const char* k_encoded = "Cannot load private key for encoded cert: [%s]";
+constexpr const char* k_unknown_algorithm = "Unknown algorithm: [%i]";
+constexpr const char* k_decrypt_failed = "Error calling EVP_PKEY_decrypt. Error code: [%i]";
 
 
 // A key file and its self-signed certificate of one kind.
@@ -57,7 +57,7 @@ class KeyTest : public ::testing::Test {
     rec().Reset();
     ERR_clear_error();
   }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::Instance(); }
+  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
 
   FileCredential Credential(KeyKind kind, const std::string& name,
                             const char* password = nullptr) {
@@ -163,10 +163,10 @@ TEST_F(KeyTest, OpenWithMissingKeyFileLogsCertPathAndFails) {
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
   ASSERT_EQ(rec().Logs().size(), 2u) << rec().Dump();
   EXPECT_EQ(rec().Logs()[0].format, "Private key file [%s] does not exist");
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, kFileCertFailed,
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_file_cert_failed,
                         "Error loading private key for file system cert: [" +
                             credential.cert_path.string() + "]"));
-  EXPECT_EQ(rec().Logs()[1].format, kFileCertFailed);
+  EXPECT_EQ(rec().Logs()[1].format, k_file_cert_failed);
 }
 
 TEST_F(KeyTest, OpenWithWrongPasswordFails) {
@@ -174,7 +174,7 @@ TEST_F(KeyTest, OpenWithWrongPasswordFails) {
   rec().ScriptAnswer(PinAnswer::Value("wrong"));
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
-  EXPECT_EQ(rec().WithFormat(kFileCertFailed).size(), 1u) << rec().Dump();
+  EXPECT_EQ(rec().WithFormat(k_file_cert_failed).size(), 1u) << rec().Dump();
 }
 
 TEST_F(KeyTest, OpenWithKeyOfAnotherCertificateFails) {
@@ -185,7 +185,7 @@ TEST_F(KeyTest, OpenWithKeyOfAnotherCertificateFails) {
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
   EXPECT_EQ(rec().WithFormat("Private key file [%s] does not appear to match cert [%s]").size(),
             1u);
-  EXPECT_EQ(rec().WithFormat(kFileCertFailed).size(), 1u) << rec().Dump();
+  EXPECT_EQ(rec().WithFormat(k_file_cert_failed).size(), 1u) << rec().Dump();
 }
 
 TEST_F(KeyTest, OpenRsaPssKeyFailsAsUnknownAlgorithm912) {
@@ -194,7 +194,7 @@ TEST_F(KeyTest, OpenRsaPssKeyFailsAsUnknownAlgorithm912) {
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
   ASSERT_EQ(rec().Logs().size(), 1u) << rec().Dump();
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, kUnknownAlgorithm, "Unknown algorithm: [912]"));
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_unknown_algorithm, "Unknown algorithm: [912]"));
 }
 
 TEST_F(KeyTest, OpenEd25519KeyFailsAsUnknownAlgorithm1087) {
@@ -202,7 +202,7 @@ TEST_F(KeyTest, OpenEd25519KeyFailsAsUnknownAlgorithm1087) {
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, kUnknownAlgorithm,
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_unknown_algorithm,
                         "Unknown algorithm: [1087]"));
 }
 
@@ -214,11 +214,11 @@ TEST_F(KeyTest, OpenEncodedCertOnFreshKeyLogsNameThenClassifiesNoKeyAsFailure) {
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
   ASSERT_EQ(rec().Logs().size(), 2u) << rec().Dump();
   EXPECT_EQ(rec().Logs()[0].priority, X509_Auth_LogPriority_Error);
-  EXPECT_EQ(rec().Logs()[0].format, kEncoded);
+  EXPECT_EQ(rec().Logs()[0].format, k_encoded);
   EXPECT_EQ(rec().Logs()[0].text, "Cannot load private key for encoded cert: [Added CA]");
   // No key has no type: EVP_PKEY_NONE, i.e. 0.
   EXPECT_EQ(rec().Logs()[1].priority, X509_Auth_LogPriority_Error);
-  EXPECT_EQ(rec().Logs()[1].format, kUnknownAlgorithm);
+  EXPECT_EQ(rec().Logs()[1].format, k_unknown_algorithm);
   EXPECT_EQ(rec().Logs()[1].text, "Unknown algorithm: [0]");
 }
 
@@ -229,7 +229,7 @@ TEST_F(KeyTest, OpenEncodedCertKeepsAndClassifiesTheKeyAlreadyHeld) {
   const TestX509 cert = MakeCert(CertOptions{}, other.get());
   EXPECT_EQ(key.Open(FakeCertificate::Encoded(cert.get())), 0);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_ec);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, kEncoded,
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_encoded,
                         "Cannot load private key for encoded cert: [Encoded Cert]"));
   // The held key still signs.
   Bytes signature;
@@ -469,7 +469,7 @@ TEST_F(KeyTest, BadOaepPaddingDrainsOpenSslErrorBeforeFailureMessage) {
   EXPECT_EQ(rec().Logs()[0].priority, X509_Auth_LogPriority_Info);
   EXPECT_EQ(rec().Logs()[0].format, "%s");
   EXPECT_EQ(rec().Logs()[1].priority, X509_Auth_LogPriority_Error);
-  EXPECT_EQ(rec().Logs()[1].format, kDecryptFailed);
+  EXPECT_EQ(rec().Logs()[1].format, k_decrypt_failed);
   // OpenSSL 3.0 reports a failed padding check as 0, not as a negative value.
   EXPECT_EQ(rec().Logs()[1].text, "Error calling EVP_PKEY_decrypt. Error code: [0]");
   EXPECT_NE(rec().Logs()[0].text.find("oaep decoding error"), std::string::npos)
@@ -488,7 +488,7 @@ TEST_F(KeyTest, BadPkcs1PaddingFailsAndDrainsFirst) {
   EXPECT_EQ(rec().Logs()[0].priority, X509_Auth_LogPriority_Info);
   EXPECT_NE(rec().Logs()[0].text.find("pkcs decoding error"), std::string::npos)
       << rec().Logs()[0].text;
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, kDecryptFailed,
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_decrypt_failed,
                         "Error calling EVP_PKEY_decrypt. Error code: [0]"));
 }
 

@@ -20,8 +20,8 @@ using x509auth_test::RecordingCallbacks;
 class CertificateFilesMalformedInputTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    RecordingCallbacks::Instance().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(RecordingCallbacks::Instance().Callbacks());
+    RecordingCallbacks::GetInstance().Reset();
+    SafeCallbacksWrapper::GetInstance().Replace(RecordingCallbacks::GetInstance().Callbacks());
   }
 };
 
@@ -34,11 +34,11 @@ TEST_F(CertificateFilesMalformedInputTest, LengthNegativeAsAnIntIsRefusedWithout
   pem.push_back(0);
   for (const std::uint64_t length :
        {std::uint64_t{0xFFFFFFFF}, std::uint64_t{0x80000000}, std::uint64_t{0x1FFFFFFFF}}) {
-    RecordingCallbacks::Instance().Reset();
+    RecordingCallbacks::GetInstance().Reset();
     std::vector<unsigned char> der{7};
     EXPECT_FALSE(ConvertPemDataToDer(pem.data(), length, der)) << length;
     EXPECT_EQ(der, std::vector<unsigned char>{7});
-    EXPECT_TRUE(RecordingCallbacks::Instance().Has(X509_Auth_LogPriority_Warning,
+    EXPECT_TRUE(RecordingCallbacks::GetInstance().Has(X509_Auth_LogPriority_Warning,
                                                    "Unable to convert PEM to DER",
                                                    "Unable to convert PEM to DER"));
   }

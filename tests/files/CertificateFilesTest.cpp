@@ -53,7 +53,7 @@ class CertificateFilesTest : public ::testing::Test {
     rec().Reset();
     ERR_clear_error();
   }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::Instance(); }
+  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
   static bool Same(const X509Ptr& read, X509* expected) {
     return read && X509_cmp(read.get(), expected) == 0;
   }

@@ -96,6 +96,7 @@ TEST_F(HostExtensionsTest, NoModuleListsFileCertificatesFromADirectoryWithoutAMo
 }
 
 TEST_F(HostExtensionsTest, ChosenModuleIsLoadedAndTheWorkingDirectoryIsNotLookedAt) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken::Options options;
   // The working directory holds a file by the default name that is no
   // module at all: were it loaded, the load would fail.
@@ -254,6 +255,10 @@ TEST_F(HostPssTest, EncryptedKeyFileAsksForItsPasswordOnceAndSigns) {
 // Token keys, on tokens that offer RSA-PSS, only raw RSA, or neither.
 class HostTokenPssTest : public HostExtensionsTest {
  protected:
+  void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+    HostExtensionsTest::SetUp();
+  }
   void Start(const std::string& mechanisms) {
     SoftHsmToken::Options options;
     options.module_link_directory.clear();

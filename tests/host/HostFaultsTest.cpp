@@ -85,12 +85,12 @@ std::string ListWithSpareDescriptors(int spare) {
   const rlimit tight{static_cast<rlim_t>(LimitLeaving(spare)), saved.rlim_max};
   uint64_t count = 99;
   const X509_Auth_Certificate* list = nullptr;
-  RecordingCallbacks::Instance().Reset();
+  RecordingCallbacks::GetInstance().Reset();
   if (setrlimit(RLIMIT_NOFILE, &tight) != 0) return "setrlimit failed";
   const bool listed = X509_Auth_LoadClientCertificates(&count, &list);
   setrlimit(RLIMIT_NOFILE, &saved);
   std::string report = std::string(listed ? "listed " : "failed ") + std::to_string(count) + "\n";
-  for (const LogEntry& entry : RecordingCallbacks::Instance().Logs())
+  for (const LogEntry& entry : RecordingCallbacks::GetInstance().Logs())
     if (entry.priority == X509_Auth_LogPriority_Error) report += entry.text + "\n";
   if (listed) X509_Auth_Free(list);
   // Nothing the failed listing opened is left open, and all is found again.
@@ -206,11 +206,11 @@ class HostKeyFileReplacedTest : public HostFaultsTest {
           const uint32_t algorithms[] = {2};
           const Bytes digest(32, 1);
           const X509_Auth_Signature* signature = nullptr;
-          RecordingCallbacks::Instance().Reset();
+          RecordingCallbacks::GetInstance().Reset();
           const X509_Auth_Result result = X509_Auth_SignHash(
               thumbprint.data(), 1, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
           std::string report = "code " + std::to_string(result.code) + "\n";
-          for (const LogEntry& entry : RecordingCallbacks::Instance().Logs())
+          for (const LogEntry& entry : RecordingCallbacks::GetInstance().Logs())
             if (entry.priority == X509_Auth_LogPriority_Error) report += entry.text + "\n";
           return report;
         },
@@ -262,11 +262,11 @@ TEST_F(HostKeyFileReplacedTest, ByAFileNobodyMayReadIsReportedByBothReaders) {
         const uint32_t algorithms[] = {2};
         const Bytes digest(32, 1);
         const X509_Auth_Signature* signature = nullptr;
-        RecordingCallbacks::Instance().Reset();
+        RecordingCallbacks::GetInstance().Reset();
         const X509_Auth_Result result = X509_Auth_SignHash(
             thumbprint.data(), 1, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
         std::string text = "code " + std::to_string(result.code) + "\n";
-        for (const LogEntry& entry : RecordingCallbacks::Instance().Logs())
+        for (const LogEntry& entry : RecordingCallbacks::GetInstance().Logs())
           if (entry.format.rfind("Could not open private key", 0) == 0 ||
               entry.format.rfind("Failed to parse", 0) == 0)
             text += entry.text + "\n";

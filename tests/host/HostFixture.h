@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "RecordingCallbacks.h"
+#include "ScopedTestEnvironment.h"
 #include "TestPki.h"
 #include "x509_auth.h"
 
@@ -22,29 +23,21 @@ class HostTest : public ::testing::Test {
  protected:
   void SetUp() override {
     rec().Reset();
-    old_cwd_ = std::filesystem::current_path();
     work_ = temp_ / "work";
     home_ = temp_ / "home";
     std::filesystem::create_directories(work_);
     std::filesystem::create_directories(home_);
     // The real OpenSC module with no reader attached: no tokens, no error.
-    std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
-    ASSERT_EQ(chdir(work_.c_str()), 0);
-    const char* home = std::getenv("HOME");
-    if (home != nullptr) old_home_ = home;
-    setenv("HOME", home_.c_str(), 1);
+    ScopedTestEnvironment::LinkModule(work_, OPENSC_MODULE_PATH);
+    ASSERT_TRUE(env_.Enter(work_));
+    env_.Set("HOME", home_.string());
   }
 
   void TearDown() override {
     X509_Auth_DeInit();
-    if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot restore the working directory";
-    if (old_home_)
-      setenv("HOME", old_home_->c_str(), 1);
-    else
-      unsetenv("HOME");
   }
 
-  static RecordingCallbacks& rec() { return RecordingCallbacks::Instance(); }
+  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
 
   // A base directory below the test's temporary directory.
   std::filesystem::path Base(const std::string& name) const { return temp_ / name; }
@@ -75,8 +68,9 @@ class HostTest : public ::testing::Test {
   }
 
   TempDir temp_;
-  std::filesystem::path work_, home_, old_cwd_;
-  std::optional<std::string> old_home_;
+  std::filesystem::path work_, home_;
+  // After temp_: the working directory is left before the directory goes.
+  ScopedTestEnvironment env_;
 };
 
 // A self-signed client-authentication certificate: its chain is itself.

@@ -25,6 +25,7 @@ Bytes Digest() { return Bytes(32, 0x5a); }
 class HostSecretsTest : public HostTest {
  protected:
   void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     HostTest::SetUp();
     hsm_.emplace();
     hsm_->InitToken("Card S", k_pin);

@@ -73,8 +73,8 @@ TEST(KeyStoreIsPermittedTest, KeyUsageThatCannotBeReadRefuses) {
 class KeyStoreAllocationTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    RecordingCallbacks::Instance().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(RecordingCallbacks::Instance().Callbacks());
+    RecordingCallbacks::GetInstance().Reset();
+    SafeCallbacksWrapper::GetInstance().Replace(RecordingCallbacks::GetInstance().Callbacks());
   }
   KeyStore store;
 };
@@ -97,7 +97,7 @@ TEST_F(KeyStoreAllocationTest, AllocateSignatureRecordDescribesTheKeptBytes) {
   EXPECT_EQ(record->data[2], 7);
   store.Free(record);
   store.Free(record);  // the second time finds nothing
-  EXPECT_TRUE(RecordingCallbacks::Instance().Logs().empty());
+  EXPECT_TRUE(RecordingCallbacks::GetInstance().Logs().empty());
 }
 
 TEST_F(KeyStoreAllocationTest, AllocatePlaintextOfNothingHasLengthZero) {
@@ -110,18 +110,18 @@ TEST_F(KeyStoreAllocationTest, AllocatePlaintextOfNothingHasLengthZero) {
 
 TEST_F(KeyStoreAllocationTest, InitLogsInitialisedAndOpensTheOwnStoreEmpty) {
   store.Init();
-  EXPECT_TRUE(RecordingCallbacks::Instance().Has(X509_Auth_LogPriority_Info, "Initialised",
+  EXPECT_TRUE(RecordingCallbacks::GetInstance().Has(X509_Auth_LogPriority_Info, "Initialised",
                                                  "Initialised"));
   EXPECT_TRUE(store.OwnStore().IsOpen());
   EXPECT_TRUE(store.OwnStore().Certificates().empty());
-  EXPECT_TRUE(RecordingCallbacks::Instance().Has(
+  EXPECT_TRUE(RecordingCallbacks::GetInstance().Has(
       X509_Auth_LogPriority_Warning,
       "CertStore::Open ::  NOT ICertificateStore::CertStoreType::k_users_cert_store",
       "CertStore::Open ::  NOT ICertificateStore::CertStoreType::k_users_cert_store"));
   // A second Init finds the store open and does not open it again.
-  RecordingCallbacks::Instance().Reset();
+  RecordingCallbacks::GetInstance().Reset();
   store.Init();
-  EXPECT_TRUE(RecordingCallbacks::Instance().WithFormat("CertStore::Open").empty());
+  EXPECT_TRUE(RecordingCallbacks::GetInstance().WithFormat("CertStore::Open").empty());
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "RecordingCallbacks.h"
+#include "ScopedTestEnvironment.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "base/SecretWipe.h"
@@ -39,15 +40,13 @@ void Observe(const unsigned char* data, std::size_t size) {
 class SecretWipeTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    x509auth_test::RecordingCallbacks::Instance().Reset();
+    x509auth_test::RecordingCallbacks::GetInstance().Reset();
     SafeCallbacksWrapper::GetInstance().Replace(
-        x509auth_test::RecordingCallbacks::Instance().Callbacks());
+        x509auth_test::RecordingCallbacks::GetInstance().Callbacks());
     released.clear();
     SecretWipe::SetObserverForTesting(Observe);
-    old_cwd_ = fs::current_path();
-    fs::create_directories(tmp_ / "work");
-    fs::create_symlink(OPENSC_MODULE_PATH, tmp_ / "work" / "opensc-pkcs11.so");
-    ASSERT_EQ(chdir((tmp_ / "work").c_str()), 0);
+    x509auth_test::ScopedTestEnvironment::LinkModule(tmp_ / "work", OPENSC_MODULE_PATH);
+    ASSERT_TRUE(env_.Enter(tmp_ / "work"));
     key_ = x509auth_test::SharedKey(x509auth_test::KeyKind::kRsa);
     x509auth_test::CertOptions options;
     options.extended_key_usage = "clientAuth";
@@ -55,7 +54,6 @@ class SecretWipeTest : public ::testing::Test {
   }
   void TearDown() override {
     SecretWipe::SetObserverForTesting(nullptr);
-    ASSERT_EQ(chdir(old_cwd_.c_str()), 0);
   }
 
   // A file certificate with its key in PEM, under one base directory.
@@ -82,7 +80,8 @@ class SecretWipeTest : public ::testing::Test {
   }
 
   x509auth_test::TempDir tmp_;
-  fs::path old_cwd_;
+  // After tmp_: the working directory is left before the directory goes.
+  x509auth_test::ScopedTestEnvironment env_;
   x509auth_test::TestKey key_;
   x509auth_test::TestX509 cert_;
 };
@@ -92,7 +91,7 @@ TEST_F(SecretWipeTest, DecryptedDataIsWipedWhenTheHostFreesIt) {
   KeyStore store;
   const Bytes secret(48, 0xA5);
   const X509_Auth_ASN_1* plaintext = Decrypt(store, secret);
-  ASSERT_NE(plaintext, nullptr) << x509auth_test::RecordingCallbacks::Instance().Dump();
+  ASSERT_NE(plaintext, nullptr) << x509auth_test::RecordingCallbacks::GetInstance().Dump();
   ASSERT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
   released.clear();
   store.Free(plaintext);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
+#include "ScopedTestEnvironment.h"
 #include "TestPki.h"
 #include "TlsTestServer.h"
 
@@ -29,7 +30,6 @@ inline constexpr const char* k_key_password = "key-file-secret";
 class ProviderTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    old_cwd_ = std::filesystem::current_path();
     work_ = temp_ / "work";
     base_ = temp_ / "base";
     std::filesystem::create_directories(work_);
@@ -37,11 +37,7 @@ class ProviderTest : public ::testing::Test {
     // No module here: the provider takes Debian's OpenSC module by its
     // absolute path (no reader attached: no tokens, no error) and never
     // looks in the working directory.
-    ASSERT_EQ(chdir(work_.c_str()), 0);
-  }
-
-  void TearDown() override {
-    if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot restore the working directory";
+    ASSERT_TRUE(env_.Enter(work_));
   }
 
   // A client certificate below a root and an intermediate CA, installed in
@@ -172,7 +168,9 @@ class ProviderTest : public ::testing::Test {
 
   TempDir temp_;
   TlsTestServer server_{temp_.path()};
-  std::filesystem::path work_, base_, old_cwd_;
+  std::filesystem::path work_, base_;
+  // After temp_: the working directory is left before the directory goes.
+  ScopedTestEnvironment env_;
   std::vector<Chain> chains_;
   std::map<std::string, std::string> leaf_certs_;
   std::string cas_pem_;

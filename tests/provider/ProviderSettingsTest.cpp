@@ -168,6 +168,7 @@ TEST_F(ProviderSettingsTest, PkeyutlPssAndPkcs1SignaturesVerifyWithStockOpenssl)
 class ProviderTokenSettingsTest : public ProviderSettingsTest {
  protected:
   void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     ProviderSettingsTest::SetUp();
     SoftHsmToken::Options options;
     options.module_link_directory.clear();

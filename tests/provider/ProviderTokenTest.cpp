@@ -12,6 +12,7 @@ namespace {
 class ProviderTokenTest : public ProviderTest {
  protected:
   void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     ProviderTest::SetUp();
     SoftHsmToken::Options options;
     options.module_link_directory.clear();

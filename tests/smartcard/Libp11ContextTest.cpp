@@ -75,12 +75,14 @@ TEST_F(Libp11ContextTest, LibraryDirectoryTurnsFirstBinOfWorkingDirectoryIntoLib
 }
 
 TEST_F(Libp11ContextTest, LibraryDirectoryIsAbsentWithoutBinInWorkingDirectory) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   ASSERT_EQ(hsm.Root().string().find("bin"), std::string::npos);
   EXPECT_FALSE(Libp11Context::LibraryDirectoryFromWorkingDirectory().has_value());
 }
 
 TEST_F(Libp11ContextTest, ModuleIsFoundInLibDirectoryBesideBinWorkingDirectory) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken::Options options;
   options.working_directory = "app/bin";
   options.module_link_directory = "app/lib";
@@ -146,6 +148,7 @@ TEST_F(Libp11ContextTest, OpenScModuleWithoutReaderReportsNoCardAndReturnsZero) 
 }
 
 TEST_F(Libp11ContextTest, UninitialisedSoftHsmTokenIsReportedAsFailedEnumerationInsteadOfHanging) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
   Chain chain = MakeChain(KeyKind::kEc, "Only Leaf");
@@ -165,6 +168,7 @@ TEST_F(Libp11ContextTest, UninitialisedSoftHsmTokenIsReportedAsFailedEnumeration
 }
 
 TEST_F(Libp11ContextTest, TwoTokensAreListedInTokenOrderAfterEntriesAlreadyInTheArray) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
   hsm.InitToken("Card B");
@@ -222,6 +226,7 @@ TEST_F(Libp11ContextTest, TwoTokensAreListedInTokenOrderAfterEntriesAlreadyInThe
 }
 
 TEST_F(Libp11ContextTest, TokenWithoutCertificatesAddsNothing) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Empty");
   std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
@@ -238,6 +243,7 @@ TEST_F(Libp11ContextTest, TokenWithoutCertificatesAddsNothing) {
 }
 
 TEST_F(Libp11ContextTest, GetInstanceSharesTheLiveInstanceAndMakesAFreshOneAfterRelease) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
   TestKey key = SharedKey(KeyKind::kEc);
@@ -275,6 +281,7 @@ TEST_F(Libp11ContextTest, GetInstanceSharesTheLiveInstanceAndMakesAFreshOneAfter
 }
 
 TEST_F(Libp11ContextTest, GetInstanceWhileHeldDoesNotReloadTheModule) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
   std::shared_ptr<Libp11Context> first = Libp11Context::GetInstance();
@@ -302,6 +309,7 @@ TEST_F(Libp11ContextTest, ConcurrentGetInstanceCallsShareOneInstance) {
 }
 
 TEST_F(Libp11ContextTest, NewInstanceLoadsNothingUntilTheFirstGetCerts) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
 

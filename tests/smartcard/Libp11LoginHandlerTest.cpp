@@ -34,6 +34,11 @@ unsigned int VisiblePrivateKeys(PKCS11_SLOT* slot) {
 
 class Libp11LoginHandlerTest : public SmartcardTest {
  protected:
+  void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+    SmartcardTest::SetUp();
+  }
+
   // One token "Card A" (and, when asked, "Card B") with an RSA certificate
   // and its key, listed by a fresh context; the recorder starts empty.
   void MakeTokens(bool second = false) {

@@ -173,6 +173,7 @@ TEST_F(PinEntryUiWriterTest, PinWithoutReleaseCallbackStaysWithTheHost) {
 }
 
 TEST_F(PinEntryUiWriterTest, ContextHandsLibp11AUiMethodThatPromptsTheHost) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
   std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
@@ -195,6 +196,7 @@ TEST_F(PinEntryUiWriterTest, ContextHandsLibp11AUiMethodThatPromptsTheHost) {
 }
 
 TEST_F(PinEntryUiWriterTest, Libp11AsksTheHostThroughTheContextWhenAKeyNeedsThePinPerUse) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
   TestKey key = SharedKey(KeyKind::kRsa);

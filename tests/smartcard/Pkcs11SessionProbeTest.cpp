@@ -25,6 +25,11 @@ constexpr int k_token_not_recognized = -0xE1;
 
 class Pkcs11SessionProbeTest : public SmartcardTest {
  protected:
+  void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+    SmartcardTest::SetUp();
+  }
+
   void ListTokens() {
     hsm_.InitToken("Card A");
     TestKey key = SharedKey(KeyKind::kEc);

@@ -27,7 +27,7 @@ class SmartcardTest : public ::testing::Test {
   }
   void TearDown() override { alarm(0); }
 
-  static RecordingCallbacks& rec() { return RecordingCallbacks::Instance(); }
+  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
   static void InstallCallbacks(bool log = true, bool pin_entry = true, bool free_result = true,
                                bool message = true) {
     quorvant::shared::x509::SafeCallbacksWrapper::GetInstance().Replace(

@@ -168,7 +168,7 @@ TEST_F(FileStoreTest, HomeUnsetSkipsOnlyTheHomeRelativeDirectories) {
   x509auth_test::InstallFileCert(tmp_ / "abs", "a.pem", NamedCert("Absolute").get());
   x509auth_test::InstallFileCert(tmp_ / "home" / ".x509", "b.pem", NamedCert("Home", 1).get());
   SetBaseDirectories({(tmp_ / "abs").string()}, {".x509"});
-  unsetenv("HOME");
+  env_->Unset("HOME");
   EXPECT_EQ(store_.OpenFileStore(), 0u);
   EXPECT_EQ(Names(store_.Certificates()), std::vector<std::string>{"Absolute"});
   ASSERT_EQ(recorder_->Logs().size(), 2u) << recorder_->Dump();

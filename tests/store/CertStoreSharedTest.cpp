@@ -9,7 +9,6 @@ namespace {
 
 using test::FileContext;
 using test::SetBaseDirectories;
-using test::ScopedEnv;
 using test::StoreTest;
 using test::ThumbprintOf;
 
@@ -103,8 +102,6 @@ TEST_F(SharedCertificatesTest, FindThumbprintSharedFindsWhatFindThumbprintFinds)
 }
 
 TEST_F(SharedCertificatesTest, TheX509StoreHoldsWhatAddingEachAtOnceWouldHaveLeft) {
-  ScopedEnv file_env("SSL_CERT_FILE");
-  ScopedEnv dir_env("SSL_CERT_DIR");
   auto ca_one = NamedCert("Same Name", 1);
   auto ca_two = NamedCert("Other CA", 2);
   auto file_one = NamedCert("Same Name", 3);  // same subject as a CA, other key
@@ -112,8 +109,8 @@ TEST_F(SharedCertificatesTest, TheX509StoreHoldsWhatAddingEachAtOnceWouldHaveLef
   x509auth_test::WriteFile(tmp_ / "bundle.pem", x509auth_test::CertToPem(ca_one.get()) +
                                                     x509auth_test::CertToPem(ca_two.get()) +
                                                     x509auth_test::CertToPem(file_two.get()));
-  setenv("SSL_CERT_FILE", (tmp_ / "bundle.pem").c_str(), 1);
-  setenv("SSL_CERT_DIR", (tmp_ / "no-dir").c_str(), 1);
+  env_->Set("SSL_CERT_FILE", (tmp_ / "bundle.pem").string());
+  env_->Set("SSL_CERT_DIR", (tmp_ / "no-dir").string());
   x509auth_test::InstallFileCert(tmp_ / "base", "one.pem", file_one.get());
   x509auth_test::InstallFileCert(tmp_ / "base", "two.pem", file_two.get());
   SetBaseDirectories({(tmp_ / "base").string()}, {});

@@ -17,6 +17,7 @@ namespace fs = std::filesystem;
 class TokenStoreTest : public StoreTest {
  protected:
   void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     alarm(120);
     SetUpWith(Module::kSoftHsm);
     hsm_->InitToken("Card A");

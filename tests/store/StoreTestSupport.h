@@ -33,26 +33,6 @@ inline void SetBaseDirectories(const std::vector<std::string>& directories,
       X509_Auth_Settings{first.data(), first.size(), second.data(), second.size()});
 }
 
-// Restores an environment variable when it goes.
-class ScopedEnv {
- public:
-  explicit ScopedEnv(const char* name) : name_(name) {
-    if (const char* value = std::getenv(name)) previous_ = value;
-  }
-  ~ScopedEnv() {
-    if (previous_)
-      setenv(name_, previous_->c_str(), 1);
-    else
-      unsetenv(name_);
-  }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  const char* name_;
-  std::optional<std::string> previous_;
-};
-
 inline const CertFileContext& FileContext(const std::unique_ptr<ICertificate>& cert) {
   return *std::get<0>(cert->GetContext());
 }
@@ -82,12 +62,12 @@ class StoreTest : public ::testing::Test {
   void SetUp() override { SetUpWith(Module::kOpenSc); }
 
   void SetUpWith(Module module) {
-    recorder_ = &x509auth_test::RecordingCallbacks::Instance();
+    recorder_ = &x509auth_test::RecordingCallbacks::GetInstance();
     recorder_->Reset();
     SafeCallbacksWrapper::GetInstance().Replace(recorder_->Callbacks());
     SetBaseDirectories({}, {});
-    home_env_ = std::make_unique<ScopedEnv>("HOME");
-    setenv("HOME", (tmp_ / "home").c_str(), 1);
+    env_ = std::make_unique<x509auth_test::ScopedTestEnvironment>();
+    env_->Set("HOME", (tmp_ / "home").string());
     fs::create_directories(tmp_ / "home");
     x509auth_test::SoftHsmToken::Options options;
     if (module == Module::kOpenSc) options.module_link_target = OPENSC_MODULE_PATH;
@@ -97,7 +77,7 @@ class StoreTest : public ::testing::Test {
 
   void TearDown() override {
     hsm_.reset();
-    home_env_.reset();
+    env_.reset();
     SetBaseDirectories({}, {});
   }
 
@@ -118,7 +98,8 @@ class StoreTest : public ::testing::Test {
 
   x509auth_test::TempDir tmp_;
   x509auth_test::RecordingCallbacks* recorder_ = nullptr;
-  std::unique_ptr<ScopedEnv> home_env_;
+  // HOME and whatever a test sets through it, put back after the token's.
+  std::unique_ptr<x509auth_test::ScopedTestEnvironment> env_;
   std::unique_ptr<x509auth_test::SoftHsmToken> hsm_;
 };
 

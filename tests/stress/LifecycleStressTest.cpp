@@ -94,6 +94,7 @@ int Rounds() {
 class LifecycleStressTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     hsm_.emplace();
     hsm_->InitToken("Stress");
     token_key_ = SharedKey(KeyKind::kEc, 1);

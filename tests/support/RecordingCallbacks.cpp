@@ -15,11 +15,11 @@ struct RecordingCallbacksAccess {
     va_end(copy);
     std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
     if (length > 0) std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    RecordingCallbacks::Instance().logs_.push_back({priority, format, std::move(text)});
+    RecordingCallbacks::GetInstance().logs_.push_back({priority, format, std::move(text)});
   }
 
   static X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) {
-    RecordingCallbacks& self = RecordingCallbacks::Instance();
+    RecordingCallbacks& self = RecordingCallbacks::GetInstance();
     self.prompts_.push_back({title ? title : "(null)", prompt ? prompt : "(null)"});
     if (self.answers_.empty()) return nullptr;
     PinAnswer answer = std::move(self.answers_.front());
@@ -34,7 +34,7 @@ struct RecordingCallbacksAccess {
   }
 
   static void FreeResult(X509_Auth_PinEntryResult* result) {
-    RecordingCallbacks& self = RecordingCallbacks::Instance();
+    RecordingCallbacks& self = RecordingCallbacks::GetInstance();
     for (auto it = self.results_.begin(); it != self.results_.end(); ++it) {
       if (&it->record == result) {
         self.results_.erase(it);
@@ -48,12 +48,12 @@ struct RecordingCallbacksAccess {
   }
 
   static void Message(const char* message, const char* title) {
-    RecordingCallbacks::Instance().messages_.push_back(
+    RecordingCallbacks::GetInstance().messages_.push_back(
         {message ? message : "(null)", title ? title : "(null)"});
   }
 };
 
-RecordingCallbacks& RecordingCallbacks::Instance() {
+RecordingCallbacks& RecordingCallbacks::GetInstance() {
   static RecordingCallbacks instance;
   return instance;
 }

@@ -47,7 +47,7 @@ struct PinAnswer {
 
 class RecordingCallbacks {
  public:
-  static RecordingCallbacks& Instance();
+  static RecordingCallbacks& GetInstance();
 
   // Clears every record and the script.
   void Reset();

@@ -16,6 +16,8 @@ namespace x509auth_test {
 namespace {
 
 constexpr const char* k_conf_variable = "SOFTHSM2_CONF";
+// Lets a test of the skip itself name a module that is not there.
+constexpr const char* k_module_override_variable = "X509AUTH_TEST_SOFTHSM2_MODULE";
 
 std::string ReadText(const std::filesystem::path& path) {
   std::ifstream in(path);
@@ -49,30 +51,40 @@ SoftHsmToken::SoftHsmToken(const Options& options) {
 
   // The module reads its configuration when it is loaded, so this must be in
   // place before any Libp11Context loads it.
-  if (const char* previous = std::getenv(k_conf_variable)) previous_conf_ = previous;
-  setenv(k_conf_variable, (root_ / "softhsm2.conf").c_str(), 1);
+  environment_ = std::make_unique<ScopedTestEnvironment>();
+  environment_->Set(k_conf_variable, (root_ / "softhsm2.conf").string());
 
   working_directory_ = root_ / options.working_directory;
-  std::filesystem::create_directories(working_directory_);
-  if (!options.module_link_directory.empty()) {
-    const std::filesystem::path link_directory = root_ / options.module_link_directory;
-    std::filesystem::create_directories(link_directory);
-    std::filesystem::create_symlink(options.module_link_target,
-                                    link_directory / "opensc-pkcs11.so");
-  }
-  previous_working_directory_ = std::filesystem::current_path();
-  std::filesystem::current_path(working_directory_);
+  if (!options.module_link_directory.empty())
+    ScopedTestEnvironment::LinkModule(root_ / options.module_link_directory,
+                                      options.module_link_target);
+  environment_->Enter(working_directory_);
 }
 
 SoftHsmToken::~SoftHsmToken() {
   if (root_.empty()) return;
+  // Out of the directory and back to the old configuration before both go.
+  environment_.reset();
   std::error_code ignored;
-  std::filesystem::current_path(previous_working_directory_, ignored);
-  if (previous_conf_)
-    setenv(k_conf_variable, previous_conf_->c_str(), 1);
-  else
-    unsetenv(k_conf_variable);
   std::filesystem::remove_all(root_, ignored);
+}
+
+std::filesystem::path SoftHsmToken::ModulePath() {
+  if (const char* module = std::getenv(k_module_override_variable)) return module;
+  return SOFTHSM2_MODULE_PATH;
+}
+
+std::optional<std::string> SoftHsmToken::MissingReason() {
+  const std::filesystem::path module = ModulePath();
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(module, error))
+    return "SoftHSM2 is not installed: no module at \"" + module.string() +
+           "\" (install the softhsm2 package)";
+  if (std::system("command -v softhsm2-util > /dev/null 2>&1") != 0)
+    return "SoftHSM2 is not installed: softhsm2-util is not on PATH (install the softhsm2 package)";
+  if (std::system("command -v pkcs11-tool > /dev/null 2>&1") != 0)
+    return "pkcs11-tool is not on PATH (install the opensc package)";
+  return std::nullopt;
 }
 
 void SoftHsmToken::Run(const std::vector<std::string>& arguments) {

@@ -22,13 +22,24 @@
 // SoftHSM2 always offers one more, uninitialised token after the initialised
 // ones; every test on this store meets it. libp11 0.4.12 hangs on any call
 // that opens a session there, so never hand that slot to libp11 unguarded.
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "ScopedTestEnvironment.h"
+
+// Skips the current test, with the reason, on a machine without SoftHSM2's
+// module and tools: put first in a token test's body or its fixture's SetUp.
+#define X509AUTH_SKIP_WITHOUT_SOFTHSM2()                                                 \
+  do {                                                                                  \
+    if (const auto reason = ::x509auth_test::SoftHsmToken::MissingReason()) GTEST_SKIP() << *reason; \
+  } while (false)
 
 namespace x509auth_test {
 
@@ -85,7 +96,11 @@ class SoftHsmToken {
   const std::filesystem::path& Root() const { return root_; }
   const std::filesystem::path& WorkingDirectory() const { return working_directory_; }
   const std::filesystem::path& TokenDirectory() const { return token_directory_; }
-  static std::filesystem::path ModulePath() { return SOFTHSM2_MODULE_PATH; }
+  // SoftHSM2's module as found when the project was configured.
+  static std::filesystem::path ModulePath();
+  // Why the token tests cannot run here (no SoftHSM2 module, softhsm2-util
+  // or pkcs11-tool), or nothing when they can.
+  static std::optional<std::string> MissingReason();
 
   // Runs a program with these arguments and fails the current test when it
   // does not exit with 0. Its output goes to |log_file| under the root.
@@ -95,8 +110,8 @@ class SoftHsmToken {
   std::filesystem::path root_;
   std::filesystem::path working_directory_;
   std::filesystem::path token_directory_;
-  std::filesystem::path previous_working_directory_;
-  std::optional<std::string> previous_conf_;
+  // The working directory and SOFTHSM2_CONF, put back before root_ goes.
+  std::unique_ptr<ScopedTestEnvironment> environment_;
   int file_counter_ = 0;
 };
 

@@ -12,6 +12,7 @@ namespace {
 class ModuleOptionTest : public ToolTest {
  protected:
   void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     ToolTest::SetUp();
     hsm_.emplace();
     hsm_->InitToken("Card A");

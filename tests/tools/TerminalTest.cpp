@@ -66,6 +66,7 @@ class TerminalTest : public ToolTest {
 };
 
 TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Pane Card", k_pin);
   TestKey ec = SharedKey(KeyKind::kEc, 1);

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "ChildProcess.h"
+#include "ScopedTestEnvironment.h"
 #include "SoftHsmToken.h"
 #include "TestPki.h"
 #include "TlsTestServer.h"
@@ -19,14 +20,9 @@ namespace {
 class TlsCommandTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    old_cwd_ = std::filesystem::current_path();
     work_ = temp_ / "work";
-    std::filesystem::create_directories(work_);
-    std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
-    ASSERT_EQ(chdir(work_.c_str()), 0);
-  }
-  void TearDown() override {
-    if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot restore the working directory";
+    ScopedTestEnvironment::LinkModule(work_, OPENSC_MODULE_PATH);
+    ASSERT_TRUE(env_.Enter(work_));
   }
 
   // A client certificate with its chain's CAs in cas.pem; the key file is
@@ -83,7 +79,9 @@ class TlsCommandTest : public ::testing::Test {
 
   TempDir temp_;
   TlsTestServer server_{temp_.path()};
-  std::filesystem::path work_, old_cwd_;
+  std::filesystem::path work_;
+  // After temp_: the working directory is left before the directory goes.
+  ScopedTestEnvironment env_;
   std::string cas_;
   std::vector<std::string> ca_files_;
   std::string address_;  // where the tool connects
@@ -206,6 +204,7 @@ TEST_F(TlsCommandTest, ServerThatDoesNotTrustTheIssuerRejectsAndTheToolSaysSo) {
 class TlsTokenTest : public TlsCommandTest {
  protected:
   void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     TlsCommandTest::SetUp();
     hsm_ = std::make_unique<SoftHsmToken>();
     hsm_->InitToken("Card A");

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "RecordingCallbacks.h"
+#include "ScopedTestEnvironment.h"
 #include "TestPki.h"
 #include "ToolRunner.h"
 #include "x509_auth.h"
@@ -23,16 +24,15 @@ namespace x509auth_test {
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    RecordingCallbacks::Instance().Reset();
-    old_cwd_ = std::filesystem::current_path();
+    RecordingCallbacks::GetInstance().Reset();
     work_ = temp_ / "work";
     home_ = temp_ / "home";
     tmp_ = temp_ / "tmp";
     for (const auto& dir : {work_, home_, tmp_}) std::filesystem::create_directories(dir);
-    std::filesystem::create_symlink(OPENSC_MODULE_PATH, work_ / "opensc-pkcs11.so");
-    ASSERT_EQ(chdir(work_.c_str()), 0);
-    Remember("HOME", home_.string());
-    Remember("TMPDIR", tmp_.string());
+    ScopedTestEnvironment::LinkModule(work_, OPENSC_MODULE_PATH);
+    ASSERT_TRUE(env_.Enter(work_));
+    env_.Set("HOME", home_.string());
+    env_.Set("TMPDIR", tmp_.string());
   }
 
   void TearDown() override {
@@ -41,19 +41,6 @@ class ToolTest : public ::testing::Test {
     for (const auto& entry : std::filesystem::directory_iterator(tmp_))
       EXPECT_NE(entry.path().filename().string().rfind("x509-auth-", 0), 0u)
           << "the tool left " << entry.path() << " behind";
-    if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot restore the working directory";
-    for (const auto& [name, value] : saved_env_) {
-      if (value)
-        setenv(name.c_str(), value->c_str(), 1);
-      else
-        unsetenv(name.c_str());
-    }
-  }
-
-  void Remember(const std::string& name, const std::string& value) {
-    const char* old = std::getenv(name.c_str());
-    saved_env_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-    setenv(name.c_str(), value.c_str(), 1);
   }
 
   std::filesystem::path Base(const std::string& name) const { return temp_ / name; }
@@ -67,7 +54,7 @@ class ToolTest : public ::testing::Test {
     for (const std::string& dir : dirs) first.push_back(dir.c_str());
     for (const std::string& dir : home_dirs) second.push_back(dir.c_str());
     const X509_Auth_Settings settings{first.data(), first.size(), second.data(), second.size()};
-    X509_Auth_Init(&settings, RecordingCallbacks::Instance().Callbacks());
+    X509_Auth_Init(&settings, RecordingCallbacks::GetInstance().Callbacks());
     for (const Bytes& ca : cas)
       EXPECT_EQ(X509_Auth_AddAdditionalCertificateAuthorityToStore(ca.data(), ca.size()), 1);
     uint64_t count = 0;
@@ -121,8 +108,9 @@ class ToolTest : public ::testing::Test {
   }
 
   TempDir temp_;
-  std::filesystem::path work_, home_, tmp_, old_cwd_;
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_env_;
+  std::filesystem::path work_, home_, tmp_;
+  // After temp_: the working directory is left before the directory goes.
+  ScopedTestEnvironment env_;
 };
 
 // A self-signed client-authentication certificate.
