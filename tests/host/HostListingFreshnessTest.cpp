@@ -15,13 +15,8 @@ class HostListingFreshnessTest : public HostTest {
   void SetUp() override {
     HostTest::SetUp();
     bundle_ = temp_ / "bundle.pem";
-    setenv("SSL_CERT_FILE", bundle_.c_str(), 1);
-    setenv("SSL_CERT_DIR", (temp_ / "no-dir").c_str(), 1);
-  }
-  void TearDown() override {
-    HostTest::TearDown();
-    unsetenv("SSL_CERT_FILE");
-    unsetenv("SSL_CERT_DIR");
+    env_.Set("SSL_CERT_FILE", bundle_.string());
+    env_.Set("SSL_CERT_DIR", (temp_ / "no-dir").string());
   }
   static std::vector<std::string> Names(const std::vector<const X509_Auth_Certificate*>& records) {
     std::vector<std::string> names;

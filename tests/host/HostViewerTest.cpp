@@ -57,17 +57,13 @@ class HostViewerTest : public HostTest {
     HostTest::SetUp();
     tmp_ = temp_ / "tmp";
     std::filesystem::create_directories(tmp_);
-    setenv("TMPDIR", tmp_.c_str(), 1);
+    env_.Set("TMPDIR", tmp_.string());
     key_ = SharedKey(KeyKind::kEc);
     cert_ = MakeClientCert("Viewer Subject", key_.get());
     InstallFileCert(Base("base"), "viewer.pem", cert_.get(), key_.get());
     Init({Base("base").string()});
     records_ = List();
     ASSERT_EQ(records_.size(), 1u);
-  }
-  void TearDown() override {
-    unsetenv("TMPDIR");
-    HostTest::TearDown();
   }
 
   // The viewer file written for a request made at |seconds|.
@@ -90,12 +86,12 @@ TEST_F(HostViewerTest, StandInViewerGetsOnePemFileOfTheCertificate) {
                 "'\ncp \"$1\" '" + (seen / "file.pem").string() + "'\n");
   std::filesystem::permissions(bin / "gcr-viewer", std::filesystem::perms::owner_all);
   const std::string old_path = std::getenv("PATH") ? std::getenv("PATH") : "";
-  setenv("PATH", (bin.string() + ":" + old_path).c_str(), 1);
+  env_.Set("PATH", bin.string() + ":" + old_path);
 
   const long before = SecondsNow();
   const bool started = X509_Auth_ShowCertificateDialog(records_[0], reinterpret_cast<void*>(0x99));
   const long after = SecondsNow();
-  setenv("PATH", old_path.c_str(), 1);
+  env_.Set("PATH", old_path);
   ASSERT_TRUE(started) << rec().Dump();
 
   ASSERT_TRUE(WaitFor(10, [&] { return std::filesystem::exists(seen / "file.pem"); }));
@@ -172,7 +168,7 @@ TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
                  << CommandOutput("cat " + (temp_ / "xvfb.log").string());
   }
   const std::string display = ":" + number;
-  setenv("DISPLAY", display.c_str(), 1);
+  env_.Set("DISPLAY", display);
   // The server announces its display before every client can connect.
   const bool ready = WaitFor(15, [&] {
     return std::system(("xdpyinfo -display " + display + " > /dev/null 2>&1").c_str()) == 0;
@@ -216,7 +212,7 @@ TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
   close(fds[0]);
   while (waitpid(-1, nullptr, WNOHANG) > 0) {
   }
-  unsetenv("DISPLAY");
+  env_.Unset("DISPLAY");
 
   std::string written;
   for (const auto& entry : std::filesystem::directory_iterator(tmp_ / "Quorvant"))

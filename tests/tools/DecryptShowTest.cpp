@@ -112,8 +112,8 @@ TEST_F(DecryptShowTest, ShowWithoutAViewerOnPathFailsBeforeTryingIt) {
 }
 
 TEST_F(DecryptShowTest, ShowWithoutADisplayFailsBeforeStartingTheViewer) {
-  unsetenv("DISPLAY");
-  unsetenv("WAYLAND_DISPLAY");
+  env_.Unset("DISPLAY");
+  env_.Unset("WAYLAND_DISPLAY");
   const std::filesystem::path bin = temp_ / "bin";
   std::filesystem::create_directories(bin);
   WriteFile(bin / "gcr-viewer", "#!/bin/sh\ntouch '" + (temp_ / "started").string() + "'\n");
