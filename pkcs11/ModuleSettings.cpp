@@ -86,15 +86,6 @@ void Apply(const std::string& key, const std::string& value, ModuleSettings& set
 
 }  // namespace
 
-int ParseLogLevel(const std::string& text) {
-  if (text == "debug" || text == "0") return 0;
-  if (text == "info" || text == "1") return 1;
-  if (text == "warning" || text == "2") return 2;
-  if (text == "error" || text == "3") return 3;
-  if (text == "none" || text == "4") return 4;
-  return -1;
-}
-
 void ModuleSettings::ParseText(const std::string& text, ModuleSettings& settings) {
   std::istringstream lines(text);
   std::string line;

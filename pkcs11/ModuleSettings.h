@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "x509auth/LogLevel.h"
+
 namespace x509auth_pkcs11 {
 
 struct ModuleSettings {
@@ -37,7 +39,7 @@ struct ModuleSettings {
   std::string Fingerprint() const;
 };
 
-// "debug", "info", "warning", "error", "none" (or 0..4); -1 when unknown.
-int ParseLogLevel(const std::string& text);
+// The log threshold words, shared with the provider.
+using x509auth_common::ParseLogLevel;
 
 }  // namespace x509auth_pkcs11

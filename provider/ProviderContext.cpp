@@ -19,6 +19,7 @@
 #include "Dispatch.h"
 #include "DispatchCast.h"
 #include "ErrorQueueGuard.h"
+#include "x509auth/LogLevel.h"
 #include "x509_auth.h"
 
 namespace x509auth_provider {
@@ -82,15 +83,6 @@ std::vector<std::string> SplitColons(const std::string& text) {
   while (std::getline(stream, part, ':'))
     if (!part.empty()) parts.push_back(part);
   return parts;
-}
-
-int ParseLogLevel(const std::string& text) {
-  if (text == "debug" || text == "0") return 0;
-  if (text == "info" || text == "1") return 1;
-  if (text == "warning" || text == "2") return 2;
-  if (text == "error" || text == "3") return 3;
-  if (text == "none" || text == "4") return 4;
-  return -1;
 }
 
 // Provider-level functions; OpenSSL's C signatures.
@@ -204,7 +196,7 @@ bool ProviderContext::Start() {
   // The same default as the x509-auth tool's, so both see one set of files.
   if (settings_.home_dirs.empty()) settings_.home_dirs.push_back(k_default_home_dir);
   const std::string level = Parameter("log_level", "X509AUTH_LOG");
-  settings_.log_threshold = level.empty() ? 4 : ParseLogLevel(level);
+  settings_.log_threshold = level.empty() ? 4 : x509auth_common::ParseLogLevel(level);
   if (settings_.log_threshold < 0) {
     X509AUTH_RAISE(this, k_reason_setup_failed, "log_level '%s': use debug, info, warning, error or none",
           level.c_str());
