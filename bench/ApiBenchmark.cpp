@@ -107,21 +107,18 @@ void BM_List_Floor(benchmark::State& state) {
   Material& m = Use(static_cast<int>(state.range(0)));
   const fs::path certs = m.base / "certs";
   for (auto _ : state) {
-    X509_STORE* store = X509_STORE_new();
-    X509_STORE_add_cert(store, SharedKeys().ca.get());
+    const X509StorePtr store(X509_STORE_new());
+    X509_STORE_add_cert(store.get(), SharedKeys().ca.get());
     int verified = 0;
     for (const fs::directory_entry& entry : fs::directory_iterator(certs)) {
-      X509* cert = ReadPem(entry.path());
-      X509_STORE_CTX* ctx = X509_STORE_CTX_new();
-      X509_STORE_CTX_init(ctx, store, cert, nullptr);
-      if (X509_verify_cert(ctx) == 1) ++verified;
+      const X509Ptr cert(ReadPem(entry.path()));
+      const X509StoreCtxPtr ctx(X509_STORE_CTX_new());
+      X509_STORE_CTX_init(ctx.get(), store.get(), cert.get(), nullptr);
+      if (X509_verify_cert(ctx.get()) == 1) ++verified;
       unsigned char digest[EVP_MAX_MD_SIZE];
       unsigned int length = 0;
-      X509_digest(cert, EVP_sha1(), digest, &length);
-      X509_STORE_CTX_free(ctx);
-      X509_free(cert);
+      X509_digest(cert.get(), EVP_sha1(), digest, &length);
     }
-    X509_STORE_free(store);
     if (verified != m.count) state.SkipWithError("floor verify failed");
   }
 }
@@ -189,18 +186,16 @@ void SignFloor(benchmark::State& state, bool rsa, bool checked = false) {
   Bytes signature(512);
   for (auto _ : state) {
     if (checked) benchmark::DoNotOptimize(CheckEveryFile(m.base / "certs"));
-    EVP_PKEY* key = ReadKey(key_path);
-    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
-    EVP_PKEY_sign_init(ctx);
+    const EvpPkeyPtr key(ReadKey(key_path));
+    const EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
+    EVP_PKEY_sign_init(ctx.get());
     if (rsa) {
-      EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING);
-      EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha256());
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING);
+      EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha256());
     }
     size_t length = signature.size();
-    if (EVP_PKEY_sign(ctx, signature.data(), &length, digest.data(), digest.size()) <= 0)
+    if (EVP_PKEY_sign(ctx.get(), signature.data(), &length, digest.data(), digest.size()) <= 0)
       state.SkipWithError("floor signing failed");
-    EVP_PKEY_CTX_free(ctx);
-    EVP_PKEY_free(key);
   }
 }
 
@@ -234,16 +229,14 @@ void BM_Decrypt_Floor(benchmark::State& state) {
   const fs::path key_path = m.base / "keys" / "cert0.pem.key";
   Bytes plaintext(512);
   for (auto _ : state) {
-    EVP_PKEY* key = ReadKey(key_path);
-    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
-    EVP_PKEY_decrypt_init(ctx);
-    EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING);
+    const EvpPkeyPtr key(ReadKey(key_path));
+    const EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
+    EVP_PKEY_decrypt_init(ctx.get());
+    EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING);
     size_t length = plaintext.size();
-    if (EVP_PKEY_decrypt(ctx, plaintext.data(), &length, ciphertext.data(), ciphertext.size()) <=
-        0)
+    if (EVP_PKEY_decrypt(ctx.get(), plaintext.data(), &length, ciphertext.data(),
+                         ciphertext.size()) <= 0)
       state.SkipWithError("floor decryption failed");
-    EVP_PKEY_CTX_free(ctx);
-    EVP_PKEY_free(key);
   }
 }
 
@@ -280,8 +273,8 @@ void BM_Chain_Floor(benchmark::State& state) {
     if (!std::equal(wanted.begin(), wanted.end(), digest)) state.SkipWithError("no match");
     unsigned char* der = nullptr;
     const int size = i2d_X509(ca, &der);
+    const OpenSslBytesPtr owned(der);
     benchmark::DoNotOptimize(size);
-    OPENSSL_free(der);
   }
 }
 

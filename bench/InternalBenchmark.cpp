@@ -45,9 +45,8 @@ void BM_ReadDerFile_BareOpenSsl(benchmark::State& state) {
   const auto path = Get().dir / "cert.der";
   for (auto _ : state) {
     FILE* file = std::fopen(path.c_str(), "rb");
-    X509* cert = d2i_X509_fp(file, nullptr);
+    const X509Ptr cert(d2i_X509_fp(file, nullptr));
     std::fclose(file);
-    X509_free(cert);
   }
 }
 
@@ -60,9 +59,8 @@ void BM_ReadPemFile_BareOpenSsl(benchmark::State& state) {
   const auto path = Get().dir / "cert.pem";
   for (auto _ : state) {
     FILE* file = std::fopen(path.c_str(), "r");
-    X509* cert = PEM_read_X509(file, nullptr, nullptr, nullptr);
+    const X509Ptr cert(PEM_read_X509(file, nullptr, nullptr, nullptr));
     std::fclose(file);
-    X509_free(cert);
   }
 }
 

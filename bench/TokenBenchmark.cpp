@@ -116,23 +116,24 @@ void SignFloor(benchmark::State& state, bool rsa) {
       if (std::strcmp(keys[i].label, rsa ? "rsa" : "ec") == 0)
         key = PKCS11_get_private_key(&keys[i]);
   }
+  EvpPkeyPtr owned_key(key);
   const Bytes digest(32, 0x5a);
   Bytes signature(512);
   if (key == nullptr) state.SkipWithError("token key not found");
   for (auto _ : state) {
     if (key == nullptr) break;
-    EVP_PKEY_CTX* pctx = EVP_PKEY_CTX_new(key, nullptr);
-    EVP_PKEY_sign_init(pctx);
+    const EvpPkeyCtxPtr pctx(EVP_PKEY_CTX_new(key, nullptr));
+    EVP_PKEY_sign_init(pctx.get());
     if (rsa) {
-      EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PADDING);
-      EVP_PKEY_CTX_set_signature_md(pctx, EVP_sha256());
+      EVP_PKEY_CTX_set_rsa_padding(pctx.get(), RSA_PKCS1_PADDING);
+      EVP_PKEY_CTX_set_signature_md(pctx.get(), EVP_sha256());
     }
     size_t length = signature.size();
-    if (EVP_PKEY_sign(pctx, signature.data(), &length, digest.data(), digest.size()) <= 0)
+    if (EVP_PKEY_sign(pctx.get(), signature.data(), &length, digest.data(), digest.size()) <= 0)
       state.SkipWithError("bare token signing failed");
-    EVP_PKEY_CTX_free(pctx);
   }
-  EVP_PKEY_free(key);
+  // The key goes before the slots and the context it came from.
+  owned_key.reset();
   PKCS11_release_all_slots(ctx, slots, count);
   PKCS11_CTX_unload(ctx);
   PKCS11_CTX_free(ctx);

@@ -73,8 +73,6 @@ const OSSL_ITEM k_reason_strings[] = {
     {k_reason_setup_failed, const_cast<char*>("the x509auth provider could not start")},
     {0, nullptr}};
 
-void BioFree(BIO* bio) { BIO_free(bio); }
-void CryptoFree(void* p) { OPENSSL_free(p); }
 
 std::vector<std::string> SplitColons(const std::string& text) {
   std::vector<std::string> parts;
@@ -216,8 +214,7 @@ bool ProviderContext::Start() {
     // to load it is not the application's error.
     const ErrorQueueGuard errors;
     OSSL_LIB_CTX* application = reinterpret_cast<OSSL_LIB_CTX*>(get_libctx_(handle_));
-    OSSL_PROVIDER* fallback = OSSL_PROVIDER_load(application, "default");
-    if (fallback != nullptr) OSSL_PROVIDER_unload(fallback);
+    const OsslProviderPtr fallback(OSSL_PROVIDER_load(application, "default"));
   }
   crypto_.reset(OSSL_LIB_CTX_new());
   if (crypto_ == nullptr) {
@@ -247,7 +244,7 @@ namespace {
 // library when it is added).
 std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) {
   std::vector<std::vector<unsigned char>> found;
-  std::unique_ptr<BIO, OpenSslDeleter<BIO, BioFree>> bio(BIO_new_file(file.c_str(), "rb"));
+  BioPtr bio(BIO_new_file(file.c_str(), "rb"));
   if (bio == nullptr) return found;
   std::vector<unsigned char> content;
   unsigned char chunk[4096];
@@ -260,7 +257,7 @@ std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) 
     if (!content.empty()) found.push_back(std::move(content));
     return found;
   }
-  std::unique_ptr<BIO, OpenSslDeleter<BIO, BioFree>> pem(
+  BioPtr pem(
       BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
   while (pem != nullptr) {
     X509Ptr cert(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
@@ -268,7 +265,7 @@ std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) 
     unsigned char* der = nullptr;
     const int length = i2d_X509(cert.get(), &der);
     if (length <= 0) break;
-    std::unique_ptr<unsigned char, OpenSslDeleter<void, CryptoFree>> owned(der);
+    OpenSslBytesPtr owned(der);
     found.emplace_back(der, der + length);
   }
   return found;

@@ -10,6 +10,7 @@
 #include <iterator>
 #include <vector>
 
+#include "OpenSslHandles.h"
 #include "files/PrivateKeyFiles.h"
 
 namespace x509auth_tool {
@@ -27,11 +28,9 @@ bool IsEncrypted(const std::string& content) {
       Contains(content, "Proc-Type: 4,ENCRYPTED"))
     return true;
   const unsigned char* cursor = reinterpret_cast<const unsigned char*>(content.data());
-  X509_SIG* sig = d2i_X509_SIG(nullptr, &cursor, static_cast<long>(content.size()));
-  const bool whole = sig != nullptr &&
-                     cursor == reinterpret_cast<const unsigned char*>(content.data()) + content.size();
-  X509_SIG_free(sig);
-  return whole;
+  const X509SigPtr sig(d2i_X509_SIG(nullptr, &cursor, static_cast<long>(content.size())));
+  return sig != nullptr &&
+         cursor == reinterpret_cast<const unsigned char*>(content.data()) + content.size();
 }
 
 }  // namespace

@@ -35,17 +35,11 @@
 namespace x509auth_tool {
 namespace {
 
-template <typename T, void (*Free)(T*)>
-using Owned = std::unique_ptr<T, OpenSslDeleter<T, Free>>;
-void LibCtxFree(OSSL_LIB_CTX* ctx) { OSSL_LIB_CTX_free(ctx); }
-void ProviderUnload(OSSL_PROVIDER* provider) { OSSL_PROVIDER_unload(provider); }
-void StoreClose(OSSL_STORE_CTX* store) { OSSL_STORE_close(store); }
-using LibCtxPtr = Owned<OSSL_LIB_CTX, LibCtxFree>;
-using ProviderPtr = Owned<OSSL_PROVIDER, ProviderUnload>;
-using StorePtr = Owned<OSSL_STORE_CTX, StoreClose>;
-using SslCtxPtr = Owned<SSL_CTX, SSL_CTX_free>;
-using SslPtr = Owned<SSL, SSL_free>;
-using UiMethodPtr = Owned<UI_METHOD, UI_destroy_method>;
+// libssl's two handles; every libcrypto one comes from the shared aliases.
+using SslCtxPtr = std::unique_ptr<SSL_CTX, OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
+using SslPtr = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
+using ProviderPtr = OsslProviderPtr;
+using StorePtr = OsslStoreCtxPtr;
 
 // The provider's error data ends in "; library: LINE | LINE ...)": the
 // library's lines that explain the error. They become evidence, shown under
@@ -328,13 +322,12 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
       return Fail("tls: cannot open " + uri + ": " + OpenSslReason());
     }
     while (!OSSL_STORE_eof(store.get())) {
-      OSSL_STORE_INFO* info = OSSL_STORE_load(store.get());
+      OsslStoreInfoPtr info(OSSL_STORE_load(store.get()));
       if (info == nullptr) break;
-      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_CERT)
-        client.cert.reset(OSSL_STORE_INFO_get1_CERT(info));
-      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY)
-        client.key.reset(OSSL_STORE_INFO_get1_PKEY(info));
-      OSSL_STORE_INFO_free(info);
+      if (OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_CERT)
+        client.cert.reset(OSSL_STORE_INFO_get1_CERT(info.get()));
+      if (OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_PKEY)
+        client.key.reset(OSSL_STORE_INFO_get1_PKEY(info.get()));
     }
     if (client.cert == nullptr || client.key == nullptr) {
       provider_log.reset();

@@ -11,6 +11,9 @@
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
+#include <openssl/params.h>
+#include <openssl/provider.h>
+#include <openssl/store.h>
 #include <openssl/ui.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
@@ -45,6 +48,16 @@ using EcdsaSigPtr = std::unique_ptr<ECDSA_SIG, OpenSslDeleter<ECDSA_SIG, ECDSA_S
 using Asn1StringPtr = std::unique_ptr<ASN1_STRING, OpenSslDeleter<ASN1_STRING, ASN1_STRING_free>>;
 using Asn1OctetStringPtr =
     std::unique_ptr<ASN1_OCTET_STRING, OpenSslDeleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
+using X509NamePtr = std::unique_ptr<X509_NAME, OpenSslDeleter<X509_NAME, X509_NAME_free>>;
+using OsslParamPtr = std::unique_ptr<OSSL_PARAM, OpenSslDeleter<OSSL_PARAM, OSSL_PARAM_free>>;
+using OsslStoreInfoPtr =
+    std::unique_ptr<OSSL_STORE_INFO, OpenSslDeleter<OSSL_STORE_INFO, OSSL_STORE_INFO_free>>;
+// Closing and unloading report a status nobody can act on at release time.
+inline void OsslStoreClose(OSSL_STORE_CTX* store) { OSSL_STORE_close(store); }
+using OsslStoreCtxPtr = std::unique_ptr<OSSL_STORE_CTX, OpenSslDeleter<OSSL_STORE_CTX, OsslStoreClose>>;
+inline void OsslProviderUnload(OSSL_PROVIDER* provider) { OSSL_PROVIDER_unload(provider); }
+using OsslProviderPtr =
+    std::unique_ptr<OSSL_PROVIDER, OpenSslDeleter<OSSL_PROVIDER, OsslProviderUnload>>;
 // Bytes OpenSSL allocated for the caller (i2d_* output, ASN1_STRING_to_UTF8):
 // OPENSSL_free is a macro, so it gets a function of its own.
 inline void OpenSslFreeBytes(unsigned char* p) { OPENSSL_free(p); }

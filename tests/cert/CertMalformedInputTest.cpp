@@ -26,14 +26,12 @@ X509Ptr ParsedCertWithRawTimes(int type, const std::string& not_before,
                                const std::string& not_after) {
   const x509auth_test::TestKey key = x509auth_test::SharedKey(KeyKind::kEc);
   x509auth_test::TestX509 cert = x509auth_test::MakeCert(CertOptions{}, key.get());
-  ASN1_STRING* before = ASN1_STRING_type_new(type);
-  ASN1_STRING_set(before, not_before.data(), static_cast<int>(not_before.size()));
-  ASN1_STRING* after = ASN1_STRING_type_new(type);
-  ASN1_STRING_set(after, not_after.data(), static_cast<int>(not_after.size()));
-  EXPECT_EQ(X509_set1_notBefore(cert.get(), before), 1);
-  EXPECT_EQ(X509_set1_notAfter(cert.get(), after), 1);
-  ASN1_STRING_free(before);
-  ASN1_STRING_free(after);
+  const Asn1StringPtr before(ASN1_STRING_type_new(type));
+  ASN1_STRING_set(before.get(), not_before.data(), static_cast<int>(not_before.size()));
+  const Asn1StringPtr after(ASN1_STRING_type_new(type));
+  ASN1_STRING_set(after.get(), not_after.data(), static_cast<int>(not_after.size()));
+  EXPECT_EQ(X509_set1_notBefore(cert.get(), before.get()), 1);
+  EXPECT_EQ(X509_set1_notAfter(cert.get(), after.get()), 1);
   EXPECT_GT(X509_sign(cert.get(), key.get(), EVP_sha256()), 0);
   const x509auth_test::Bytes der = x509auth_test::CertToDer(cert.get());
   const unsigned char* cursor = der.data();
@@ -64,14 +62,12 @@ TEST(CertMalformedInputTest, EmptyNamesGiveEmptyTexts) {
   auto& recorder = InstallRecorder();
   const x509auth_test::TestKey key = x509auth_test::SharedKey(KeyKind::kEc);
   x509auth_test::TestX509 cert = x509auth_test::MakeCert(CertOptions{}, key.get());
-  X509_NAME* empty = X509_NAME_new();
-  ASSERT_EQ(X509_set_subject_name(cert.get(), empty), 1);
-  X509_NAME* blank_common_name = X509_NAME_new();
-  X509_NAME_add_entry_by_txt(blank_common_name, "CN", V_ASN1_UTF8STRING,
+  const X509NamePtr empty(X509_NAME_new());
+  ASSERT_EQ(X509_set_subject_name(cert.get(), empty.get()), 1);
+  const X509NamePtr blank_common_name(X509_NAME_new());
+  X509_NAME_add_entry_by_txt(blank_common_name.get(), "CN", V_ASN1_UTF8STRING,
                              reinterpret_cast<const unsigned char*>(""), 0, -1, 0);
-  ASSERT_EQ(X509_set_issuer_name(cert.get(), blank_common_name), 1);
-  X509_NAME_free(empty);
-  X509_NAME_free(blank_common_name);
+  ASSERT_EQ(X509_set_issuer_name(cert.get(), blank_common_name.get()), 1);
   ASSERT_GT(X509_sign(cert.get(), key.get(), EVP_sha256()), 0);
   const x509auth_test::Bytes der = x509auth_test::CertToDer(cert.get());
   const unsigned char* cursor = der.data();

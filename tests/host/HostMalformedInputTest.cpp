@@ -24,10 +24,9 @@ TestX509 CertWithRawTimes(int type, const std::string& not_before, const std::st
   TestX509 cert = MakeCert(options, key.get());
   for (const auto& [text, setter] :
        {std::pair{not_before, &X509_set1_notBefore}, std::pair{not_after, &X509_set1_notAfter}}) {
-    ASN1_STRING* time = ASN1_STRING_type_new(type);
-    ASN1_STRING_set(time, text.data(), static_cast<int>(text.size()));
-    EXPECT_EQ(setter(cert.get(), time), 1);
-    ASN1_STRING_free(time);
+    const Asn1StringPtr time(ASN1_STRING_type_new(type));
+    ASN1_STRING_set(time.get(), text.data(), static_cast<int>(text.size()));
+    EXPECT_EQ(setter(cert.get(), time.get()), 1);
   }
   EXPECT_GT(X509_sign(cert.get(), key.get(), EVP_sha256()), 0);
   return cert;

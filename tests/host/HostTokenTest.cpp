@@ -184,11 +184,12 @@ TEST_F(HostTokenTest, ExportedTokenKeySignsDataThatVerifies) {
   EXPECT_EQ(pointer_lines[0].priority, X509_Auth_LogPriority_Error);
 
   // The host owns the key; it signs through the token.
-  EVP_PKEY* key = static_cast<EVP_PKEY*>(exported);
+  // Freed at the end while the library still holds the token's context.
+  const EvpPkeyPtr owned_key(static_cast<EVP_PKEY*>(exported));
+  EVP_PKEY* key = owned_key.get();
   const Bytes digest = Sha256("exported key");
   {
-    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(key, nullptr),
-                                                                    &EVP_PKEY_CTX_free);
+    const EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
     ASSERT_GT(EVP_PKEY_sign_init(ctx.get()), 0);
     ASSERT_GT(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING), 0);
     ASSERT_GT(EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha256()), 0);
@@ -197,8 +198,6 @@ TEST_F(HostTokenTest, ExportedTokenKeySignsDataThatVerifies) {
     ASSERT_GT(EVP_PKEY_sign(ctx.get(), signature.data(), &length, digest.data(), digest.size()), 0);
     EXPECT_TRUE(VerifiesSha256(token_rsa_.get(), digest, signature.data(), length));
   }
-  // Freed while the library still holds the token's context.
-  EVP_PKEY_free(key);
 }
 
 TEST_F(HostTokenTest, ExportWithACancelledPinGivesSevenWithTheHostStatus) {

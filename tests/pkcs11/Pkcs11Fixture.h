@@ -7,6 +7,8 @@
 // environment, never from the user's or the system's settings file.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <openssl/bn.h>
+#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <stdlib.h>
 
@@ -21,6 +23,18 @@
 #include "p11-kit/pkcs11.h"
 
 namespace x509auth_test {
+
+// A raw r || s P-256 signature, as PKCS#11's CKM_ECDSA gives it, back to DER
+// for OpenSSL, verified with |cert|'s public key over |digest|.
+inline bool RawEcdsaVerifies(X509* cert, const EVP_MD* md, const Bytes& digest, const Bytes& raw) {
+  if (raw.size() != 64) return false;
+  const EcdsaSigPtr sig(ECDSA_SIG_new());
+  ECDSA_SIG_set0(sig.get(), BN_bin2bn(raw.data(), 32, nullptr), BN_bin2bn(raw.data() + 32, 32, nullptr));
+  unsigned char* der = nullptr;
+  const int length = i2d_ECDSA_SIG(sig.get(), &der);
+  const OpenSslBytesPtr owned(der);
+  return length > 0 && VerifiesWithCertificate(cert, md, digest, der, static_cast<std::size_t>(length));
+}
 
 // One client certificate installed in the base directory.
 struct InstalledClient {

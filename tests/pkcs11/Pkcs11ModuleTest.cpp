@@ -30,28 +30,14 @@ Bytes Sha256DigestInfo(const Bytes& data) {
   return info;
 }
 
-// r || s back to DER, for OpenSSL's verification.
-bool RawEcdsaVerifies(X509* cert, const EVP_MD* md, const Bytes& digest, const Bytes& raw) {
-  if (raw.size() != 64) return false;
-  ECDSA_SIG* sig = ECDSA_SIG_new();
-  ECDSA_SIG_set0(sig, BN_bin2bn(raw.data(), 32, nullptr), BN_bin2bn(raw.data() + 32, 32, nullptr));
-  unsigned char* der = nullptr;
-  const int length = i2d_ECDSA_SIG(sig, &der);
-  const bool ok = VerifiesWithCertificate(cert, md, digest, der, static_cast<std::size_t>(length));
-  OPENSSL_free(der);
-  ECDSA_SIG_free(sig);
-  return ok;
-}
-
 bool PssVerifies(X509* cert, const EVP_MD* md, const Bytes& digest, const Bytes& signature, int salt) {
   EVP_PKEY* key = X509_get0_pubkey(cert);
-  EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
-  const bool ok = EVP_PKEY_verify_init(ctx) == 1 && EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PSS_PADDING) == 1 &&
-                  EVP_PKEY_CTX_set_signature_md(ctx, md) == 1 && EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, md) == 1 &&
-                  EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt) == 1 &&
-                  EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
-  EVP_PKEY_CTX_free(ctx);
-  return ok;
+  const EvpPkeyCtxPtr owned(EVP_PKEY_CTX_new(key, nullptr));
+  EVP_PKEY_CTX* ctx = owned.get();
+  return EVP_PKEY_verify_init(ctx) == 1 && EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+         EVP_PKEY_CTX_set_signature_md(ctx, md) == 1 && EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, md) == 1 &&
+         EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt) == 1 &&
+         EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
 }
 
 class Pkcs11ModuleTest : public Pkcs11Test {};
@@ -70,12 +56,12 @@ TEST_F(Pkcs11ModuleTest, EachCertificateIsACertificatePublicKeyAndPrivateKeyShar
     EXPECT_EQ(s.Attribute(priv, CKA_LABEL), Bytes(client->name.begin(), client->name.end()));
     unsigned char* subject = nullptr;
     const int subject_length = i2d_X509_NAME(X509_get_subject_name(client->cert.get()), &subject);
+    const OpenSslBytesPtr owned_subject(subject);
     EXPECT_EQ(s.Attribute(cert, CKA_SUBJECT), Bytes(subject, subject + subject_length));
-    OPENSSL_free(subject);
     unsigned char* serial = nullptr;
     const int serial_length = i2d_ASN1_INTEGER(X509_get_serialNumber(client->cert.get()), &serial);
+    const OpenSslBytesPtr owned_serial(serial);
     EXPECT_EQ(s.Attribute(cert, CKA_SERIAL_NUMBER), Bytes(serial, serial + serial_length));
-    OPENSSL_free(serial);
     EXPECT_FALSE(s.Attribute(cert, CKA_ISSUER).empty());
     EXPECT_EQ(s.Attribute(priv, CKA_SENSITIVE), Bytes{CK_TRUE});
     EXPECT_EQ(s.Attribute(priv, CKA_EXTRACTABLE), Bytes{CK_FALSE});

@@ -132,12 +132,11 @@ class LocalSshd {
 // The OpenSSH public key line of a key, made by ssh-keygen from its PEM.
 std::string SshPublicKey(const TempDir& temp, EVP_PKEY* key, const std::string& name) {
   const std::filesystem::path pem = temp / (name + ".pub.pem");
-  BIO* bio = BIO_new(BIO_s_mem());
-  PEM_write_bio_PUBKEY(bio, key);
+  const BioPtr bio(BIO_new(BIO_s_mem()));
+  PEM_write_bio_PUBKEY(bio.get(), key);
   char* data = nullptr;
-  const long length = BIO_get_mem_data(bio, &data);
+  const long length = BIO_get_mem_data(bio.get(), &data);
   WriteFile(pem, std::string(data, static_cast<std::size_t>(length)));
-  BIO_free(bio);
   ChildRun run;
   run.argv = {"ssh-keygen", "-i", "-m", "PKCS8", "-f", pem.string()};
   const ChildResult result = RunChild(run);

@@ -63,13 +63,7 @@ TEST_F(Pkcs11TokenCertificatesTest, WithTokenCertificatesOnTheCardsKeySignsAfter
   Bytes digest(32, 0x5a);
   const Bytes raw = s.Sign(key, {CKM_ECDSA, nullptr, 0}, digest);
   ASSERT_EQ(raw.size(), 64u);
-  ECDSA_SIG* sig = ECDSA_SIG_new();
-  ECDSA_SIG_set0(sig, BN_bin2bn(raw.data(), 32, nullptr), BN_bin2bn(raw.data() + 32, 32, nullptr));
-  unsigned char* der = nullptr;
-  const int length = i2d_ECDSA_SIG(sig, &der);
-  EXPECT_TRUE(VerifiesWithCertificate(chain_.leaf.get(), EVP_sha256(), digest, der, static_cast<std::size_t>(length)));
-  OPENSSL_free(der);
-  ECDSA_SIG_free(sig);
+  EXPECT_TRUE(RawEcdsaVerifies(chain_.leaf.get(), EVP_sha256(), digest, raw));
 }
 
 }  // namespace

@@ -18,15 +18,13 @@
 namespace x509auth_test {
 namespace {
 
+// The providers are unloaded before their library context goes: members
+// are destroyed in reverse order.
 struct Loaded {
+  LibCtxPtr owned_ctx;
   OSSL_LIB_CTX* ctx = nullptr;
-  OSSL_PROVIDER* x509auth = nullptr;
-  OSSL_PROVIDER* fallback = nullptr;
-  ~Loaded() {
-    OSSL_PROVIDER_unload(x509auth);
-    OSSL_PROVIDER_unload(fallback);
-    OSSL_LIB_CTX_free(ctx);
-  }
+  OsslProviderPtr x509auth;
+  OsslProviderPtr fallback;
 };
 
 // The secret the store's passphrase callback gives, and how often it asked.
@@ -76,49 +74,48 @@ class ProviderInProcessTest : public ProviderTest {
     setenv("X509AUTH_DIRS", dirs.c_str(), 1);
     setenv("X509AUTH_CA_FILES", CasFile().c_str(), 1);
     auto loaded = std::make_unique<Loaded>();
-    loaded->ctx = OSSL_LIB_CTX_new();
+    loaded->owned_ctx.reset(OSSL_LIB_CTX_new());
+    loaded->ctx = loaded->owned_ctx.get();
     EXPECT_EQ(OSSL_PROVIDER_add_builtin(loaded->ctx, "x509auth",
                                         x509auth_provider::X509AuthProviderInit), 1);
-    loaded->x509auth = OSSL_PROVIDER_load(loaded->ctx, "x509auth");
-    loaded->fallback = OSSL_PROVIDER_load(loaded->ctx, "default");
+    loaded->x509auth.reset(OSSL_PROVIDER_load(loaded->ctx, "x509auth"));
+    loaded->fallback.reset(OSSL_PROVIDER_load(loaded->ctx, "default"));
     EXPECT_NE(loaded->x509auth, nullptr) << ErrorText();
     return loaded;
   }
 
   // Every object the URI gives; the store stays open while |keep_open|.
-  std::vector<OSSL_STORE_INFO*> LoadAll(const Loaded& loaded, const std::string& uri,
-                                        Answer* answer, OSSL_STORE_CTX** keep_open = nullptr) {
-    std::vector<OSSL_STORE_INFO*> infos;
-    OSSL_STORE_CTX* store = OSSL_STORE_open_ex(uri.c_str(), loaded.ctx, nullptr, ui_.get(), answer,
-                                               nullptr, nullptr, nullptr);
+  std::vector<OsslStoreInfoPtr> LoadAll(const Loaded& loaded, const std::string& uri,
+                                        Answer* answer, OsslStoreCtxPtr* keep_open = nullptr) {
+    std::vector<OsslStoreInfoPtr> infos;
+    OsslStoreCtxPtr store(OSSL_STORE_open_ex(uri.c_str(), loaded.ctx, nullptr, ui_.get(), answer,
+                                             nullptr, nullptr, nullptr));
     if (store == nullptr) return infos;
-    while (!OSSL_STORE_eof(store)) {
-      OSSL_STORE_INFO* info = OSSL_STORE_load(store);
+    while (!OSSL_STORE_eof(store.get())) {
+      OsslStoreInfoPtr info(OSSL_STORE_load(store.get()));
       if (info == nullptr) break;
-      infos.push_back(info);
+      infos.push_back(std::move(info));
     }
-    if (keep_open != nullptr)
-      *keep_open = store;
-    else
-      OSSL_STORE_close(store);
+    if (keep_open != nullptr) *keep_open = std::move(store);
     return infos;
   }
 
   // The private key of |thumbprint|, or null.
   EVP_PKEY* LoadKey(const Loaded& loaded, const std::string& thumbprint, Answer* answer,
-                    OSSL_STORE_CTX** keep_open = nullptr) {
+                    OsslStoreCtxPtr* keep_open = nullptr) {
     EVP_PKEY* key = nullptr;
-    for (OSSL_STORE_INFO* info : LoadAll(loaded, "x509auth:thumbprint=" + thumbprint, answer, keep_open)) {
-      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY) key = OSSL_STORE_INFO_get1_PKEY(info);
-      OSSL_STORE_INFO_free(info);
-    }
+    for (const OsslStoreInfoPtr& info :
+         LoadAll(loaded, "x509auth:thumbprint=" + thumbprint, answer, keep_open))
+      if (OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_PKEY)
+        key = OSSL_STORE_INFO_get1_PKEY(info.get());
     return key;
   }
 
   // Digest-signs a fixed text with |md| and checks the signature with the
   // certificate's key and OpenSSL's own implementation.
   static bool SignsAndVerifies(const Loaded& loaded, EVP_PKEY* key, const char* md, X509* cert) {
-    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    const EvpMdCtxPtr owned(EVP_MD_CTX_new());
+    EVP_MD_CTX* context = owned.get();
     std::size_t length = 0;
     const unsigned char data[] = "signed through the provider";
     Bytes signature;
@@ -130,7 +127,6 @@ class ProviderInProcessTest : public ProviderTest {
       ok = EVP_DigestSignFinal(context, signature.data(), &length) == 1;
       signature.resize(length);
     }
-    EVP_MD_CTX_free(context);
     if (!ok) return false;
     const EVP_MD* digest = EVP_get_digestbyname(md);
     Bytes hash(EVP_MAX_MD_SIZE);
@@ -145,7 +141,8 @@ class ProviderInProcessTest : public ProviderTest {
   // |expected_salt| bytes of salt.
   static bool SignsPss(const Loaded& loaded, EVP_PKEY* key, const char* md, const char* salt,
                        EVP_PKEY* certificate_key, int expected_salt) {
-    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    const EvpMdCtxPtr owned(EVP_MD_CTX_new());
+    EVP_MD_CTX* context = owned.get();
     EVP_PKEY_CTX* pctx = nullptr;
     std::size_t length = 0;
     const unsigned char data[] = "signed with RSA-PSS through the provider";
@@ -160,15 +157,14 @@ class ProviderInProcessTest : public ProviderTest {
       ok = EVP_DigestSignFinal(context, signature.data(), &length) == 1;
       signature.resize(length);
     }
-    EVP_MD_CTX_free(context);
     if (!ok) return false;
-    EVP_MD_CTX* verify = EVP_MD_CTX_new();
+    const EvpMdCtxPtr owned_verify(EVP_MD_CTX_new());
+    EVP_MD_CTX* verify = owned_verify.get();
     pctx = nullptr;
     ok = EVP_DigestVerifyInit_ex(verify, &pctx, md, nullptr, nullptr, certificate_key, nullptr) == 1 &&
          EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
          EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, expected_salt) == 1 &&
          EVP_DigestVerify(verify, signature.data(), signature.size(), data, sizeof data) == 1;
-    EVP_MD_CTX_free(verify);
     return ok;
   }
 
@@ -212,19 +208,19 @@ TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf
   // The public half exports; the private half does not.
   OSSL_PARAM* params = nullptr;
   EXPECT_EQ(EVP_PKEY_todata(ec_key.get(), EVP_PKEY_PUBLIC_KEY, &params), 1);
+  OsslParamPtr public_params(params);
   EXPECT_NE(OSSL_PARAM_locate(params, OSSL_PKEY_PARAM_PUB_KEY), nullptr);
-  OSSL_PARAM_free(params);
   params = nullptr;
   EXPECT_NE(EVP_PKEY_todata(rsa_key.get(), EVP_PKEY_KEYPAIR, &params), 1);
-  OSSL_PARAM_free(params);
+  OsslParamPtr private_params(params);
   unsigned char* der = nullptr;
   const int length = i2d_PUBKEY(ec_key.get(), &der);
+  const OpenSslBytesPtr owned_der(der);
   X509_PUBKEY* from_cert = X509_get_X509_PUBKEY(chains_[1].leaf.get());
   unsigned char* expected = nullptr;
   const int expected_length = i2d_X509_PUBKEY(from_cert, &expected);
+  const OpenSslBytesPtr owned_expected(expected);
   EXPECT_EQ(Bytes(der, der + std::max(length, 0)), Bytes(expected, expected + std::max(expected_length, 0)));
-  OPENSSL_free(der);
-  OPENSSL_free(expected);
 }
 
 TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOthers) {
@@ -266,13 +262,13 @@ TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
   Answer answer;
   x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
   ASSERT_NE(key, nullptr) << ErrorText();
-  EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr);
-  ASSERT_EQ(EVP_PKEY_sign_init(context), 1);
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
+  ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
   const unsigned char hash[32] = {1, 2, 3};
   unsigned char signature[512];
   std::size_t length = sizeof signature;
-  EXPECT_NE(EVP_PKEY_sign(context, signature, &length, hash, sizeof hash), 1);
-  EVP_PKEY_CTX_free(context);
+  EXPECT_NE(EVP_PKEY_sign(context.get(), signature, &length, hash, sizeof hash), 1);
+  context.reset();
   const std::string errors = ErrorText();
   EXPECT_NE(errors.find("an RSA signature needs its digest set"), std::string::npos) << errors;
 }
@@ -281,14 +277,14 @@ TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfT
   const std::string thumbprint = InstallClient(KeyKind::kRsa, "Locked Client", "s3cret");
   auto loaded = Load(base_);
   Answer answer{"s3cret"};
-  OSSL_STORE_CTX* store = nullptr;
+  OsslStoreCtxPtr store;
   x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer, &store));
   ASSERT_NE(key, nullptr) << ErrorText();
   EXPECT_EQ(answer.asked, 1);  // the load unlocks the key once
   EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get())) << ErrorText();
   // The library reads the key file again, and the kept answer serves it.
   EXPECT_EQ(answer.asked, 1);
-  OSSL_STORE_close(store);
+  store.reset();
   // The callback lived in the store; the answer lives with the key.
   EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA384", chains_[0].leaf.get())) << ErrorText();
   EXPECT_TRUE(SignsPss(*loaded, key.get(), "SHA256", "digest",
@@ -397,14 +393,12 @@ TEST_F(ProviderInProcessTest, TwoLibraryContextsKeepTheirDirectoriesAndOutliveEa
   // Each context lists what its own directories hold, though the library
   // has one settings record for the whole process.
   for (int round = 0; round < 2; ++round) {
-    std::vector<OSSL_STORE_INFO*> seen_one = LoadAll(*one, "x509auth:", &answer);
-    std::vector<OSSL_STORE_INFO*> seen_two = LoadAll(*two, "x509auth:", &answer);
+    const std::vector<OsslStoreInfoPtr> seen_one = LoadAll(*one, "x509auth:", &answer);
+    const std::vector<OsslStoreInfoPtr> seen_two = LoadAll(*two, "x509auth:", &answer);
     ASSERT_EQ(seen_one.size(), 1u);
     ASSERT_EQ(seen_two.size(), 1u);
-    EXPECT_EQ(X509_cmp(OSSL_STORE_INFO_get0_CERT(seen_one[0]), chains_[0].leaf.get()), 0);
-    EXPECT_EQ(X509_cmp(OSSL_STORE_INFO_get0_CERT(seen_two[0]), chains_[1].leaf.get()), 0);
-    for (OSSL_STORE_INFO* info : seen_one) OSSL_STORE_INFO_free(info);
-    for (OSSL_STORE_INFO* info : seen_two) OSSL_STORE_INFO_free(info);
+    EXPECT_EQ(X509_cmp(OSSL_STORE_INFO_get0_CERT(seen_one[0].get()), chains_[0].leaf.get()), 0);
+    EXPECT_EQ(X509_cmp(OSSL_STORE_INFO_get0_CERT(seen_two[0].get()), chains_[1].leaf.get()), 0);
   }
   EXPECT_EQ(LoadKey(*one, b, &answer), nullptr);
   ERR_clear_error();

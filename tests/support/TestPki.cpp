@@ -244,10 +244,9 @@ Bytes KeyToDer(EVP_PKEY* key) {
 Bytes KeyToTraditionalDer(EVP_PKEY* key) {
   unsigned char* der = nullptr;
   const int length = i2d_PrivateKey(key, &der);
+  const OpenSslBytesPtr owned(der);
   Check(length > 0, "i2d_PrivateKey");
-  Bytes bytes(der, der + length);
-  OPENSSL_free(der);
-  return bytes;
+  return Bytes(der, der + length);
 }
 
 Bytes KeyToEncryptedDer(EVP_PKEY* key, const char* password) {

@@ -18,7 +18,9 @@
 
 namespace x509auth_test {
 
-// The project's owning aliases (common/x509auth/OpenSslPtr.h).
+// The project's owning aliases (common/x509auth/OpenSslPtr.h), by their own
+// names and by the two the tests use most.
+using namespace x509auth_openssl;
 using TestX509 = x509auth_openssl::X509Ptr;
 using TestKey = x509auth_openssl::EvpPkeyPtr;
 using Bytes = std::vector<unsigned char>;

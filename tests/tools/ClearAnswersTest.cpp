@@ -213,13 +213,12 @@ TEST_F(ClearAnswersTest, SignPssIsVerifiedWithThePublicKeyAndRefusedForEc) {
   Bytes digest(48);
   EVP_Digest("pss message", 11, digest.data(), nullptr, EVP_sha384(), nullptr);
   EVP_PKEY* key = X509_get0_pubkey(cert.get());
-  EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
-  ASSERT_EQ(EVP_PKEY_verify_init(ctx), 1);
-  EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PSS_PADDING);
-  EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha384());
-  EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, RSA_PSS_SALTLEN_DIGEST);
-  EXPECT_EQ(EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()), 1);
-  EVP_PKEY_CTX_free(ctx);
+  const EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
+  ASSERT_EQ(EVP_PKEY_verify_init(ctx.get()), 1);
+  EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PSS_PADDING);
+  EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha384());
+  EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx.get(), RSA_PSS_SALTLEN_DIGEST);
+  EXPECT_EQ(EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size()), 1);
 
   TestKey ec = SharedKey(KeyKind::kEc, 1);
   TestX509 ec_cert = ClientCert("EC Signer", ec.get());
