@@ -20,9 +20,9 @@ namespace fs = std::filesystem;
 // (own name and serial). Certificate 0 is RSA and certificate 1 is EC, each
 // with its own unencrypted PEM key file.
 struct Keys {
-  TestKey ca_key = MakeKey(KeyKind::kRsa);
-  TestKey rsa_key = MakeKey(KeyKind::kRsa);
-  TestKey ec_key = MakeKey(KeyKind::kEc);
+  TestKey ca_key = MakeKey(KeyKind::k_rsa);
+  TestKey rsa_key = MakeKey(KeyKind::k_rsa);
+  TestKey ec_key = MakeKey(KeyKind::k_ec);
   TestX509 ca;
   Keys() {
     CertOptions options;

@@ -18,7 +18,7 @@ using quorvant::shared::x509::Thumbprint;
 
 struct Files {
   Files() {
-    key = MakeKey(KeyKind::kEc);
+    key = MakeKey(KeyKind::k_ec);
     CertOptions options;
     cert = MakeCert(options, key.get());
     WriteFile(dir / "cert.pem", CertToPem(cert.get()));

@@ -16,7 +16,7 @@ namespace x509auth_fuzz {
 
 namespace {
 
-PasswordAnswer current_answer = PasswordAnswer::kRight;
+PasswordAnswer current_answer = PasswordAnswer::k_right;
 int prompt_count = 0;
 
 // Every line is formatted, so a format that does not match its arguments
@@ -37,18 +37,18 @@ X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) {
   ++prompt_count;
   // The strings are read as a host would show them.
   if (std::strlen(title) + std::strlen(prompt) == 0) std::abort();
-  if (current_answer == PasswordAnswer::kNullResult) return nullptr;
+  if (current_answer == PasswordAnswer::k_null_result) return nullptr;
   auto owned = std::make_unique<OwnedPinEntryResult>();
   owned->result.status = 0;
   switch (current_answer) {
-    case PasswordAnswer::kRight: owned->text = k_right_password; break;
-    case PasswordAnswer::kWrong: owned->text = "not-the-password"; break;
-    case PasswordAnswer::kCancelled: owned->result.status = 1; break;
-    case PasswordAnswer::kOverLong: owned->text.assign(70000, 'p'); break;
+    case PasswordAnswer::k_right: owned->text = k_right_password; break;
+    case PasswordAnswer::k_wrong: owned->text = "not-the-password"; break;
+    case PasswordAnswer::k_cancelled: owned->result.status = 1; break;
+    case PasswordAnswer::k_over_long: owned->text.assign(70000, 'p'); break;
     default: break;
   }
   owned->result.value =
-      current_answer == PasswordAnswer::kNullValue ? nullptr : owned->text.c_str();
+      current_answer == PasswordAnswer::k_null_value ? nullptr : owned->text.c_str();
   return &owned.release()->result;
 }
 
@@ -109,7 +109,7 @@ void FuzzHost::Init(PasswordAnswer answer) const {
 void FuzzHost::WarmUp() {
   const FuzzHost& host = GetInstance();
   const InWorkDirectory in_work_directory(host);
-  host.Init(PasswordAnswer::kRight);
+  host.Init(PasswordAnswer::k_right);
   std::uint64_t count = 0;
   const X509_Auth_Certificate* certificates = nullptr;
   if (X509_Auth_LoadClientCertificates(&count, &certificates)) X509_Auth_Free(certificates);

@@ -16,13 +16,13 @@ namespace x509auth_fuzz {
 
 // How the scripted host answers a password prompt.
 enum class PasswordAnswer : std::uint8_t {
-  kRight,     // the password the harness encrypts with
-  kWrong,     // a different password
-  kCancelled, // status 1, as when the user closes the dialog
-  kOverLong,  // longer than any buffer OpenSSL offers
-  kNullResult,
-  kNullValue,  // status 0 but no text
-  kCount
+  k_right,     // the password the harness encrypts with
+  k_wrong,     // a different password
+  k_cancelled, // status 1, as when the user closes the dialog
+  k_over_long,  // longer than any buffer OpenSSL offers
+  k_null_result,
+  k_null_value,  // status 0 but no text
+  k_count
 };
 
 // The password of every encrypted key the harnesses and the seeds make.

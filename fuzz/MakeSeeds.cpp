@@ -41,7 +41,7 @@ std::string Join(const std::vector<std::string>& parts) {
 
 void CertFileSeeds(const fs::path& root) {
   SeedWriter seeds(root, "fuzz_cert_file");
-  for (const KeyKind kind : {KeyKind::kRsa, KeyKind::kEc}) {
+  for (const KeyKind kind : {KeyKind::k_rsa, KeyKind::k_ec}) {
     const Chain chain = MakeChain(kind);
     seeds.Add(CertToPem(chain.leaf.get()));
     seeds.Add(Text(CertToDer(chain.leaf.get())));
@@ -52,7 +52,7 @@ void CertFileSeeds(const fs::path& root) {
     // Several certificates in one file: only the first counts.
     seeds.Add(CertToPem(chain.leaf.get()) + CertToPem(chain.root.get()));
   }
-  const TestKey rsa = SharedKey(KeyKind::kRsa);
+  const TestKey rsa = SharedKey(KeyKind::k_rsa);
   CertOptions utc;
   utc.not_before = "690101000000Z";
   utc.not_after = "700101000000Z";
@@ -67,7 +67,7 @@ void CertFileSeeds(const fs::path& root) {
   nameless.omit_common_name = true;
   nameless.key_usage = "keyEncipherment";
   seeds.Add(CertToPem(MakeCert(nameless, rsa.get()).get()));
-  for (const KeyKind kind : {KeyKind::kRsaPss, KeyKind::kEd25519}) {
+  for (const KeyKind kind : {KeyKind::k_rsa_pss, KeyKind::k_ed25519}) {
     const TestKey key = MakeKey(kind);
     seeds.Add(Text(CertToDer(MakeCert(CertOptions{}, key.get()).get())));
   }
@@ -82,14 +82,14 @@ void KeyFileSeeds(const fs::path& root) {
     // Hash types and operations vary across the seeds.
     seeds.Add(std::string{static_cast<char>(answer), static_cast<char>(operations++ % 16)} + key);
   };
-  for (const KeyKind kind : {KeyKind::kRsa, KeyKind::kEc, KeyKind::kRsaPss, KeyKind::kEd25519}) {
+  for (const KeyKind kind : {KeyKind::k_rsa, KeyKind::k_ec, KeyKind::k_rsa_pss, KeyKind::k_ed25519}) {
     const TestKey key = MakeKey(kind);
     add(0, KeyToPem(key.get()));
     add(0, Text(KeyToDer(key.get())));
     for (std::uint8_t answer = 0; answer < 6; ++answer) add(answer, KeyToPem(key.get(), password));
     add(0, Text(KeyToEncryptedDer(key.get(), password)));
     add(1, Text(KeyToEncryptedDer(key.get(), password)));
-    if (kind == KeyKind::kRsa || kind == KeyKind::kEc) {
+    if (kind == KeyKind::k_rsa || kind == KeyKind::k_ec) {
       add(0, KeyToTraditionalPem(key.get()));
       add(0, KeyToTraditionalPem(key.get(), password));
       add(3, KeyToTraditionalPem(key.get(), password));
@@ -101,7 +101,7 @@ void KeyFileSeeds(const fs::path& root) {
 
 void AddCaSeeds(const fs::path& root) {
   SeedWriter seeds(root, "fuzz_add_ca");
-  for (const KeyKind kind : {KeyKind::kRsa, KeyKind::kEc}) {
+  for (const KeyKind kind : {KeyKind::k_rsa, KeyKind::k_ec}) {
     const Chain chain = MakeChain(kind);
     CertOptions leaf_options;
     leaf_options.common_name = "Fuzz Leaf";
@@ -119,7 +119,7 @@ void AddCaSeeds(const fs::path& root) {
 
 void PemToDerSeeds(const fs::path& root) {
   SeedWriter seeds(root, "fuzz_pem_to_der");
-  const Chain chain = MakeChain(KeyKind::kEc);
+  const Chain chain = MakeChain(KeyKind::k_ec);
   seeds.Add(CertToPem(chain.leaf.get()));
   seeds.Add(CertToPem(chain.leaf.get()) + CertToPem(chain.root.get()));
   seeds.Add("junk before\n" + CertToPem(chain.root.get()));

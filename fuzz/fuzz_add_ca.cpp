@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (parts.size() == 2) {
     x509auth_fuzz::WriteBytes(host.Base() / "certs" / "leaf", parts[1].data(), parts[1].size());
   }
-  host.Init(x509auth_fuzz::PasswordAnswer::kRight);
+  host.Init(x509auth_fuzz::PasswordAnswer::k_right);
 
   // An exact copy, so that a read past the given length is seen.
   const std::vector<std::uint8_t> added(parts[0]);

@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     x509auth_fuzz::WriteBytes(host.Base() / "certs" / ("file" + std::to_string(i)),
                               parts[i].data(), parts[i].size());
   }
-  host.Init(x509auth_fuzz::PasswordAnswer::kRight);
+  host.Init(x509auth_fuzz::PasswordAnswer::k_right);
 
   {
     CertStore users_store;

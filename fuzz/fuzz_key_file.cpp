@@ -43,7 +43,7 @@ TestKey ReadKey(const std::uint8_t* bytes, std::size_t size) {
 // A certificate for |key| issued by a fixed CA, or for the CA's own key
 // when OpenSSL cannot put |key| into a certificate.
 TestX509 CertificateFor(EVP_PKEY* key) {
-  static const TestKey issuer_key = x509auth_test::MakeKey(x509auth_test::KeyKind::kEc);
+  static const TestKey issuer_key = x509auth_test::MakeKey(x509auth_test::KeyKind::k_ec);
   static const TestX509 issuer = [] {
     x509auth_test::CertOptions options;
     options.common_name = "Fuzz Key CA";
@@ -81,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const x509auth_fuzz::FuzzHost& host = x509auth_fuzz::FuzzHost::GetInstance();
   const x509auth_fuzz::FuzzHost::InWorkDirectory in_work_directory(host);
   const auto answer = static_cast<x509auth_fuzz::PasswordAnswer>(
-      data[0] % static_cast<std::uint8_t>(x509auth_fuzz::PasswordAnswer::kCount));
+      data[0] % static_cast<std::uint8_t>(x509auth_fuzz::PasswordAnswer::k_count));
   const std::uint8_t operations = data[1];
   const std::uint8_t* key_bytes = data + 2;
   const std::size_t key_size = size - 2;

@@ -27,12 +27,12 @@ void MakeMaterial() {
   const auto base = temp.path() / "base";
   std::string cas;
   int index = 0;
-  for (const auto kind : {x509auth_test::KeyKind::kRsa, x509auth_test::KeyKind::kEc}) {
+  for (const auto kind : {x509auth_test::KeyKind::k_rsa, x509auth_test::KeyKind::k_ec}) {
     x509auth_test::Chain chain = x509auth_test::MakeChain(kind, "Fuzz " + std::to_string(index));
     const std::string name = "c" + std::to_string(index++) + ".pem";
     x509auth_test::WriteFile(base / "certs" / name, x509auth_test::CertToPem(chain.leaf.get()));
     x509auth_test::WriteFile(base / "keys" / (name + ".key"),
-                             x509auth_test::KeyToPem(chain.leaf_key.get(), kind == x509auth_test::KeyKind::kEc ? "pin" : nullptr));
+                             x509auth_test::KeyToPem(chain.leaf_key.get(), kind == x509auth_test::KeyKind::k_ec ? "pin" : nullptr));
     cas += x509auth_test::CertToPem(chain.root.get()) + x509auth_test::CertToPem(chain.intermediate.get());
   }
   x509auth_test::WriteFile(temp.path() / "cas.pem", cas);

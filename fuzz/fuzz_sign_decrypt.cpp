@@ -31,7 +31,7 @@ struct Holder {
 const std::vector<Holder>& Holders() {
   static const std::vector<Holder> holders = [] {
     std::vector<Holder> made;
-    for (const auto kind : {x509auth_test::KeyKind::kRsa, x509auth_test::KeyKind::kEc}) {
+    for (const auto kind : {x509auth_test::KeyKind::k_rsa, x509auth_test::KeyKind::k_ec}) {
       Holder holder;
       holder.key = x509auth_test::MakeKey(kind);
       x509auth_test::CertOptions options;
@@ -131,7 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string name = "signer" + std::to_string(i) + ".pem";
     x509auth_test::InstallFileCert(host.Base(), name, holders[i].cert.get(), holders[i].key.get());
   }
-  host.Init(x509auth_fuzz::PasswordAnswer::kRight);
+  host.Init(x509auth_fuzz::PasswordAnswer::k_right);
 
   FuzzedDataProvider input(data, size);
   const std::size_t which = input.ConsumeIntegralInRange<std::size_t>(0, holders.size());

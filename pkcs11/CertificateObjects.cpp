@@ -82,7 +82,7 @@ std::shared_ptr<TokenObject> CertificateObject(ObjectKind kind, const Thumbprint
   SetCommon(*object, CKO_CERTIFICATE, thumbprint, Label(cert), false);
   object->SetULong(CKA_CERTIFICATE_TYPE, CKC_X_509);
   object->SetBool(CKA_TRUSTED, false);
-  object->SetULong(CKA_CERTIFICATE_CATEGORY, kind == ObjectKind::kAuthority ? 2 : 1);
+  object->SetULong(CKA_CERTIFICATE_CATEGORY, kind == ObjectKind::k_authority ? 2 : 1);
   object->Set(CKA_CHECK_VALUE, Bytes(thumbprint.begin(), thumbprint.begin() + 3));
   object->Set(CKA_START_DATE, Date(X509_get0_notBefore(cert)));
   object->Set(CKA_END_DATE, Date(X509_get0_notAfter(cert)));
@@ -156,12 +156,12 @@ std::vector<std::shared_ptr<const TokenObject>> CertificateObjects::Client(const
   std::vector<std::shared_ptr<const TokenObject>> objects;
   X509Ptr cert = Parse(der);
   if (cert == nullptr) return objects;
-  objects.push_back(CertificateObject(ObjectKind::kCertificate, thumbprint, cert.get(), der));
+  objects.push_back(CertificateObject(ObjectKind::k_certificate, thumbprint, cert.get(), der));
   EVP_PKEY* key = X509_get0_pubkey(cert.get());
   if (key == nullptr) return objects;
   const std::string label = Label(cert.get());
 
-  auto public_key = std::make_shared<TokenObject>(ObjectKind::kPublicKey, thumbprint);
+  auto public_key = std::make_shared<TokenObject>(ObjectKind::k_public_key, thumbprint);
   SetCommon(*public_key, CKO_PUBLIC_KEY, thumbprint, label, false);
   if (!SetKeyValues(*public_key, key, cert.get())) return objects;
   const bool rsa = public_key->KeyType() == CKK_RSA;
@@ -174,7 +174,7 @@ std::vector<std::shared_ptr<const TokenObject>> CertificateObjects::Client(const
   public_key->SetBool(CKA_TRUSTED, false);
   objects.push_back(public_key);
 
-  auto private_key = std::make_shared<TokenObject>(ObjectKind::kPrivateKey, thumbprint);
+  auto private_key = std::make_shared<TokenObject>(ObjectKind::k_private_key, thumbprint);
   SetCommon(*private_key, CKO_PRIVATE_KEY, thumbprint, label, keys_private);
   SetKeyValues(*private_key, key, cert.get());
   private_key->SetBool(CKA_SENSITIVE, true);
@@ -201,7 +201,7 @@ std::vector<std::shared_ptr<const TokenObject>> CertificateObjects::Client(const
 std::shared_ptr<const TokenObject> CertificateObjects::Authority(const Thumbprint& thumbprint, const Bytes& der) {
   X509Ptr cert = Parse(der);
   if (cert == nullptr) return nullptr;
-  return CertificateObject(ObjectKind::kAuthority, thumbprint, cert.get(), der);
+  return CertificateObject(ObjectKind::k_authority, thumbprint, cert.get(), der);
 }
 
 }  // namespace x509auth_pkcs11

@@ -10,11 +10,11 @@ CK_RV DecryptOperation::Begin(const CK_MECHANISM& mechanism, std::shared_ptr<con
                               std::unique_ptr<DecryptOperation>& operation) {
   const Mechanism* found = Mechanisms::Find(mechanism.mechanism);
   if (found == nullptr || !found->decrypt) return CKR_MECHANISM_INVALID;
-  if (key->Kind() != ObjectKind::kPrivateKey) return CKR_KEY_HANDLE_INVALID;
+  if (key->Kind() != ObjectKind::k_private_key) return CKR_KEY_HANDLE_INVALID;
   if (key->KeyType() != CKK_RSA) return CKR_KEY_TYPE_INCONSISTENT;
   if (!key->BoolAttribute(CKA_DECRYPT)) return CKR_KEY_FUNCTION_NOT_PERMITTED;
   std::unique_ptr<DecryptOperation> made(new DecryptOperation());
-  if (found->scheme == Scheme::kRsaOaep) {
+  if (found->scheme == Scheme::k_rsa_oaep) {
     if (mechanism.pParameter == nullptr || mechanism.ulParameterLen != sizeof(CK_RSA_PKCS_OAEP_PARAMS))
       return CKR_MECHANISM_PARAM_INVALID;
     const auto* params = static_cast<const CK_RSA_PKCS_OAEP_PARAMS*>(mechanism.pParameter);

@@ -19,22 +19,22 @@ const HashKind* const k_sha384 = &k_hashes[2];
 const HashKind* const k_sha512 = &k_hashes[3];
 
 const Mechanism k_mechanisms[] = {
-    {CKM_RSA_PKCS, CKK_RSA, Scheme::kRsaPkcs1, nullptr, true, true},
-    {CKM_SHA1_RSA_PKCS, CKK_RSA, Scheme::kRsaPkcs1, k_sha1, true, false},
-    {CKM_SHA256_RSA_PKCS, CKK_RSA, Scheme::kRsaPkcs1, k_sha256, true, false},
-    {CKM_SHA384_RSA_PKCS, CKK_RSA, Scheme::kRsaPkcs1, k_sha384, true, false},
-    {CKM_SHA512_RSA_PKCS, CKK_RSA, Scheme::kRsaPkcs1, k_sha512, true, false},
-    {CKM_RSA_PKCS_PSS, CKK_RSA, Scheme::kRsaPss, nullptr, true, false},
-    {CKM_SHA1_RSA_PKCS_PSS, CKK_RSA, Scheme::kRsaPss, k_sha1, true, false},
-    {CKM_SHA256_RSA_PKCS_PSS, CKK_RSA, Scheme::kRsaPss, k_sha256, true, false},
-    {CKM_SHA384_RSA_PKCS_PSS, CKK_RSA, Scheme::kRsaPss, k_sha384, true, false},
-    {CKM_SHA512_RSA_PKCS_PSS, CKK_RSA, Scheme::kRsaPss, k_sha512, true, false},
-    {CKM_RSA_PKCS_OAEP, CKK_RSA, Scheme::kRsaOaep, nullptr, false, true},
-    {CKM_ECDSA, CKK_EC, Scheme::kEcdsa, nullptr, true, false},
-    {CKM_ECDSA_SHA1, CKK_EC, Scheme::kEcdsa, k_sha1, true, false},
-    {CKM_ECDSA_SHA256, CKK_EC, Scheme::kEcdsa, k_sha256, true, false},
-    {CKM_ECDSA_SHA384, CKK_EC, Scheme::kEcdsa, k_sha384, true, false},
-    {CKM_ECDSA_SHA512, CKK_EC, Scheme::kEcdsa, k_sha512, true, false},
+    {CKM_RSA_PKCS, CKK_RSA, Scheme::k_rsa_pkcs1, nullptr, true, true},
+    {CKM_SHA1_RSA_PKCS, CKK_RSA, Scheme::k_rsa_pkcs1, k_sha1, true, false},
+    {CKM_SHA256_RSA_PKCS, CKK_RSA, Scheme::k_rsa_pkcs1, k_sha256, true, false},
+    {CKM_SHA384_RSA_PKCS, CKK_RSA, Scheme::k_rsa_pkcs1, k_sha384, true, false},
+    {CKM_SHA512_RSA_PKCS, CKK_RSA, Scheme::k_rsa_pkcs1, k_sha512, true, false},
+    {CKM_RSA_PKCS_PSS, CKK_RSA, Scheme::k_rsa_pss, nullptr, true, false},
+    {CKM_SHA1_RSA_PKCS_PSS, CKK_RSA, Scheme::k_rsa_pss, k_sha1, true, false},
+    {CKM_SHA256_RSA_PKCS_PSS, CKK_RSA, Scheme::k_rsa_pss, k_sha256, true, false},
+    {CKM_SHA384_RSA_PKCS_PSS, CKK_RSA, Scheme::k_rsa_pss, k_sha384, true, false},
+    {CKM_SHA512_RSA_PKCS_PSS, CKK_RSA, Scheme::k_rsa_pss, k_sha512, true, false},
+    {CKM_RSA_PKCS_OAEP, CKK_RSA, Scheme::k_rsa_oaep, nullptr, false, true},
+    {CKM_ECDSA, CKK_EC, Scheme::k_ecdsa, nullptr, true, false},
+    {CKM_ECDSA_SHA1, CKK_EC, Scheme::k_ecdsa, k_sha1, true, false},
+    {CKM_ECDSA_SHA256, CKK_EC, Scheme::k_ecdsa, k_sha256, true, false},
+    {CKM_ECDSA_SHA384, CKK_EC, Scheme::k_ecdsa, k_sha384, true, false},
+    {CKM_ECDSA_SHA512, CKK_EC, Scheme::k_ecdsa, k_sha512, true, false},
 };
 
 }  // namespace
@@ -48,7 +48,7 @@ const Mechanism* Mechanisms::Find(CK_MECHANISM_TYPE type) {
 std::vector<CK_MECHANISM_TYPE> Mechanisms::List(bool pss_available) {
   std::vector<CK_MECHANISM_TYPE> types;
   for (const Mechanism& mechanism : k_mechanisms)
-    if (mechanism.scheme != Scheme::kRsaPss || pss_available) types.push_back(mechanism.type);
+    if (mechanism.scheme != Scheme::k_rsa_pss || pss_available) types.push_back(mechanism.type);
   return types;
 }
 

@@ -20,7 +20,7 @@ struct HashKind {
   std::size_t length;
 };
 
-enum class Scheme { kRsaPkcs1, kRsaPss, kRsaOaep, kEcdsa };
+enum class Scheme { k_rsa_pkcs1, k_rsa_pss, k_rsa_oaep, k_ecdsa };
 
 struct Mechanism {
   CK_MECHANISM_TYPE type;

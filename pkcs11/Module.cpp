@@ -201,7 +201,7 @@ CK_RV Module::GetMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHA
   if (info == nullptr) return CKR_ARGUMENTS_BAD;
   if (slot != k_slot) return CKR_SLOT_ID_INVALID;
   const Mechanism* mechanism = Mechanisms::Find(type);
-  if (mechanism == nullptr || (mechanism->scheme == Scheme::kRsaPss && link_.SignHashPss() == nullptr))
+  if (mechanism == nullptr || (mechanism->scheme == Scheme::k_rsa_pss && link_.SignHashPss() == nullptr))
     return CKR_MECHANISM_INVALID;
   *info = Mechanisms::Info(*mechanism);
   return CKR_OK;

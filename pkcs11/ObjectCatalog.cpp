@@ -112,7 +112,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     if (!seen.insert(thumbprint).second) continue;
     auto& authority = authorities_[thumbprint];
     if (authority == nullptr) authority = CertificateObjects::Authority(thumbprint, der);
-    if (authority != nullptr) current[HandleFor(thumbprint, ObjectKind::kAuthority)] = authority;
+    if (authority != nullptr) current[HandleFor(thumbprint, ObjectKind::k_authority)] = authority;
   }
   // What is no longer offered is dropped from the kept objects, not from the
   // handles: those are never reused.

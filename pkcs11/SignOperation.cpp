@@ -15,8 +15,8 @@ CK_RV SignOperation::Begin(const CK_MECHANISM& mechanism, std::shared_ptr<const 
                            SignHashPssFunction pss, std::unique_ptr<SignOperation>& operation) {
   const Mechanism* found = Mechanisms::Find(mechanism.mechanism);
   if (found == nullptr || !found->sign) return CKR_MECHANISM_INVALID;
-  if (found->scheme == Scheme::kRsaPss && pss == nullptr) return CKR_MECHANISM_INVALID;
-  if (key->Kind() != ObjectKind::kPrivateKey) return CKR_KEY_HANDLE_INVALID;
+  if (found->scheme == Scheme::k_rsa_pss && pss == nullptr) return CKR_MECHANISM_INVALID;
+  if (key->Kind() != ObjectKind::k_private_key) return CKR_KEY_HANDLE_INVALID;
   if (key->KeyType() != found->key_type) return CKR_KEY_TYPE_INCONSISTENT;
   if (!key->BoolAttribute(CKA_SIGN)) return CKR_KEY_FUNCTION_NOT_PERMITTED;
 
@@ -24,7 +24,7 @@ CK_RV SignOperation::Begin(const CK_MECHANISM& mechanism, std::shared_ptr<const 
   made->mechanism_ = found;
   made->key_ = std::move(key);
   made->pss_ = pss;
-  if (found->scheme == Scheme::kRsaPss) {
+  if (found->scheme == Scheme::k_rsa_pss) {
     if (mechanism.pParameter == nullptr || mechanism.ulParameterLen != sizeof(CK_RSA_PKCS_PSS_PARAMS))
       return CKR_MECHANISM_PARAM_INVALID;
     const auto* params = static_cast<const CK_RSA_PKCS_PSS_PARAMS*>(mechanism.pParameter);
@@ -68,15 +68,15 @@ CK_RV SignOperation::Digest(Bytes& digest, const HashKind*& hash) {
     return CKR_OK;
   }
   switch (mechanism_->scheme) {
-    case Scheme::kRsaPkcs1:
+    case Scheme::k_rsa_pkcs1:
       hash = SignatureEncoding::ParseDigestInfo(data_, digest);
       return hash != nullptr ? CKR_OK : CKR_DATA_INVALID;
-    case Scheme::kRsaPss:
+    case Scheme::k_rsa_pss:
       if (data_.size() != pss_hash_->length) return CKR_DATA_LEN_RANGE;
       hash = pss_hash_;
       digest = data_;
       return CKR_OK;
-    case Scheme::kEcdsa:
+    case Scheme::k_ecdsa:
       // The library signs the digests it knows; their lengths name them.
       hash = Mechanisms::HashByLength(data_.size());
       digest = data_;
@@ -95,10 +95,10 @@ CK_RV SignOperation::Sign(Bytes& signature, X509_Auth_ResultCode& library_code) 
   const Thumbprint& thumbprint = key_->CertificateThumbprint();
   const X509_Auth_Signature* made = nullptr;
   X509_Auth_Result result{};
-  if (mechanism_->scheme == Scheme::kRsaPss) {
+  if (mechanism_->scheme == Scheme::k_rsa_pss) {
     result = pss_(thumbprint.data(), hash->library_type, digest.data(), static_cast<int32_t>(salt_length_), &made);
   } else {
-    const uint32_t algorithm = mechanism_->scheme == Scheme::kEcdsa ? X509_Auth_Algorithm_Ec : X509_Auth_Algorithm_Rsa;
+    const uint32_t algorithm = mechanism_->scheme == Scheme::k_ecdsa ? X509_Auth_Algorithm_Ec : X509_Auth_Algorithm_Rsa;
     result = X509_Auth_SignHash(thumbprint.data(), 1, &algorithm, hash->library_type, digest.data(), &made);
   }
   if (result.code != X509_Auth_ResultCode_Success || made == nullptr) {
@@ -107,7 +107,7 @@ CK_RV SignOperation::Sign(Bytes& signature, X509_Auth_ResultCode& library_code) 
     return CKR_FUNCTION_FAILED;
   }
   CK_RV rv = CKR_OK;
-  if (mechanism_->scheme == Scheme::kEcdsa) {
+  if (mechanism_->scheme == Scheme::k_ecdsa) {
     if (!SignatureEncoding::EcdsaDerToRaw(made->data, made->length, key_->OrderLength(), signature))
       rv = CKR_FUNCTION_FAILED;
   } else if (made->length != key_->SignatureLength()) {

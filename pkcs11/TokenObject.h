@@ -16,7 +16,7 @@ namespace x509auth_pkcs11 {
 using Thumbprint = std::array<uint8_t, 20>;
 using Bytes = std::vector<unsigned char>;
 
-enum class ObjectKind { kCertificate = 1, kPublicKey = 2, kPrivateKey = 3, kAuthority = 4 };
+enum class ObjectKind { k_certificate = 1, k_public_key = 2, k_private_key = 3, k_authority = 4 };
 
 class TokenObject {
  public:

@@ -36,7 +36,7 @@ class CertCaChainTest : public ::testing::Test {
 };
 
 TEST_F(CertCaChainTest, TrustedSelfSignedCertificateYieldsOnlyItsOwnThumbprint) {
-  TestKey key = SharedKey(KeyKind::kRsa);
+  TestKey key = SharedKey(KeyKind::k_rsa);
   CertOptions options;
   options.common_name = "Self Signed";
   TestX509 cert = MakeCert(options, key.get());
@@ -50,7 +50,7 @@ TEST_F(CertCaChainTest, TrustedSelfSignedCertificateYieldsOnlyItsOwnThumbprint) 
 
 TEST_F(CertCaChainTest, TwoMemberChainRunsFromLeafToRoot) {
   x509auth_test::Chain pki = x509auth_test::MakeChain();
-  TestKey leaf_key = SharedKey(KeyKind::kEc, 7);
+  TestKey leaf_key = SharedKey(KeyKind::k_ec, 7);
   CertOptions options;
   options.common_name = "Direct Leaf";
   TestX509 leaf = MakeCert(options, leaf_key.get(), pki.root.get(), pki.root_key.get());
@@ -174,8 +174,8 @@ TEST_F(CertCaChainTest, MissingRootFailsWithError2AtDepth1) {
 }
 
 TEST_F(CertCaChainTest, ExpiredChainFailsVerificationAndReturnsNoChain) {
-  TestKey root_key = SharedKey(KeyKind::kRsa, 100);
-  TestKey leaf_key = SharedKey(KeyKind::kRsa, 102);
+  TestKey root_key = SharedKey(KeyKind::k_rsa, 100);
+  TestKey leaf_key = SharedKey(KeyKind::k_rsa, 102);
   CertOptions root_options;
   root_options.common_name = "Expired Root";
   root_options.is_ca = true;
@@ -204,8 +204,8 @@ TEST_F(CertCaChainTest, ExpiredChainFailsVerificationAndReturnsNoChain) {
 
 TEST_F(CertCaChainTest, BadSignatureLogsTheFailureThenOneQueuedOpenSslError) {
   x509auth_test::Chain pki = x509auth_test::MakeChain();
-  TestKey leaf_key = SharedKey(KeyKind::kEc, 4);
-  TestKey wrong_key = SharedKey(KeyKind::kRsa, 5);
+  TestKey leaf_key = SharedKey(KeyKind::k_ec, 4);
+  TestKey wrong_key = SharedKey(KeyKind::k_rsa, 5);
   CertOptions options;
   options.common_name = "Forged Leaf";
   // Names the root as issuer but is signed with another key.
@@ -227,7 +227,7 @@ TEST_F(CertCaChainTest, BadSignatureLogsTheFailureThenOneQueuedOpenSslError) {
 
 TEST_F(CertCaChainTest, ExpiredLeafUnderValidRootFailsAtDepth0) {
   x509auth_test::Chain pki = x509auth_test::MakeChain();
-  TestKey leaf_key = SharedKey(KeyKind::kEc, 3);
+  TestKey leaf_key = SharedKey(KeyKind::k_ec, 3);
   CertOptions options;
   options.not_before = "200101000000Z";
   options.not_after = "200201000000Z";
@@ -271,7 +271,7 @@ TEST_F(CertCaChainTest, UnopenedOwnStoreFailsAsAContextFailure) {
 }
 
 TEST_F(CertCaChainTest, TokenCertificateChainUsesItsStore) {
-  x509auth_test::Chain pki = x509auth_test::MakeChain(KeyKind::kEc);
+  x509auth_test::Chain pki = x509auth_test::MakeChain(KeyKind::k_ec);
   X509OnlyStore store;
   store.Add(pki.root.get());
   store.Add(pki.intermediate.get());

@@ -24,7 +24,7 @@ using x509auth_test::KeyKind;
 // Parsed back from DER, so OpenSSL's own decoder accepted the times.
 X509Ptr ParsedCertWithRawTimes(int type, const std::string& not_before,
                                const std::string& not_after) {
-  const x509auth_test::TestKey key = x509auth_test::SharedKey(KeyKind::kEc);
+  const x509auth_test::TestKey key = x509auth_test::SharedKey(KeyKind::k_ec);
   x509auth_test::TestX509 cert = x509auth_test::MakeCert(CertOptions{}, key.get());
   const Asn1StringPtr before(ASN1_STRING_type_new(type));
   ASN1_STRING_set(before.get(), not_before.data(), static_cast<int>(not_before.size()));
@@ -60,7 +60,7 @@ TEST(CertMalformedInputTest, ShortGeneralizedTimesGiveMinusOne) {
 // no characters: the names are empty texts and nothing is logged.
 TEST(CertMalformedInputTest, EmptyNamesGiveEmptyTexts) {
   auto& recorder = InstallRecorder();
-  const x509auth_test::TestKey key = x509auth_test::SharedKey(KeyKind::kEc);
+  const x509auth_test::TestKey key = x509auth_test::SharedKey(KeyKind::k_ec);
   x509auth_test::TestX509 cert = x509auth_test::MakeCert(CertOptions{}, key.get());
   const X509NamePtr empty(X509_NAME_new());
   ASSERT_EQ(X509_set_subject_name(cert.get(), empty.get()), 1);

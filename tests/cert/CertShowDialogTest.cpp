@@ -64,7 +64,7 @@ class CertShowDialogTest : public ::testing::Test {
     fs::permissions(tmp_ / "bin" / "gcr-viewer", fs::perms::owner_all);
     setenv("TMPDIR", (tmp_ / "tmp").c_str(), 1);
     setenv("PATH", ((tmp_ / "bin").string() + ":/usr/bin:/bin").c_str(), 1);
-    key_ = x509auth_test::SharedKey(KeyKind::kRsa);
+    key_ = x509auth_test::SharedKey(KeyKind::k_rsa);
     cert_ = x509auth_test::MakeCert(x509auth_test::CertOptions(), key_.get());
   }
   void TearDown() override {
@@ -108,7 +108,7 @@ TEST_F(CertShowDialogTest, WritesOnePemFileAndStartsTheViewerOnIt) {
 }
 
 TEST_F(CertShowDialogTest, SecondCallInTheSameSecondOverwritesTheFirstFile) {
-  x509auth_test::TestKey other_key = x509auth_test::SharedKey(KeyKind::kEc);
+  x509auth_test::TestKey other_key = x509auth_test::SharedKey(KeyKind::k_ec);
   x509auth_test::CertOptions options;
   options.common_name = "Second";
   x509auth_test::TestX509 second = x509auth_test::MakeCert(options, other_key.get());

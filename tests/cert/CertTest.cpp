@@ -29,25 +29,25 @@ x509auth_test::TestX509 SelfSigned(KeyKind kind, CertOptions options = CertOptio
 
 TEST(CertTest, PublicKeyAlgorithmIsTheDottedOidOfEachKeyKind) {
   X509OnlyStore store;
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kRsa).get())->PublicKeyAlgorithm(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_rsa).get())->PublicKeyAlgorithm(),
             "1.2.840.113549.1.1.1");
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kEc).get())->PublicKeyAlgorithm(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_ec).get())->PublicKeyAlgorithm(),
             "1.2.840.10045.2.1");
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kRsaPss).get())->PublicKeyAlgorithm(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_rsa_pss).get())->PublicKeyAlgorithm(),
             "1.2.840.113549.1.1.10");
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kEd25519).get())->PublicKeyAlgorithm(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_ed25519).get())->PublicKeyAlgorithm(),
             "1.3.101.112");
 }
 
 TEST(CertTest, PublicKeyAlgorithmGroupCountsRsaAndEcButNotPssOrEd25519) {
   X509OnlyStore store;
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kRsa).get())->PublicKeyAlgorithmGroup(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_rsa).get())->PublicKeyAlgorithmGroup(),
             Algorithm::k_rsa);
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kEc).get())->PublicKeyAlgorithmGroup(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_ec).get())->PublicKeyAlgorithmGroup(),
             Algorithm::k_ec);
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kRsaPss).get())->PublicKeyAlgorithmGroup(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_rsa_pss).get())->PublicKeyAlgorithmGroup(),
             Algorithm::k_unknown);
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kEd25519).get())->PublicKeyAlgorithmGroup(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_ed25519).get())->PublicKeyAlgorithmGroup(),
             Algorithm::k_unknown);
 }
 
@@ -66,7 +66,7 @@ class CertWithOid : public Cert {
 
 TEST(CertTest, PublicKeyAlgorithmGroupUsesTheOverridablePublicKeyAlgorithm) {
   X509OnlyStore store;
-  auto rsa_cert = SelfSigned(KeyKind::kRsa);
+  auto rsa_cert = SelfSigned(KeyKind::k_rsa);
   auto group = [&](const char* oid) {
     return CertWithOid(&store, rsa_cert.get(), oid).PublicKeyAlgorithmGroup();
   };
@@ -85,7 +85,7 @@ TEST(CertTest, PublicKeyAlgorithmGroupUsesTheOverridablePublicKeyAlgorithm) {
 TEST(CertTest, IntendedKeyUsageWithoutExtensionIsZeroAndTrue) {
   X509OnlyStore store;
   std::uint32_t usage = 0x1234;
-  EXPECT_TRUE(MakeFileCert(&store, SelfSigned(KeyKind::kRsa).get())->IntendedKeyUsage(usage));
+  EXPECT_TRUE(MakeFileCert(&store, SelfSigned(KeyKind::k_rsa).get())->IntendedKeyUsage(usage));
   EXPECT_EQ(usage, 0u);
 }
 
@@ -95,13 +95,13 @@ TEST(CertTest, IntendedKeyUsageReportsTheExtensionBits) {
   options.key_usage = "critical,digitalSignature,keyEncipherment";
   std::uint32_t usage = 0;
   EXPECT_TRUE(
-      MakeFileCert(&store, SelfSigned(KeyKind::kRsa, options).get())->IntendedKeyUsage(usage));
+      MakeFileCert(&store, SelfSigned(KeyKind::k_rsa, options).get())->IntendedKeyUsage(usage));
   EXPECT_EQ(usage, static_cast<std::uint32_t>(KU_DIGITAL_SIGNATURE | KU_KEY_ENCIPHERMENT));
 }
 
 TEST(CertTest, EnhancedKeyUsageWithoutExtensionIsAllOnes) {
   X509OnlyStore store;
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kRsa).get())->EnhancedKeyUsage(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_rsa).get())->EnhancedKeyUsage(),
             0xFFFFFFFFu);
 }
 
@@ -109,18 +109,18 @@ TEST(CertTest, EnhancedKeyUsageReportsTheExtensionBits) {
   X509OnlyStore store;
   CertOptions client;
   client.extended_key_usage = "clientAuth";
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kEc, client).get())->EnhancedKeyUsage(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_ec, client).get())->EnhancedKeyUsage(),
             static_cast<std::uint32_t>(XKU_SSL_CLIENT));
   CertOptions both;
   both.extended_key_usage = "serverAuth,clientAuth";
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kEc, both).get())->EnhancedKeyUsage(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_ec, both).get())->EnhancedKeyUsage(),
             static_cast<std::uint32_t>(XKU_SSL_SERVER | XKU_SSL_CLIENT));
 }
 
 TEST(CertTest, NameAndIssuerNameAreTheCommonNames) {
   x509auth_test::RecordingCallbacks& recorder = test::InstallRecorder();
   X509OnlyStore store;
-  x509auth_test::Chain chain = x509auth_test::MakeChain(KeyKind::kRsa, "Alice Example");
+  x509auth_test::Chain chain = x509auth_test::MakeChain(KeyKind::k_rsa, "Alice Example");
   auto cert = MakeFileCert(&store, chain.leaf.get());
   EXPECT_EQ(cert->Name(), "Alice Example");
   EXPECT_EQ(cert->IssuerName(), "Test Intermediate CA");
@@ -133,14 +133,14 @@ TEST(CertTest, NameWithoutCommonNameIsEmptyAndLogsNothing) {
   CertOptions options;
   options.omit_common_name = true;
   options.organisation = "Example Org";
-  auto cert = MakeFileCert(&store, SelfSigned(KeyKind::kRsa, options).get());
+  auto cert = MakeFileCert(&store, SelfSigned(KeyKind::k_rsa, options).get());
   EXPECT_EQ(cert->Name(), "");
   EXPECT_EQ(cert->IssuerName(), "");
   EXPECT_TRUE(recorder.Logs().empty()) << recorder.Dump();
 }
 
 TEST(CertTest, NameUsesOnlyTheFirstCommonName) {
-  x509auth_test::TestKey key = SharedKey(KeyKind::kEc);
+  x509auth_test::TestKey key = SharedKey(KeyKind::k_ec);
   CertOptions options;
   options.common_name = "First Name";
   auto cert = MakeCert(options, key.get());
@@ -155,20 +155,20 @@ TEST(CertTest, NameKeepsUtf8BytesAsTheyAre) {
   X509OnlyStore store;
   CertOptions options;
   options.common_name = "J\xC3\xBCrgen M\xC3\xBCller";
-  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::kRsa, options).get())->Name(),
+  EXPECT_EQ(MakeFileCert(&store, SelfSigned(KeyKind::k_rsa, options).get())->Name(),
             "J\xC3\xBCrgen M\xC3\xBCller");
 }
 
 TEST(CertTest, EncodeIsTheDerEncoding) {
   X509OnlyStore store;
-  auto cert = SelfSigned(KeyKind::kRsa);
+  auto cert = SelfSigned(KeyKind::k_rsa);
   EXPECT_EQ(MakeFileCert(&store, cert.get())->Encode(), x509auth_test::CertToDer(cert.get()));
   EXPECT_EQ(MakeEncodedCert(&store, cert.get())->Encode(), x509auth_test::CertToDer(cert.get()));
 }
 
 TEST(CertTest, ThumbprintIsTheSha1OfTheDerEncoding) {
   X509OnlyStore store;
-  auto cert = SelfSigned(KeyKind::kEd25519);
+  auto cert = SelfSigned(KeyKind::k_ed25519);
   Thumbprint thumbprint{};
   ASSERT_TRUE(MakeEncodedCert(&store, cert.get())->Thumbprint(thumbprint));
   EXPECT_EQ(x509auth_test::Bytes(thumbprint.begin(), thumbprint.end()),
@@ -177,7 +177,7 @@ TEST(CertTest, ThumbprintIsTheSha1OfTheDerEncoding) {
 
 TEST(CertTest, SupportsSmartCardOnlyForTokenCertificates) {
   X509OnlyStore store;
-  auto x509 = SelfSigned(KeyKind::kRsa);
+  auto x509 = SelfSigned(KeyKind::k_rsa);
   PKCS11_CERT token_cert{};
   token_cert.x509 = x509.get();
   EXPECT_FALSE(MakeFileCert(&store, x509.get())->SupportsSmartCard());
@@ -187,7 +187,7 @@ TEST(CertTest, SupportsSmartCardOnlyForTokenCertificates) {
 
 TEST(CertTest, GetX509ReachesTheCertificateOfEveryContext) {
   X509OnlyStore store;
-  auto x509 = SelfSigned(KeyKind::kRsa);
+  auto x509 = SelfSigned(KeyKind::k_rsa);
   PKCS11_CERT token_cert{};
   token_cert.x509 = x509.get();
   auto token = MakeTokenCert(&store, &token_cert);
@@ -203,7 +203,7 @@ TEST(CertTest, GetX509ReachesTheCertificateOfEveryContext) {
 
 TEST(CertTest, GetContextExposesTheKindAndTheFilePaths) {
   X509OnlyStore store;
-  auto x509 = SelfSigned(KeyKind::kRsa);
+  auto x509 = SelfSigned(KeyKind::k_rsa);
   auto file = MakeFileCert(&store, x509.get(), "/base/certs/alice.pem", "/base/keys/alice.pem.key");
   ASSERT_EQ(file->GetContext().index(), 0u);
   const CertFileContext& context = *std::get<0>(file->GetContext());
@@ -215,7 +215,7 @@ TEST(CertTest, GetContextExposesTheKindAndTheFilePaths) {
 
 TEST(CertTest, ConstructionTakesTheContextOutOfTheVariant) {
   X509OnlyStore store;
-  auto x509 = SelfSigned(KeyKind::kRsa);
+  auto x509 = SelfSigned(KeyKind::k_rsa);
   CertContext context(std::make_unique<EncodedCertContext>(
       EncodedCertContext{&store, test::Dup(x509.get())}));
   EncodedCertContext* raw = std::get<1>(context).get();
@@ -226,7 +226,7 @@ TEST(CertTest, ConstructionTakesTheContextOutOfTheVariant) {
 TEST(CertTest, GetX509StoreAsksTheStoreThatMadeTheCertificate) {
   X509OnlyStore store;
   X509OnlyStore unopened(false);
-  auto x509 = SelfSigned(KeyKind::kRsa);
+  auto x509 = SelfSigned(KeyKind::k_rsa);
   EXPECT_EQ(MakeFileCert(&store, x509.get())->GetX509Store(), store.X509Store());
   EXPECT_EQ(MakeEncodedCert(&unopened, x509.get())->GetX509Store(), nullptr);
 }
@@ -260,7 +260,7 @@ TEST_F(CertValidityTest, NotBeforeAndNotAfterAreReadAsLocalTime) {
   CertOptions options;
   options.not_before = "240101080000Z";
   options.not_after = "20340630235959Z";
-  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::kRsa, options).get());
+  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::k_rsa, options).get());
   EXPECT_EQ(cert->NotBefore(), Utc(2024, 1, 1, 8, 0, 0) - 3 * 3600);
   EXPECT_EQ(cert->NotAfter(), Utc(2034, 6, 30, 23, 59, 59) - 3 * 3600);
 }
@@ -269,14 +269,14 @@ TEST_F(CertValidityTest, UtcTimeYears69And70And50FollowThePivotOf70) {
   CertOptions options;
   options.not_before = "700101000000Z";
   options.not_after = "690101000000Z";
-  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::kEc, options).get());
+  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::k_ec, options).get());
   EXPECT_EQ(cert->NotBefore(), Utc(1970, 1, 1, 0, 0, 0) - 3 * 3600);
   EXPECT_EQ(cert->NotAfter(), Utc(2069, 1, 1, 0, 0, 0) - 3 * 3600);
 
   // OpenSSL itself reads UTCTime 50 as 1950; this certificate's end is 2050.
   options.not_before = "500101000000Z";
   options.not_after = "500102000000Z";
-  auto fifty = MakeEncodedCert(&store_, SelfSigned(KeyKind::kEc, options).get());
+  auto fifty = MakeEncodedCert(&store_, SelfSigned(KeyKind::k_ec, options).get());
   EXPECT_EQ(fifty->NotBefore(), Utc(2050, 1, 1, 0, 0, 0) - 3 * 3600);
   EXPECT_EQ(fifty->NotAfter(), Utc(2050, 1, 2, 0, 0, 0) - 3 * 3600);
 }
@@ -285,7 +285,7 @@ TEST_F(CertValidityTest, GeneralizedTimeValidityIsReadAsLocalTime) {
   CertOptions options;
   options.not_before = "20500101000000Z";
   options.not_after = "21000101000000Z";
-  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::kRsa, options).get());
+  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::k_rsa, options).get());
   EXPECT_EQ(cert->NotBefore(), Utc(2050, 1, 1, 0, 0, 0) - 3 * 3600);
   EXPECT_EQ(cert->NotAfter(), Utc(2100, 1, 1, 0, 0, 0) - 3 * 3600);
 }

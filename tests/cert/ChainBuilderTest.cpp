@@ -78,9 +78,9 @@ class ChainBuilderTest : public ::testing::Test {
 };
 
 TEST_F(ChainBuilderTest, SharedTrustGivesWhatAFreshStorePerCertificateGives) {
-  TestKey key_a = SharedKey(KeyKind::kRsa, 40), key_b = SharedKey(KeyKind::kRsa, 41);
-  TestKey key_c = SharedKey(KeyKind::kEc, 42), key_twin = SharedKey(KeyKind::kEc, 43);
-  TestKey leaf_key = SharedKey(KeyKind::kEc, 44);
+  TestKey key_a = SharedKey(KeyKind::k_rsa, 40), key_b = SharedKey(KeyKind::k_rsa, 41);
+  TestKey key_c = SharedKey(KeyKind::k_ec, 42), key_twin = SharedKey(KeyKind::k_ec, 43);
+  TestKey leaf_key = SharedKey(KeyKind::k_ec, 44);
   TestX509 root_a = Ca("Root A", key_a.get());
   TestX509 inter = Ca("Intermediate A", key_c.get(), root_a.get(), key_a.get());
   TestX509 root_b = Ca("Root B", key_b.get());  // only in the extra store
@@ -156,7 +156,7 @@ TEST_F(ChainBuilderTest, SharedTrustGivesWhatAFreshStorePerCertificateGives) {
 }
 
 TEST_F(ChainBuilderTest, AnotherSourceStoreGetsItsOwnTrust) {
-  TestKey key = SharedKey(KeyKind::kRsa, 40), leaf_key = SharedKey(KeyKind::kEc, 44);
+  TestKey key = SharedKey(KeyKind::k_rsa, 40), leaf_key = SharedKey(KeyKind::k_ec, 44);
   TestX509 root = Ca("Root A", key.get());
   TestX509 leaf = Leaf("Under A", leaf_key.get(), root.get(), key.get());
   X509OnlyStore with_root, without_root;
@@ -171,7 +171,7 @@ TEST_F(ChainBuilderTest, AnotherSourceStoreGetsItsOwnTrust) {
 }
 
 TEST_F(ChainBuilderTest, UnopenedOwnStoreFailsAsBefore) {
-  TestKey key = SharedKey(KeyKind::kRsa, 40);
+  TestKey key = SharedKey(KeyKind::k_rsa, 40);
   TestX509 root = Ca("Root A", key.get());
   X509OnlyStore unopened(false);
   ChainBuilder builder;
@@ -192,7 +192,7 @@ std::vector<X509*> SortedCerts(X509_STORE* store) {
 }
 
 TEST(X509StoreBatchTest, HoldsWhatOneByOneAddingHoldsInTheSameOrder) {
-  TestKey key_a = SharedKey(KeyKind::kRsa, 40), key_b = SharedKey(KeyKind::kEc, 43);
+  TestKey key_a = SharedKey(KeyKind::k_rsa, 40), key_b = SharedKey(KeyKind::k_ec, 43);
   std::vector<TestX509> certs;
   // Many of one name, so that the order among equal names shows.
   for (int i = 0; i < 12; ++i) certs.push_back(Ca(i % 3 == 0 ? "Same" : "Name " + std::to_string(i),

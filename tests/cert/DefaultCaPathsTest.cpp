@@ -67,8 +67,8 @@ TEST_F(DefaultCaPathsTest, TrustsTheSameCertificatesAsOpenSsl) {
 
 TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
   TempDir dir;
-  Chain first = MakeChain(KeyKind::kEc, "First Leaf");
-  TestKey other_root_key = MakeKey(KeyKind::kEc);
+  Chain first = MakeChain(KeyKind::k_ec, "First Leaf");
+  TestKey other_root_key = MakeKey(KeyKind::k_ec);
   CertOptions root_options;
   root_options.common_name = "Other Root";
   root_options.is_ca = true;
@@ -76,7 +76,7 @@ TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
   TestX509 other_root = MakeCert(root_options, other_root_key.get());
   CertOptions leaf_options;
   leaf_options.common_name = "Other Leaf";
-  TestKey leaf_key = MakeKey(KeyKind::kEc);
+  TestKey leaf_key = MakeKey(KeyKind::k_ec);
   TestX509 other_leaf = MakeCert(leaf_options, leaf_key.get(), other_root.get(), other_root_key.get());
 
   const auto bundle = dir.path() / "bundle.pem";

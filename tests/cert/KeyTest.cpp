@@ -130,7 +130,7 @@ TEST_F(KeyTest, FreshKeyHasUnknownAlgorithm) {
 
 TEST_F(KeyTest, OpenPlainRsaKeyFileClassifiesRsaWithoutLogOrPrompt) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_rsa);
   EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
   EXPECT_TRUE(rec().Prompts().empty());
@@ -138,13 +138,13 @@ TEST_F(KeyTest, OpenPlainRsaKeyFileClassifiesRsaWithoutLogOrPrompt) {
 
 TEST_F(KeyTest, OpenPlainEcKeyFileClassifiesEc) {
   Key key;
-  OpenFresh(key, KeyKind::kEc);
+  OpenFresh(key, KeyKind::k_ec);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_ec);
   EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
 }
 
 TEST_F(KeyTest, OpenEncryptedKeyFilePromptsOnceAndReleases) {
-  const FileCredential credential = Credential(KeyKind::kRsa, "Locked", "s3cret");
+  const FileCredential credential = Credential(KeyKind::k_rsa, "Locked", "s3cret");
   rec().ScriptAnswer(PinAnswer::Value("s3cret"));
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 0) << rec().Dump();
@@ -156,7 +156,7 @@ TEST_F(KeyTest, OpenEncryptedKeyFilePromptsOnceAndReleases) {
 }
 
 TEST_F(KeyTest, OpenWithMissingKeyFileLogsCertPathAndFails) {
-  FileCredential credential = Credential(KeyKind::kRsa, "NoKey");
+  FileCredential credential = Credential(KeyKind::k_rsa, "NoKey");
   std::filesystem::remove(credential.key_path);
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
@@ -170,7 +170,7 @@ TEST_F(KeyTest, OpenWithMissingKeyFileLogsCertPathAndFails) {
 }
 
 TEST_F(KeyTest, OpenWithWrongPasswordFails) {
-  const FileCredential credential = Credential(KeyKind::kRsa, "Locked", "s3cret");
+  const FileCredential credential = Credential(KeyKind::k_rsa, "Locked", "s3cret");
   rec().ScriptAnswer(PinAnswer::Value("wrong"));
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
@@ -178,8 +178,8 @@ TEST_F(KeyTest, OpenWithWrongPasswordFails) {
 }
 
 TEST_F(KeyTest, OpenWithKeyOfAnotherCertificateFails) {
-  FileCredential credential = Credential(KeyKind::kRsa, "Mismatch");
-  const TestKey other = SharedKey(KeyKind::kRsa, 1);
+  FileCredential credential = Credential(KeyKind::k_rsa, "Mismatch");
+  const TestKey other = SharedKey(KeyKind::k_rsa, 1);
   WriteFile(credential.key_path, KeyToPem(other.get()));
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
@@ -189,7 +189,7 @@ TEST_F(KeyTest, OpenWithKeyOfAnotherCertificateFails) {
 }
 
 TEST_F(KeyTest, OpenRsaPssKeyFailsAsUnknownAlgorithm912) {
-  const FileCredential credential = Credential(KeyKind::kRsaPss, "Pss");
+  const FileCredential credential = Credential(KeyKind::k_rsa_pss, "Pss");
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
@@ -198,7 +198,7 @@ TEST_F(KeyTest, OpenRsaPssKeyFailsAsUnknownAlgorithm912) {
 }
 
 TEST_F(KeyTest, OpenEd25519KeyFailsAsUnknownAlgorithm1087) {
-  const FileCredential credential = Credential(KeyKind::kEd25519, "Edwards");
+  const FileCredential credential = Credential(KeyKind::k_ed25519, "Edwards");
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
@@ -207,7 +207,7 @@ TEST_F(KeyTest, OpenEd25519KeyFailsAsUnknownAlgorithm1087) {
 }
 
 TEST_F(KeyTest, OpenEncodedCertOnFreshKeyLogsNameThenClassifiesNoKeyAsFailure) {
-  const TestKey signer = SharedKey(KeyKind::kRsa);
+  const TestKey signer = SharedKey(KeyKind::k_rsa);
   const TestX509 cert = MakeCert(CertOptions{}, signer.get());
   Key key;
   EXPECT_EQ(key.Open(FakeCertificate::Encoded(cert.get(), "Added CA")), 1);
@@ -224,8 +224,8 @@ TEST_F(KeyTest, OpenEncodedCertOnFreshKeyLogsNameThenClassifiesNoKeyAsFailure) {
 
 TEST_F(KeyTest, OpenEncodedCertKeepsAndClassifiesTheKeyAlreadyHeld) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kEc);
-  const TestKey other = SharedKey(KeyKind::kRsa);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_ec);
+  const TestKey other = SharedKey(KeyKind::k_rsa);
   const TestX509 cert = MakeCert(CertOptions{}, other.get());
   EXPECT_EQ(key.Open(FakeCertificate::Encoded(cert.get())), 0);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_ec);
@@ -240,8 +240,8 @@ TEST_F(KeyTest, OpenEncodedCertKeepsAndClassifiesTheKeyAlreadyHeld) {
 
 TEST_F(KeyTest, ReopeningReplacesTheKeyAndItsAlgorithm) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
-  const FileCredential ec = Credential(KeyKind::kEc, "Second");
+  OpenFresh(key, KeyKind::k_rsa);
+  const FileCredential ec = Credential(KeyKind::k_ec, "Second");
   EXPECT_EQ(key.Open(FileCert(ec)), 0);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_ec);
   Bytes signature;
@@ -252,8 +252,8 @@ TEST_F(KeyTest, ReopeningReplacesTheKeyAndItsAlgorithm) {
 
 TEST_F(KeyTest, FailedReopenDropsTheKeySoSigningFailsWithoutCrash) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
-  FileCredential missing = Credential(KeyKind::kRsa, "Gone");
+  OpenFresh(key, KeyKind::k_rsa);
+  FileCredential missing = Credential(KeyKind::k_rsa, "Gone");
   std::filesystem::remove(missing.key_path);
   EXPECT_EQ(key.Open(FileCert(missing)), 1);
   rec().Reset();
@@ -270,7 +270,7 @@ TEST_F(KeyTest, FailedReopenDropsTheKeySoSigningFailsWithoutCrash) {
 
 TEST_F(KeyTest, CloseResetsAlgorithmOnlySoOperationsAreUnsupported) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   key.Close();
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
   Bytes signature{1, 2};
@@ -297,7 +297,7 @@ class RsaSignDigests : public KeyTest, public ::testing::WithParamInterface<Dige
 
 TEST_P(RsaSignDigests, SignatureVerifiesWithCertificatePublicKeyAndDigestOfHashLength) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kRsa);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
   const Bytes hash = Hash(GetParam().length);
   Bytes signature(1000, 0xEE);  // older, longer contents are replaced
   const ResultPair result = key.Sign(hash, &signature);
@@ -325,7 +325,7 @@ class RsaSignBadLengths : public KeyTest, public ::testing::WithParamInterface<s
 
 TEST_P(RsaSignBadLengths, FailsWithCouldNotGetEvpMdAndLeavesSignature) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   Bytes signature{4, 5, 6};
   const ResultPair result = key.Sign(Hash(GetParam()), &signature);
   EXPECT_EQ(result.code, 1);
@@ -343,7 +343,7 @@ INSTANTIATE_TEST_SUITE_P(Lengths, RsaSignBadLengths,
 
 TEST_F(KeyTest, EcSignsA28ByteHashAsGiven) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kEc);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_ec);
   const Bytes hash = Hash(28);
   Bytes signature;
   const ResultPair result = key.Sign(hash, &signature);
@@ -353,7 +353,7 @@ TEST_F(KeyTest, EcSignsA28ByteHashAsGiven) {
 
 TEST_F(KeyTest, EcSignatureIsTrimmedToItsDerLengthAndVerifies) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kEc);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_ec);
   EVP_PKEY* public_key = X509_get0_pubkey(credential.cert.get());
   const std::size_t bound = static_cast<std::size_t>(EVP_PKEY_size(public_key));
   bool shorter_seen = false;
@@ -374,7 +374,7 @@ TEST_F(KeyTest, EcSignatureIsTrimmedToItsDerLengthAndVerifies) {
 
 TEST_F(KeyTest, SignWithNullSignatureFailsWithMessage) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   const ResultPair result = key.Sign(Hash(32), nullptr);
   EXPECT_EQ(result.code, 1);
   ASSERT_EQ(rec().Logs().size(), 1u);
@@ -396,7 +396,7 @@ TEST_F(KeyTest, SignOnUnopenedKeyFailsToCreateContextAndDrainsQueue) {
 
 TEST_F(KeyTest, DecryptPkcs1RoundTripTrimsPlaintextToTrueLength) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kRsa);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
   const Bytes message = Hash(32, 0x40);
   const Bytes ciphertext =
       Encrypt(X509_get0_pubkey(credential.cert.get()), RSA_PKCS1_PADDING, message);
@@ -411,7 +411,7 @@ TEST_F(KeyTest, DecryptPkcs1RoundTripTrimsPlaintextToTrueLength) {
 
 TEST_F(KeyTest, DecryptOaepRoundTripWithDefaultSha1) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kRsa);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
   const Bytes message = Hash(48, 0x10);
   const Bytes ciphertext =
       Encrypt(X509_get0_pubkey(credential.cert.get()), RSA_PKCS1_OAEP_PADDING, message);
@@ -423,7 +423,7 @@ TEST_F(KeyTest, DecryptOaepRoundTripWithDefaultSha1) {
 
 TEST_F(KeyTest, DecryptOnEcKeyIsUnsupportedWithoutMessage) {
   Key key;
-  OpenFresh(key, KeyKind::kEc);
+  OpenFresh(key, KeyKind::k_ec);
   Bytes plaintext{1};
   const ResultPair result = key.Decrypt(DecryptAlgorithm::k_rsa_pkcs1, Bytes(64, 1), &plaintext);
   EXPECT_EQ(result.code, 6);
@@ -434,7 +434,7 @@ TEST_F(KeyTest, DecryptOnEcKeyIsUnsupportedWithoutMessage) {
 
 TEST_F(KeyTest, DecryptAlgorithmNoneIsUnsupportedAfterPaddingMessage) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   Bytes plaintext{1};
   const ResultPair result =
       key.Decrypt(DecryptAlgorithm::k_decrypt_none, Bytes(256, 1), &plaintext);
@@ -448,7 +448,7 @@ TEST_F(KeyTest, DecryptAlgorithmNoneIsUnsupportedAfterPaddingMessage) {
 
 TEST_F(KeyTest, DecryptAlgorithmOutOfRangeIsUnsupportedWithItsValue) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   Bytes plaintext;
   EXPECT_EQ(key.Decrypt(static_cast<DecryptAlgorithm>(7), Bytes(256, 1), &plaintext).code, 6);
   EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
@@ -458,7 +458,7 @@ TEST_F(KeyTest, DecryptAlgorithmOutOfRangeIsUnsupportedWithItsValue) {
 
 TEST_F(KeyTest, BadOaepPaddingDrainsOpenSslErrorBeforeFailureMessage) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kRsa);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
   const Bytes ciphertext =
       Encrypt(X509_get0_pubkey(credential.cert.get()), RSA_PKCS1_PADDING, Hash(32));
   Bytes plaintext;
@@ -478,7 +478,7 @@ TEST_F(KeyTest, BadOaepPaddingDrainsOpenSslErrorBeforeFailureMessage) {
 
 TEST_F(KeyTest, BadPkcs1PaddingFailsAndDrainsFirst) {
   Key key;
-  const FileCredential credential = OpenFresh(key, KeyKind::kRsa);
+  const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
   const Bytes ciphertext = x509auth_test::CiphertextWithBadPkcs1Padding(credential.cert.get());
   Bytes plaintext;
   EXPECT_EQ(key.Decrypt(DecryptAlgorithm::k_rsa_pkcs1, ciphertext, &plaintext).code, 1);
@@ -494,7 +494,7 @@ TEST_F(KeyTest, BadPkcs1PaddingFailsAndDrainsFirst) {
 
 TEST_F(KeyTest, CiphertextLongerThanModulusFails) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   Bytes plaintext;
   EXPECT_EQ(key.Decrypt(DecryptAlgorithm::k_rsa_pkcs1, Bytes(300, 0x11), &plaintext).code, 1);
   EXPECT_FALSE(rec().Logs().empty());
@@ -503,7 +503,7 @@ TEST_F(KeyTest, CiphertextLongerThanModulusFails) {
 
 TEST_F(KeyTest, DecryptWithNullPlaintextFailsWithoutCrash) {
   Key key;
-  OpenFresh(key, KeyKind::kRsa);
+  OpenFresh(key, KeyKind::k_rsa);
   EXPECT_EQ(key.Decrypt(DecryptAlgorithm::k_rsa_pkcs1, Bytes(256, 1), nullptr).code, 1);
   EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "null plaintext vector given to Key::Decrypt",
                         "null plaintext vector given to Key::Decrypt"));

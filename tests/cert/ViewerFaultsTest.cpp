@@ -61,7 +61,7 @@ class ViewerFaultsTest : public ::testing::Test {
                                      fs::perms::others_exec);
     setenv("TMPDIR", (tmp_ / "tmp").c_str(), 1);
     setenv("PATH", ((tmp_ / "bin").string() + ":/usr/bin:/bin").c_str(), 1);
-    key_ = x509auth_test::SharedKey(x509auth_test::KeyKind::kRsa);
+    key_ = x509auth_test::SharedKey(x509auth_test::KeyKind::k_rsa);
     cert_ = x509auth_test::MakeCert(x509auth_test::CertOptions(), key_.get());
   }
   void TearDown() override {

@@ -28,7 +28,7 @@ using x509auth_test::TestX509;
 using x509auth_test::WriteFile;
 
 TestX509 Named(const std::string& name) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   CertOptions options;
   options.common_name = name;
   return MakeCert(options, key.get());

@@ -28,7 +28,7 @@ class CertificateFilesMalformedInputTest : public ::testing::Test {
 // The text is a whole certificate followed by a NUL: were the length taken
 // as OpenSSL's "up to the NUL", the conversion would succeed.
 TEST_F(CertificateFilesMalformedInputTest, LengthNegativeAsAnIntIsRefusedWithoutReading) {
-  const x509auth_test::Chain chain = x509auth_test::MakeChain(x509auth_test::KeyKind::kEc);
+  const x509auth_test::Chain chain = x509auth_test::MakeChain(x509auth_test::KeyKind::k_ec);
   const std::string text = x509auth_test::CertToPem(chain.leaf.get());
   Bytes pem(text.begin(), text.end());
   pem.push_back(0);
@@ -47,7 +47,7 @@ TEST_F(CertificateFilesMalformedInputTest, LengthNegativeAsAnIntIsRefusedWithout
 // A length above 32 bits whose low half is the text's length still reads
 // just the text, as the cut to 32 bits has always done.
 TEST_F(CertificateFilesMalformedInputTest, LengthAbove32BitsIsCutToItsLowHalf) {
-  const x509auth_test::Chain chain = x509auth_test::MakeChain(x509auth_test::KeyKind::kEc);
+  const x509auth_test::Chain chain = x509auth_test::MakeChain(x509auth_test::KeyKind::k_ec);
   const std::string text = x509auth_test::CertToPem(chain.leaf.get());
   const Bytes pem(text.begin(), text.end());
   std::vector<unsigned char> der;

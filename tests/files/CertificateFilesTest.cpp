@@ -40,7 +40,7 @@ class CertificateFilesTest : public ::testing::Test {
     rec().Reset();
     SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
     ERR_clear_error();
-    key_ = SharedKey(KeyKind::kRsa);
+    key_ = SharedKey(KeyKind::k_rsa);
     CertOptions first;
     first.common_name = "First";
     cert_ = MakeCert(first, key_.get());

@@ -54,7 +54,7 @@ class PrivateKeyFilesTest : public ::testing::Test {
     rec().Reset();
     SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
     ERR_clear_error();
-    key_ = SharedKey(KeyKind::kRsa);
+    key_ = SharedKey(KeyKind::k_rsa);
     cert_ = MakeCert(CertOptions{}, key_.get());
     key_path_ = dir_ / "leaf.pem.key";
     cert_path_ = dir_ / "leaf.pem";
@@ -116,14 +116,14 @@ TEST_P(UnencryptedKeyKinds, MatchingKeyIsReturnedForItsCertificateWithoutLog) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, UnencryptedKeyKinds,
-                         ::testing::Values(KeyKind::kRsa, KeyKind::kEc, KeyKind::kRsaPss,
-                                           KeyKind::kEd25519),
+                         ::testing::Values(KeyKind::k_rsa, KeyKind::k_ec, KeyKind::k_rsa_pss,
+                                           KeyKind::k_ed25519),
                          [](const auto& info) {
                            switch (info.param) {
-                             case KeyKind::kRsa: return std::string("Rsa");
-                             case KeyKind::kEc: return std::string("Ec");
-                             case KeyKind::kRsaPss: return std::string("RsaPss");
-                             case KeyKind::kEd25519: return std::string("Ed25519");
+                             case KeyKind::k_rsa: return std::string("Rsa");
+                             case KeyKind::k_ec: return std::string("Ec");
+                             case KeyKind::k_rsa_pss: return std::string("RsaPss");
+                             case KeyKind::k_ed25519: return std::string("Ed25519");
                            }
                            return std::string("Unknown");
                          });
@@ -156,9 +156,9 @@ TEST_P(TraditionalKeyKinds, EncryptedTraditionalPemPromptsOnceAndReadsKey) {
   EXPECT_EQ(rec().Outstanding(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, TraditionalKeyKinds, ::testing::Values(KeyKind::kRsa, KeyKind::kEc),
+INSTANTIATE_TEST_SUITE_P(Kinds, TraditionalKeyKinds, ::testing::Values(KeyKind::k_rsa, KeyKind::k_ec),
                          [](const auto& info) {
-                           return std::string(info.param == KeyKind::kRsa ? "Rsa" : "Ec");
+                           return std::string(info.param == KeyKind::k_rsa ? "Rsa" : "Ec");
                          });
 
 TEST_F(PrivateKeyFilesTest, EncryptedPkcs8PemPromptsOnceWithTitleAndPathAndReleasesResult) {
@@ -470,7 +470,7 @@ TEST_F(PrivateKeyFilesTest, KeyPathThatIsAFifoIsRefusedWithoutWaitingForAWriter)
 }
 
 TEST_F(PrivateKeyFilesTest, KeyOfAnotherCertificateIsRefusedWithMatchMessageAndDrain) {
-  const TestKey other = SharedKey(KeyKind::kRsa, 1);
+  const TestKey other = SharedKey(KeyKind::k_rsa, 1);
   WriteFile(key_path_, KeyToPem(other.get()));
   EXPECT_FALSE(GetPrivateKeyForX509Cert(cert_.get(), cert_path_, key_path_));
   ASSERT_EQ(rec().Logs().size(), 2u) << rec().Dump();
@@ -485,7 +485,7 @@ TEST_F(PrivateKeyFilesTest, KeyOfAnotherCertificateIsRefusedWithMatchMessageAndD
 }
 
 TEST_F(PrivateKeyFilesTest, KeyOfAnotherAlgorithmIsRefused) {
-  const TestKey ec = SharedKey(KeyKind::kEc);
+  const TestKey ec = SharedKey(KeyKind::k_ec);
   WriteFile(key_path_, KeyToPem(ec.get()));
   EXPECT_FALSE(GetPrivateKeyForX509Cert(cert_.get(), cert_path_, key_path_));
   EXPECT_EQ(rec().WithFormat(k_does_not_match).size(), 1u) << rec().Dump();

@@ -28,8 +28,8 @@ CommandRun RunCommand(const std::string& command) {
 class HostCProgramTest : public HostTest {
  protected:
   void InstallTwoCertificates() {
-    TestKey rsa = SharedKey(KeyKind::kRsa);
-    TestKey ec = SharedKey(KeyKind::kEc);
+    TestKey rsa = SharedKey(KeyKind::k_rsa);
+    TestKey ec = SharedKey(KeyKind::k_ec);
     TestX509 first = MakeClientCert("C Host RSA", rsa.get());
     TestX509 second = MakeClientCert("C Host EC", ec.get());
     InstallFileCert(Base("base"), "a-rsa.pem", first.get(), rsa.get());

@@ -18,7 +18,7 @@ class HostCaChainTest : public HostTest {
 };
 
 TEST_F(HostCaChainTest, AddedCasCompleteTheChainOfAListedCertificate) {
-  Chain chain = MakeChain(KeyKind::kRsa, "Chained Leaf");
+  Chain chain = MakeChain(KeyKind::k_rsa, "Chained Leaf");
   InstallFileCert(Base("base"), "leaf.pem", chain.leaf.get(), chain.leaf_key.get());
   Init({Base("base").string()});
   ASSERT_EQ(List().size(), 0u) << "without its CAs the leaf cannot be chained";
@@ -57,7 +57,7 @@ TEST_F(HostCaChainTest, AddedCasCompleteTheChainOfAListedCertificate) {
 }
 
 TEST_F(HostCaChainTest, MiddleEntryMissingYieldsTheOthersInOrder) {
-  Chain chain = MakeChain(KeyKind::kEc);
+  Chain chain = MakeChain(KeyKind::k_ec);
   Init({});
   ASSERT_EQ(Add(CertToDer(chain.root.get())), 1);
   ASSERT_EQ(Add(CertToDer(chain.leaf.get())), 1);
@@ -140,7 +140,7 @@ TEST_F(HostCaChainTest, NullArgumentsGiveTwoThreeFourInThatOrder) {
 }
 
 TEST_F(HostCaChainTest, ShortOrIndentedPemIsTakenAsDerAndRefused) {
-  Chain chain = MakeChain(KeyKind::kEc);
+  Chain chain = MakeChain(KeyKind::k_ec);
   Init({});
   rec().Reset();
   EXPECT_EQ(Add(std::string("-----BEGIN CERT")), 0);
@@ -165,7 +165,7 @@ TEST_F(HostCaChainTest, PemThatDoesNotParseIsRefusedAtInfo) {
 }
 
 TEST_F(HostCaChainTest, AddingTheSameCaTwiceStillSucceeds) {
-  Chain chain = MakeChain(KeyKind::kEc);
+  Chain chain = MakeChain(KeyKind::k_ec);
   Init({});
   EXPECT_EQ(Add(CertToPem(chain.root.get())), 1);
   EXPECT_EQ(Add(CertToPem(chain.root.get())), 1);

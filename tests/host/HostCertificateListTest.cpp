@@ -40,7 +40,7 @@ TEST_F(HostCertificateListTest, NoCertificatesReturnsTrueWithAnEmptyKeptList) {
 }
 
 TEST_F(HostCertificateListTest, RecordFieldsDescribeTheFileCertificate) {
-  TestKey key = SharedKey(KeyKind::kRsa);
+  TestKey key = SharedKey(KeyKind::k_rsa);
   CertOptions options;
   options.common_name = "Alice Client";
   options.extended_key_usage = "clientAuth";
@@ -81,8 +81,8 @@ TEST_F(HostCertificateListTest, RecordFieldsDescribeTheFileCertificate) {
 }
 
 TEST_F(HostCertificateListTest, CertificatesFromTwoBaseDirectoriesComeInSettingsOrder) {
-  TestKey rsa = SharedKey(KeyKind::kRsa);
-  TestKey ec = SharedKey(KeyKind::kEc);
+  TestKey rsa = SharedKey(KeyKind::k_rsa);
+  TestKey ec = SharedKey(KeyKind::k_ec);
   TestX509 first = MakeClientCert("First Base", rsa.get());
   TestX509 second = MakeClientCert("Home Base", ec.get());
   InstallFileCert(Base("one"), "first.pem", first.get(), rsa.get());
@@ -110,14 +110,14 @@ class HostPermittedUsageTest : public HostTest, public ::testing::WithParamInter
 
 TEST_P(HostPermittedUsageTest, OfferedOnlyWhenUsagesAllowClientAuthentication) {
   const UsageCase& usage = GetParam();
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   CertOptions options;
   options.common_name = usage.label;
   options.extended_key_usage = usage.eku;
   options.key_usage = usage.ku;
   // A CA certificate signs the test certificate, so key usage without
   // keyCertSign does not stop its chain from verifying.
-  Chain chain = MakeChain(KeyKind::kEc);
+  Chain chain = MakeChain(KeyKind::k_ec);
   TestX509 cert = MakeCert(options, key.get(), chain.root.get(), chain.root_key.get());
   InstallFileCert(Base("base"), "usage.pem", cert.get());
   Init({Base("base").string()});
@@ -145,7 +145,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<UsageCase>& info) { return std::string(info.param.label); });
 
 TEST_F(HostCertificateListTest, TwoListsAreDistinctAndFreeingOneLeavesTheOther) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("Twice", key.get());
   InstallFileCert(Base("base"), "twice.pem", cert.get());
   Init({Base("base").string()});
@@ -162,7 +162,7 @@ TEST_F(HostCertificateListTest, TwoListsAreDistinctAndFreeingOneLeavesTheOther) 
 }
 
 TEST_F(HostCertificateListTest, FreeingTwiceOrAnInteriorPointerDoesNothing) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("Interior", key.get());
   InstallFileCert(Base("base"), "interior.pem", cert.get());
   Init({Base("base").string()});
@@ -191,7 +191,7 @@ TEST_F(HostCertificateListTest, StoreOpenFailureReturnsFalseAndWritesNothing) {
 }
 
 TEST_F(HostCertificateListTest, CertificateWithoutAVerifiableChainIsLeftOut) {
-  Chain chain = MakeChain(KeyKind::kEc, "Orphan Leaf");
+  Chain chain = MakeChain(KeyKind::k_ec, "Orphan Leaf");
   InstallFileCert(Base("base"), "orphan.pem", chain.leaf.get(), chain.leaf_key.get());
   Init({Base("base").string()});
   EXPECT_EQ(List().size(), 0u);

@@ -69,7 +69,7 @@ TEST_F(HostExtensionsTest, SetPkcs11ModuleRefusesWhatIsNotAnAbsoluteRegularReada
 TEST_F(HostExtensionsTest, NoModuleListsFileCertificatesFromADirectoryWithoutAModule) {
   // A working directory with no module at all, as most hosts have.
   std::filesystem::remove(work_ / "opensc-pkcs11.so");
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("File EC", key.get());
   InstallFileCert(Base("base"), "ec.pem", cert.get(), key.get());
 
@@ -103,7 +103,7 @@ TEST_F(HostExtensionsTest, ChosenModuleIsLoadedAndTheWorkingDirectoryIsNotLooked
   options.module_link_target = "/etc/hostname";
   SoftHsmToken hsm(options);
   hsm.InitToken("Card A");
-  TestKey key = SharedKey(KeyKind::kEc, 1);
+  TestKey key = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = MakeClientCert("Token EC", key.get());
   hsm.ImportCertAndKey("Card A", cert.get(), key.get(), "01", "ec");
 
@@ -133,8 +133,8 @@ class HostPssTest : public HostExtensionsTest {
   void SetUp() override {
     HostExtensionsTest::SetUp();
     ASSERT_EQ(X509_Auth_SetPkcs11Module(""), 0);
-    rsa_key_ = SharedKey(KeyKind::kRsa);
-    ec_key_ = SharedKey(KeyKind::kEc);
+    rsa_key_ = SharedKey(KeyKind::k_rsa);
+    ec_key_ = SharedKey(KeyKind::k_ec);
     rsa_ = MakeClientCert("PSS RSA", rsa_key_.get());
     ec_ = MakeClientCert("PSS EC", ec_key_.get());
     InstallFileCert(Base("base"), "rsa.pem", rsa_.get(), rsa_key_.get());
@@ -222,7 +222,7 @@ TEST_F(HostPssTest, RefusalsAreResultCodesWithALogLineAndANullSignature) {
 }
 
 TEST_F(HostPssTest, EncryptedKeyFileAsksForItsPasswordOnceAndSigns) {
-  TestKey key = SharedKey(KeyKind::kRsa, 1);
+  TestKey key = SharedKey(KeyKind::k_rsa, 1);
   TestX509 cert = MakeClientCert("PSS encrypted", key.get());
   InstallFileCert(Base("enc"), "enc.pem", cert.get());
   WriteFile(Base("enc") / "keys" / "enc.pem.key", KeyToPem(key.get(), "secret"));
@@ -265,7 +265,7 @@ class HostTokenPssTest : public HostExtensionsTest {
     options.mechanisms = mechanisms;
     hsm_.emplace(options);
     hsm_->InitToken("Card A");
-    key_ = SharedKey(KeyKind::kRsa, 2);
+    key_ = SharedKey(KeyKind::k_rsa, 2);
     cert_ = MakeClientCert("Token RSA", key_.get());
     hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "rsa");
     ASSERT_EQ(X509_Auth_SetPkcs11Module(SoftHsmToken::ModulePath().c_str()), 0);

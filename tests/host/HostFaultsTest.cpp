@@ -24,7 +24,7 @@ class HostFaultsTest : public HostTest {
  protected:
   void SetUp() override {
     HostTest::SetUp();
-    key_ = SharedKey(KeyKind::kEc, 1);
+    key_ = SharedKey(KeyKind::k_ec, 1);
   }
 
   // |count| certificates named "<prefix> <i>" in one base directory.

@@ -21,8 +21,8 @@ class HostKeyOperationsTest : public HostTest {
  protected:
   void SetUp() override {
     HostTest::SetUp();
-    rsa_key_ = SharedKey(KeyKind::kRsa);
-    ec_key_ = SharedKey(KeyKind::kEc);
+    rsa_key_ = SharedKey(KeyKind::k_rsa);
+    ec_key_ = SharedKey(KeyKind::k_ec);
     rsa_ = MakeClientCert("Signer RSA", rsa_key_.get());
     ec_ = MakeClientCert("Signer EC", ec_key_.get());
     InstallFileCert(Base("base"), "rsa.pem", rsa_.get(), rsa_key_.get());
@@ -126,7 +126,7 @@ TEST_F(HostKeyOperationsTest, UnknownThumbprintGivesCodeThreeWithTheLookupError)
 }
 
 TEST_F(HostKeyOperationsTest, AddedCaCertificateIsNotFoundForSigning) {
-  Chain chain = MakeChain(KeyKind::kEc);
+  Chain chain = MakeChain(KeyKind::k_ec);
   const std::string pem = CertToPem(chain.root.get());
   ASSERT_EQ(X509_Auth_AddAdditionalCertificateAuthorityToStore(
                 reinterpret_cast<const unsigned char*>(pem.data()), pem.size()),
@@ -259,7 +259,7 @@ TEST_F(HostKeyOperationsTest, KeyExportNullArgumentsGiveTwoThenThree) {
 }
 
 TEST_F(HostKeyOperationsTest, KeyExportOfAnUnknownOrAddedCertificateGivesSix) {
-  Chain chain = MakeChain(KeyKind::kEc);
+  Chain chain = MakeChain(KeyKind::k_ec);
   const Bytes der = CertToDer(chain.root.get());
   ASSERT_EQ(X509_Auth_AddAdditionalCertificateAuthorityToStore(der.data(), der.size()), 1);
   const Bytes thumbprint = Sha1Thumbprint(chain.root.get());
@@ -308,7 +308,7 @@ TEST_F(HostKeyOperationsTest, StoreThatCannotOpenGivesCodeTwoFiveAndTheStoreErro
 }
 
 TEST_F(HostKeyOperationsTest, KeyOfAnotherCertificateGivesCodeFour) {
-  WriteFile(Base("base") / "keys" / "ec.pem.key", KeyToPem(SharedKey(KeyKind::kEc, 7).get()));
+  WriteFile(Base("base") / "keys" / "ec.pem.key", KeyToPem(SharedKey(KeyKind::k_ec, 7).get()));
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
   const X509_Auth_Signature* signature = nullptr;
   const X509_Auth_Result result = Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);

@@ -24,7 +24,7 @@ TEST_F(HostLifecycleTest, InitLogsInitialisedAtInfo) {
 }
 
 TEST_F(HostLifecycleTest, InitWithNullSettingsKeepsTheDirectoriesGivenEarlier) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("Kept Directory", key.get());
   InstallFileCert(Base("base"), "kept.pem", cert.get(), key.get());
   Init({Base("base").string()});
@@ -35,7 +35,7 @@ TEST_F(HostLifecycleTest, InitWithNullSettingsKeepsTheDirectoriesGivenEarlier) {
 }
 
 TEST_F(HostLifecycleTest, InitWithZeroCountsClearsBothLists) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("Cleared", key.get());
   InstallFileCert(Base("base"), "a.pem", cert.get());
   InstallFileCert(home_ / "rel", "b.pem", cert.get());
@@ -46,7 +46,7 @@ TEST_F(HostLifecycleTest, InitWithZeroCountsClearsBothLists) {
 }
 
 TEST_F(HostLifecycleTest, PostInitUpdateSettingsTakesEffectOnTheNextList) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("Later", key.get());
   InstallFileCert(Base("later"), "later.pem", cert.get());
   Init({});
@@ -61,7 +61,7 @@ TEST_F(HostLifecycleTest, PostInitUpdateSettingsTakesEffectOnTheNextList) {
 }
 
 TEST_F(HostLifecycleTest, AllNullCallbacksStillListCertificatesSilently) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("Silent", key.get());
   InstallFileCert(Base("base"), "silent.pem", cert.get(), key.get());
   Init({Base("base").string()}, {}, X509_Auth_Callbacks{});
@@ -80,7 +80,7 @@ TEST_F(HostLifecycleTest, ASecondInitWithNullLogSilencesLogging) {
 }
 
 TEST_F(HostLifecycleTest, ReInitDestroysEarlierResults) {
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 cert = MakeClientCert("Earlier", key.get());
   InstallFileCert(Base("base"), "e.pem", cert.get());
   Init({Base("base").string()});

@@ -39,7 +39,7 @@ class HostListingFreshnessTest : public HostTest {
 };
 
 TEST_F(HostListingFreshnessTest, ACaFileThatChangesBetweenListingsIsSeenByTheSecond) {
-  Chain chain = MakeChain(KeyKind::kEc, "Bundle Leaf");
+  Chain chain = MakeChain(KeyKind::k_ec, "Bundle Leaf");
   InstallFileCert(Base("base"), "leaf.pem", chain.leaf.get(), chain.leaf_key.get());
   WriteFile(bundle_, CertToPem(chain.intermediate.get()));
   Init({Base("base").string()});
@@ -53,7 +53,7 @@ TEST_F(HostListingFreshnessTest, ACaFileThatChangesBetweenListingsIsSeenByTheSec
 }
 
 TEST_F(HostListingFreshnessTest, ACertificateFileThatChangesBetweenListingsIsSeenByTheSecond) {
-  TestKey key = SharedKey(KeyKind::kEc, 3);
+  TestKey key = SharedKey(KeyKind::k_ec, 3);
   TestX509 first = MakeClientCert("First Version", key.get());
   TestX509 second = MakeClientCert("Second Version", key.get());
   WriteFile(bundle_, CertToPem(first.get()) + CertToPem(second.get()));
@@ -69,8 +69,8 @@ TEST_F(HostListingFreshnessTest, ACertificateFileThatChangesBetweenListingsIsSee
 }
 
 TEST_F(HostListingFreshnessTest, OneListingLogsEachChainFailureInTheOrderOfItsCertificates) {
-  Chain chain = MakeChain(KeyKind::kEc, "Good");
-  TestKey key = SharedKey(KeyKind::kEc, 3);
+  Chain chain = MakeChain(KeyKind::k_ec, "Good");
+  TestKey key = SharedKey(KeyKind::k_ec, 3);
   CertOptions expired;
   expired.common_name = "Expired";
   expired.extended_key_usage = "clientAuth";
@@ -116,7 +116,7 @@ TEST_F(HostListingFreshnessTest, OneListingLogsEachChainFailureInTheOrderOfItsCe
 }
 
 TEST_F(HostListingFreshnessTest, SigningSeesCertificateAndKeyFilesAsTheyAreAtEachCall) {
-  TestKey key = SharedKey(KeyKind::kEc, 3), other_key = SharedKey(KeyKind::kEc, 4);
+  TestKey key = SharedKey(KeyKind::k_ec, 3), other_key = SharedKey(KeyKind::k_ec, 4);
   TestX509 first = MakeClientCert("First Version", key.get());
   TestX509 second = MakeClientCert("Second Version", key.get());
   InstallFileCert(Base("base"), "a.pem", first.get(), key.get());
@@ -138,7 +138,7 @@ TEST_F(HostListingFreshnessTest, SigningSeesCertificateAndKeyFilesAsTheyAreAtEac
 }
 
 TEST_F(HostListingFreshnessTest, ARenamedCertificateFileIsSignedWithTheKeyOfItsNewName) {
-  TestKey key = SharedKey(KeyKind::kEc, 3);
+  TestKey key = SharedKey(KeyKind::k_ec, 3);
   TestX509 cert = MakeClientCert("Renamed", key.get());
   InstallFileCert(Base("base"), "a.pem", cert.get(), key.get());
   Init({Base("base").string()});

@@ -17,7 +17,7 @@ class HostMalformedInputTest : public HostTest {};
 // A client certificate whose validity times are |not_before| and
 // |not_after| as given, even when OpenSSL would not write them that way.
 TestX509 CertWithRawTimes(int type, const std::string& not_before, const std::string& not_after) {
-  const TestKey key = SharedKey(KeyKind::kEc);
+  const TestKey key = SharedKey(KeyKind::k_ec);
   CertOptions options;
   options.common_name = "Short Times";
   options.extended_key_usage = "clientAuth";
@@ -53,12 +53,12 @@ TEST_F(HostMalformedInputTest, ValidityTimesShorterThanTheirLayoutAreReadWithout
 TEST_F(HostMalformedInputTest, KeyOfAnUnexpectedTypeGivesCodeFourForSignAndDecrypt) {
   const auto base = Base("odd-keys");
   std::vector<Bytes> thumbprints;
-  for (const KeyKind kind : {KeyKind::kEd25519, KeyKind::kRsaPss}) {
+  for (const KeyKind kind : {KeyKind::k_ed25519, KeyKind::k_rsa_pss}) {
     const TestKey key = MakeKey(kind);
     CertOptions options;
     options.extended_key_usage = "clientAuth";
     const TestX509 cert = MakeCert(options, key.get());
-    const std::string name = kind == KeyKind::kEd25519 ? "ed25519.pem" : "pss.pem";
+    const std::string name = kind == KeyKind::k_ed25519 ? "ed25519.pem" : "pss.pem";
     InstallFileCert(base, name, cert.get(), key.get());
     thumbprints.push_back(Sha1Thumbprint(cert.get()));
   }

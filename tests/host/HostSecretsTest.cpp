@@ -29,15 +29,15 @@ class HostSecretsTest : public HostTest {
     HostTest::SetUp();
     hsm_.emplace();
     hsm_->InitToken("Card S", k_pin);
-    token_key_ = SharedKey(KeyKind::kRsa, 1);
-    per_use_key_ = SharedKey(KeyKind::kEc, 1);
+    token_key_ = SharedKey(KeyKind::k_rsa, 1);
+    per_use_key_ = SharedKey(KeyKind::k_ec, 1);
     token_cert_ = MakeClientCert("Token Login", token_key_.get());
     per_use_cert_ = MakeClientCert("Token Per Use", per_use_key_.get());
     hsm_->ImportCertAndKey("Card S", token_cert_.get(), token_key_.get(), "01", "login", k_pin);
     hsm_->ImportCert("Card S", per_use_cert_.get(), "02", "peruse", k_pin);
     hsm_->ImportKey("Card S", per_use_key_.get(), "02", "peruse", k_pin, true);
 
-    file_key_ = SharedKey(KeyKind::kEc, 2);
+    file_key_ = SharedKey(KeyKind::k_ec, 2);
     file_cert_ = MakeClientCert("File Encrypted", file_key_.get());
     InstallFileCert(Base("base"), "enc.pem", file_cert_.get());
     WriteFile(Base("base") / "keys" / "enc.pem.key", KeyToPem(file_key_.get(), k_password.c_str()));

@@ -32,8 +32,8 @@ class HostTokenTest : public HostTest {
     // The token store's working directory, with SoftHSM2 as the module.
     hsm_.emplace();
     hsm_->InitToken("Card A");
-    rsa_key_ = SharedKey(KeyKind::kRsa, 1);
-    ec_key_ = SharedKey(KeyKind::kEc, 1);
+    rsa_key_ = SharedKey(KeyKind::k_rsa, 1);
+    ec_key_ = SharedKey(KeyKind::k_ec, 1);
     token_rsa_ = MakeClientCert("Token RSA", rsa_key_.get());
     token_ec_ = MakeClientCert("Token EC", ec_key_.get());
   }
@@ -68,7 +68,7 @@ class HostTokenTest : public HostTest {
 
 TEST_F(HostTokenTest, FullSessionListsFilesThenTokenAndSignsOnTheTokenAfterOnePin) {
   ImportBoth();
-  TestKey file_key = SharedKey(KeyKind::kEc, 2);
+  TestKey file_key = SharedKey(KeyKind::k_ec, 2);
   TestX509 file_cert = MakeClientCert("File EC", file_key.get());
   TestX509 home_cert = MakeClientCert("Home EC", file_key.get());
   InstallFileCert(Base("direct"), "file.pem", file_cert.get(), file_key.get());
@@ -235,7 +235,7 @@ TEST_F(HostTokenTest, ExportOfACertificateWithoutKeyOnTheTokenGivesEight) {
 TEST_F(HostTokenTest, PssCertificateWithAnRsaKeyOpensButFailsWithSixWhateverTheList) {
   // A card can hold an RSA-PSS certificate beside a plain RSA key: the key
   // opens as RSA, but the certificate's group is "other".
-  TestKey pss_key = MakeKey(KeyKind::kRsaPss);
+  TestKey pss_key = MakeKey(KeyKind::k_rsa_pss);
   CertOptions options;
   options.common_name = "Token PSS";
   options.key_usage = "critical,digitalSignature,keyCertSign";

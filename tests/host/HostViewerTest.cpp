@@ -58,7 +58,7 @@ class HostViewerTest : public HostTest {
     tmp_ = temp_ / "tmp";
     std::filesystem::create_directories(tmp_);
     env_.Set("TMPDIR", tmp_.string());
-    key_ = SharedKey(KeyKind::kEc);
+    key_ = SharedKey(KeyKind::k_ec);
     cert_ = MakeClientCert("Viewer Subject", key_.get());
     InstallFileCert(Base("base"), "viewer.pem", cert_.get(), key_.get());
     Init({Base("base").string()});

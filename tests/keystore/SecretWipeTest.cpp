@@ -47,7 +47,7 @@ class SecretWipeTest : public ::testing::Test {
     SecretWipe::SetObserverForTesting(Observe);
     x509auth_test::ScopedTestEnvironment::LinkModule(tmp_ / "work", OPENSC_MODULE_PATH);
     ASSERT_TRUE(env_.Enter(tmp_ / "work"));
-    key_ = x509auth_test::SharedKey(x509auth_test::KeyKind::kRsa);
+    key_ = x509auth_test::SharedKey(x509auth_test::KeyKind::k_rsa);
     x509auth_test::CertOptions options;
     options.extended_key_usage = "clientAuth";
     cert_ = x509auth_test::MakeCert(options, key_.get());

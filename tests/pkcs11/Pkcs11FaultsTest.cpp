@@ -52,7 +52,7 @@ TEST_F(Pkcs11FaultsTest, InitializeArgumentsAreChecked) {
 }
 
 TEST_F(Pkcs11FaultsTest, AForkedChildMustInitializeAgain) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   const pid_t child = fork();
@@ -87,7 +87,7 @@ TEST_F(Pkcs11FaultsTest, AForkedChildMustInitializeAgain) {
 }
 
 TEST_F(Pkcs11FaultsTest, EveryNullPointerIsArgumentsBad) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   CK_FUNCTION_LIST* f = s.f();
@@ -135,7 +135,7 @@ TEST_F(Pkcs11FaultsTest, EveryNullPointerIsArgumentsBad) {
 }
 
 TEST_F(Pkcs11FaultsTest, UnknownSessionAndObjectHandlesAreInvalid) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   CK_FUNCTION_LIST* f = s.f();
@@ -168,7 +168,7 @@ TEST_F(Pkcs11FaultsTest, UnknownSessionAndObjectHandlesAreInvalid) {
 }
 
 TEST_F(Pkcs11FaultsTest, BuffersTooSmallGetTheLengthAndKeepTheOperation) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   CK_FUNCTION_LIST* f = s.f();
@@ -203,7 +203,7 @@ TEST_F(Pkcs11FaultsTest, BuffersTooSmallGetTheLengthAndKeepTheOperation) {
 }
 
 TEST_F(Pkcs11FaultsTest, ACertificateDeletedBetweenFindingAndSigningFailsTheSignature) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   const CK_OBJECT_HANDLE key = s.One(CKO_PRIVATE_KEY, alice.thumbprint);
@@ -222,7 +222,7 @@ TEST_F(Pkcs11FaultsTest, ACertificateDeletedBetweenFindingAndSigningFailsTheSign
 }
 
 TEST_F(Pkcs11FaultsTest, ConcurrentSessionsOnThreadsAllSign) {
-  const InstalledClient& bob = Install(KeyKind::kEc, "Bob");
+  const InstalledClient& bob = Install(KeyKind::k_ec, "Bob");
   LoadedModule module;
   CK_C_INITIALIZE_ARGS args{};
   args.flags = CKF_OS_LOCKING_OK;

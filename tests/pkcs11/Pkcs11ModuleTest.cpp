@@ -43,8 +43,8 @@ bool PssVerifies(X509* cert, const EVP_MD* md, const Bytes& digest, const Bytes&
 class Pkcs11ModuleTest : public Pkcs11Test {};
 
 TEST_F(Pkcs11ModuleTest, EachCertificateIsACertificatePublicKeyAndPrivateKeySharingTheThumbprintAsId) {
-  const InstalledClient& rsa = Install(KeyKind::kRsa, "Alice");
-  const InstalledClient& ec = Install(KeyKind::kEc, "Bob");
+  const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
+  const InstalledClient& ec = Install(KeyKind::k_ec, "Bob");
   LoadedModule module;
   ModuleSession s(module);
   for (const InstalledClient* client : {&rsa, &ec}) {
@@ -89,7 +89,7 @@ TEST_F(Pkcs11ModuleTest, EachCertificateIsACertificatePublicKeyAndPrivateKeyShar
 }
 
 TEST_F(Pkcs11ModuleTest, CaCertificatesOfEachChainAreAuthorityCertificates) {
-  Install(KeyKind::kRsa, "Alice");
+  Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   std::set<Bytes> values;
@@ -101,8 +101,8 @@ TEST_F(Pkcs11ModuleTest, CaCertificatesOfEachChainAreAuthorityCertificates) {
 }
 
 TEST_F(Pkcs11ModuleTest, SignsWithEveryMechanismVerifiedWithTheCertificatesKey) {
-  const InstalledClient& rsa = Install(KeyKind::kRsa, "Alice");
-  const InstalledClient& ec = Install(KeyKind::kEc, "Bob");
+  const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
+  const InstalledClient& ec = Install(KeyKind::k_ec, "Bob");
   LoadedModule module;
   ModuleSession s(module);
   const CK_OBJECT_HANDLE rsa_key = s.One(CKO_PRIVATE_KEY, rsa.thumbprint);
@@ -138,7 +138,7 @@ TEST_F(Pkcs11ModuleTest, SignsWithEveryMechanismVerifiedWithTheCertificatesKey) 
 }
 
 TEST_F(Pkcs11ModuleTest, MultiPartSigningHashesEveryPart) {
-  const InstalledClient& ec = Install(KeyKind::kEc, "Bob");
+  const InstalledClient& ec = Install(KeyKind::k_ec, "Bob");
   LoadedModule module;
   ModuleSession s(module);
   const CK_OBJECT_HANDLE key = s.One(CKO_PRIVATE_KEY, ec.thumbprint);
@@ -159,7 +159,7 @@ TEST_F(Pkcs11ModuleTest, MultiPartSigningHashesEveryPart) {
 }
 
 TEST_F(Pkcs11ModuleTest, DecryptsPkcs1AndOaepWithSha1) {
-  const InstalledClient& rsa = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   const CK_OBJECT_HANDLE key = s.One(CKO_PRIVATE_KEY, rsa.thumbprint);
@@ -187,8 +187,8 @@ TEST_F(Pkcs11ModuleTest, DecryptsPkcs1AndOaepWithSha1) {
 }
 
 TEST_F(Pkcs11ModuleTest, MechanismsAreRefusedWhereTheyDoNotApply) {
-  const InstalledClient& rsa = Install(KeyKind::kRsa, "Alice");
-  const InstalledClient& ec = Install(KeyKind::kEc, "Bob");
+  const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
+  const InstalledClient& ec = Install(KeyKind::k_ec, "Bob");
   LoadedModule module;
   ModuleSession s(module);
   const CK_OBJECT_HANDLE rsa_key = s.One(CKO_PRIVATE_KEY, rsa.thumbprint);
@@ -219,7 +219,7 @@ TEST_F(Pkcs11ModuleTest, MechanismsAreRefusedWhereTheyDoNotApply) {
 }
 
 TEST_F(Pkcs11ModuleTest, PrivatePartsAreSensitiveAndUnknownAttributesInvalid) {
-  const InstalledClient& rsa = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   const CK_OBJECT_HANDLE key = s.One(CKO_PRIVATE_KEY, rsa.thumbprint);
@@ -237,14 +237,14 @@ TEST_F(Pkcs11ModuleTest, PrivatePartsAreSensitiveAndUnknownAttributesInvalid) {
 }
 
 TEST_F(Pkcs11ModuleTest, ObjectsFollowTheDirectoryAndHandlesAreNeverReused) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   ModuleSession s(module);
   const CK_OBJECT_HANDLE alice_cert = s.One(CKO_CERTIFICATE, alice.thumbprint);
   std::set<CK_OBJECT_HANDLE> before;
   for (CK_OBJECT_HANDLE h : s.Find({})) before.insert(h);
 
-  const InstalledClient& bob = Install(KeyKind::kEc, "Bob");
+  const InstalledClient& bob = Install(KeyKind::k_ec, "Bob");
   const CK_OBJECT_HANDLE bob_cert = s.One(CKO_CERTIFICATE, bob.thumbprint);
   EXPECT_EQ(before.count(bob_cert), 0u);
   EXPECT_EQ(s.One(CKO_CERTIFICATE, alice.thumbprint), alice_cert);  // stable
@@ -255,7 +255,7 @@ TEST_F(Pkcs11ModuleTest, ObjectsFollowTheDirectoryAndHandlesAreNeverReused) {
   EXPECT_EQ(s.f()->C_GetAttributeValue(s.session(), alice_cert, &label, 1), CKR_OBJECT_HANDLE_INVALID);
 
   // A changed certificate is a new object with a new handle.
-  const InstalledClient& carol = Install(KeyKind::kRsa, "Carol");
+  const InstalledClient& carol = Install(KeyKind::k_rsa, "Carol");
   const CK_OBJECT_HANDLE carol_cert = s.One(CKO_CERTIFICATE, carol.thumbprint);
   EXPECT_EQ(before.count(carol_cert), 0u);
   EXPECT_NE(carol_cert, bob_cert);
@@ -265,7 +265,7 @@ TEST_F(Pkcs11ModuleTest, ObjectsFollowTheDirectoryAndHandlesAreNeverReused) {
 }
 
 TEST_F(Pkcs11ModuleTest, LoginIsRequiredOnlyWhenAKeyFileIsEncrypted) {
-  Install(KeyKind::kRsa, "Alice");
+  Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   {
     ModuleSession s(module);
@@ -277,7 +277,7 @@ TEST_F(Pkcs11ModuleTest, LoginIsRequiredOnlyWhenAKeyFileIsEncrypted) {
     EXPECT_EQ(s.Login("anything"), CKR_OK);
     EXPECT_EQ(s.FindClass(CKO_PRIVATE_KEY).size(), 1u);
   }
-  Install(KeyKind::kEc, "Bob", "s3cret");
+  Install(KeyKind::k_ec, "Bob", "s3cret");
   ModuleSession s(module);
   CK_TOKEN_INFO info{};
   ASSERT_EQ(s.f()->C_GetTokenInfo(s.slot(), &info), CKR_OK);
@@ -293,8 +293,8 @@ TEST_F(Pkcs11ModuleTest, LoginIsRequiredOnlyWhenAKeyFileIsEncrypted) {
 }
 
 TEST_F(Pkcs11ModuleTest, ThePinAnswersEveryPromptAndAKeyWithAnotherPasswordFailsWithPinIncorrect) {
-  const InstalledClient& first = Install(KeyKind::kEc, "First", "one");
-  const InstalledClient& second = Install(KeyKind::kRsa, "Second", "two");
+  const InstalledClient& first = Install(KeyKind::k_ec, "First", "one");
+  const InstalledClient& second = Install(KeyKind::k_rsa, "Second", "two");
   LoadedModule module;
   ModuleSession s(module);
   // Either password logs in; the other key then refuses the PIN.
@@ -314,7 +314,7 @@ TEST_F(Pkcs11ModuleTest, ThePinAnswersEveryPromptAndAKeyWithAnotherPasswordFails
 }
 
 TEST_F(Pkcs11ModuleTest, SigningWithoutLoginWhereAKeyAsksIsUserNotLoggedIn) {
-  const InstalledClient& locked = Install(KeyKind::kEc, "Locked", "pw");
+  const InstalledClient& locked = Install(KeyKind::k_ec, "Locked", "pw");
   LoadedModule module;
   ModuleSession s(module);
   // The handle is known from an earlier login; the login is gone since.
@@ -326,7 +326,7 @@ TEST_F(Pkcs11ModuleTest, SigningWithoutLoginWhereAKeyAsksIsUserNotLoggedIn) {
 }
 
 TEST_F(Pkcs11ModuleTest, TokenSerialIsStableForTheSameSettingsAndDiffersForOthers) {
-  Install(KeyKind::kRsa, "Alice");
+  Install(KeyKind::k_rsa, "Alice");
   LoadedModule module;
   auto serial = [&] {
     ModuleSession s(module);
@@ -341,7 +341,7 @@ TEST_F(Pkcs11ModuleTest, TokenSerialIsStableForTheSameSettingsAndDiffersForOther
 }
 
 TEST_F(Pkcs11ModuleTest, SettingsFileIsReadAndTheEnvironmentOverridesIt) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   const std::filesystem::path conf = temp_ / "pkcs11.conf";
   WriteFile(conf, "# settings\ndirs = " + base_.string() + "\nca_files = " + CasFile().string() +
                       "\nhome_dirs =\nlog_level = none\ntoken_certificates = off\n");
@@ -360,7 +360,7 @@ TEST_F(Pkcs11ModuleTest, SettingsFileIsReadAndTheEnvironmentOverridesIt) {
 }
 
 TEST_F(Pkcs11ModuleTest, RefusesToLoadItselfOrP11KitsProxyAsTheTokenModule) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   setenv("X509AUTH_TOKEN_CERTIFICATES", "on", 1);
   for (const std::string& module_path : {ModulePath(), std::string("/usr/lib/x86_64-linux-gnu/p11-kit-proxy.so")}) {
     SCOPED_TRACE(module_path);
@@ -399,8 +399,8 @@ TEST_F(Pkcs11ModuleTest, QuietUnlessTheSettingsAskForLogLines) {
 
 TEST_F(Pkcs11ModuleTest, ThePinNeverReachesTheLogEvenAtDebug) {
   const std::string pin = "Distinctive-Pin-4711";
-  const InstalledClient& locked = Install(KeyKind::kEc, "Locked", pin.c_str());
-  const InstalledClient& other = Install(KeyKind::kRsa, "Other", "another-password");
+  const InstalledClient& locked = Install(KeyKind::k_ec, "Locked", pin.c_str());
+  const InstalledClient& other = Install(KeyKind::k_rsa, "Other", "another-password");
   setenv("X509AUTH_LOG", "debug", 1);
   LoadedModule module;
   testing::internal::CaptureStderr();

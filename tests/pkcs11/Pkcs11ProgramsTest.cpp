@@ -55,8 +55,8 @@ class Pkcs11ProgramsTest : public Pkcs11Test {
 };
 
 TEST_F(Pkcs11ProgramsTest, Pkcs11ToolListsTheSlotTheTokenAndItsObjects) {
-  const InstalledClient& alice = Install(KeyKind::kRsa, "Alice");
-  Install(KeyKind::kEc, "Bob");
+  const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
+  Install(KeyKind::k_ec, "Bob");
   const ChildResult listed = Pkcs11Tool({"-L"});
   ASSERT_EQ(listed.status, 0) << listed.err;
   EXPECT_NE(listed.out.find("token label        : x509auth"), std::string::npos) << listed.out;
@@ -74,8 +74,8 @@ TEST_F(Pkcs11ProgramsTest, Pkcs11ToolListsTheSlotTheTokenAndItsObjects) {
 }
 
 TEST_F(Pkcs11ProgramsTest, Pkcs11ToolSignsWithEveryMechanismAndOpensslVerifies) {
-  const InstalledClient& rsa = Install(KeyKind::kRsa, "Alice");
-  const InstalledClient& ec = Install(KeyKind::kEc, "Bob", "s3cret");
+  const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
+  const InstalledClient& ec = Install(KeyKind::k_ec, "Bob", "s3cret");
   const std::string rsa_pub = PublicKeyFile(rsa);
   const std::string ec_pub = PublicKeyFile(ec);
   const std::string data = File("data", data_);
@@ -124,7 +124,7 @@ TEST_F(Pkcs11ProgramsTest, Pkcs11ToolSignsWithEveryMechanismAndOpensslVerifies) 
 }
 
 TEST_F(Pkcs11ProgramsTest, Pkcs11ToolDecryptsPkcs1AndOaep) {
-  const InstalledClient& rsa = Install(KeyKind::kRsa, "Alice");
+  const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
   const std::string rsa_pub = PublicKeyFile(rsa);
   const std::string data = File("data", std::string("a secret"));
   ASSERT_EQ(Openssl({"pkeyutl", "-encrypt", "-pubin", "-inkey", rsa_pub, "-in", data, "-out", "pkcs1.bin"}).status, 0);
@@ -143,9 +143,9 @@ TEST_F(Pkcs11ProgramsTest, Pkcs11ToolDecryptsPkcs1AndOaep) {
 
 TEST_F(Pkcs11ProgramsTest, P11toolListsCertificatesAndKeysAndTestSignsRsaEcAndPasswordProtectedKeys) {
   if (!HaveProgram("p11tool")) GTEST_SKIP() << "p11tool (gnutls-bin) missing";
-  Install(KeyKind::kRsa, "Alice");
-  Install(KeyKind::kEc, "Bob");
-  Install(KeyKind::kRsa, "Carol", "s3cret", 7);
+  Install(KeyKind::k_rsa, "Alice");
+  Install(KeyKind::k_ec, "Bob");
+  Install(KeyKind::k_rsa, "Carol", "s3cret", 7);
   const std::map<std::string, std::string> pin = {{"GNUTLS_PIN", "s3cret"}};
   const ChildResult certs = Run({"p11tool", "--provider", ModulePath(), "--list-all-certs"});
   ASSERT_EQ(certs.status, 0) << certs.err;
@@ -168,8 +168,8 @@ TEST_F(Pkcs11ProgramsTest, P11toolListsCertificatesAndKeysAndTestSignsRsaEcAndPa
 
 TEST_F(Pkcs11ProgramsTest, NssListsTheCertificatesAndKeysOfTheModuleAddedWithModutil) {
   if (!HaveProgram("modutil") || !HaveProgram("certutil")) GTEST_SKIP() << "libnss3-tools missing";
-  Install(KeyKind::kRsa, "Alice");
-  Install(KeyKind::kEc, "Bob");
+  Install(KeyKind::k_rsa, "Alice");
+  Install(KeyKind::k_ec, "Bob");
   const std::string db = "sql:" + (temp_ / "nssdb").string();
   std::filesystem::create_directories(temp_ / "nssdb");
   ASSERT_EQ(Run({"certutil", "-N", "-d", db, "--empty-password"}).status, 0);

@@ -47,10 +47,10 @@ TEST_F(Pkcs11TlsTest, GnutlsCliCompletesTls13And12HandshakesWithRsaAndEcKeysPlai
   if (!HaveProgram("gnutls-cli")) GTEST_SKIP() << "gnutls-cli (gnutls-bin) missing";
   if (SanitizerRuntimePreloaded())
     GTEST_SKIP() << "gnutls-cli hangs at exit with the sanitizer runtime preloaded, module or not";
-  Install(KeyKind::kRsa, "Alice");
-  Install(KeyKind::kEc, "Bob");
-  Install(KeyKind::kRsa, "Carol", "s3cret", 7);
-  Install(KeyKind::kEc, "Dave", "s3cret", 8);
+  Install(KeyKind::k_rsa, "Alice");
+  Install(KeyKind::k_ec, "Bob");
+  Install(KeyKind::k_rsa, "Carol", "s3cret", 7);
+  Install(KeyKind::k_ec, "Dave", "s3cret", 8);
   for (const char* name : {"Alice", "Bob", "Carol", "Dave"}) {
     for (const char* version : {"TLS1.3", "TLS1.2"}) {
       SCOPED_TRACE(std::string(name) + " " + version);
@@ -69,7 +69,7 @@ TEST_F(Pkcs11TlsTest, GnutlsCliWithAWrongPinCompletesNoHandshake) {
   if (!HaveProgram("gnutls-cli")) GTEST_SKIP() << "gnutls-cli (gnutls-bin) missing";
   if (SanitizerRuntimePreloaded())
     GTEST_SKIP() << "gnutls-cli hangs at exit with the sanitizer runtime preloaded, module or not";
-  Install(KeyKind::kEc, "Dave", "s3cret");
+  Install(KeyKind::k_ec, "Dave", "s3cret");
   auto server = server_.Start(CasFile(), {"-www"});
   ASSERT_NE(server, nullptr);
   const ChildResult client = GnutlsHandshake("Dave", "TLS1.3", "wrong");
@@ -147,8 +147,8 @@ std::string SshPublicKey(const TempDir& temp, EVP_PKEY* key, const std::string& 
 TEST_F(Pkcs11TlsTest, SshLogsInWithRsaAndEcKeysOfTheModule) {
   if (!HaveProgram("ssh") || access("/usr/sbin/sshd", X_OK) != 0) GTEST_SKIP() << "openssh missing";
   if (getuid() != 0) GTEST_SKIP() << "the local sshd runs as root";
-  for (const KeyKind kind : {KeyKind::kRsa, KeyKind::kEc}) {
-    const std::string name = kind == KeyKind::kRsa ? "Alice" : "Bob";
+  for (const KeyKind kind : {KeyKind::k_rsa, KeyKind::k_ec}) {
+    const std::string name = kind == KeyKind::k_rsa ? "Alice" : "Bob";
     SCOPED_TRACE(name);
     std::filesystem::remove_all(base_ / "certs");
     std::filesystem::create_directories(base_ / "certs");

@@ -15,7 +15,7 @@ class Pkcs11TokenCertificatesTest : public Pkcs11Test {
   void SetUp() override {
     X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     Pkcs11Test::SetUp();
-    chain_ = MakeChain(KeyKind::kEc, "Card Holder");
+    chain_ = MakeChain(KeyKind::k_ec, "Card Holder");
     cas_pem_ += CertToPem(chain_.root.get()) + CertToPem(chain_.intermediate.get());
     WriteFile(CasFile(), cas_pem_);
     hsm_.InitToken("Card");

@@ -24,7 +24,7 @@
 namespace x509auth_test {
 
 // How a key file is stored.
-enum class KeyForm { kPem, kDer, kEncrypted };
+enum class KeyForm { k_pem, k_der, k_encrypted };
 inline constexpr const char* k_key_password = "key-file-secret";
 
 class ProviderTest : public ::testing::Test {
@@ -44,7 +44,7 @@ class ProviderTest : public ::testing::Test {
   // base/certs with its key in base/keys (encrypted with |password| when
   // given); both CAs are appended to cas.pem. Returns the thumbprint (hex).
   std::string InstallClient(KeyKind kind, const std::string& name, const char* password = nullptr) {
-    return InstallClientWithKey(kind, name, password != nullptr ? KeyForm::kEncrypted : KeyForm::kPem,
+    return InstallClientWithKey(kind, name, password != nullptr ? KeyForm::k_encrypted : KeyForm::k_pem,
                                 password);
   }
 
@@ -57,9 +57,9 @@ class ProviderTest : public ::testing::Test {
     WriteFile(base_ / "certs" / file, CertToPem(chain.leaf.get()));
     const std::filesystem::path key_file = base_ / "keys" / (file + ".key");
     switch (form) {
-      case KeyForm::kPem: WriteFile(key_file, KeyToPem(chain.leaf_key.get())); break;
-      case KeyForm::kDer: WriteFile(key_file, KeyToDer(chain.leaf_key.get())); break;
-      case KeyForm::kEncrypted:
+      case KeyForm::k_pem: WriteFile(key_file, KeyToPem(chain.leaf_key.get())); break;
+      case KeyForm::k_der: WriteFile(key_file, KeyToDer(chain.leaf_key.get())); break;
+      case KeyForm::k_encrypted:
         WriteFile(key_file,
                   KeyToPem(chain.leaf_key.get(), password != nullptr ? password : k_key_password));
         break;

@@ -173,8 +173,8 @@ class ProviderInProcessTest : public ProviderTest {
 
 
 TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf) {
-  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
-  const std::string ec = InstallClient(KeyKind::kEc, "EC Client");
+  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+  const std::string ec = InstallClient(KeyKind::k_ec, "EC Client");
   auto loaded = Load(base_);
   Answer answer;
   x509auth_openssl::EvpPkeyPtr rsa_key(LoadKey(*loaded, rsa, &answer));
@@ -224,8 +224,8 @@ TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf
 }
 
 TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOthers) {
-  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
-  const std::string ec = InstallClient(KeyKind::kEc, "EC Client");
+  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+  const std::string ec = InstallClient(KeyKind::k_ec, "EC Client");
   auto loaded = Load(base_);
   Answer answer;
   x509auth_openssl::EvpPkeyPtr rsa_key(LoadKey(*loaded, rsa, &answer));
@@ -257,7 +257,7 @@ TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOther
 }
 
 TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
-  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
+  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
   auto loaded = Load(base_);
   Answer answer;
   x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
@@ -274,7 +274,7 @@ TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
 }
 
 TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfTheKey) {
-  const std::string thumbprint = InstallClient(KeyKind::kRsa, "Locked Client", "s3cret");
+  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "Locked Client", "s3cret");
   auto loaded = Load(base_);
   Answer answer{"s3cret"};
   OsslStoreCtxPtr store;
@@ -295,8 +295,8 @@ TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfT
 
 TEST_F(ProviderInProcessTest, SuccessfulOperationsLeaveTheErrorQueueAsTheyFoundIt) {
   // DER key files make the library try PEM first, which queues errors.
-  const std::string rsa = InstallClientWithKey(KeyKind::kRsa, "RSA DER", KeyForm::kDer);
-  const std::string ec = InstallClientWithKey(KeyKind::kEc, "EC DER", KeyForm::kDer);
+  const std::string rsa = InstallClientWithKey(KeyKind::k_rsa, "RSA DER", KeyForm::k_der);
+  const std::string ec = InstallClientWithKey(KeyKind::k_ec, "EC DER", KeyForm::k_der);
   auto loaded = Load(base_);
   Answer answer;
   ERR_clear_error();
@@ -317,7 +317,7 @@ TEST_F(ProviderInProcessTest, SuccessfulOperationsLeaveTheErrorQueueAsTheyFoundI
 }
 
 TEST_F(ProviderInProcessTest, FailureRaisesOneErrorCarryingTheLibrarysLines) {
-  const std::string thumbprint = InstallClient(KeyKind::kEc, "Locked Client", "s3cret");
+  const std::string thumbprint = InstallClient(KeyKind::k_ec, "Locked Client", "s3cret");
   auto loaded = Load(base_);
   Answer answer{"wrong"};
   ERR_clear_error();
@@ -343,7 +343,7 @@ TEST_F(ProviderInProcessTest, FailureRaisesOneErrorCarryingTheLibrarysLines) {
 }
 
 TEST_F(ProviderInProcessTest, WorkingDirectoryNeverChangesWhileTheProviderWorks) {
-  const std::string rsa = InstallClient(KeyKind::kRsa, "RSA Client");
+  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
   setenv("X509AUTH_MODULE", OPENSC_MODULE_PATH, 1);
   auto loaded = Load(base_);
   unsetenv("X509AUTH_MODULE");
@@ -372,7 +372,7 @@ TEST_F(ProviderInProcessTest, WorkingDirectoryNeverChangesWhileTheProviderWorks)
 }
 
 TEST_F(ProviderInProcessTest, WrongPasswordFailsTheKeyLoadWithTheReason) {
-  const std::string thumbprint = InstallClient(KeyKind::kEc, "Locked Client", "s3cret");
+  const std::string thumbprint = InstallClient(KeyKind::k_ec, "Locked Client", "s3cret");
   auto loaded = Load(base_);
   Answer answer{"wrong"};
   x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer));
@@ -384,9 +384,9 @@ TEST_F(ProviderInProcessTest, WrongPasswordFailsTheKeyLoadWithTheReason) {
 
 TEST_F(ProviderInProcessTest, TwoLibraryContextsKeepTheirDirectoriesAndOutliveEachOther) {
   const std::filesystem::path first = base_;
-  const std::string a = InstallClient(KeyKind::kEc, "First Client");
+  const std::string a = InstallClient(KeyKind::k_ec, "First Client");
   base_ = temp_ / "second";
-  const std::string b = InstallClient(KeyKind::kRsa, "Second Client");
+  const std::string b = InstallClient(KeyKind::k_rsa, "Second Client");
   auto one = Load(first);
   auto two = Load(base_);
   Answer answer;

@@ -46,7 +46,7 @@ class ProviderSettingsTest : public ProviderTest {
 };
 
 TEST_F(ProviderSettingsTest, AModulePlantedInTheWorkingDirectoryIsNeverLoaded) {
-  const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Client");
+  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Client");
   std::filesystem::copy_file(PLANTED_MODULE_PATH, work_ / "opensc-pkcs11.so");
   std::filesystem::create_directories(work_ / "bin");
   // Also where the default lookup would go next: "bin" turned into "lib".
@@ -78,7 +78,7 @@ TEST_F(ProviderSettingsTest, Pkcs11ModuleMustBeAnAbsolutePathToAReadableFile) {
 }
 
 TEST_F(ProviderSettingsTest, QuietOnSuccessAndLinesOnStderrWhenAskedFor) {
-  InstallClient(KeyKind::kEc, "EC Client");
+  InstallClient(KeyKind::k_ec, "EC Client");
   const ChildResult quiet = Openssl("storeutl", {"-noout", "x509auth:"});
   EXPECT_EQ(quiet.status, 0);
   EXPECT_EQ(quiet.err, "");
@@ -90,7 +90,7 @@ TEST_F(ProviderSettingsTest, QuietOnSuccessAndLinesOnStderrWhenAskedFor) {
 }
 
 TEST_F(ProviderSettingsTest, CaFilesMayBeDerOrPemWithSeveralCertificates) {
-  Chain chain = MakeChain(KeyKind::kEc, "Chained Client");
+  Chain chain = MakeChain(KeyKind::k_ec, "Chained Client");
   WriteFile(base_ / "certs" / "client.pem", CertToPem(chain.leaf.get()));
   WriteFile(base_ / "keys" / "client.pem.key", KeyToPem(chain.leaf_key.get()));
   // Without the CAs the chain cannot be built and nothing is offered.
@@ -113,7 +113,7 @@ TEST_F(ProviderSettingsTest, CaFilesMayBeDerOrPemWithSeveralCertificates) {
 }
 
 TEST_F(ProviderSettingsTest, HomeDirectoryDefaultsToTheToolsOne) {
-  Chain chain = MakeChain(KeyKind::kEc, "Home Client");
+  Chain chain = MakeChain(KeyKind::k_ec, "Home Client");
   const std::filesystem::path home = temp_ / "home";
   WriteFile(home / ".x509-auth" / "certs" / "home.pem", CertToPem(chain.leaf.get()));
   WriteFile(home / ".x509-auth" / "keys" / "home.pem.key", KeyToPem(chain.leaf_key.get()));
@@ -126,7 +126,7 @@ TEST_F(ProviderSettingsTest, HomeDirectoryDefaultsToTheToolsOne) {
 }
 
 TEST_F(ProviderSettingsTest, PkeyutlPssAndPkcs1SignaturesVerifyWithStockOpenssl) {
-  const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Signer");
+  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Signer");
   WriteFile(work_ / "signer.crt", leaf_certs_["RSA Signer"]);
   WriteFile(work_ / "hash.bin", Bytes(32, 0x42));
   const std::vector<std::vector<std::string>> paddings = {
@@ -174,7 +174,7 @@ class ProviderTokenSettingsTest : public ProviderSettingsTest {
     options.module_link_directory.clear();
     hsm_ = std::make_unique<SoftHsmToken>(options);
     hsm_->InitToken("Card A");
-    rsa_ = MakeChain(KeyKind::kRsa, "Token RSA");
+    rsa_ = MakeChain(KeyKind::k_rsa, "Token RSA");
     hsm_->ImportCertAndKey("Card A", rsa_.leaf.get(), rsa_.leaf_key.get(), "01", "rsa");
     AddCas(rsa_);
     thumbprint_ = LowerHex(Sha1Thumbprint(rsa_.leaf.get()));

@@ -19,7 +19,7 @@ std::size_t Count(const std::string& text, const std::string& what) {
 TEST_F(ProviderTest, PasswordTypedAtOpensslsPromptIsAskedOnceAndServesTheHandshake) {
   if (std::system("command -v tmux > /dev/null") != 0) GTEST_SKIP() << "tmux missing";
   const std::string thumbprint =
-      InstallClientWithKey(KeyKind::kRsa, "Typed Client", KeyForm::kEncrypted);
+      InstallClientWithKey(KeyKind::k_rsa, "Typed Client", KeyForm::k_encrypted);
   auto server = StartReversingServer();
   ASSERT_NE(server, nullptr);
   std::string command = "cd " + TmuxPane::Quote(work_.string()) + " &&";

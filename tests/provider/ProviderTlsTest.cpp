@@ -26,7 +26,7 @@ TEST_P(ProviderDefaultsTest, SClientWithOnlyCertKeyAndPassCompletesTheHandshake)
   auto server = StartReversingServer();
   ASSERT_NE(server, nullptr);
   std::vector<std::string> extra = {c.version};
-  if (c.form == KeyForm::kEncrypted)
+  if (c.form == KeyForm::k_encrypted)
     extra.insert(extra.end(), {"-pass", std::string("pass:") + k_key_password});
   const ChildResult client = SendLine(thumbprint, extra);
   EXPECT_EQ(client.status, 0) << client.err;
@@ -39,7 +39,7 @@ TEST_P(ProviderDefaultsTest, SClientWithOnlyCertKeyAndPassCompletesTheHandshake)
   // Quiet by default: nothing of the library's reaches stderr.
   EXPECT_EQ(client.err.find("x509auth:"), std::string::npos) << client.err;
   EXPECT_TRUE(ServerVerified(*server, "Client")) << server->Output();
-  if (c.kind == KeyKind::kRsa) {
+  if (c.kind == KeyKind::k_rsa) {
     EXPECT_NE(server->Output().find("RSA-PSS"), std::string::npos) << server->Output();
   }
 }
@@ -47,22 +47,22 @@ TEST_P(ProviderDefaultsTest, SClientWithOnlyCertKeyAndPassCompletesTheHandshake)
 INSTANTIATE_TEST_SUITE_P(
     EveryFileKey, ProviderDefaultsTest,
     ::testing::Values(
-        DefaultsCase{KeyKind::kRsa, KeyForm::kPem, "-tls1_3", "RsaPemTls13"},
-        DefaultsCase{KeyKind::kRsa, KeyForm::kPem, "-tls1_2", "RsaPemTls12"},
-        DefaultsCase{KeyKind::kRsa, KeyForm::kDer, "-tls1_3", "RsaDerTls13"},
-        DefaultsCase{KeyKind::kRsa, KeyForm::kDer, "-tls1_2", "RsaDerTls12"},
-        DefaultsCase{KeyKind::kRsa, KeyForm::kEncrypted, "-tls1_3", "RsaEncryptedTls13"},
-        DefaultsCase{KeyKind::kRsa, KeyForm::kEncrypted, "-tls1_2", "RsaEncryptedTls12"},
-        DefaultsCase{KeyKind::kEc, KeyForm::kPem, "-tls1_3", "EcPemTls13"},
-        DefaultsCase{KeyKind::kEc, KeyForm::kPem, "-tls1_2", "EcPemTls12"},
-        DefaultsCase{KeyKind::kEc, KeyForm::kDer, "-tls1_3", "EcDerTls13"},
-        DefaultsCase{KeyKind::kEc, KeyForm::kDer, "-tls1_2", "EcDerTls12"},
-        DefaultsCase{KeyKind::kEc, KeyForm::kEncrypted, "-tls1_3", "EcEncryptedTls13"},
-        DefaultsCase{KeyKind::kEc, KeyForm::kEncrypted, "-tls1_2", "EcEncryptedTls12"}),
+        DefaultsCase{KeyKind::k_rsa, KeyForm::k_pem, "-tls1_3", "RsaPemTls13"},
+        DefaultsCase{KeyKind::k_rsa, KeyForm::k_pem, "-tls1_2", "RsaPemTls12"},
+        DefaultsCase{KeyKind::k_rsa, KeyForm::k_der, "-tls1_3", "RsaDerTls13"},
+        DefaultsCase{KeyKind::k_rsa, KeyForm::k_der, "-tls1_2", "RsaDerTls12"},
+        DefaultsCase{KeyKind::k_rsa, KeyForm::k_encrypted, "-tls1_3", "RsaEncryptedTls13"},
+        DefaultsCase{KeyKind::k_rsa, KeyForm::k_encrypted, "-tls1_2", "RsaEncryptedTls12"},
+        DefaultsCase{KeyKind::k_ec, KeyForm::k_pem, "-tls1_3", "EcPemTls13"},
+        DefaultsCase{KeyKind::k_ec, KeyForm::k_pem, "-tls1_2", "EcPemTls12"},
+        DefaultsCase{KeyKind::k_ec, KeyForm::k_der, "-tls1_3", "EcDerTls13"},
+        DefaultsCase{KeyKind::k_ec, KeyForm::k_der, "-tls1_2", "EcDerTls12"},
+        DefaultsCase{KeyKind::k_ec, KeyForm::k_encrypted, "-tls1_3", "EcEncryptedTls13"},
+        DefaultsCase{KeyKind::k_ec, KeyForm::k_encrypted, "-tls1_2", "EcEncryptedTls12"}),
     [](const ::testing::TestParamInfo<DefaultsCase>& info) { return std::string(info.param.name); });
 
 TEST_F(ProviderTest, RsaPkcs1SignatureSchemesStillWorkWhenTheClientAsksForThem) {
-  const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Client");
+  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Client");
   auto server = StartServer(CasFile());
   ASSERT_NE(server, nullptr);
   const ChildResult client =
@@ -72,7 +72,7 @@ TEST_F(ProviderTest, RsaPkcs1SignatureSchemesStillWorkWhenTheClientAsksForThem) 
 }
 
 TEST_F(ProviderTest, ServerThatDoesNotTrustTheIssuerRejectsTheHandshake) {
-  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
+  const std::string thumbprint = InstallClient(KeyKind::k_ec, "EC Client");
   // A CA the client's chain has nothing to do with: the server cannot
   // verify the client with it.
   WriteUnrelatedCa(temp_ / "other-ca.pem");
@@ -85,7 +85,7 @@ TEST_F(ProviderTest, ServerThatDoesNotTrustTheIssuerRejectsTheHandshake) {
 }
 
 TEST_F(ProviderTest, UnknownThumbprintFailsBeforeConnectingWithTheThumbprintNamed) {
-  InstallClient(KeyKind::kEc, "EC Client");
+  InstallClient(KeyKind::k_ec, "EC Client");
   const std::string unknown(40, 'a');
   auto server = StartServer(CasFile());
   ASSERT_NE(server, nullptr);

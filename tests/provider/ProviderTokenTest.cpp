@@ -19,8 +19,8 @@ class ProviderTokenTest : public ProviderTest {
     hsm_ = std::make_unique<SoftHsmToken>(options);
     env_override_["X509AUTH_MODULE"] = SoftHsmToken::ModulePath().string();
     hsm_->InitToken("Card A");
-    rsa_ = MakeChain(KeyKind::kRsa, "Token RSA");
-    ec_ = MakeChain(KeyKind::kEc, "Token EC");
+    rsa_ = MakeChain(KeyKind::k_rsa, "Token RSA");
+    ec_ = MakeChain(KeyKind::k_ec, "Token EC");
     hsm_->ImportCertAndKey("Card A", rsa_.leaf.get(), rsa_.leaf_key.get(), "01", "rsa");
     hsm_->ImportCertAndKey("Card A", ec_.leaf.get(), ec_.leaf_key.get(), "02", "ec");
     AddCas(rsa_);

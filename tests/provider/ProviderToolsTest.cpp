@@ -21,8 +21,8 @@ class ProviderPkeyutlTest : public ProviderTest {
 };
 
 TEST_F(ProviderPkeyutlTest, SignThroughProviderVerifiesWithProviderAndWithCertificate) {
-  for (KeyKind kind : {KeyKind::kRsa, KeyKind::kEc}) {
-    const std::string name = kind == KeyKind::kRsa ? "RSA Signer" : "EC Signer";
+  for (KeyKind kind : {KeyKind::k_rsa, KeyKind::k_ec}) {
+    const std::string name = kind == KeyKind::k_rsa ? "RSA Signer" : "EC Signer";
     const std::string thumbprint = InstallClient(kind, name);
     const std::string sig = name + ".sig";
     ChildResult signed_ = Openssl("pkeyutl", {"-sign", "-inkey", Uri(thumbprint), "-in", "hash.bin",
@@ -50,7 +50,7 @@ TEST_F(ProviderPkeyutlTest, SignThroughProviderVerifiesWithProviderAndWithCertif
 }
 
 TEST_F(ProviderPkeyutlTest, EncryptAndDecryptRoundTripsWithPkcs1AndOaep) {
-  const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Decrypter");
+  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Decrypter");
   WriteFile(work_ / "decrypter.crt", leaf_certs_["RSA Decrypter"]);
   WriteFile(work_ / "secret.txt", std::string("a session key, say"));
   for (const std::string padding : {"pkcs1", "oaep"}) {
@@ -76,7 +76,7 @@ TEST_F(ProviderPkeyutlTest, EncryptAndDecryptRoundTripsWithPkcs1AndOaep) {
 }
 
 TEST_F(ProviderPkeyutlTest, OaepWithAnotherDigestIsRefusedClearly) {
-  const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Decrypter");
+  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Decrypter");
   WriteFile(work_ / "secret.txt", std::string("x"));
   const ChildResult decrypted = Openssl(
       "pkeyutl", {"-decrypt", "-inkey", Uri(thumbprint), "-in", "secret.txt", "-pkeyopt",
@@ -87,8 +87,8 @@ TEST_F(ProviderPkeyutlTest, OaepWithAnotherDigestIsRefusedClearly) {
 }
 
 TEST_F(ProviderTest, StoreutlListsEveryOfferedCertificate) {
-  InstallClient(KeyKind::kRsa, "First Client");
-  InstallClient(KeyKind::kEc, "Second Client");
+  InstallClient(KeyKind::k_rsa, "First Client");
+  InstallClient(KeyKind::k_ec, "Second Client");
   const ChildResult listed = Openssl("storeutl", {"-noout", "-text", "x509auth:"});
   EXPECT_EQ(listed.status, 0) << listed.err;
   EXPECT_NE(listed.out.find("Total found: 2"), std::string::npos) << listed.out;
@@ -97,14 +97,14 @@ TEST_F(ProviderTest, StoreutlListsEveryOfferedCertificate) {
 }
 
 TEST_F(ProviderTest, StoreRefusesAnUnrecognisedUri) {
-  InstallClient(KeyKind::kEc, "EC Client");
+  InstallClient(KeyKind::k_ec, "EC Client");
   const ChildResult listed = Openssl("storeutl", {"-noout", "x509auth:subject=EC Client"});
   EXPECT_NE(listed.status, 0);
   EXPECT_NE(listed.err.find("unrecognised x509auth URI"), std::string::npos) << listed.err;
 }
 
 TEST_F(ProviderTest, OpensslCnfSectionLoadsTheProviderWithItsSettings) {
-  InstallClient(KeyKind::kEc, "Configured Client");
+  InstallClient(KeyKind::k_ec, "Configured Client");
   const std::filesystem::path cnf = temp_ / "openssl.cnf";
   std::ofstream(cnf) << "openssl_conf = openssl_init\n"
                         "[openssl_init]\nproviders = provider_sect\n"

@@ -90,7 +90,7 @@ TEST_F(Libp11ContextTest, ModuleIsFoundInLibDirectoryBesideBinWorkingDirectory) 
   ASSERT_EQ(hsm.Root().string().find("bin"), std::string::npos);
   ASSERT_FALSE(std::filesystem::exists("./opensc-pkcs11.so"));
   hsm.InitToken("Card A");
-  Chain chain = MakeChain(KeyKind::kRsa, "Bin Leaf");
+  Chain chain = MakeChain(KeyKind::k_rsa, "Bin Leaf");
   hsm.ImportCertAndKey("Card A", chain.leaf.get(), chain.leaf_key.get(), "01", "leaf");
   std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
   std::vector<CertAndSlot> certs;
@@ -151,7 +151,7 @@ TEST_F(Libp11ContextTest, UninitialisedSoftHsmTokenIsReportedAsFailedEnumeration
   X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
-  Chain chain = MakeChain(KeyKind::kEc, "Only Leaf");
+  Chain chain = MakeChain(KeyKind::k_ec, "Only Leaf");
   hsm.ImportCert("Card A", chain.leaf.get(), "01", "leaf");
   std::shared_ptr<Libp11Context> context = Libp11Context::GetInstance();
   std::vector<CertAndSlot> certs;
@@ -172,9 +172,9 @@ TEST_F(Libp11ContextTest, TwoTokensAreListedInTokenOrderAfterEntriesAlreadyInThe
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
   hsm.InitToken("Card B");
-  TestKey rsa_key = SharedKey(KeyKind::kRsa);
-  TestKey ec_key = SharedKey(KeyKind::kEc);
-  TestKey ec_key_b = SharedKey(KeyKind::kEc, 1);
+  TestKey rsa_key = SharedKey(KeyKind::k_rsa);
+  TestKey ec_key = SharedKey(KeyKind::k_ec);
+  TestKey ec_key_b = SharedKey(KeyKind::k_ec, 1);
   TestX509 rsa_cert = MakeCert(Named("RSA on A"), rsa_key.get());
   TestX509 ec_cert = MakeCert(Named("EC on A"), ec_key.get());
   TestX509 b_cert = MakeCert(Named("EC on B"), ec_key_b.get());
@@ -246,7 +246,7 @@ TEST_F(Libp11ContextTest, GetInstanceSharesTheLiveInstanceAndMakesAFreshOneAfter
   X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
-  TestKey key = SharedKey(KeyKind::kEc);
+  TestKey key = SharedKey(KeyKind::k_ec);
   TestX509 a_cert = MakeCert(Named("On A"), key.get());
   TestX509 b_cert = MakeCert(Named("On B"), key.get());
   hsm.ImportCert("Card A", a_cert.get(), "01", "a");

@@ -43,11 +43,11 @@ class Libp11LoginHandlerTest : public SmartcardTest {
   // and its key, listed by a fresh context; the recorder starts empty.
   void MakeTokens(bool second = false) {
     hsm_.InitToken("Card A");
-    TestKey key = SharedKey(KeyKind::kRsa);
+    TestKey key = SharedKey(KeyKind::k_rsa);
     TestX509 cert = MakeCert(Named("Login Leaf"), key.get());
     hsm_.ImportCertAndKey("Card A", cert.get(), key.get(), "01", "leaf");
     if (second) {
-      TestKey ec_key = SharedKey(KeyKind::kEc);
+      TestKey ec_key = SharedKey(KeyKind::k_ec);
       TestX509 ec_cert = MakeCert(Named("Login Leaf B"), ec_key.get());
       hsm_.InitToken("Card B", "4321");
       hsm_.ImportCertAndKey("Card B", ec_cert.get(), ec_key.get(), "02", "leaf b", "4321");

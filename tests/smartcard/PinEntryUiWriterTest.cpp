@@ -199,7 +199,7 @@ TEST_F(PinEntryUiWriterTest, Libp11AsksTheHostThroughTheContextWhenAKeyNeedsTheP
   X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Card A");
-  TestKey key = SharedKey(KeyKind::kRsa);
+  TestKey key = SharedKey(KeyKind::k_rsa);
   TestX509 cert = MakeCert(Named("Always Auth"), key.get());
   hsm.ImportCert("Card A", cert.get(), "01", "signer");
   hsm.ImportKey("Card A", key.get(), "01", "signer", SoftHsmToken::k_default_pin, true);

@@ -32,7 +32,7 @@ class Pkcs11SessionProbeTest : public SmartcardTest {
 
   void ListTokens() {
     hsm_.InitToken("Card A");
-    TestKey key = SharedKey(KeyKind::kEc);
+    TestKey key = SharedKey(KeyKind::k_ec);
     cert_ = MakeCert(Named("Probe Leaf"), key.get());
     hsm_.ImportCertAndKey("Card A", cert_.get(), key.get(), "01", "leaf");
     context_ = Libp11Context::GetInstance();

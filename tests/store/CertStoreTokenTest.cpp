@@ -19,7 +19,7 @@ class TokenStoreTest : public StoreTest {
   void SetUp() override {
     X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     alarm(120);
-    SetUpWith(Module::kSoftHsm);
+    SetUpWith(Module::k_softhsm);
     hsm_->InitToken("Card A");
   }
   void TearDown() override {
@@ -135,7 +135,7 @@ TEST_F(TokenStoreTest, FindThumbprintPrefersTokenOverAddedCertificate) {
 }
 
 TEST_F(TokenStoreTest, TokenLeafChainsThroughFileCas) {
-  x509auth_test::Chain pki = x509auth_test::MakeChain(x509auth_test::KeyKind::kEc);
+  x509auth_test::Chain pki = x509auth_test::MakeChain(x509auth_test::KeyKind::k_ec);
   x509auth_test::InstallFileCert(tmp_ / "base", "root.pem", pki.root.get());
   x509auth_test::InstallFileCert(tmp_ / "base", "intermediate.pem", pki.intermediate.get());
   SetBaseDirectories({(tmp_ / "base").string()}, {});

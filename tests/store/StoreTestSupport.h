@@ -57,9 +57,9 @@ inline bool StoreHolds(X509_STORE* store, X509* cert) {
 // temporary directory, and a working directory chosen by the module option.
 class StoreTest : public ::testing::Test {
  protected:
-  enum class Module { kOpenSc, kSoftHsm, kNone };
+  enum class Module { k_opensc, k_softhsm, k_none };
 
-  void SetUp() override { SetUpWith(Module::kOpenSc); }
+  void SetUp() override { SetUpWith(Module::k_opensc); }
 
   void SetUpWith(Module module) {
     recorder_ = &x509auth_test::RecordingCallbacks::GetInstance();
@@ -70,8 +70,8 @@ class StoreTest : public ::testing::Test {
     env_->Set("HOME", (tmp_ / "home").string());
     fs::create_directories(tmp_ / "home");
     x509auth_test::SoftHsmToken::Options options;
-    if (module == Module::kOpenSc) options.module_link_target = OPENSC_MODULE_PATH;
-    if (module == Module::kNone) options.module_link_directory.clear();
+    if (module == Module::k_opensc) options.module_link_target = OPENSC_MODULE_PATH;
+    if (module == Module::k_none) options.module_link_directory.clear();
     hsm_ = std::make_unique<x509auth_test::SoftHsmToken>(options);
   }
 
@@ -84,7 +84,7 @@ class StoreTest : public ::testing::Test {
   // A self-signed certificate with its own common name.
   static x509auth_test::TestX509 NamedCert(const std::string& name, int key_index = 0) {
     x509auth_test::TestKey key =
-        x509auth_test::SharedKey(x509auth_test::KeyKind::kEc, key_index);
+        x509auth_test::SharedKey(x509auth_test::KeyKind::k_ec, key_index);
     x509auth_test::CertOptions options;
     options.common_name = name;
     return x509auth_test::MakeCert(options, key.get());

@@ -97,14 +97,14 @@ class LifecycleStressTest : public ::testing::Test {
     X509AUTH_SKIP_WITHOUT_SOFTHSM2();
     hsm_.emplace();
     hsm_->InitToken("Stress");
-    token_key_ = SharedKey(KeyKind::kEc, 1);
+    token_key_ = SharedKey(KeyKind::k_ec, 1);
     CertOptions token_options;
     token_options.common_name = "Token Stress";
     token_options.extended_key_usage = "clientAuth";
     token_cert_ = MakeCert(token_options, token_key_.get());
     hsm_->ImportCertAndKey("Stress", token_cert_.get(), token_key_.get(), "01", "stress");
     // Self-signed: its chain is itself, verified afresh each round.
-    file_key_ = SharedKey(KeyKind::kRsa, 2);
+    file_key_ = SharedKey(KeyKind::k_rsa, 2);
     base_ = hsm_->Root() / "base";
     CertOptions leaf_options;
     leaf_options.common_name = "File Stress";

@@ -57,17 +57,17 @@ void SetTime(ASN1_TIME* field, const std::string& text, long default_offset_days
 TestKey MakeKey(KeyKind kind) {
   EVP_PKEY* key = nullptr;
   switch (kind) {
-    case KeyKind::kRsa:
-    case KeyKind::kRsaPss: {
+    case KeyKind::k_rsa:
+    case KeyKind::k_rsa_pss: {
       std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
-          EVP_PKEY_CTX_new_id(kind == KeyKind::kRsa ? EVP_PKEY_RSA : EVP_PKEY_RSA_PSS, nullptr),
+          EVP_PKEY_CTX_new_id(kind == KeyKind::k_rsa ? EVP_PKEY_RSA : EVP_PKEY_RSA_PSS, nullptr),
           &EVP_PKEY_CTX_free);
       Check(ctx && EVP_PKEY_keygen_init(ctx.get()) > 0, "rsa keygen init");
       Check(EVP_PKEY_CTX_set_rsa_keygen_bits(ctx.get(), 2048) > 0, "rsa bits");
       Check(EVP_PKEY_keygen(ctx.get(), &key) > 0, "rsa keygen");
       break;
     }
-    case KeyKind::kEc: {
+    case KeyKind::k_ec: {
       std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
           EVP_PKEY_CTX_new_id(EVP_PKEY_EC, nullptr), &EVP_PKEY_CTX_free);
       Check(ctx && EVP_PKEY_keygen_init(ctx.get()) > 0, "ec keygen init");
@@ -76,7 +76,7 @@ TestKey MakeKey(KeyKind kind) {
       Check(EVP_PKEY_keygen(ctx.get(), &key) > 0, "ec keygen");
       break;
     }
-    case KeyKind::kEd25519: {
+    case KeyKind::k_ed25519: {
       std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
           EVP_PKEY_CTX_new_id(EVP_PKEY_ED25519, nullptr), &EVP_PKEY_CTX_free);
       Check(ctx && EVP_PKEY_keygen_init(ctx.get()) > 0, "ed25519 keygen init");
@@ -141,8 +141,8 @@ TestX509 MakeCert(const CertOptions& options, EVP_PKEY* subject_key, X509* issue
 
 Chain MakeChain(KeyKind leaf_kind, const std::string& leaf_name) {
   Chain chain;
-  chain.root_key = SharedKey(KeyKind::kRsa, 100);
-  chain.intermediate_key = SharedKey(KeyKind::kRsa, 101);
+  chain.root_key = SharedKey(KeyKind::k_rsa, 100);
+  chain.intermediate_key = SharedKey(KeyKind::k_rsa, 101);
   chain.leaf_key = SharedKey(leaf_kind, 102);
   CertOptions root;
   root.common_name = "Test Root CA";
@@ -157,7 +157,7 @@ Chain MakeChain(KeyKind leaf_kind, const std::string& leaf_name) {
   leaf.common_name = leaf_name;
   leaf.key_usage = "critical,digitalSignature,keyEncipherment";
   leaf.extended_key_usage = "clientAuth";
-  if (leaf_kind == KeyKind::kEc) leaf.key_usage = "critical,digitalSignature";
+  if (leaf_kind == KeyKind::k_ec) leaf.key_usage = "critical,digitalSignature";
   chain.leaf = MakeCert(leaf, chain.leaf_key.get(), chain.intermediate.get(),
                         chain.intermediate_key.get());
   return chain;

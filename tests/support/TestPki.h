@@ -25,7 +25,7 @@ using TestX509 = x509auth_openssl::X509Ptr;
 using TestKey = x509auth_openssl::EvpPkeyPtr;
 using Bytes = std::vector<unsigned char>;
 
-enum class KeyKind { kRsa, kEc, kRsaPss, kEd25519 };
+enum class KeyKind { k_rsa, k_ec, k_rsa_pss, k_ed25519 };
 
 // A fresh key. RSA keys are 2048 bits, EC keys P-256.
 TestKey MakeKey(KeyKind kind);
@@ -60,7 +60,7 @@ struct Chain {
   TestKey root_key, intermediate_key, leaf_key;
   TestX509 root, intermediate, leaf;
 };
-Chain MakeChain(KeyKind leaf_kind = KeyKind::kRsa, const std::string& leaf_name = "Test Leaf");
+Chain MakeChain(KeyKind leaf_kind = KeyKind::k_rsa, const std::string& leaf_name = "Test Leaf");
 
 std::string CertToPem(X509* cert);
 // PEM texts of a certificate made by |make| for each name, all of one length,

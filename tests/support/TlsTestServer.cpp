@@ -10,7 +10,7 @@
 namespace x509auth_test {
 
 TlsTestServer::TlsTestServer(std::filesystem::path directory) : directory_(std::move(directory)) {
-  TestKey key = SharedKey(KeyKind::kEc, 7);
+  TestKey key = SharedKey(KeyKind::k_ec, 7);
   CertOptions options;
   options.common_name = "localhost";
   options.extended_key_usage = "serverAuth";
@@ -45,7 +45,7 @@ bool TlsTestServer::Verified(BackgroundChild& server, const std::string& name) {
 }
 
 void WriteUnrelatedCa(const std::filesystem::path& file) {
-  TestKey key = MakeKey(KeyKind::kEc);
+  TestKey key = MakeKey(KeyKind::k_ec);
   CertOptions options;
   options.common_name = "Unrelated CA";
   options.is_ca = true;

@@ -10,7 +10,7 @@ namespace {
 class ChainCommandTest : public ToolTest {};
 
 TEST_F(ChainCommandTest, ListsLeafIntermediateAndRootWithSubjectsAndWritesThemAsPem) {
-  Chain chain = MakeChain(KeyKind::kRsa, "Chain Leaf");
+  Chain chain = MakeChain(KeyKind::k_rsa, "Chain Leaf");
   InstallFileCert(Base("b"), "leaf.pem", chain.leaf.get(), chain.leaf_key.get());
   WriteFile(temp_ / "root.pem", CertToPem(chain.root.get()));
   WriteFile(temp_ / "intermediate.pem", CertToPem(chain.intermediate.get()));
@@ -49,7 +49,7 @@ TEST_F(ChainCommandTest, ListsLeafIntermediateAndRootWithSubjectsAndWritesThemAs
 }
 
 TEST_F(ChainCommandTest, SelfSignedCertificateIsItsOwnChain) {
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 cert = ClientCert("Alone", ec.get());
   InstallFileCert(Base("b"), "alone.pem", cert.get(), ec.get());
   const std::string thumb = HexOf(Sha1Thumbprint(cert.get()));

@@ -30,7 +30,7 @@ class ClearAnswersTest : public ToolTest {
 };
 
 TEST_F(ClearAnswersTest, BaseDirectoryThatCannotBeOneIsWarnedAbout) {
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Present", ec.get());
   InstallFileCert(Base("b"), "present.pem", cert.get(), ec.get());
   WriteFile(Base("file"), std::string("a file\n"));
@@ -52,7 +52,7 @@ TEST_F(ClearAnswersTest, BaseDirectoryThatCannotBeOneIsWarnedAbout) {
 }
 
 TEST_F(ClearAnswersTest, CertificateThatExistsButIsNotOfferedIsNamedWithTheReason) {
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 expired = ClientCert("Old One", ec.get(), "20000101000000Z", "20010101000000Z");
   InstallFileCert(Base("b"), "old.pem", expired.get(), ec.get());
   CertOptions server_only;
@@ -90,8 +90,8 @@ TEST_F(ClearAnswersTest, CertificateThatExistsButIsNotOfferedIsNamedWithTheReaso
 }
 
 TEST_F(ClearAnswersTest, DoctorSaysDuplicateAndKeyStatesAndListMarksThem) {
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
-  TestKey other = SharedKey(KeyKind::kEc, 2);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  TestKey other = SharedKey(KeyKind::k_ec, 2);
   TestX509 twice = ClientCert("Twice", ec.get());
   InstallFileCert(Base("b"), "a.pem", twice.get(), ec.get());
   InstallFileCert(Base("b"), "b.der", twice.get(), ec.get(), /*der=*/true);
@@ -139,7 +139,7 @@ TEST_F(ClearAnswersTest, DoctorSaysDuplicateAndKeyStatesAndListMarksThem) {
 TEST_F(ClearAnswersTest, DoctorSaysUnreadableWithTheSystemsReason) {
   // Root reads anything: the tool runs as nobody, on material nobody owns
   // except for what it must not read.
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Hidden", ec.get());
   InstallFileCert(Base("b"), "hidden.pem", cert.get(), ec.get());
   InstallFileCert(Base("c"), "c.pem", cert.get(), ec.get());
@@ -199,7 +199,7 @@ TEST_F(ClearAnswersTest, UnknownCommandsHelpAndOptionLabels) {
 }
 
 TEST_F(ClearAnswersTest, SignPssIsVerifiedWithThePublicKeyAndRefusedForEc) {
-  TestKey rsa = SharedKey(KeyKind::kRsa, 1);
+  TestKey rsa = SharedKey(KeyKind::k_rsa, 1);
   TestX509 cert = ClientCert("PSS Signer", rsa.get());
   InstallFileCert(Base("b"), "rsa.pem", cert.get(), rsa.get());
   ToolRun run({"--dir", Base("b").string(), "sign", Thumb(cert.get()), "--pss", "--hash", "sha384"});
@@ -220,7 +220,7 @@ TEST_F(ClearAnswersTest, SignPssIsVerifiedWithThePublicKeyAndRefusedForEc) {
   EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx.get(), RSA_PSS_SALTLEN_DIGEST);
   EXPECT_EQ(EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size()), 1);
 
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 ec_cert = ClientCert("EC Signer", ec.get());
   InstallFileCert(Base("b"), "ec.pem", ec_cert.get(), ec.get());
   const ToolResult refused = RunTool({"--dir", Base("b").string(), "sign", Thumb(ec_cert.get()), "--pss",

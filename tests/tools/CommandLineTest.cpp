@@ -68,7 +68,7 @@ TEST_F(CommandLineTest, VersionNamesToolAndLibraryApiVersion) {
 }
 
 TEST_F(CommandLineTest, GlobalOptionsWorkAfterTheCommandToo) {
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 cert = ClientCert("After", ec.get());
   InstallFileCert(Base("b"), "after.pem", cert.get(), ec.get());
   const ToolResult result = RunTool({"list", "--json", "--dir", Base("b").string()});
@@ -77,7 +77,7 @@ TEST_F(CommandLineTest, GlobalOptionsWorkAfterTheCommandToo) {
 }
 
 TEST_F(CommandLineTest, UnknownPrefixFailsAndListsTheOfferedCertificates) {
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 cert = ClientCert("Only One", ec.get());
   InstallFileCert(Base("b"), "one.pem", cert.get(), ec.get());
   const std::string thumb = HexOf(Sha1Thumbprint(cert.get()));
@@ -96,7 +96,7 @@ TEST_F(CommandLineTest, AmbiguousPrefixFailsAndListsBothCandidates) {
   // share their first six digits (about 5000 on average: a birthday
   // collision in 24 bits). One certificate object is renamed and re-signed
   // each round, which keeps this fast under the sanitizers too.
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 cert = ClientCert("Twin", ec.get());
   std::map<std::string, Bytes> by_prefix;
   Bytes first_der, second_der;
@@ -154,7 +154,7 @@ TEST_F(CommandLineTest, AmbiguousPrefixFailsAndListsBothCandidates) {
 TEST_F(CommandLineTest, LibraryLinesAreEvidenceUnderTheFailureAllWithVNoneWithQ) {
   // A certificate file whose key file is missing: signing fails with the
   // library's error lines, after its trace lines at priority 2.
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 cert = ClientCert("Loud", ec.get());
   InstallFileCert(Base("b"), "loud.pem", cert.get());
   const std::string thumb = HexOf(Sha1Thumbprint(cert.get()));

@@ -16,8 +16,8 @@ class DecryptShowTest : public ToolTest {
  protected:
   void SetUp() override {
     ToolTest::SetUp();
-    rsa_ = SharedKey(KeyKind::kRsa, 0);
-    ec_ = SharedKey(KeyKind::kEc, 0);
+    rsa_ = SharedKey(KeyKind::k_rsa, 0);
+    ec_ = SharedKey(KeyKind::k_ec, 0);
     rsa_cert_ = ClientCert("Decrypter RSA", rsa_.get());
     ec_cert_ = ClientCert("Decrypter EC", ec_.get());
     InstallFileCert(Base("b"), "rsa.pem", rsa_cert_.get(), rsa_.get());

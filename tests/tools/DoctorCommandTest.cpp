@@ -40,9 +40,9 @@ class DoctorCommandTest : public ToolTest {
 TEST_F(DoctorCommandTest, EveryReasonAndKeyStateOnGeneratedMaterialAgreesWithList) {
   const std::filesystem::path base = Base("b");
   const std::filesystem::path certs = base / "certs", keys = base / "keys";
-  TestKey rsa = SharedKey(KeyKind::kRsa, 0);
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
-  TestKey other_ec = SharedKey(KeyKind::kEc, 1);
+  TestKey rsa = SharedKey(KeyKind::k_rsa, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
+  TestKey other_ec = SharedKey(KeyKind::k_ec, 1);
 
   // Offered, with each key state.
   TestX509 plain = ClientCert("Plain RSA", rsa.get());
@@ -74,7 +74,7 @@ TEST_F(DoctorCommandTest, EveryReasonAndKeyStateOnGeneratedMaterialAgreesWithLis
   server_only.key_usage = "critical,keyEncipherment";
   TestX509 server = MakeCert(server_only, ec.get());
   InstallFileCert(base, "server.pem", server.get(), ec.get());
-  Chain unknown_ca = MakeChain(KeyKind::kEc, "Unknown Issuer");
+  Chain unknown_ca = MakeChain(KeyKind::k_ec, "Unknown Issuer");
   InstallFileCert(base, "orphan.pem", unknown_ca.leaf.get(), unknown_ca.leaf_key.get());
   TestX509 expired = ClientCert("Expired", ec.get(), "20000101000000Z", "20010101000000Z");
   InstallFileCert(base, "expired.pem", expired.get(), ec.get());
@@ -153,7 +153,7 @@ TEST_F(DoctorCommandTest, EveryReasonAndKeyStateOnGeneratedMaterialAgreesWithLis
 }
 
 TEST_F(DoctorCommandTest, HumanReportNamesEachEntryItsReasonsAndASummary) {
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 good = ClientCert("Good One", ec.get());
   InstallFileCert(Base("b"), "good.pem", good.get(), ec.get());
   WriteFile(Base("b") / "certs" / "readme.txt", std::string("hello\n"));
@@ -183,8 +183,8 @@ TEST_F(DoctorCommandTest, TokenCertificatesAreReportedAndAgreeWithList) {
   X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Doctor Card");
-  TestKey rsa = SharedKey(KeyKind::kRsa, 1);
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey rsa = SharedKey(KeyKind::k_rsa, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 card_rsa = ClientCert("Card RSA", rsa.get());
   CertOptions server_only;
   server_only.common_name = "Card Server Only";

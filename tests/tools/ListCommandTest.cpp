@@ -10,13 +10,13 @@ namespace {
 class ListCommandTest : public ToolTest {};
 
 TEST_F(ListCommandTest, JsonEqualsTheCInterfaceForTheSameDirectoriesAndCas) {
-  TestKey rsa = SharedKey(KeyKind::kRsa, 0);
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey rsa = SharedKey(KeyKind::k_rsa, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 rsa_cert = ClientCert("File RSA", rsa.get());
   TestX509 ec_cert = ClientCert("File EC", ec.get());
   InstallFileCert(Base("one"), "rsa.pem", rsa_cert.get(), rsa.get());
   InstallFileCert(Base("two"), "ec.der", ec_cert.get(), ec.get(), /*der=*/true);
-  Chain chain = MakeChain(KeyKind::kEc, "Chained Leaf");
+  Chain chain = MakeChain(KeyKind::k_ec, "Chained Leaf");
   InstallFileCert(Base("two"), "leaf.pem", chain.leaf.get(), chain.leaf_key.get());
   WriteFile(temp_ / "root.pem", CertToPem(chain.root.get()));
   WriteFile(temp_ / "intermediate.der", CertToDer(chain.intermediate.get()));
@@ -49,7 +49,7 @@ TEST_F(ListCommandTest, JsonEqualsTheCInterfaceForTheSameDirectoriesAndCas) {
 }
 
 TEST_F(ListCommandTest, WithoutDirectoriesLooksInHomeDotX509Auth) {
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 cert = ClientCert("Home Cert", ec.get());
   InstallFileCert(home_ / ".x509-auth", "home.pem", cert.get(), ec.get());
   const nlohmann::json listed = ListJson({});
@@ -59,7 +59,7 @@ TEST_F(ListCommandTest, WithoutDirectoriesLooksInHomeDotX509Auth) {
 }
 
 TEST_F(ListCommandTest, HomeDirAndRelativeDirAreBothHonoured) {
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
   TestX509 a = ClientCert("Relative Dir", ec.get());
   TestX509 b = ClientCert("Home Dir", ec.get());
   InstallFileCert(work_ / "rel", "a.pem", a.get(), ec.get());
@@ -71,8 +71,8 @@ TEST_F(ListCommandTest, HomeDirAndRelativeDirAreBothHonoured) {
 }
 
 TEST_F(ListCommandTest, TableIsAlignedWithShortThumbprintsAndNoColourOffATerminal) {
-  TestKey ec = SharedKey(KeyKind::kEc, 0);
-  TestKey rsa = SharedKey(KeyKind::kRsa, 0);
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
+  TestKey rsa = SharedKey(KeyKind::k_rsa, 0);
   TestX509 first = ClientCert("First", ec.get(), "", "20401231120000Z");
   TestX509 second = ClientCert("A Much Longer Subject Name", rsa.get());
   InstallFileCert(Base("b"), "first.pem", first.get(), ec.get());

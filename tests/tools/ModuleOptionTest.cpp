@@ -16,8 +16,8 @@ class ModuleOptionTest : public ToolTest {
     ToolTest::SetUp();
     hsm_.emplace();
     hsm_->InitToken("Card A");
-    rsa_ = SharedKey(KeyKind::kRsa, 1);
-    ec_ = SharedKey(KeyKind::kEc, 1);
+    rsa_ = SharedKey(KeyKind::k_rsa, 1);
+    ec_ = SharedKey(KeyKind::k_ec, 1);
     rsa_cert_ = ClientCert("Token RSA", rsa_.get());
     ec_cert_ = ClientCert("Token EC", ec_.get());
     hsm_->ImportCertAndKey("Card A", rsa_cert_.get(), rsa_.get(), "01", "rsa");

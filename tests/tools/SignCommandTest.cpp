@@ -25,8 +25,8 @@ class SignCommandTest : public ToolTest {
  protected:
   void SetUp() override {
     ToolTest::SetUp();
-    rsa_ = SharedKey(KeyKind::kRsa, 0);
-    ec_ = SharedKey(KeyKind::kEc, 0);
+    rsa_ = SharedKey(KeyKind::k_rsa, 0);
+    ec_ = SharedKey(KeyKind::k_ec, 0);
     rsa_cert_ = ClientCert("Signer RSA", rsa_.get());
     ec_cert_ = ClientCert("Signer EC", ec_.get());
     InstallFileCert(Base("b"), "rsa.pem", rsa_cert_.get(), rsa_.get());
@@ -89,7 +89,7 @@ TEST_F(SignCommandTest, StdinToHexOnStdoutWithAnUppercaseColonThumbprint) {
 }
 
 TEST_F(SignCommandTest, EncryptedKeyTakesItsPasswordFromEnvOrDescriptor) {
-  TestKey key = SharedKey(KeyKind::kEc, 1);
+  TestKey key = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Locked", key.get());
   WriteFile(Base("locked") / "certs" / "locked.pem", CertToPem(cert.get()));
   WriteFile(Base("locked") / "keys" / "locked.pem.key", KeyToPem(key.get(), "s3cret"));
@@ -125,7 +125,7 @@ TEST_F(SignCommandTest, EncryptedKeyTakesItsPasswordFromEnvOrDescriptor) {
 }
 
 TEST_F(SignCommandTest, NoTerminalAndNoSourceSaysWhichPromptWentUnanswered) {
-  TestKey key = SharedKey(KeyKind::kEc, 1);
+  TestKey key = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Locked", key.get());
   WriteFile(Base("locked") / "certs" / "locked.pem", CertToPem(cert.get()));
   const std::string key_path = (Base("locked") / "keys" / "locked.pem.key").string();
@@ -162,7 +162,7 @@ TEST_F(SignCommandTest, MissingInputFileAndUnwritableOutputFail) {
 }
 
 TEST_F(SignCommandTest, KeyFileMissingIsResultCodeFourWithItsMeaning) {
-  TestKey key = SharedKey(KeyKind::kEc, 1);
+  TestKey key = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Keyless", key.get());
   InstallFileCert(Base("keyless"), "keyless.pem", cert.get());
   const ToolResult result = RunTool({"--dir", Base("keyless").string(), "sign", Thumb(cert.get())});

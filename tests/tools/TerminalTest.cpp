@@ -69,7 +69,7 @@ TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
   X509AUTH_SKIP_WITHOUT_SOFTHSM2();
   SoftHsmToken hsm;
   hsm.InitToken("Pane Card", k_pin);
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Pane EC", ec.get());
   hsm.ImportCertAndKey("Pane Card", cert.get(), ec.get(), "01", "ec", k_pin);
   WriteFile(temp_ / "message.txt", std::string("typed at a terminal"));
@@ -105,7 +105,7 @@ TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
 }
 
 TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Locked File", ec.get());
   WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
   const std::string key_path = (Base("b") / "keys" / "locked.pem.key").string();
@@ -128,7 +128,7 @@ TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
 }
 
 TEST_F(TerminalTest, TlsAsksForAKeyFilesPasswordOnceWithACleanPrompt) {
-  Chain chain = MakeChain(KeyKind::kEc, "Pane TLS");
+  Chain chain = MakeChain(KeyKind::k_ec, "Pane TLS");
   WriteFile(Base("b") / "certs" / "tls.pem", CertToPem(chain.leaf.get()));
   const std::string key_path = (Base("b") / "keys" / "tls.pem.key").string();
   WriteFile(key_path, KeyToPem(chain.leaf_key.get(), "pw"));
@@ -161,7 +161,7 @@ TEST_F(TerminalTest, TlsAsksForAKeyFilesPasswordOnceWithACleanPrompt) {
 }
 
 TEST_F(TerminalTest, SignReadingTheTerminalSaysSoAndEndsAtCtrlD) {
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Typed Data", ec.get());
   InstallFileCert(Base("b"), "typed.pem", cert.get(), ec.get());
   const std::string tool = std::string(ToolPath()) + " --dir " + Quote(Base("b").string()) + " sign " +
@@ -180,7 +180,7 @@ TEST_F(TerminalTest, SignReadingTheTerminalSaysSoAndEndsAtCtrlD) {
 }
 
 TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Interrupted", ec.get());
   WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
   WriteFile(Base("b") / "keys" / "locked.pem.key", KeyToPem(ec.get(), "pw"));
@@ -199,7 +199,7 @@ TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
 }
 
 TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {
-  TestKey ec = SharedKey(KeyKind::kEc, 1);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 soon = ClientCert("Soon Gone", ec.get(), "", AsnTime(std::time(nullptr) + 10 * 86400 + 3600));
   InstallFileCert(Base("b"), "soon.pem", soon.get(), ec.get());
   const std::string list = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) + " list";

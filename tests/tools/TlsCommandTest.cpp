@@ -88,8 +88,8 @@ class TlsCommandTest : public ::testing::Test {
 };
 
 TEST_F(TlsCommandTest, RsaFileKeysPlainAndPasswordProtectedOverTls12) {
-  const std::string plain = InstallClient(KeyKind::kRsa, "RSA Plain");
-  const std::string locked = InstallClient(KeyKind::kRsa, "RSA Locked", "s3cret");
+  const std::string plain = InstallClient(KeyKind::k_rsa, "RSA Plain");
+  const std::string locked = InstallClient(KeyKind::k_rsa, "RSA Locked", "s3cret");
   for (const auto& [thumbprint, name] : {std::pair{plain, "RSA Plain"}, std::pair{locked, "RSA Locked"}}) {
     auto server = StartServer(temp_ / "cas.pem");
     ASSERT_NE(server, nullptr);
@@ -108,7 +108,7 @@ TEST_F(TlsCommandTest, RsaFileKeysPlainAndPasswordProtectedOverTls12) {
 }
 
 TEST_F(TlsCommandTest, EcFileKeyOverTls12AndTls13AndSendPrintsTheReply) {
-  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
+  const std::string thumbprint = InstallClient(KeyKind::k_ec, "EC Client");
   for (const std::string version : {"1.2", "1.3"}) {
     auto server = StartServer(temp_ / "cas.pem");
     ASSERT_NE(server, nullptr);
@@ -124,7 +124,7 @@ TEST_F(TlsCommandTest, EcFileKeyOverTls12AndTls13AndSendPrintsTheReply) {
 }
 
 TEST_F(TlsCommandTest, RsaKeyIsNotHeldToTls12) {
-  const std::string thumbprint = InstallClient(KeyKind::kRsa, "RSA Client");
+  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Client");
   auto server = StartServer(temp_ / "cas.pem");
   ASSERT_NE(server, nullptr);
   const ChildResult result = Tls(thumbprint, {}, {});
@@ -135,7 +135,7 @@ TEST_F(TlsCommandTest, RsaKeyIsNotHeldToTls12) {
 }
 
 TEST_F(TlsCommandTest, ServerThatAsksForNoCertificateIsAFailureUnlessAllowed) {
-  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
+  const std::string thumbprint = InstallClient(KeyKind::k_ec, "EC Client");
   for (const bool allow : {false, true}) {
     // s_server without -Verify sends no CertificateRequest.
     std::unique_ptr<BackgroundChild> server;
@@ -165,7 +165,7 @@ TEST_F(TlsCommandTest, ServerThatAsksForNoCertificateIsAFailureUnlessAllowed) {
 }
 
 TEST_F(TlsCommandTest, SuccessIsQuietAndAFailureShowsTheProvidersLinesUnderIt) {
-  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client", "s3cret");
+  const std::string thumbprint = InstallClient(KeyKind::k_ec, "EC Client", "s3cret");
   auto server = StartServer(temp_ / "cas.pem");
   ASSERT_NE(server, nullptr);
   const ChildResult ok = Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "s3cret"}});
@@ -188,7 +188,7 @@ TEST_F(TlsCommandTest, SuccessIsQuietAndAFailureShowsTheProvidersLinesUnderIt) {
 }
 
 TEST_F(TlsCommandTest, ServerThatDoesNotTrustTheIssuerRejectsAndTheToolSaysSo) {
-  const std::string thumbprint = InstallClient(KeyKind::kEc, "EC Client");
+  const std::string thumbprint = InstallClient(KeyKind::k_ec, "EC Client");
   WriteUnrelatedCa(temp_ / "other-ca.pem");
   for (const char* version : {"--tls1_2", "--tls1_3"}) {
     auto server = StartServer(temp_ / "other-ca.pem");
@@ -208,8 +208,8 @@ class TlsTokenTest : public TlsCommandTest {
     TlsCommandTest::SetUp();
     hsm_ = std::make_unique<SoftHsmToken>();
     hsm_->InitToken("Card A");
-    rsa_ = MakeChain(KeyKind::kRsa, "Token RSA");
-    ec_ = MakeChain(KeyKind::kEc, "Token EC");
+    rsa_ = MakeChain(KeyKind::k_rsa, "Token RSA");
+    ec_ = MakeChain(KeyKind::k_ec, "Token EC");
     hsm_->ImportCertAndKey("Card A", rsa_.leaf.get(), rsa_.leaf_key.get(), "01", "rsa");
     hsm_->ImportCertAndKey("Card A", ec_.leaf.get(), ec_.leaf_key.get(), "02", "ec");
     AddCas(rsa_);
