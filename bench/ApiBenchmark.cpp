@@ -6,11 +6,11 @@
 // the working directory with no reader, as on a new user's machine.
 // Compare a pair's ratio within one run, not absolute times.
 #include <benchmark/benchmark.h>
+#include <dirent.h>
 #include <libp11.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -215,9 +215,8 @@ void BM_Decrypt_Library(benchmark::State& state) {
   const Bytes ciphertext = EncryptToCertificate(m.rsa.get(), RSA_PKCS1_PADDING, Bytes(32, 0x17));
   for (auto _ : state) {
     const X509_Auth_ASN_1* plaintext = nullptr;
-    const X509_Auth_Result result =
-        X509_Auth_Decrypt(m.rsa_thumbprint.data(), 1, ciphertext.size(), ciphertext.data(),
-                          &plaintext);
+    const X509_Auth_Result result = X509_Auth_Decrypt(m.rsa_thumbprint.data(), 1, ciphertext.size(),
+                                                      ciphertext.data(), &plaintext);
     if (result.code != 0) state.SkipWithError("decryption failed");
     X509_Auth_Free(plaintext);
   }
@@ -310,7 +309,7 @@ void BM_InitDeInit_Floor(benchmark::State& state) {
   }
 }
 
-#define X509AUTH_PAIR(name)                                                         \
+#define X509AUTH_PAIR(name)                                                               \
   BENCHMARK(name##_Library)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond); \
   BENCHMARK(name##_Floor)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond)
 

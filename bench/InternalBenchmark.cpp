@@ -6,8 +6,8 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
-#include "files/CertificateFiles.h"
 #include "TestPki.h"
+#include "files/CertificateFiles.h"
 
 namespace {
 

@@ -32,7 +32,8 @@ int main(int argc, char** argv) {
   const char* dirs[] = {base.c_str()};
   const X509_Auth_Settings settings{dirs, 1, nullptr, 0};
   X509_Auth_Init(&settings, X509_Auth_Callbacks{});
-  X509_Auth_AddAdditionalCertificateAuthorityToStore(material.ca_der.data(), material.ca_der.size());
+  X509_Auth_AddAdditionalCertificateAuthorityToStore(material.ca_der.data(),
+                                                     material.ca_der.size());
   const long before = PeakKib();
   uint64_t count = 0;
   const X509_Auth_Certificate* certificates = nullptr;

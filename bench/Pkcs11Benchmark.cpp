@@ -41,7 +41,8 @@ struct Setup {
     setenv("X509AUTH_PKCS11_CONF", "/nonexistent", 1);
     Module()->C_Finalize(nullptr);
     if (Module()->C_Initialize(nullptr) != CKR_OK) std::abort();
-    if (Module()->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK) std::abort();
+    if (Module()->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK)
+      std::abort();
     // The files settle, as on a user's machine, and a first search lists
     // them once, as a program that has been running has.
     sleep(2);

@@ -8,7 +8,6 @@
 #include <libp11.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
-
 #include <unistd.h>
 
 #include <cstring>

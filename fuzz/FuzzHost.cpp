@@ -22,7 +22,7 @@ int prompt_count = 0;
 // Every line is formatted, so a format that does not match its arguments
 // shows up under the sanitizers; the text itself is dropped.
 __attribute__((format(printf, 2, 0))) void Log(X509_Auth_LogPriority /*priority*/,
-                                              const char* format, va_list arguments) {
+                                               const char* format, va_list arguments) {
   char line[4096];
   std::vsnprintf(line, sizeof line, format, arguments);
 }

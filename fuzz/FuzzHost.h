@@ -16,9 +16,9 @@ namespace x509auth_fuzz {
 
 // How the scripted host answers a password prompt.
 enum class PasswordAnswer : std::uint8_t {
-  k_right,     // the password the harness encrypts with
-  k_wrong,     // a different password
-  k_cancelled, // status 1, as when the user closes the dialog
+  k_right,      // the password the harness encrypts with
+  k_wrong,      // a different password
+  k_cancelled,  // status 1, as when the user closes the dialog
   k_over_long,  // longer than any buffer OpenSSL offers
   k_null_result,
   k_null_value,  // status 0 but no text

@@ -82,7 +82,8 @@ void KeyFileSeeds(const fs::path& root) {
     // Hash types and operations vary across the seeds.
     seeds.Add(std::string{static_cast<char>(answer), static_cast<char>(operations++ % 16)} + key);
   };
-  for (const KeyKind kind : {KeyKind::k_rsa, KeyKind::k_ec, KeyKind::k_rsa_pss, KeyKind::k_ed25519}) {
+  for (const KeyKind kind :
+       {KeyKind::k_rsa, KeyKind::k_ec, KeyKind::k_rsa_pss, KeyKind::k_ed25519}) {
     const TestKey key = MakeKey(kind);
     add(0, KeyToPem(key.get()));
     add(0, Text(KeyToDer(key.get())));

@@ -49,8 +49,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   host.EmptyBase();
   const auto parts = x509auth_fuzz::SplitParts(data, size, 4);
   for (std::size_t i = 0; i < parts.size(); ++i) {
-    x509auth_fuzz::WriteBytes(host.Base() / "certs" / ("file" + std::to_string(i)),
-                              parts[i].data(), parts[i].size());
+    x509auth_fuzz::WriteBytes(host.Base() / "certs" / ("file" + std::to_string(i)), parts[i].data(),
+                              parts[i].size());
   }
   host.Init(x509auth_fuzz::PasswordAnswer::k_right);
 

@@ -89,7 +89,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   host.EmptyBase();
   const TestKey parsed = ReadKey(key_bytes, key_size);
   const TestX509 cert = CertificateFor(parsed.get());
-  x509auth_test::WriteFile(host.Base() / "certs" / "holder.pem", x509auth_test::CertToPem(cert.get()));
+  x509auth_test::WriteFile(host.Base() / "certs" / "holder.pem",
+                           x509auth_test::CertToPem(cert.get()));
   x509auth_fuzz::WriteBytes(host.Base() / "keys" / "holder.pem.key", key_bytes, key_size);
   host.Init(answer);
 
@@ -105,8 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (signature != nullptr) X509_Auth_Free(signature);
 
   if ((operations & 4) != 0) {
-    const std::uint32_t padding =
-        (operations & 8) != 0 ? X509_Auth_DecryptAlgorithm_RsaOaep : X509_Auth_DecryptAlgorithm_RsaPkcs1;
+    const std::uint32_t padding = (operations & 8) != 0 ? X509_Auth_DecryptAlgorithm_RsaOaep
+                                                        : X509_Auth_DecryptAlgorithm_RsaPkcs1;
     std::vector<unsigned char> ciphertext(256, 0x5a);
     const X509_Auth_ASN_1* plaintext = nullptr;
     const X509_Auth_Result decrypted = X509_Auth_Decrypt(

@@ -31,9 +31,12 @@ void MakeMaterial() {
     x509auth_test::Chain chain = x509auth_test::MakeChain(kind, "Fuzz " + std::to_string(index));
     const std::string name = "c" + std::to_string(index++) + ".pem";
     x509auth_test::WriteFile(base / "certs" / name, x509auth_test::CertToPem(chain.leaf.get()));
-    x509auth_test::WriteFile(base / "keys" / (name + ".key"),
-                             x509auth_test::KeyToPem(chain.leaf_key.get(), kind == x509auth_test::KeyKind::k_ec ? "pin" : nullptr));
-    cas += x509auth_test::CertToPem(chain.root.get()) + x509auth_test::CertToPem(chain.intermediate.get());
+    x509auth_test::WriteFile(
+        base / "keys" / (name + ".key"),
+        x509auth_test::KeyToPem(chain.leaf_key.get(),
+                                kind == x509auth_test::KeyKind::k_ec ? "pin" : nullptr));
+    cas += x509auth_test::CertToPem(chain.root.get()) +
+           x509auth_test::CertToPem(chain.intermediate.get());
   }
   x509auth_test::WriteFile(temp.path() / "cas.pem", cas);
   setenv("X509AUTH_DIRS", base.c_str(), 1);
@@ -44,14 +47,31 @@ void MakeMaterial() {
   setenv("X509AUTH_PKCS11_CONF", (temp.path() / "none.conf").c_str(), 1);
 }
 
-const CK_MECHANISM_TYPE k_mechanisms[] = {
-    CKM_RSA_PKCS, CKM_SHA1_RSA_PKCS, CKM_SHA256_RSA_PKCS, CKM_SHA384_RSA_PKCS, CKM_SHA512_RSA_PKCS,
-    CKM_RSA_PKCS_PSS, CKM_SHA1_RSA_PKCS_PSS, CKM_SHA256_RSA_PKCS_PSS, CKM_SHA384_RSA_PKCS_PSS,
-    CKM_SHA512_RSA_PKCS_PSS, CKM_RSA_PKCS_OAEP, CKM_ECDSA, CKM_ECDSA_SHA1, CKM_ECDSA_SHA256,
-    CKM_ECDSA_SHA384, CKM_ECDSA_SHA512, CKM_SHA256, CKM_RSA_X_509};
-const CK_ATTRIBUTE_TYPE k_attributes[] = {
-    CKA_CLASS, CKA_ID, CKA_LABEL, CKA_VALUE, CKA_KEY_TYPE, CKA_PRIVATE, CKA_SIGN, CKA_DECRYPT,
-    CKA_MODULUS, CKA_EC_POINT, CKA_EC_PARAMS, CKA_PRIVATE_EXPONENT, CKA_SUBJECT, CKA_CERTIFICATE_CATEGORY};
+const CK_MECHANISM_TYPE k_mechanisms[] = {CKM_RSA_PKCS,
+                                          CKM_SHA1_RSA_PKCS,
+                                          CKM_SHA256_RSA_PKCS,
+                                          CKM_SHA384_RSA_PKCS,
+                                          CKM_SHA512_RSA_PKCS,
+                                          CKM_RSA_PKCS_PSS,
+                                          CKM_SHA1_RSA_PKCS_PSS,
+                                          CKM_SHA256_RSA_PKCS_PSS,
+                                          CKM_SHA384_RSA_PKCS_PSS,
+                                          CKM_SHA512_RSA_PKCS_PSS,
+                                          CKM_RSA_PKCS_OAEP,
+                                          CKM_ECDSA,
+                                          CKM_ECDSA_SHA1,
+                                          CKM_ECDSA_SHA256,
+                                          CKM_ECDSA_SHA384,
+                                          CKM_ECDSA_SHA512,
+                                          CKM_SHA256,
+                                          CKM_RSA_X_509};
+const CK_ATTRIBUTE_TYPE k_attributes[] = {CKA_CLASS,     CKA_ID,
+                                          CKA_LABEL,     CKA_VALUE,
+                                          CKA_KEY_TYPE,  CKA_PRIVATE,
+                                          CKA_SIGN,      CKA_DECRYPT,
+                                          CKA_MODULUS,   CKA_EC_POINT,
+                                          CKA_EC_PARAMS, CKA_PRIVATE_EXPONENT,
+                                          CKA_SUBJECT,   CKA_CERTIFICATE_CATEGORY};
 
 class Driver {
  public:
@@ -65,11 +85,13 @@ class Driver {
 
  private:
   CK_SESSION_HANDLE Session() {
-    if (!sessions_.empty() && in_.ConsumeBool()) return sessions_[in_.ConsumeIntegralInRange<std::size_t>(0, sessions_.size() - 1)];
+    if (!sessions_.empty() && in_.ConsumeBool())
+      return sessions_[in_.ConsumeIntegralInRange<std::size_t>(0, sessions_.size() - 1)];
     return in_.ConsumeIntegralInRange<CK_SESSION_HANDLE>(0, 8);
   }
   CK_OBJECT_HANDLE Object() {
-    if (!objects_.empty() && in_.ConsumeBool()) return objects_[in_.ConsumeIntegralInRange<std::size_t>(0, objects_.size() - 1)];
+    if (!objects_.empty() && in_.ConsumeBool())
+      return objects_[in_.ConsumeIntegralInRange<std::size_t>(0, objects_.size() - 1)];
     return in_.ConsumeIntegralInRange<CK_OBJECT_HANDLE>(0, 32);
   }
   // A length the buffer really has, or (when |pointer| is off) a null
@@ -82,30 +104,42 @@ class Driver {
     for (std::size_t i = 0; i < count; ++i) {
       values[i] = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 300));
       CK_ATTRIBUTE attribute{};
-      attribute.type = in_.ConsumeBool() ? in_.PickValueInArray(k_attributes) : in_.ConsumeIntegral<CK_ULONG>();
+      attribute.type =
+          in_.ConsumeBool() ? in_.PickValueInArray(k_attributes) : in_.ConsumeIntegral<CK_ULONG>();
       attribute.pValue = in_.ConsumeBool() ? values[i].data() : nullptr;
-      attribute.ulValueLen = attribute.pValue != nullptr || in_.ConsumeBool() ? values[i].size() : 0;
+      attribute.ulValueLen =
+          attribute.pValue != nullptr || in_.ConsumeBool() ? values[i].size() : 0;
       templ.push_back(attribute);
     }
   }
 
   void Mechanism(CK_MECHANISM& mechanism, Bytes& parameter) {
-    mechanism.mechanism = in_.ConsumeBool() ? in_.PickValueInArray(k_mechanisms) : in_.ConsumeIntegral<CK_ULONG>();
+    mechanism.mechanism =
+        in_.ConsumeBool() ? in_.PickValueInArray(k_mechanisms) : in_.ConsumeIntegral<CK_ULONG>();
     switch (in_.ConsumeIntegralInRange<int>(0, 3)) {
-      case 0: mechanism.pParameter = nullptr; mechanism.ulParameterLen = 0; return;
+      case 0:
+        mechanism.pParameter = nullptr;
+        mechanism.ulParameterLen = 0;
+        return;
       case 1: {
         CK_RSA_PKCS_PSS_PARAMS pss{in_.ConsumeIntegralInRange<CK_ULONG>(0x220, 0x270),
-                                   in_.ConsumeIntegralInRange<CK_ULONG>(0, 5), in_.ConsumeIntegralInRange<CK_ULONG>(0, 300)};
-        parameter.assign(reinterpret_cast<unsigned char*>(&pss), reinterpret_cast<unsigned char*>(&pss) + sizeof(pss));
+                                   in_.ConsumeIntegralInRange<CK_ULONG>(0, 5),
+                                   in_.ConsumeIntegralInRange<CK_ULONG>(0, 300)};
+        parameter.assign(reinterpret_cast<unsigned char*>(&pss),
+                         reinterpret_cast<unsigned char*>(&pss) + sizeof(pss));
         break;
       }
       case 2: {
-        CK_RSA_PKCS_OAEP_PARAMS oaep{in_.ConsumeBool() ? CKM_SHA_1 : CKM_SHA256, in_.ConsumeIntegralInRange<CK_ULONG>(0, 5),
+        CK_RSA_PKCS_OAEP_PARAMS oaep{in_.ConsumeBool() ? CKM_SHA_1 : CKM_SHA256,
+                                     in_.ConsumeIntegralInRange<CK_ULONG>(0, 5),
                                      in_.ConsumeIntegralInRange<CK_ULONG>(0, 2), nullptr, 0};
-        parameter.assign(reinterpret_cast<unsigned char*>(&oaep), reinterpret_cast<unsigned char*>(&oaep) + sizeof(oaep));
+        parameter.assign(reinterpret_cast<unsigned char*>(&oaep),
+                         reinterpret_cast<unsigned char*>(&oaep) + sizeof(oaep));
         break;
       }
-      default: parameter = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 48)); break;
+      default:
+        parameter = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 48));
+        break;
     }
     mechanism.pParameter = parameter.data();
     mechanism.ulParameterLen = parameter.size();
@@ -120,33 +154,59 @@ class Driver {
 
   void Step() {
     switch (in_.ConsumeIntegralInRange<int>(0, 22)) {
-      case 0: { CK_INFO info; f_->C_GetInfo(in_.ConsumeBool() ? &info : nullptr); break; }
+      case 0: {
+        CK_INFO info;
+        f_->C_GetInfo(in_.ConsumeBool() ? &info : nullptr);
+        break;
+      }
       case 1: {
         CK_SLOT_ID slots[2];
         CK_ULONG count = Length(2);
-        f_->C_GetSlotList(in_.ConsumeBool(), in_.ConsumeBool() ? slots : nullptr, in_.ConsumeBool() ? &count : nullptr);
+        f_->C_GetSlotList(in_.ConsumeBool(), in_.ConsumeBool() ? slots : nullptr,
+                          in_.ConsumeBool() ? &count : nullptr);
         break;
       }
-      case 2: { CK_SLOT_INFO info; f_->C_GetSlotInfo(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2), in_.ConsumeBool() ? &info : nullptr); break; }
-      case 3: { CK_TOKEN_INFO info; f_->C_GetTokenInfo(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2), in_.ConsumeBool() ? &info : nullptr); break; }
+      case 2: {
+        CK_SLOT_INFO info;
+        f_->C_GetSlotInfo(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2),
+                          in_.ConsumeBool() ? &info : nullptr);
+        break;
+      }
+      case 3: {
+        CK_TOKEN_INFO info;
+        f_->C_GetTokenInfo(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2),
+                           in_.ConsumeBool() ? &info : nullptr);
+        break;
+      }
       case 4: {
         CK_MECHANISM_TYPE list[32];
         CK_ULONG count = Length(32);
-        f_->C_GetMechanismList(1, in_.ConsumeBool() ? list : nullptr, in_.ConsumeBool() ? &count : nullptr);
+        f_->C_GetMechanismList(1, in_.ConsumeBool() ? list : nullptr,
+                               in_.ConsumeBool() ? &count : nullptr);
         break;
       }
-      case 5: { CK_MECHANISM_INFO info; f_->C_GetMechanismInfo(1, in_.PickValueInArray(k_mechanisms), in_.ConsumeBool() ? &info : nullptr); break; }
+      case 5: {
+        CK_MECHANISM_INFO info;
+        f_->C_GetMechanismInfo(1, in_.PickValueInArray(k_mechanisms),
+                               in_.ConsumeBool() ? &info : nullptr);
+        break;
+      }
       case 6: {
         CK_SESSION_HANDLE session = 0;
-        if (f_->C_OpenSession(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2), in_.ConsumeIntegralInRange<CK_FLAGS>(0, 7),
-                              nullptr, nullptr, in_.ConsumeBool() ? &session : nullptr) == CKR_OK)
+        if (f_->C_OpenSession(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2),
+                              in_.ConsumeIntegralInRange<CK_FLAGS>(0, 7), nullptr, nullptr,
+                              in_.ConsumeBool() ? &session : nullptr) == CKR_OK)
           sessions_.push_back(session);
         break;
       }
       case 7: f_->C_CloseSession(Session()); break;
       case 8: {
-        Bytes pin = in_.ConsumeBool() ? Bytes{'p', 'i', 'n'} : in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 40));
-        f_->C_Login(Session(), in_.ConsumeIntegralInRange<CK_USER_TYPE>(0, 3), in_.ConsumeBool() ? pin.data() : nullptr, pin.size());
+        Bytes pin =
+            in_.ConsumeBool()
+                ? Bytes{'p', 'i', 'n'}
+                : in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 40));
+        f_->C_Login(Session(), in_.ConsumeIntegralInRange<CK_USER_TYPE>(0, 3),
+                    in_.ConsumeBool() ? pin.data() : nullptr, pin.size());
         break;
       }
       case 9: f_->C_Logout(Session()); break;
@@ -161,7 +221,8 @@ class Driver {
         CK_OBJECT_HANDLE found[8];
         CK_ULONG count = 0;
         const CK_ULONG max = Length(8);
-        if (f_->C_FindObjects(Session(), in_.ConsumeBool() ? found : nullptr, max, in_.ConsumeBool() ? &count : nullptr) == CKR_OK)
+        if (f_->C_FindObjects(Session(), in_.ConsumeBool() ? found : nullptr, max,
+                              in_.ConsumeBool() ? &count : nullptr) == CKR_OK)
           objects_.insert(objects_.end(), found, found + std::min<CK_ULONG>(count, max));
         break;
       }
@@ -170,21 +231,27 @@ class Driver {
         std::vector<CK_ATTRIBUTE> templ;
         std::vector<Bytes> values;
         Template(templ, values);
-        f_->C_GetAttributeValue(Session(), Object(), templ.empty() ? nullptr : templ.data(), templ.size());
+        f_->C_GetAttributeValue(Session(), Object(), templ.empty() ? nullptr : templ.data(),
+                                templ.size());
         break;
       }
-      case 14: case 18: {
+      case 14:
+      case 18: {
         CK_MECHANISM mechanism{};
         Bytes parameter;
         const bool sign = in_.ConsumeBool();
         Mechanism(mechanism, parameter);
         CK_MECHANISM* pointer = in_.ConsumeBool() ? &mechanism : nullptr;
-        if (sign) f_->C_SignInit(Session(), pointer, Object());
-        else f_->C_DecryptInit(Session(), pointer, Object());
+        if (sign)
+          f_->C_SignInit(Session(), pointer, Object());
+        else
+          f_->C_DecryptInit(Session(), pointer, Object());
         break;
       }
-      case 15: case 19: {
-        Bytes data = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 600));
+      case 15:
+      case 19: {
+        Bytes data =
+            in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 600));
         Bytes out;
         CK_ULONG length = 0;
         unsigned char* pointer = nullptr;
@@ -192,12 +259,15 @@ class Driver {
         const bool sign = in_.ConsumeBool();
         unsigned char* input = in_.ConsumeBool() ? data.data() : nullptr;
         CK_ULONG* length_pointer = in_.ConsumeBool() ? &length : nullptr;
-        if (sign) f_->C_Sign(Session(), input, data.size(), pointer, length_pointer);
-        else f_->C_Decrypt(Session(), input, data.size(), pointer, length_pointer);
+        if (sign)
+          f_->C_Sign(Session(), input, data.size(), pointer, length_pointer);
+        else
+          f_->C_Decrypt(Session(), input, data.size(), pointer, length_pointer);
         break;
       }
       case 16: {
-        Bytes data = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 200));
+        Bytes data =
+            in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 200));
         f_->C_SignUpdate(Session(), in_.ConsumeBool() ? data.data() : nullptr, data.size());
         break;
       }
@@ -209,8 +279,15 @@ class Driver {
         f_->C_SignFinal(Session(), pointer, in_.ConsumeBool() ? &length : nullptr);
         break;
       }
-      case 20: { CK_SESSION_INFO info; f_->C_GetSessionInfo(Session(), in_.ConsumeBool() ? &info : nullptr); break; }
-      case 21: f_->C_CloseAllSessions(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2)); sessions_.clear(); break;
+      case 20: {
+        CK_SESSION_INFO info;
+        f_->C_GetSessionInfo(Session(), in_.ConsumeBool() ? &info : nullptr);
+        break;
+      }
+      case 21:
+        f_->C_CloseAllSessions(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2));
+        sessions_.clear();
+        break;
       default:
         f_->C_Finalize(nullptr);
         f_->C_Initialize(nullptr);

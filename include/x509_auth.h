@@ -141,8 +141,8 @@ typedef struct X509_Auth_Certificate {
   const char* issuer_name; /* issuer common name */
   int64_t not_before;      /* seconds since the Unix epoch */
   int64_t not_after;
-  int32_t smart_card; /* 1 for a token certificate, else 0 */
-  uint32_t padding;   /* always 0 */
+  int32_t smart_card;        /* 1 for a token certificate, else 0 */
+  uint32_t padding;          /* always 0 */
   const uint8_t* thumbprint; /* X509_AUTH_THUMBPRINT_LENGTH bytes */
   uint64_t encoded_length;
   const uint8_t* encoded; /* DER encoding */
@@ -260,9 +260,9 @@ X509_AUTH_EXPORT int X509_Auth_AddAdditionalCertificateAuthorityToStore(
  * Returns 0 on success, 2 for a null certificate, 3 for a null |count|, 4
  * for a null |asn1|. The array is the library's until passed to
  * X509_Auth_Free. */
-X509_AUTH_EXPORT int32_t X509_Auth_GetChainedCAsForCertificate(
-    const X509_Auth_Certificate* certificate, uint64_t* count,
-    X509_Auth_ASN_1** asn1);
+X509_AUTH_EXPORT int32_t
+X509_Auth_GetChainedCAsForCertificate(const X509_Auth_Certificate* certificate,
+                                      uint64_t* count, X509_Auth_ASN_1** asn1);
 
 /* X509_Auth_SignHash signs the digest |hash| with the private key of the
  * certificate whose SHA-1 thumbprint is the 20 bytes at |thumbprint|. The
@@ -299,7 +299,6 @@ X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(
 X509_AUTH_EXPORT bool X509_Auth_ShowCertificateDialog(
     const X509_Auth_Certificate* certificate, void* parent);
 
-
 /* ---------------------------------------------------------------------------
  * Extensions
  *
@@ -332,7 +331,8 @@ enum {
  * the working directory). Returns 0 when the choice was taken, and
  * X509_Auth_ResultCode_InvalidArgument, with an error logged, when |path|
  * is refused; the previous choice then stays. */
-X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_SetPkcs11Module(const char* path);
+X509_AUTH_EXPORT X509_Auth_ResultCode
+X509_Auth_SetPkcs11Module(const char* path);
 
 /* Salt lengths of X509_Auth_SignHashPss besides an explicit byte count. */
 #define X509_AUTH_PSS_SALT_DIGEST (-1) /* as long as the digest (TLS 1.3) */
@@ -357,10 +357,10 @@ X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_SetPkcs11Module(const char* path
  * X509_Auth_ResultCode_InvalidArgument (a null pointer, a hash type above
  * 3, a salt length the key cannot hold) or
  * X509_Auth_ResultCode_MechanismNotSupported. Never throws. */
-X509_AUTH_EXPORT X509_Auth_Result X509_Auth_SignHashPss(
-    const uint8_t* thumbprint, X509_Auth_HashType hash_type,
-    const unsigned char* hash, int32_t salt_length,
-    const X509_Auth_Signature** signature);
+X509_AUTH_EXPORT X509_Auth_Result
+X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_HashType hash_type,
+                      const unsigned char* hash, int32_t salt_length,
+                      const X509_Auth_Signature** signature);
 
 #ifdef __cplusplus
 }

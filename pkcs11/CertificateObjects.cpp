@@ -38,9 +38,11 @@ std::string Label(X509* cert) {
   const int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
   if (index >= 0) {
     unsigned char* utf8 = nullptr;
-    const int length = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
+    const int length =
+        ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
     const OpenSslBytesPtr owned(utf8);
-    if (length >= 0) return std::string(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(length));
+    if (length >= 0)
+      return std::string(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(length));
   }
   char line[256];
   X509_NAME_oneline(subject, line, sizeof(line));
@@ -76,8 +78,8 @@ void SetCommon(TokenObject& object, CK_OBJECT_CLASS object_class, const Thumbpri
   object.Set(CKA_ID, Bytes(thumbprint.begin(), thumbprint.end()));
 }
 
-std::shared_ptr<TokenObject> CertificateObject(ObjectKind kind, const Thumbprint& thumbprint, X509* cert,
-                                               const Bytes& der) {
+std::shared_ptr<TokenObject> CertificateObject(ObjectKind kind, const Thumbprint& thumbprint,
+                                               X509* cert, const Bytes& der) {
   auto object = std::make_shared<TokenObject>(kind, thumbprint);
   SetCommon(*object, CKO_CERTIFICATE, thumbprint, Label(cert), false);
   object->SetULong(CKA_CERTIFICATE_TYPE, CKC_X_509);
@@ -127,8 +129,10 @@ bool SetKeyValues(TokenObject& object, EVP_PKEY* key, X509* cert) {
     const EC_POINT* point = EC_KEY_get0_public_key(ec);
     object.SetULong(CKA_KEY_TYPE, CKK_EC);
     object.Set(CKA_EC_PARAMS, Der(group, i2d_ECPKParameters));
-    Bytes octets(EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, nullptr, 0, nullptr));
-    EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets.data(), octets.size(), nullptr);
+    Bytes octets(
+        EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, nullptr, 0, nullptr));
+    EC_POINT_point2oct(group, point, POINT_CONVERSION_UNCOMPRESSED, octets.data(), octets.size(),
+                       nullptr);
     // CKA_EC_POINT is the DER encoding of the point as an OCTET STRING.
     const Asn1OctetStringPtr wrapped(ASN1_OCTET_STRING_new());
     if (wrapped == nullptr ||
@@ -150,9 +154,8 @@ Thumbprint CertificateObjects::ThumbprintOf(const Bytes& der) {
   return thumbprint;
 }
 
-std::vector<std::shared_ptr<const TokenObject>> CertificateObjects::Client(const Thumbprint& thumbprint,
-                                                                           const Bytes& der,
-                                                                           bool keys_private) {
+std::vector<std::shared_ptr<const TokenObject>> CertificateObjects::Client(
+    const Thumbprint& thumbprint, const Bytes& der, bool keys_private) {
   std::vector<std::shared_ptr<const TokenObject>> objects;
   X509Ptr cert = Parse(der);
   if (cert == nullptr) return objects;
@@ -198,7 +201,8 @@ std::vector<std::shared_ptr<const TokenObject>> CertificateObjects::Client(const
   return objects;
 }
 
-std::shared_ptr<const TokenObject> CertificateObjects::Authority(const Thumbprint& thumbprint, const Bytes& der) {
+std::shared_ptr<const TokenObject> CertificateObjects::Authority(const Thumbprint& thumbprint,
+                                                                 const Bytes& der) {
   X509Ptr cert = Parse(der);
   if (cert == nullptr) return nullptr;
   return CertificateObject(ObjectKind::k_authority, thumbprint, cert.get(), der);

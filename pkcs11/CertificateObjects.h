@@ -19,9 +19,11 @@ class CertificateObjects {
   // has CKA_PRIVATE = |keys_private|. Only the certificate object when the
   // key is neither RSA nor EC, none when the DER does not parse.
   static std::vector<std::shared_ptr<const TokenObject>> Client(const Thumbprint& thumbprint,
-                                                                const Bytes& der, bool keys_private);
+                                                                const Bytes& der,
+                                                                bool keys_private);
   // A CA certificate (CKA_CERTIFICATE_CATEGORY 2); null when it does not parse.
-  static std::shared_ptr<const TokenObject> Authority(const Thumbprint& thumbprint, const Bytes& der);
+  static std::shared_ptr<const TokenObject> Authority(const Thumbprint& thumbprint,
+                                                      const Bytes& der);
   // SHA-1 of |der|.
   static Thumbprint ThumbprintOf(const Bytes& der);
 };

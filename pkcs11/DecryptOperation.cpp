@@ -15,16 +15,19 @@ CK_RV DecryptOperation::Begin(const CK_MECHANISM& mechanism, std::shared_ptr<con
   if (!key->BoolAttribute(CKA_DECRYPT)) return CKR_KEY_FUNCTION_NOT_PERMITTED;
   std::unique_ptr<DecryptOperation> made(new DecryptOperation());
   if (found->scheme == Scheme::k_rsa_oaep) {
-    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen != sizeof(CK_RSA_PKCS_OAEP_PARAMS))
+    if (mechanism.pParameter == nullptr ||
+        mechanism.ulParameterLen != sizeof(CK_RSA_PKCS_OAEP_PARAMS))
       return CKR_MECHANISM_PARAM_INVALID;
     const auto* params = static_cast<const CK_RSA_PKCS_OAEP_PARAMS*>(mechanism.pParameter);
     // The library decrypts OAEP with SHA-1 and MGF1-SHA-1 and no label.
-    const bool no_label = params->source == 0 || (params->source == CKZ_DATA_SPECIFIED && params->ulSourceDataLen == 0);
+    const bool no_label = params->source == 0 ||
+                          (params->source == CKZ_DATA_SPECIFIED && params->ulSourceDataLen == 0);
     if (params->hashAlg != CKM_SHA_1 || params->mgf != CKG_MGF1_SHA1 || !no_label)
       return CKR_MECHANISM_PARAM_INVALID;
     made->padding_ = X509_Auth_DecryptAlgorithm_RsaOaep;
   } else {
-    if (mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0) return CKR_MECHANISM_PARAM_INVALID;
+    if (mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0)
+      return CKR_MECHANISM_PARAM_INVALID;
     made->padding_ = X509_Auth_DecryptAlgorithm_RsaPkcs1;
   }
   made->key_ = std::move(key);
@@ -41,10 +44,12 @@ CK_RV DecryptOperation::Decrypt(const unsigned char* ciphertext, std::size_t len
   if (done_) return CKR_OK;
   if (length != key_->SignatureLength()) return CKR_ENCRYPTED_DATA_LEN_RANGE;
   const X509_Auth_ASN_1* plaintext = nullptr;
-  const X509_Auth_Result result =
-      X509_Auth_Decrypt(key_->CertificateThumbprint().data(), padding_, length, ciphertext, &plaintext);
+  const X509_Auth_Result result = X509_Auth_Decrypt(key_->CertificateThumbprint().data(), padding_,
+                                                    length, ciphertext, &plaintext);
   if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr) {
-    library_code = result.code != X509_Auth_ResultCode_Success ? result.code : X509_Auth_ResultCode_KeyOperationFailed;
+    library_code = result.code != X509_Auth_ResultCode_Success
+                       ? result.code
+                       : X509_Auth_ResultCode_KeyOperationFailed;
     if (plaintext != nullptr) X509_Auth_Free(plaintext);
     return CKR_FUNCTION_FAILED;
   }

@@ -22,7 +22,8 @@ class DecryptOperation {
   // Decrypts |ciphertext| once; later calls return the same plaintext. On a
   // refusal of the library returns CKR_FUNCTION_FAILED and sets
   // |library_code|. The caller routes the library's prompts.
-  CK_RV Decrypt(const unsigned char* ciphertext, std::size_t length, X509_Auth_ResultCode& library_code);
+  CK_RV Decrypt(const unsigned char* ciphertext, std::size_t length,
+                X509_Auth_ResultCode& library_code);
   const Bytes& Plaintext() const { return plaintext_; }
   bool Done() const { return done_; }
   const TokenObject& Key() const { return *key_; }

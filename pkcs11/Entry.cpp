@@ -54,7 +54,8 @@ CK_RV C_GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR list, CK_ULONG_P
 CK_RV C_GetMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR info) {
   return Locked([&](Module& m) { return m.GetMechanismInfo(slot, type, info); });
 }
-CK_RV C_OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY, CK_SESSION_HANDLE_PTR session) {
+CK_RV C_OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
+                    CK_SESSION_HANDLE_PTR session) {
   return Locked([&](Module& m) { return m.OpenSession(slot, flags, session); });
 }
 CK_RV C_CloseSession(CK_SESSION_HANDLE session) {
@@ -75,14 +76,15 @@ CK_RV C_Logout(CK_SESSION_HANDLE session) {
 CK_RV C_GetObjectSize(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG_PTR size) {
   return Locked([&](Module& m) { return m.GetObjectSize(session, object, size); });
 }
-CK_RV C_GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR templ,
-                          CK_ULONG count) {
+CK_RV C_GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                          CK_ATTRIBUTE_PTR templ, CK_ULONG count) {
   return Locked([&](Module& m) { return m.GetAttributeValue(session, object, templ, count); });
 }
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR templ, CK_ULONG count) {
   return Locked([&](Module& m) { return m.FindObjectsInit(session, templ, count); });
 }
-CK_RV C_FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG max, CK_ULONG_PTR count) {
+CK_RV C_FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG max,
+                    CK_ULONG_PTR count) {
   return Locked([&](Module& m) { return m.FindObjects(session, objects, max, count); });
 }
 CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE session) {
@@ -100,7 +102,8 @@ CK_RV C_SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJEC
 }
 CK_RV C_Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG length, CK_BYTE_PTR signature,
              CK_ULONG_PTR signature_length) {
-  return Locked([&](Module& m) { return m.Sign(session, data, length, signature, signature_length); });
+  return Locked(
+      [&](Module& m) { return m.Sign(session, data, length, signature, signature_length); });
 }
 CK_RV C_SignUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG length) {
   return Locked([&](Module& m) { return m.SignUpdate(session, part, length); });
@@ -112,55 +115,75 @@ CK_RV C_SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature, CK_ULONG_PTR
 // What the token cannot do: it holds no writable objects, generates nothing,
 // verifies and encrypts nothing (the program does that with the
 // certificate's public key).
-CK_RV C_InitToken(CK_SLOT_ID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_InitToken(CK_SLOT_ID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_InitPIN(CK_SESSION_HANDLE, CK_UTF8CHAR_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
 CK_RV C_SetPIN(CK_SESSION_HANDLE, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_GetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_SetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE) {
+CK_RV C_GetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
+CK_RV C_SetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_OBJECT_HANDLE,
+                          CK_OBJECT_HANDLE) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_CreateObject(CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_CopyObject(CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
+CK_RV C_CopyObject(CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG,
+                   CK_OBJECT_HANDLE_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_DestroyObject(CK_SESSION_HANDLE, CK_OBJECT_HANDLE) { return CKR_FUNCTION_NOT_SUPPORTED; }
 CK_RV C_SetAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_EncryptInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_EncryptInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_Encrypt(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_EncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_EncryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_EncryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_DecryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_DecryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_DecryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_DigestInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
 CK_RV C_Digest(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_DigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_DigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_DigestKey(CK_SESSION_HANDLE, CK_OBJECT_HANDLE) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_DigestFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_DigestFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_SignRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_SignRecover(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_VerifyInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_VerifyInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_Verify(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_VerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_VerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_VerifyFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
 CK_RV C_VerifyRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
   return CKR_FUNCTION_NOT_SUPPORTED;
@@ -180,18 +203,20 @@ CK_RV C_SignEncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR,
 CK_RV C_DecryptVerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_GenerateKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
+CK_RV C_GenerateKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
+                    CK_OBJECT_HANDLE_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG, CK_ATTRIBUTE_PTR, CK_ULONG,
-                        CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR) {
+CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
+                        CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_WrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+CK_RV C_WrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE,
+                CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
-CK_RV C_UnwrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_ATTRIBUTE_PTR,
-                  CK_ULONG, CK_OBJECT_HANDLE_PTR) {
+CK_RV C_UnwrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_BYTE_PTR, CK_ULONG,
+                  CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_DeriveKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG,
@@ -199,25 +224,84 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_ATTR
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_SeedRandom(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_GenerateRandom(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_GenerateRandom(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 CK_RV C_GetFunctionStatus(CK_SESSION_HANDLE) { return CKR_FUNCTION_NOT_PARALLEL; }
 CK_RV C_CancelFunction(CK_SESSION_HANDLE) { return CKR_FUNCTION_NOT_PARALLEL; }
-CK_RV C_WaitForSlotEvent(CK_FLAGS, CK_SLOT_ID_PTR, CK_VOID_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
+CK_RV C_WaitForSlotEvent(CK_FLAGS, CK_SLOT_ID_PTR, CK_VOID_PTR) {
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 
-CK_FUNCTION_LIST k_functions = {
-    {CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
-    C_Initialize, C_Finalize, C_GetInfo, C_GetFunctionListInternal, C_GetSlotList, C_GetSlotInfo,
-    C_GetTokenInfo, C_GetMechanismList, C_GetMechanismInfo, C_InitToken, C_InitPIN, C_SetPIN,
-    C_OpenSession, C_CloseSession, C_CloseAllSessions, C_GetSessionInfo, C_GetOperationState,
-    C_SetOperationState, C_Login, C_Logout, C_CreateObject, C_CopyObject, C_DestroyObject,
-    C_GetObjectSize, C_GetAttributeValue, C_SetAttributeValue, C_FindObjectsInit, C_FindObjects,
-    C_FindObjectsFinal, C_EncryptInit, C_Encrypt, C_EncryptUpdate, C_EncryptFinal, C_DecryptInit,
-    C_Decrypt, C_DecryptUpdate, C_DecryptFinal, C_DigestInit, C_Digest, C_DigestUpdate, C_DigestKey,
-    C_DigestFinal, C_SignInit, C_Sign, C_SignUpdate, C_SignFinal, C_SignRecoverInit, C_SignRecover,
-    C_VerifyInit, C_Verify, C_VerifyUpdate, C_VerifyFinal, C_VerifyRecoverInit, C_VerifyRecover,
-    C_DigestEncryptUpdate, C_DecryptDigestUpdate, C_SignEncryptUpdate, C_DecryptVerifyUpdate,
-    C_GenerateKey, C_GenerateKeyPair, C_WrapKey, C_UnwrapKey, C_DeriveKey, C_SeedRandom,
-    C_GenerateRandom, C_GetFunctionStatus, C_CancelFunction, C_WaitForSlotEvent};
+CK_FUNCTION_LIST k_functions = {{CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
+                                C_Initialize,
+                                C_Finalize,
+                                C_GetInfo,
+                                C_GetFunctionListInternal,
+                                C_GetSlotList,
+                                C_GetSlotInfo,
+                                C_GetTokenInfo,
+                                C_GetMechanismList,
+                                C_GetMechanismInfo,
+                                C_InitToken,
+                                C_InitPIN,
+                                C_SetPIN,
+                                C_OpenSession,
+                                C_CloseSession,
+                                C_CloseAllSessions,
+                                C_GetSessionInfo,
+                                C_GetOperationState,
+                                C_SetOperationState,
+                                C_Login,
+                                C_Logout,
+                                C_CreateObject,
+                                C_CopyObject,
+                                C_DestroyObject,
+                                C_GetObjectSize,
+                                C_GetAttributeValue,
+                                C_SetAttributeValue,
+                                C_FindObjectsInit,
+                                C_FindObjects,
+                                C_FindObjectsFinal,
+                                C_EncryptInit,
+                                C_Encrypt,
+                                C_EncryptUpdate,
+                                C_EncryptFinal,
+                                C_DecryptInit,
+                                C_Decrypt,
+                                C_DecryptUpdate,
+                                C_DecryptFinal,
+                                C_DigestInit,
+                                C_Digest,
+                                C_DigestUpdate,
+                                C_DigestKey,
+                                C_DigestFinal,
+                                C_SignInit,
+                                C_Sign,
+                                C_SignUpdate,
+                                C_SignFinal,
+                                C_SignRecoverInit,
+                                C_SignRecover,
+                                C_VerifyInit,
+                                C_Verify,
+                                C_VerifyUpdate,
+                                C_VerifyFinal,
+                                C_VerifyRecoverInit,
+                                C_VerifyRecover,
+                                C_DigestEncryptUpdate,
+                                C_DecryptDigestUpdate,
+                                C_SignEncryptUpdate,
+                                C_DecryptVerifyUpdate,
+                                C_GenerateKey,
+                                C_GenerateKeyPair,
+                                C_WrapKey,
+                                C_UnwrapKey,
+                                C_DeriveKey,
+                                C_SeedRandom,
+                                C_GenerateRandom,
+                                C_GetFunctionStatus,
+                                C_CancelFunction,
+                                C_WaitForSlotEvent};
 
 CK_RV C_GetFunctionListInternal(CK_FUNCTION_LIST_PTR_PTR list) {
   if (list == nullptr) return CKR_ARGUMENTS_BAD;
@@ -227,6 +311,7 @@ CK_RV C_GetFunctionListInternal(CK_FUNCTION_LIST_PTR_PTR list) {
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
+extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(
+    CK_FUNCTION_LIST_PTR_PTR list) {
   return C_GetFunctionListInternal(list);
 }

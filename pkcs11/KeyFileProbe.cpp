@@ -46,8 +46,9 @@ bool KeyFileProbe::IsEncrypted(const std::string& path) {
   entry.modified_ns = status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec;
   entry.changed_ns = status.st_ctim.tv_sec * 1000000000LL + status.st_ctim.tv_nsec;
   const auto found = known_.find(path);
-  if (found != known_.end() && found->second.device == entry.device && found->second.inode == entry.inode &&
-      found->second.size == entry.size && found->second.modified_ns == entry.modified_ns &&
+  if (found != known_.end() && found->second.device == entry.device &&
+      found->second.inode == entry.inode && found->second.size == entry.size &&
+      found->second.modified_ns == entry.modified_ns &&
       found->second.changed_ns == entry.changed_ns) {
     close(fd);
     return found->second.encrypted;

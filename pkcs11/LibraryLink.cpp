@@ -101,7 +101,8 @@ void AddCaFile(const std::string& file) {
     LogLine(3, "CA file %s cannot be read", file.c_str());
     return;
   }
-  const std::string bytes((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+  const std::string bytes((std::istreambuf_iterator<char>(stream)),
+                          std::istreambuf_iterator<char>());
   int added = 0;
   if (bytes.find("-----BEGIN CERTIFICATE-----") != std::string::npos) {
     std::size_t at = 0;
@@ -118,8 +119,10 @@ void AddCaFile(const std::string& file) {
     added = X509_Auth_AddAdditionalCertificateAuthorityToStore(
         reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
   }
-  if (added == 0) LogLine(3, "CA file %s holds no certificate the library took", file.c_str());
-  else LogLine(1, "CA file %s: %d certificate(s) added", file.c_str(), added);
+  if (added == 0)
+    LogLine(3, "CA file %s holds no certificate the library took", file.c_str());
+  else
+    LogLine(1, "CA file %s: %d certificate(s) added", file.c_str(), added);
 }
 
 }  // namespace

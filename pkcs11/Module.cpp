@@ -164,8 +164,9 @@ CK_RV Module::GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   info->ulMaxSessionCount = CK_EFFECTIVELY_INFINITE;
   info->ulSessionCount = sessions_.size();
   info->ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;
-  info->ulRwSessionCount = static_cast<CK_ULONG>(std::count_if(
-      sessions_.begin(), sessions_.end(), [](const auto& entry) { return (entry.second->flags & CKF_RW_SESSION) != 0; }));
+  info->ulRwSessionCount = static_cast<CK_ULONG>(
+      std::count_if(sessions_.begin(), sessions_.end(),
+                    [](const auto& entry) { return (entry.second->flags & CKF_RW_SESSION) != 0; }));
   info->ulMaxPinLen = 1024;
   info->ulMinPinLen = 0;
   info->ulTotalPublicMemory = CK_UNAVAILABLE_INFORMATION;
@@ -178,7 +179,8 @@ CK_RV Module::GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   return CKR_OK;
 }
 
-CK_RV Module::GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms, CK_ULONG_PTR count) {
+CK_RV Module::GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms,
+                               CK_ULONG_PTR count) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   if (slot != k_slot) return CKR_SLOT_ID_INVALID;
@@ -196,12 +198,14 @@ CK_RV Module::GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms
   return CKR_OK;
 }
 
-CK_RV Module::GetMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR info) {
+CK_RV Module::GetMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type,
+                               CK_MECHANISM_INFO_PTR info) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (info == nullptr) return CKR_ARGUMENTS_BAD;
   if (slot != k_slot) return CKR_SLOT_ID_INVALID;
   const Mechanism* mechanism = Mechanisms::Find(type);
-  if (mechanism == nullptr || (mechanism->scheme == Scheme::k_rsa_pss && link_.SignHashPss() == nullptr))
+  if (mechanism == nullptr ||
+      (mechanism->scheme == Scheme::k_rsa_pss && link_.SignHashPss() == nullptr))
     return CKR_MECHANISM_INVALID;
   *info = Mechanisms::Info(*mechanism);
   return CKR_OK;
@@ -266,7 +270,8 @@ CK_RV Module::TryPin() {
     X509_Auth_Result result{};
     {
       LibraryLink::PromptScope scope(&pin_, prompts);
-      result = X509_Auth_SignHash(thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256, digest, &signature);
+      result = X509_Auth_SignHash(thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256,
+                                  digest, &signature);
     }
     if (signature != nullptr) X509_Auth_Free(signature);
     if (result.code == X509_Auth_ResultCode_Success) return CKR_OK;
@@ -275,7 +280,8 @@ CK_RV Module::TryPin() {
   return refused ? CKR_PIN_INCORRECT : CKR_OK;
 }
 
-CK_RV Module::Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG pin_length) {
+CK_RV Module::Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin,
+                    CK_ULONG pin_length) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (pin == nullptr && pin_length != 0) return CKR_ARGUMENTS_BAD;
   if (Find(session) == nullptr) return CKR_SESSION_HANDLE_INVALID;
@@ -300,8 +306,8 @@ CK_RV Module::Logout(CK_SESSION_HANDLE session) {
   return CKR_OK;
 }
 
-CK_RV Module::GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle, CK_ATTRIBUTE_PTR templ,
-                                CK_ULONG count) {
+CK_RV Module::GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE handle,
+                                CK_ATTRIBUTE_PTR templ, CK_ULONG count) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (templ == nullptr && count != 0) return CKR_ARGUMENTS_BAD;
   if (Find(session) == nullptr) return CKR_SESSION_HANDLE_INVALID;
@@ -355,8 +361,8 @@ CK_RV Module::FindObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR templ,
   return CKR_OK;
 }
 
-CK_RV Module::FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG max_count,
-                          CK_ULONG_PTR count) {
+CK_RV Module::FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects,
+                          CK_ULONG max_count, CK_ULONG_PTR count) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (count == nullptr || (objects == nullptr && max_count != 0)) return CKR_ARGUMENTS_BAD;
   Session* found = Find(session);
@@ -379,7 +385,8 @@ CK_RV Module::FindObjectsFinal(CK_SESSION_HANDLE session) {
   return CKR_OK;
 }
 
-CK_RV Module::SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
+CK_RV Module::SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                       CK_OBJECT_HANDLE key) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (mechanism == nullptr) return CKR_ARGUMENTS_BAD;
   Session* found = Find(session);
@@ -391,7 +398,8 @@ CK_RV Module::SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK
   return SignOperation::Begin(*mechanism, std::move(object), link_.SignHashPss(), found->sign);
 }
 
-CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prompts, bool decrypting) {
+CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prompts,
+                             bool decrypting) {
   if (prompts.asked > prompts.answered) {
     // A key asked while nobody was logged in: from now on the token says
     // that a login is needed.
@@ -427,16 +435,18 @@ CK_RV Module::FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR s
     LibraryLink::PromptScope scope(LoggedIn() ? &pin_ : nullptr, prompts);
     rv = operation->Sign(made, code);
   }
-  if (rv == CKR_FUNCTION_FAILED && code != X509_Auth_ResultCode_Success) rv = LibraryFailure(code, prompts, false);
+  if (rv == CKR_FUNCTION_FAILED && code != X509_Auth_ResultCode_Success)
+    rv = LibraryFailure(code, prompts, false);
   if (rv != CKR_OK) return rv;
   output.Fill(made);
   return CKR_OK;
 }
 
-CK_RV Module::Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length, CK_BYTE_PTR signature,
-                   CK_ULONG_PTR signature_length) {
+CK_RV Module::Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
+                   CK_BYTE_PTR signature, CK_ULONG_PTR signature_length) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if ((data == nullptr && data_length != 0) || signature_length == nullptr) return CKR_ARGUMENTS_BAD;
+  if ((data == nullptr && data_length != 0) || signature_length == nullptr)
+    return CKR_ARGUMENTS_BAD;
   Session* found = Find(session);
   if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
   if (found->sign == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
@@ -463,7 +473,8 @@ CK_RV Module::SignUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG p
   return rv;
 }
 
-CK_RV Module::SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature, CK_ULONG_PTR signature_length) {
+CK_RV Module::SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature,
+                        CK_ULONG_PTR signature_length) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (signature_length == nullptr) return CKR_ARGUMENTS_BAD;
   Session* found = Find(session);
@@ -472,7 +483,8 @@ CK_RV Module::SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature, CK_ULO
   return FinishSign(*found, signature, signature_length);
 }
 
-CK_RV Module::DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
+CK_RV Module::DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
+                          CK_OBJECT_HANDLE key) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (mechanism == nullptr) return CKR_ARGUMENTS_BAD;
   Session* found = Find(session);
@@ -484,10 +496,11 @@ CK_RV Module::DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
   return DecryptOperation::Begin(*mechanism, std::move(object), found->decrypt);
 }
 
-CK_RV Module::Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG encrypted_length, CK_BYTE_PTR data,
-                      CK_ULONG_PTR data_length) {
+CK_RV Module::Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG encrypted_length,
+                      CK_BYTE_PTR data, CK_ULONG_PTR data_length) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if ((encrypted == nullptr && encrypted_length != 0) || data_length == nullptr) return CKR_ARGUMENTS_BAD;
+  if ((encrypted == nullptr && encrypted_length != 0) || data_length == nullptr)
+    return CKR_ARGUMENTS_BAD;
   Session* found = Find(session);
   if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
   if (found->decrypt == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
@@ -500,8 +513,9 @@ CK_RV Module::Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG
   }
   if (rv != CKR_OK) {
     found->decrypt.reset();
-    return rv == CKR_FUNCTION_FAILED && code != X509_Auth_ResultCode_Success ? LibraryFailure(code, prompts, true)
-                                                                            : rv;
+    return rv == CKR_FUNCTION_FAILED && code != X509_Auth_ResultCode_Success
+               ? LibraryFailure(code, prompts, true)
+               : rv;
   }
   OutputBuffer output(data, data_length);
   if (!output.Takes(found->decrypt->Plaintext().size())) return output.Answer();

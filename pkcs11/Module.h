@@ -40,23 +40,24 @@ class Module {
   CK_RV CloseSession(CK_SESSION_HANDLE session);
   CK_RV CloseAllSessions(CK_SLOT_ID slot);
   CK_RV GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info);
-  CK_RV Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG pin_length);
+  CK_RV Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin,
+              CK_ULONG pin_length);
   CK_RV Logout(CK_SESSION_HANDLE session);
-  CK_RV GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE_PTR templ,
-                          CK_ULONG count);
+  CK_RV GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                          CK_ATTRIBUTE_PTR templ, CK_ULONG count);
   CK_RV GetObjectSize(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG_PTR size);
   CK_RV FindObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR templ, CK_ULONG count);
   CK_RV FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG max_count,
                     CK_ULONG_PTR count);
   CK_RV FindObjectsFinal(CK_SESSION_HANDLE session);
   CK_RV SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key);
-  CK_RV Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length, CK_BYTE_PTR signature,
-             CK_ULONG_PTR signature_length);
+  CK_RV Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
+             CK_BYTE_PTR signature, CK_ULONG_PTR signature_length);
   CK_RV SignUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG part_length);
   CK_RV SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature, CK_ULONG_PTR signature_length);
   CK_RV DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key);
-  CK_RV Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG encrypted_length, CK_BYTE_PTR data,
-                CK_ULONG_PTR data_length);
+  CK_RV Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG encrypted_length,
+                CK_BYTE_PTR data, CK_ULONG_PTR data_length);
 
  private:
   Module() = default;

@@ -95,8 +95,9 @@ void ModuleSettings::ParseText(const std::string& text, ModuleSettings& settings
     line = Trim(line);
     if (line.empty() || line[0] == '#') continue;
     const auto equals = line.find('=');
-    const std::string where = (settings.config_file.empty() ? std::string("settings") : settings.config_file) +
-                              ":" + std::to_string(number);
+    const std::string where =
+        (settings.config_file.empty() ? std::string("settings") : settings.config_file) + ":" +
+        std::to_string(number);
     if (equals == std::string::npos) {
       settings.problems.push_back(where + ": not a 'key = value' line");
       continue;
@@ -119,11 +120,13 @@ ModuleSettings ModuleSettings::Load() {
   const struct {
     const char* variable;
     const char* key;
-  } overrides[] = {{"X509AUTH_DIRS", "dirs"},         {"X509AUTH_HOME_DIRS", "home_dirs"},
-                   {"X509AUTH_CA_FILES", "ca_files"}, {"X509AUTH_MODULE", "module"},
-                   {"X509AUTH_LOG", "log_level"},     {"X509AUTH_TOKEN_CERTIFICATES", "token_certificates"}};
+  } overrides[] = {
+      {"X509AUTH_DIRS", "dirs"},         {"X509AUTH_HOME_DIRS", "home_dirs"},
+      {"X509AUTH_CA_FILES", "ca_files"}, {"X509AUTH_MODULE", "module"},
+      {"X509AUTH_LOG", "log_level"},     {"X509AUTH_TOKEN_CERTIFICATES", "token_certificates"}};
   for (const auto& entry : overrides)
-    if (const char* value = Environment(entry.variable)) Apply(entry.key, Trim(value), settings, entry.variable);
+    if (const char* value = Environment(entry.variable))
+      Apply(entry.key, Trim(value), settings, entry.variable);
   return settings;
 }
 

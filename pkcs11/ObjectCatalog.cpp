@@ -54,9 +54,10 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     offered.push_back(&record);
     Thumbprint thumbprint{};
     std::memcpy(thumbprint.data(), record.thumbprint, thumbprint.size());
-    const bool asks = record.smart_card != 0 ||
-                      (record.cert_type == X509_Auth_CertificateType_FileBased && record.key_path != nullptr &&
-                       *record.key_path != '\0' && probe_.IsEncrypted(record.key_path));
+    const bool asks =
+        record.smart_card != 0 ||
+        (record.cert_type == X509_Auth_CertificateType_FileBased && record.key_path != nullptr &&
+         *record.key_path != '\0' && probe_.IsEncrypted(record.key_path));
     if (asks) {
       needs_login = true;
       asking.push_back(thumbprint);
@@ -76,7 +77,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
       built.objects = CertificateObjects::Client(thumbprint, der, needs_login);
       built.keys_private = needs_login;
     }
-    for (const auto& object : built.objects) current[HandleFor(thumbprint, object->Kind())] = object;
+    for (const auto& object : built.objects)
+      current[HandleFor(thumbprint, object->Kind())] = object;
 
     // The chain starts with the certificate itself, which the CA store does
     // not hold: asking for it would only log a failed lookup.
@@ -99,7 +101,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     if (all_known) continue;
     uint64_t ca_count = 0;
     X509_Auth_ASN_1* cas = nullptr;
-    if (chain_only.ca_chain_count > 0 && X509_Auth_GetChainedCAsForCertificate(&chain_only, &ca_count, &cas) == 0) {
+    if (chain_only.ca_chain_count > 0 &&
+        X509_Auth_GetChainedCAsForCertificate(&chain_only, &ca_count, &cas) == 0) {
       LibraryFree free_cas(cas);
       for (uint64_t j = 0; j < ca_count; ++j)
         if (cas[j].data != nullptr)

@@ -24,7 +24,8 @@ class ObjectCatalog {
   bool Refresh(bool token_certificates);
   // Current objects matching the template, in handle order; private
   // objects only when |show_private|.
-  std::vector<CK_OBJECT_HANDLE> Find(const CK_ATTRIBUTE* templ, CK_ULONG count, bool show_private) const;
+  std::vector<CK_OBJECT_HANDLE> Find(const CK_ATTRIBUTE* templ, CK_ULONG count,
+                                     bool show_private) const;
   // The object a handle names in the latest listing; null when it is gone
   // or was never given.
   std::shared_ptr<const TokenObject> Get(CK_OBJECT_HANDLE handle) const;

@@ -25,13 +25,15 @@ CK_RV SignOperation::Begin(const CK_MECHANISM& mechanism, std::shared_ptr<const 
   made->key_ = std::move(key);
   made->pss_ = pss;
   if (found->scheme == Scheme::k_rsa_pss) {
-    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen != sizeof(CK_RSA_PKCS_PSS_PARAMS))
+    if (mechanism.pParameter == nullptr ||
+        mechanism.ulParameterLen != sizeof(CK_RSA_PKCS_PSS_PARAMS))
       return CKR_MECHANISM_PARAM_INVALID;
     const auto* params = static_cast<const CK_RSA_PKCS_PSS_PARAMS*>(mechanism.pParameter);
     const HashKind* hash = Mechanisms::HashByMechanism(params->hashAlg);
     // The library uses MGF1 with the signing digest, and a hashing
     // mechanism's digest is its own.
-    if (hash == nullptr || params->mgf != hash->mgf || (found->hashing != nullptr && found->hashing != hash))
+    if (hash == nullptr || params->mgf != hash->mgf ||
+        (found->hashing != nullptr && found->hashing != hash))
       return CKR_MECHANISM_PARAM_INVALID;
     const std::size_t modulus = made->key_->SignatureLength();
     if (modulus < hash->length + 2 || params->sLen > modulus - hash->length - 2)
@@ -43,7 +45,8 @@ CK_RV SignOperation::Begin(const CK_MECHANISM& mechanism, std::shared_ptr<const 
   }
   if (found->hashing != nullptr) {
     made->running_.reset(EVP_MD_CTX_new());
-    if (made->running_ == nullptr || EVP_DigestInit_ex(made->running_.get(), found->hashing->digest(), nullptr) != 1)
+    if (made->running_ == nullptr ||
+        EVP_DigestInit_ex(made->running_.get(), found->hashing->digest(), nullptr) != 1)
       return CKR_HOST_MEMORY;
   }
   operation = std::move(made);
@@ -81,8 +84,7 @@ CK_RV SignOperation::Digest(Bytes& digest, const HashKind*& hash) {
       hash = Mechanisms::HashByLength(data_.size());
       digest = data_;
       return hash != nullptr ? CKR_OK : CKR_DATA_LEN_RANGE;
-    default:
-      return CKR_MECHANISM_INVALID;
+    default: return CKR_MECHANISM_INVALID;
   }
 }
 
@@ -96,13 +98,18 @@ CK_RV SignOperation::Sign(Bytes& signature, X509_Auth_ResultCode& library_code) 
   const X509_Auth_Signature* made = nullptr;
   X509_Auth_Result result{};
   if (mechanism_->scheme == Scheme::k_rsa_pss) {
-    result = pss_(thumbprint.data(), hash->library_type, digest.data(), static_cast<int32_t>(salt_length_), &made);
+    result = pss_(thumbprint.data(), hash->library_type, digest.data(),
+                  static_cast<int32_t>(salt_length_), &made);
   } else {
-    const uint32_t algorithm = mechanism_->scheme == Scheme::k_ecdsa ? X509_Auth_Algorithm_Ec : X509_Auth_Algorithm_Rsa;
-    result = X509_Auth_SignHash(thumbprint.data(), 1, &algorithm, hash->library_type, digest.data(), &made);
+    const uint32_t algorithm =
+        mechanism_->scheme == Scheme::k_ecdsa ? X509_Auth_Algorithm_Ec : X509_Auth_Algorithm_Rsa;
+    result = X509_Auth_SignHash(thumbprint.data(), 1, &algorithm, hash->library_type, digest.data(),
+                                &made);
   }
   if (result.code != X509_Auth_ResultCode_Success || made == nullptr) {
-    library_code = result.code != X509_Auth_ResultCode_Success ? result.code : X509_Auth_ResultCode_KeyOperationFailed;
+    library_code = result.code != X509_Auth_ResultCode_Success
+                       ? result.code
+                       : X509_Auth_ResultCode_KeyOperationFailed;
     if (made != nullptr) X509_Auth_Free(made);
     return CKR_FUNCTION_FAILED;
   }

@@ -20,7 +20,8 @@ enum class ObjectKind { k_certificate = 1, k_public_key = 2, k_private_key = 3, 
 
 class TokenObject {
  public:
-  TokenObject(ObjectKind kind, const Thumbprint& thumbprint) : kind_(kind), thumbprint_(thumbprint) {}
+  TokenObject(ObjectKind kind, const Thumbprint& thumbprint)
+      : kind_(kind), thumbprint_(thumbprint) {}
 
   ObjectKind Kind() const { return kind_; }
   // The certificate's SHA-1 thumbprint (also its CKA_ID).

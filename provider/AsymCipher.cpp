@@ -47,7 +47,9 @@ void* NewContext(void* provctx) {
 
 void FreeContext(void* context) { std::unique_ptr<CipherContext> owned(AsContext(context)); }
 
-void* DupContext(void* context) { return std::make_unique<CipherContext>(*AsContext(context)).release(); }
+void* DupContext(void* context) {
+  return std::make_unique<CipherContext>(*AsContext(context)).release();
+}
 
 bool IsSha1(CipherContext* context, const OSSL_PARAM* p) {
   const char* name = nullptr;
@@ -55,7 +57,7 @@ bool IsSha1(CipherContext* context, const OSSL_PARAM* p) {
   EvpMdPtr md(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
   if (md != nullptr && EVP_MD_is_a(md.get(), "SHA1")) return true;
   X509AUTH_RAISE(context->provider, k_reason_unsupported_digest,
-                           "OAEP digest %s: x509auth decrypts OAEP with SHA-1 only", name);
+                 "OAEP digest %s: x509auth decrypts OAEP with SHA-1 only", name);
   return false;
 }
 
@@ -74,8 +76,8 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
     }
     if (mode != RSA_PKCS1_PADDING && mode != RSA_PKCS1_OAEP_PADDING) {
       X509AUTH_RAISE(context->provider, k_reason_unsupported_padding,
-                               "padding %s: x509auth decrypts PKCS#1 v1.5 and OAEP",
-                               name != nullptr ? name : std::to_string(mode).c_str());
+                     "padding %s: x509auth decrypts PKCS#1 v1.5 and OAEP",
+                     name != nullptr ? name : std::to_string(mode).c_str());
       return 0;
     }
     context->padding = mode;
@@ -86,7 +88,8 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
   if (p != nullptr && !IsSha1(context, p)) return 0;
   p = OSSL_PARAM_locate_const(params, OSSL_ASYM_CIPHER_PARAM_OAEP_LABEL);
   if (p != nullptr && p->data_size != 0) {
-    X509AUTH_RAISE(context->provider, k_reason_unsupported_padding, "x509auth decrypts OAEP without a label");
+    X509AUTH_RAISE(context->provider, k_reason_unsupported_padding,
+                   "x509auth decrypts OAEP without a label");
     return 0;
   }
   return 1;
@@ -107,8 +110,8 @@ int GetParams(void* opaque, OSSL_PARAM params[]) {
   if (p != nullptr) {
     const bool oaep = context->padding == RSA_PKCS1_OAEP_PADDING;
     if (p->data_type == OSSL_PARAM_UTF8_STRING
-            ? !OSSL_PARAM_set_utf8_string(p, oaep ? OSSL_PKEY_RSA_PAD_MODE_OAEP
-                                                  : OSSL_PKEY_RSA_PAD_MODE_PKCSV15)
+            ? !OSSL_PARAM_set_utf8_string(
+                  p, oaep ? OSSL_PKEY_RSA_PAD_MODE_OAEP : OSSL_PKEY_RSA_PAD_MODE_PKCSV15)
             : !OSSL_PARAM_set_int(p, context->padding))
       return 0;
   }
@@ -127,7 +130,8 @@ const OSSL_PARAM* GettableParams(void*, void*) {
 int Init(void* opaque, void* keydata, const OSSL_PARAM params[]) {
   CipherContext* context = AsContext(opaque);
   const KeyData* data = static_cast<const KeyData*>(keydata);
-  if (data == nullptr || data->key == nullptr || data->key->Algorithm() != X509_Auth_Algorithm_Rsa) {
+  if (data == nullptr || data->key == nullptr ||
+      data->key->Algorithm() != X509_Auth_Algorithm_Rsa) {
     X509AUTH_RAISE(context->provider, k_reason_bad_argument, "not an RSA key of this provider");
     return 0;
   }
@@ -150,8 +154,8 @@ int Decrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
   if (!context->key->Decrypt(padding, in, inlen, &plaintext)) return 0;
   int result = 0;
   if (plaintext.size() > outsize) {
-    X509AUTH_RAISE(context->provider, k_reason_buffer_too_small, "%zu bytes for a %zu-byte plaintext",
-                             outsize, plaintext.size());
+    X509AUTH_RAISE(context->provider, k_reason_buffer_too_small,
+                   "%zu bytes for a %zu-byte plaintext", outsize, plaintext.size());
   } else {
     std::memcpy(out, plaintext.data(), plaintext.size());
     *outlen = plaintext.size();
@@ -175,7 +179,6 @@ int Encrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
   *outlen = length;
   return 1;
 }
-
 
 }  // namespace
 

@@ -36,8 +36,8 @@ std::shared_ptr<const KeyObject> KeyObject::ForCertificate(
     (void)cert.release();
   }
   if (raw == nullptr) {
-    X509AUTH_RAISE(provider, k_reason_unsupported_key, "thumbprint=%s: the certificate cannot be parsed",
-                    hex.c_str());
+    X509AUTH_RAISE(provider, k_reason_unsupported_key,
+                   "thumbprint=%s: the certificate cannot be parsed", hex.c_str());
     return nullptr;
   }
   EvpPkeyPtr key(X509_get_pubkey(cert.get()));
@@ -105,15 +105,15 @@ void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Resu
   const char* separator = evidence.empty() ? "" : "; library: ";
   if (report.prompt_refused) {
     X509AUTH_RAISE(provider_, k_reason_passphrase_unavailable,
-                     "thumbprint=%s: %s result %d (detail %lu)%s%s", thumbprint_hex_.c_str(),
-                     what, result.code, static_cast<unsigned long>(result.detail), separator,
-                     evidence.c_str());
+                   "thumbprint=%s: %s result %d (detail %lu)%s%s", thumbprint_hex_.c_str(), what,
+                   result.code, static_cast<unsigned long>(result.detail), separator,
+                   evidence.c_str());
     return;
   }
   X509AUTH_RAISE(provider_, reason, "thumbprint=%s: %s result %d (detail %lu): %s%s%s",
-                   thumbprint_hex_.c_str(), what, result.code,
-                   static_cast<unsigned long>(result.detail), Meaning(result.code), separator,
-                   evidence.c_str());
+                 thumbprint_hex_.c_str(), what, result.code,
+                 static_cast<unsigned long>(result.detail), Meaning(result.code), separator,
+                 evidence.c_str());
 }
 
 void KeyObject::ForgetPassphrase() const {
@@ -140,7 +140,7 @@ bool KeyObject::Sign(const char* what, std::vector<unsigned char>* signature, Ca
     });
   } catch (const std::exception& failure) {
     X509AUTH_RAISE(provider_, k_reason_signing_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
-                     failure.what());
+                   failure.what());
     return false;
   }
   if (result.code != X509_Auth_ResultCode_Success) {
@@ -175,7 +175,8 @@ bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::s
   try {
     result = provider_->Run(passphrase_.get(), &report, [&] {
       const X509_Auth_ASN_1* made = nullptr;
-      const X509_Auth_Result r = X509_Auth_Decrypt(thumbprint_.data(), padding, length, data, &made);
+      const X509_Auth_Result r =
+          X509_Auth_Decrypt(thumbprint_.data(), padding, length, data, &made);
       if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
         plaintext->assign(made->data, made->data + made->length);
         // The plaintext may be a session key: wipe the library's copy too.
@@ -185,8 +186,8 @@ bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::s
       return r;
     });
   } catch (const std::exception& failure) {
-    X509AUTH_RAISE(provider_, k_reason_decryption_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
-                     failure.what());
+    X509AUTH_RAISE(provider_, k_reason_decryption_failed, "thumbprint=%s: %s",
+                   thumbprint_hex_.c_str(), failure.what());
     return false;
   }
   if (result.code != X509_Auth_ResultCode_Success) {

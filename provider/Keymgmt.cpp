@@ -57,8 +57,12 @@ void* LoadKey(const void* reference, size_t reference_size, std::uint32_t algori
   // OpenSSL owns the key data until FreeKey.
   return std::make_unique<KeyData>(KeyData{(*source)->Provider(), *source}).release();
 }
-void* LoadRsa(const void* reference, size_t size) { return LoadKey(reference, size, X509_Auth_Algorithm_Rsa); }
-void* LoadEc(const void* reference, size_t size) { return LoadKey(reference, size, X509_Auth_Algorithm_Ec); }
+void* LoadRsa(const void* reference, size_t size) {
+  return LoadKey(reference, size, X509_Auth_Algorithm_Rsa);
+}
+void* LoadEc(const void* reference, size_t size) {
+  return LoadKey(reference, size, X509_Auth_Algorithm_Ec);
+}
 
 int HasKey(const void* keydata, int selection) {
   const KeyData* data = AsKey(keydata);
@@ -140,7 +144,8 @@ const OSSL_PARAM* RsaGettable(void*) {
       OSSL_PARAM_int(OSSL_PKEY_PARAM_MAX_SIZE, nullptr),
       OSSL_PARAM_utf8_string(OSSL_PKEY_PARAM_DEFAULT_DIGEST, nullptr, 0),
       OSSL_PARAM_BN(OSSL_PKEY_PARAM_RSA_N, nullptr, 0),
-      OSSL_PARAM_BN(OSSL_PKEY_PARAM_RSA_E, nullptr, 0), OSSL_PARAM_END};
+      OSSL_PARAM_BN(OSSL_PKEY_PARAM_RSA_E, nullptr, 0),
+      OSSL_PARAM_END};
   return params;
 }
 const OSSL_PARAM* EcGettable(void*) {
@@ -153,7 +158,8 @@ const OSSL_PARAM* EcGettable(void*) {
       OSSL_PARAM_utf8_string(OSSL_PKEY_PARAM_EC_ENCODING, nullptr, 0),
       OSSL_PARAM_utf8_string(OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT, nullptr, 0),
       OSSL_PARAM_octet_string(OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, nullptr, 0),
-      OSSL_PARAM_octet_string(OSSL_PKEY_PARAM_PUB_KEY, nullptr, 0), OSSL_PARAM_END};
+      OSSL_PARAM_octet_string(OSSL_PKEY_PARAM_PUB_KEY, nullptr, 0),
+      OSSL_PARAM_END};
   return params;
 }
 
@@ -163,7 +169,6 @@ const char* RsaOperationName(int) { return "RSA"; }
 const char* EcOperationName(int operation_id) {
   return operation_id == OSSL_OP_SIGNATURE ? "ECDSA" : "EC";
 }
-
 
 }  // namespace
 

@@ -15,7 +15,8 @@ namespace {
 std::string InfoOf(const std::string& prompt) {
   static const char* const k_prefixes[] = {"Enter password for: ", "Enter pin for "};
   for (const char* prefix : k_prefixes)
-    if (prompt.compare(0, std::strlen(prefix), prefix) == 0) return prompt.substr(std::strlen(prefix));
+    if (prompt.compare(0, std::strlen(prefix), prefix) == 0)
+      return prompt.substr(std::strlen(prefix));
   return prompt;
 }
 

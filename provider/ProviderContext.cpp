@@ -19,8 +19,8 @@
 #include "Dispatch.h"
 #include "DispatchCast.h"
 #include "ErrorQueueGuard.h"
-#include "x509auth/LogLevel.h"
 #include "x509_auth.h"
+#include "x509auth/LogLevel.h"
 
 namespace x509auth_provider {
 namespace {
@@ -44,7 +44,8 @@ const OSSL_ALGORITHM k_keymgmt[] = {
     {k_ec_names, k_properties, k_ec_keymgmt_functions, "EC key of an x509auth certificate"},
     {nullptr, nullptr, nullptr, nullptr}};
 const OSSL_ALGORITHM k_signature[] = {
-    {k_rsa_names, k_properties, k_rsa_signature_functions, "RSA PKCS#1 v1.5 and PSS through x509auth"},
+    {k_rsa_names, k_properties, k_rsa_signature_functions,
+     "RSA PKCS#1 v1.5 and PSS through x509auth"},
     {"ECDSA", k_properties, k_ecdsa_signature_functions, "ECDSA through x509auth"},
     {nullptr, nullptr, nullptr, nullptr}};
 const OSSL_ALGORITHM k_asym_cipher[] = {
@@ -56,7 +57,8 @@ const OSSL_ALGORITHM k_store[] = {
 
 const OSSL_ITEM k_reason_strings[] = {
     {k_reason_bad_uri, const_cast<char*>("unrecognised x509auth URI")},
-    {k_reason_certificate_not_found, const_cast<char*>("no offered certificate has this thumbprint")},
+    {k_reason_certificate_not_found,
+     const_cast<char*>("no offered certificate has this thumbprint")},
     {k_reason_listing_failed, const_cast<char*>("the certificates could not be listed")},
     {k_reason_signing_failed, const_cast<char*>("signing through x509auth failed")},
     {k_reason_decryption_failed, const_cast<char*>("decryption through x509auth failed")},
@@ -73,7 +75,6 @@ const OSSL_ITEM k_reason_strings[] = {
     {k_reason_setup_failed, const_cast<char*>("the x509auth provider could not start")},
     {0, nullptr}};
 
-
 std::vector<std::string> SplitColons(const std::string& text) {
   std::vector<std::string> parts;
   std::stringstream stream(text);
@@ -84,14 +85,16 @@ std::vector<std::string> SplitColons(const std::string& text) {
 }
 
 // Provider-level functions; OpenSSL's C signatures.
-void Teardown(void* provctx) { std::unique_ptr<ProviderContext> owned(ProviderContext::From(provctx)); }
+void Teardown(void* provctx) {
+  std::unique_ptr<ProviderContext> owned(ProviderContext::From(provctx));
+}
 
 const OSSL_PARAM* GettableParams(void*) {
-  static const OSSL_PARAM params[] = {
-      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_NAME, nullptr, 0),
-      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_VERSION, nullptr, 0),
-      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_BUILDINFO, nullptr, 0),
-      OSSL_PARAM_int(OSSL_PROV_PARAM_STATUS, nullptr), OSSL_PARAM_END};
+  static const OSSL_PARAM params[] = {OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_NAME, nullptr, 0),
+                                      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_VERSION, nullptr, 0),
+                                      OSSL_PARAM_utf8_ptr(OSSL_PROV_PARAM_BUILDINFO, nullptr, 0),
+                                      OSSL_PARAM_int(OSSL_PROV_PARAM_STATUS, nullptr),
+                                      OSSL_PARAM_END};
   return params;
 }
 
@@ -137,7 +140,9 @@ ProviderContext::ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISP
     switch (in->function_id) {
       case OSSL_FUNC_CORE_GET_PARAMS: get_params_ = OSSL_FUNC_core_get_params(in); break;
       case OSSL_FUNC_CORE_NEW_ERROR: new_error_ = OSSL_FUNC_core_new_error(in); break;
-      case OSSL_FUNC_CORE_SET_ERROR_DEBUG: set_error_debug_ = OSSL_FUNC_core_set_error_debug(in); break;
+      case OSSL_FUNC_CORE_SET_ERROR_DEBUG:
+        set_error_debug_ = OSSL_FUNC_core_set_error_debug(in);
+        break;
       case OSSL_FUNC_CORE_VSET_ERROR: vset_error_ = OSSL_FUNC_core_vset_error(in); break;
       case OSSL_FUNC_CORE_GET_LIBCTX: get_libctx_ = OSSL_FUNC_core_get_libctx(in); break;
       default: break;
@@ -165,8 +170,8 @@ bool ProviderContext::ChooseModule() {
   if (module[0] != '/' || stat(module.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
       access(module.c_str(), R_OK) != 0) {
     X509AUTH_RAISE(this, k_reason_setup_failed,
-          "pkcs11_module %s: give the absolute path of a readable PKCS#11 module, or none",
-          module.c_str());
+                   "pkcs11_module %s: give the absolute path of a readable PKCS#11 module, or none",
+                   module.c_str());
     return false;
   }
   settings_.module = module;
@@ -176,7 +181,8 @@ bool ProviderContext::ChooseModule() {
 std::string ProviderContext::Parameter(const char* name, const char* environment) const {
   // openssl.cnf's provider section first, then the environment.
   char* value = nullptr;
-  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_ptr(name, &value, 0), OSSL_PARAM_construct_end()};
+  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_ptr(name, &value, 0),
+                         OSSL_PARAM_construct_end()};
   if (get_params_ != nullptr && get_params_(handle_, params) && value != nullptr) return value;
   const char* from_environment = std::getenv(environment);
   return from_environment != nullptr ? from_environment : "";
@@ -196,8 +202,8 @@ bool ProviderContext::Start() {
   const std::string level = Parameter("log_level", "X509AUTH_LOG");
   settings_.log_threshold = level.empty() ? 4 : x509auth_common::ParseLogLevel(level);
   if (settings_.log_threshold < 0) {
-    X509AUTH_RAISE(this, k_reason_setup_failed, "log_level '%s': use debug, info, warning, error or none",
-          level.c_str());
+    X509AUTH_RAISE(this, k_reason_setup_failed,
+                   "log_level '%s': use debug, info, warning, error or none", level.c_str());
     return false;
   }
   if (!ChooseModule()) return false;
@@ -257,8 +263,7 @@ std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) 
     if (!content.empty()) found.push_back(std::move(content));
     return found;
   }
-  BioPtr pem(
-      BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
+  BioPtr pem(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
   while (pem != nullptr) {
     X509Ptr cert(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
     if (cert == nullptr) break;

@@ -4,8 +4,8 @@
 // environment), a private library context for public-key work and hashing,
 // a share of the process's library session, and the core's error functions.
 #include <openssl/core.h>
-#include <openssl/err.h>
 #include <openssl/core_dispatch.h>
+#include <openssl/err.h>
 #include <openssl/provider.h>
 
 #include <memory>
@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "SharedLibrarySession.h"
 #include "ProviderPtr.h"
+#include "SharedLibrarySession.h"
 
 namespace x509auth_provider {
 
@@ -61,8 +61,8 @@ class ProviderContext {
 
   // What one call into the library left for the caller's error report.
   struct CallReport {
-    bool prompt_refused = false;          // a secret was asked for, none given
-    std::vector<std::string> evidence;    // the library's lines explaining it
+    bool prompt_refused = false;        // a secret was asked for, none given
+    std::vector<std::string> evidence;  // the library's lines explaining it
   };
 
   // Runs |call| inside the library session (see SharedLibrarySession::Run), with

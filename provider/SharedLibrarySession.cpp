@@ -60,8 +60,7 @@ void Log(X509_Auth_LogPriority priority, const char* format, va_list arguments) 
 }
 
 void Message(const char* message, const char* title) {
-  if (g_current != nullptr)
-    g_current->evidence.push_back(std::string(title) + ": " + message);
+  if (g_current != nullptr) g_current->evidence.push_back(std::string(title) + ": " + message);
   if (X509_Auth_LogPriority_Error < Threshold()) return;
   std::fprintf(stderr, "x509auth: %s: %s\n", title, message);
 }
@@ -104,7 +103,8 @@ std::mutex& SharedLibrarySession::Mutex() {
   return mutex;
 }
 
-std::shared_ptr<SharedLibrarySession> SharedLibrarySession::Acquire(const ProviderSettings& settings) {
+std::shared_ptr<SharedLibrarySession> SharedLibrarySession::Acquire(
+    const ProviderSettings& settings) {
   static std::mutex acquire_mutex;
   static std::weak_ptr<SharedLibrarySession> instance;
   std::lock_guard<std::mutex> acquire_lock(acquire_mutex);
@@ -142,7 +142,8 @@ void SharedLibrarySession::DeinitialiseAtExit() {
   }
 }
 
-SharedLibrarySession::ExitHandlerAfterLoad::ExitHandlerAfterLoad() : loads_before_(SharedObjectLoads()) {}
+SharedLibrarySession::ExitHandlerAfterLoad::ExitHandlerAfterLoad()
+    : loads_before_(SharedObjectLoads()) {}
 
 SharedLibrarySession::ExitHandlerAfterLoad::~ExitHandlerAfterLoad() {
   // One more call of an idempotent handler per request that loaded something:

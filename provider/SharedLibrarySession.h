@@ -91,7 +91,6 @@ class SharedLibrarySession {
 
    private:
     const ErrorQueueGuard errors_;
-
   };
 };
 

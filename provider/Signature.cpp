@@ -24,9 +24,9 @@ struct SignatureContext {
   ProviderContext* provider = nullptr;
   std::uint32_t algorithm = X509_Auth_Algorithm_Unknown;  // of the table in use
   std::shared_ptr<const KeyObject> key;
-  EvpMdPtr md;          // the digest named by the caller, if any
-  EvpMdPtr mgf1_md;     // MGF1's digest when the caller named one
-  EvpMdCtxPtr digest;   // running hash of a digest-sign or digest-verify
+  EvpMdPtr md;         // the digest named by the caller, if any
+  EvpMdPtr mgf1_md;    // MGF1's digest when the caller named one
+  EvpMdCtxPtr digest;  // running hash of a digest-sign or digest-verify
   int padding = RSA_PKCS1_PADDING;
   // OpenSSL's default for PSS: when signing, the longest salt the key holds.
   int salt_length = RSA_PSS_SALTLEN_AUTO;
@@ -59,9 +59,12 @@ bool ParseSaltLength(const OSSL_PARAM* p, int* salt_length) {
   if (p->data_type != OSSL_PARAM_UTF8_STRING) return OSSL_PARAM_get_int(p, salt_length) == 1;
   const char* text = nullptr;
   if (!OSSL_PARAM_get_utf8_string_ptr(p, &text)) return false;
-  if (std::strcmp(text, OSSL_PKEY_RSA_PSS_SALT_LEN_DIGEST) == 0) *salt_length = RSA_PSS_SALTLEN_DIGEST;
-  else if (std::strcmp(text, OSSL_PKEY_RSA_PSS_SALT_LEN_MAX) == 0) *salt_length = RSA_PSS_SALTLEN_MAX;
-  else if (std::strcmp(text, OSSL_PKEY_RSA_PSS_SALT_LEN_AUTO) == 0) *salt_length = RSA_PSS_SALTLEN_AUTO;
+  if (std::strcmp(text, OSSL_PKEY_RSA_PSS_SALT_LEN_DIGEST) == 0)
+    *salt_length = RSA_PSS_SALTLEN_DIGEST;
+  else if (std::strcmp(text, OSSL_PKEY_RSA_PSS_SALT_LEN_MAX) == 0)
+    *salt_length = RSA_PSS_SALTLEN_MAX;
+  else if (std::strcmp(text, OSSL_PKEY_RSA_PSS_SALT_LEN_AUTO) == 0)
+    *salt_length = RSA_PSS_SALTLEN_AUTO;
   else {
     char* end = nullptr;
     const long value = std::strtol(text, &end, 10);
@@ -181,7 +184,7 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
     if (context->algorithm != X509_Auth_Algorithm_Rsa || !ParseSaltLength(p, &salt_length) ||
         salt_length < RSA_PSS_SALTLEN_MAX) {
       X509AUTH_RAISE(context->provider, k_reason_bad_argument,
-                               "PSS salt length: a number of bytes, digest, max or auto");
+                     "PSS salt length: a number of bytes, digest, max or auto");
       return 0;
     }
     context->salt_length = salt_length;
@@ -247,8 +250,7 @@ const OSSL_PARAM* GettableParams(void*, void*) {
       OSSL_PARAM_utf8_string(OSSL_SIGNATURE_PARAM_DIGEST, nullptr, 0),
       OSSL_PARAM_utf8_string(OSSL_SIGNATURE_PARAM_PAD_MODE, nullptr, 0),
       OSSL_PARAM_utf8_string(OSSL_SIGNATURE_PARAM_PSS_SALTLEN, nullptr, 0),
-      OSSL_PARAM_utf8_string(OSSL_SIGNATURE_PARAM_MGF1_DIGEST, nullptr, 0),
-      OSSL_PARAM_END};
+      OSSL_PARAM_utf8_string(OSSL_SIGNATURE_PARAM_MGF1_DIGEST, nullptr, 0), OSSL_PARAM_END};
   return params;
 }
 
@@ -276,25 +278,27 @@ std::size_t MaxSize(const SignatureContext* context) {
 // raising an error. An RSA signature names its digest (in the DigestInfo,
 // or for MGF1), so for RSA it must have been set: the raw PKCS#1 signature
 // OpenSSL would make without one is not what the library makes.
-const EVP_MD* DigestForSignature(SignatureContext* context, std::size_t length, EvpMdPtr* inferred) {
+const EVP_MD* DigestForSignature(SignatureContext* context, std::size_t length,
+                                 EvpMdPtr* inferred) {
   if (context->md != nullptr) {
     if (static_cast<std::size_t>(EVP_MD_get_size(context->md.get())) != length) {
       X509AUTH_RAISE(context->provider, k_reason_bad_argument, "a %s hash has %d bytes, not %zu",
-                               EVP_MD_get0_name(context->md.get()),
-                               EVP_MD_get_size(context->md.get()), length);
+                     EVP_MD_get0_name(context->md.get()), EVP_MD_get_size(context->md.get()),
+                     length);
       return nullptr;
     }
     return context->md.get();
   }
   if (context->algorithm == X509_Auth_Algorithm_Rsa) {
     X509AUTH_RAISE(context->provider, k_reason_bad_argument,
-                             "an RSA signature needs its digest set (for example -pkeyopt "
-                             "digest:sha256); x509auth makes no raw RSA signatures");
+                   "an RSA signature needs its digest set (for example -pkeyopt "
+                   "digest:sha256); x509auth makes no raw RSA signatures");
     return nullptr;
   }
   const char* name = DigestNameForLength(length);
   if (name == nullptr) {
-    X509AUTH_RAISE(context->provider, k_reason_unsupported_digest, "no digest has %zu bytes", length);
+    X509AUTH_RAISE(context->provider, k_reason_unsupported_digest, "no digest has %zu bytes",
+                   length);
     return nullptr;
   }
   *inferred = FetchDigest(context, name);
@@ -315,9 +319,9 @@ int SignHash(SignatureContext* context, unsigned char* sig, size_t* siglen, size
   if (context->padding == RSA_PKCS1_PSS_PADDING) {
     if (context->mgf1_md != nullptr && !EVP_MD_is_a(context->mgf1_md.get(), EVP_MD_get0_name(md))) {
       X509AUTH_RAISE(context->provider, k_reason_unsupported_digest,
-                               "MGF1 with %s under a %s signature: x509auth uses the signature's "
-                               "digest for MGF1",
-                               EVP_MD_get0_name(context->mgf1_md.get()), EVP_MD_get0_name(md));
+                     "MGF1 with %s under a %s signature: x509auth uses the signature's "
+                     "digest for MGF1",
+                     EVP_MD_get0_name(context->mgf1_md.get()), EVP_MD_get0_name(md));
       return 0;
     }
     if (!context->key->SignHashPss(hash_type, hash, context->salt_length, &signature)) return 0;
@@ -325,8 +329,8 @@ int SignHash(SignatureContext* context, unsigned char* sig, size_t* siglen, size
     return 0;
   }
   if (signature.size() > sigsize) {
-    X509AUTH_RAISE(context->provider, k_reason_buffer_too_small, "%zu bytes for a %zu-byte signature",
-                             sigsize, signature.size());
+    X509AUTH_RAISE(context->provider, k_reason_buffer_too_small,
+                   "%zu bytes for a %zu-byte signature", sigsize, signature.size());
     return 0;
   }
   std::memcpy(sig, signature.data(), signature.size());
@@ -334,8 +338,8 @@ int SignHash(SignatureContext* context, unsigned char* sig, size_t* siglen, size
   return 1;
 }
 
-int Sign(void* opaque, unsigned char* sig, size_t* siglen, size_t sigsize,
-         const unsigned char* tbs, size_t tbslen) {
+int Sign(void* opaque, unsigned char* sig, size_t* siglen, size_t sigsize, const unsigned char* tbs,
+         size_t tbslen) {
   return SignHash(AsContext(opaque), sig, siglen, sigsize, tbs, tbslen);
 }
 
@@ -356,9 +360,8 @@ int VerifyHash(SignatureContext* context, const unsigned char* sig, size_t sigle
         EVP_PKEY_CTX_set_signature_md(verifier.get(), md) <= 0)
       return 0;
     if (context->padding == RSA_PKCS1_PSS_PADDING &&
-        (EVP_PKEY_CTX_set_rsa_mgf1_md(verifier.get(), context->mgf1_md != nullptr
-                                                          ? context->mgf1_md.get()
-                                                          : md) <= 0 ||
+        (EVP_PKEY_CTX_set_rsa_mgf1_md(
+             verifier.get(), context->mgf1_md != nullptr ? context->mgf1_md.get() : md) <= 0 ||
          EVP_PKEY_CTX_set_rsa_pss_saltlen(verifier.get(), context->salt_length) <= 0))
       return 0;
   }
@@ -414,25 +417,28 @@ int DigestVerifyFinal(void* opaque, const unsigned char* sig, size_t siglen) {
   return VerifyHash(context, sig, siglen, hash, length);
 }
 
-#define X509AUTH_SIGNATURE_TABLE(new_function)                                       \
-  {{OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast(new_function)},                         \
-   {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast(FreeContext)},                         \
-   {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast(DupContext)},                           \
-   {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast(Init)},                              \
-   {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast(Sign)},                                   \
-   {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast(Init)},                            \
-   {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast(Verify)},                               \
-   {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast(DigestInit)},                 \
-   {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast(DigestUpdate)},             \
-   {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast(DigestSignFinal)},           \
-   {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast(DigestInit)},               \
-   {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast(DigestUpdate)},           \
-   {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast(DigestVerifyFinal)},       \
-   {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast(GetParams)},                    \
-   {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast(GettableParams)},          \
-   {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast(SetParams)},                    \
-   {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)},          \
-   {0, nullptr}}
+#define X509AUTH_SIGNATURE_TABLE(new_function)                                      \
+  {                                                                                 \
+    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast(new_function)},                       \
+        {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast(FreeContext)},                   \
+        {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast(DupContext)},                     \
+        {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast(Init)},                        \
+        {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast(Sign)},                             \
+        {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast(Init)},                      \
+        {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast(Verify)},                         \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast(DigestInit)},           \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast(DigestUpdate)},       \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast(DigestSignFinal)},     \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast(DigestInit)},         \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast(DigestUpdate)},     \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast(DigestVerifyFinal)}, \
+        {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast(GetParams)},              \
+        {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast(GettableParams)},    \
+        {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast(SetParams)},              \
+        {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)}, {  \
+      0, nullptr                                                                    \
+    }                                                                               \
+  }
 
 }  // namespace
 

@@ -46,8 +46,8 @@ struct StoreContext {
   bool listed = false;
   bool done = false;
   std::vector<Entry> entries;
-  std::size_t next = 0;        // next entry to hand out
-  bool key_pending = false;    // the next entry's certificate was handed out
+  std::size_t next = 0;      // next entry to hand out
+  bool key_pending = false;  // the next entry's certificate was handed out
   std::shared_ptr<PassphraseSource> passphrase;
 };
 
@@ -76,13 +76,14 @@ void* Open(void* provctx, const char* uri) {
   if (!rest.empty()) {
     if (strncasecmp(rest.c_str(), k_thumbprint_key, key_length) != 0 ||
         !ParseHex(rest.substr(key_length), &context->thumbprint)) {
-      X509AUTH_RAISE(provider, k_reason_bad_uri, "%s: use x509auth:thumbprint=<40 hex digits> or x509auth:",
-                      uri);
+      X509AUTH_RAISE(provider, k_reason_bad_uri,
+                     "%s: use x509auth:thumbprint=<40 hex digits> or x509auth:", uri);
       return nullptr;
     }
     context->list_all = false;
     context->thumbprint_hex = rest.substr(key_length);
-    for (char& c : context->thumbprint_hex) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : context->thumbprint_hex)
+      c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   }
   return context.release();  // OpenSSL owns it until Close
 }
@@ -110,8 +111,8 @@ bool List(StoreContext* context) {
     if (!X509_Auth_LoadClientCertificates(&count, &records)) return false;
     for (uint64_t i = 0; i < count; ++i) {
       const X509_Auth_Certificate& record = records[i];
-      if (!context->list_all &&
-          std::memcmp(record.thumbprint, context->thumbprint.data(), context->thumbprint.size()) != 0)
+      if (!context->list_all && std::memcmp(record.thumbprint, context->thumbprint.data(),
+                                            context->thumbprint.size()) != 0)
         continue;
       Entry entry;
       entry.der.assign(record.encoded, record.encoded + record.encoded_length);
@@ -126,13 +127,12 @@ bool List(StoreContext* context) {
     std::string evidence;
     for (const std::string& line : report.evidence) evidence += " | " + line;
     X509AUTH_RAISE(context->provider, k_reason_listing_failed,
-                             "X509_Auth_LoadClientCertificates could not open the store%s",
-                             evidence.c_str());
+                   "X509_Auth_LoadClientCertificates could not open the store%s", evidence.c_str());
     return false;
   }
   if (!context->list_all && context->entries.empty()) {
     X509AUTH_RAISE(context->provider, k_reason_certificate_not_found, "thumbprint=%s",
-                             context->thumbprint_hex.c_str());
+                   context->thumbprint_hex.c_str());
     return false;
   }
   return true;
@@ -142,9 +142,8 @@ int GiveCertificate(const Entry& entry, OSSL_CALLBACK* object_cb, void* object_c
   int type = OSSL_OBJECT_CERT;
   OSSL_PARAM params[] = {
       OSSL_PARAM_construct_int(OSSL_OBJECT_PARAM_TYPE, &type),
-      OSSL_PARAM_construct_octet_string(OSSL_OBJECT_PARAM_DATA,
-                                        const_cast<unsigned char*>(entry.der.data()),
-                                        entry.der.size()),
+      OSSL_PARAM_construct_octet_string(
+          OSSL_OBJECT_PARAM_DATA, const_cast<unsigned char*>(entry.der.data()), entry.der.size()),
       OSSL_PARAM_construct_utf8_string(OSSL_OBJECT_PARAM_DESC,
                                        const_cast<char*>(entry.name.c_str()), 0),
       OSSL_PARAM_construct_end()};
@@ -174,7 +173,8 @@ int GiveKey(StoreContext* context, const Entry& entry, OSSL_CALLBACK* object_cb,
   const std::shared_ptr<const KeyObject>* reference = &key;
   OSSL_PARAM params[] = {
       OSSL_PARAM_construct_int(OSSL_OBJECT_PARAM_TYPE, &type),
-      OSSL_PARAM_construct_utf8_string(OSSL_OBJECT_PARAM_DATA_TYPE, const_cast<char*>(data_type), 0),
+      OSSL_PARAM_construct_utf8_string(OSSL_OBJECT_PARAM_DATA_TYPE, const_cast<char*>(data_type),
+                                       0),
       OSSL_PARAM_construct_octet_string(OSSL_OBJECT_PARAM_REFERENCE, &reference, sizeof(reference)),
       OSSL_PARAM_construct_end()};
   return object_cb(params, object_cbarg);
@@ -230,7 +230,6 @@ int Close(void* opaque) {
   if (context->passphrase != nullptr) context->passphrase->Invalidate();
   return 1;
 }
-
 
 }  // namespace
 

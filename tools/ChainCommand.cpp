@@ -4,9 +4,9 @@
 #include <map>
 #include <string>
 
+#include "CommandLibrarySession.h"
 #include "Evidence.h"
 #include "Formatting.h"
-#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 

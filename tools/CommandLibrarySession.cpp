@@ -16,8 +16,8 @@
 namespace x509auth_tool {
 namespace {
 
-__attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
-                                                 const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority, const char* format,
+                                                 va_list arguments) {
   va_list copy;
   va_copy(copy, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, copy);
@@ -51,14 +51,16 @@ std::string CommandLibrarySession::WithPromptNote(const std::string& message) {
   return note.empty() ? message : message + "; " + note;
 }
 
-std::string CommandLibrarySession::KeyFailure(const std::string& what, const X509_Auth_Result& result) {
+std::string CommandLibrarySession::KeyFailure(const std::string& what,
+                                              const X509_Auth_Result& result) {
   // The library says a wrong password as a key file it cannot parse after
   // the prompt was answered, and a wrong PIN as its login notice.
   const std::string& answered = PinPrompt::LastAnswered();
   if (result.code == X509_Auth_ResultCode_KeyOpenFailed && !answered.empty() &&
       Evidence::StepHas("Failed to parse private key file [%s]"))
     return what + " failed: wrong password for the key file " + answered;
-  if (result.code == X509_Auth_ResultCode_KeyOpenFailed && Evidence::StepHas("Incorrect pin entered for: ")) {
+  if (result.code == X509_Auth_ResultCode_KeyOpenFailed &&
+      Evidence::StepHas("Incorrect pin entered for: ")) {
     std::string line = what + " failed: wrong PIN for the token \"" + answered + "\"";
     const std::string tries = PinPrompt::TriesLeft();
     if (!tries.empty()) line += " (" + tries + ")";
@@ -83,7 +85,8 @@ X509_Auth_Settings CommandLibrarySession::Settings() {
   return X509_Auth_Settings{dirs_.data(), dirs_.size(), home_dirs_.data(), home_dirs_.size()};
 }
 
-std::optional<std::vector<unsigned char>> CommandLibrarySession::ReadCaFile(const std::string& path) {
+std::optional<std::vector<unsigned char>> CommandLibrarySession::ReadCaFile(
+    const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return FailPlain("cannot read the CA certificate " + path), std::nullopt;
   return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)),

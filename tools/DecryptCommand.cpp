@@ -3,10 +3,10 @@
 #include <optional>
 #include <vector>
 
+#include "CommandLibrarySession.h"
 #include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
-#include "CommandLibrarySession.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -26,13 +26,15 @@ int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   const X509_Auth_Result result =
       X509_Auth_Decrypt(record->thumbprint, padding, input->size(), input->data(), &plaintext);
   if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr)
-    return Fail(CommandLibrarySession::KeyFailure("decrypting with " + std::string(record->name), result));
+    return Fail(
+        CommandLibrarySession::KeyFailure("decrypting with " + std::string(record->name), result));
   const bool written =
       WriteOutput(options.out, plaintext->data, static_cast<std::size_t>(plaintext->length));
   const std::size_t length = static_cast<std::size_t>(plaintext->length);
   X509_Auth_Free(plaintext);
   if (!written) return k_exit_failed;
-  if (!options.out.empty()) Note("decrypted " + std::to_string(length) + " bytes to " + options.out);
+  if (!options.out.empty())
+    Note("decrypted " + std::to_string(length) + " bytes to " + options.out);
   return k_exit_ok;
 }
 

@@ -13,18 +13,12 @@ namespace x509auth_tool {
 namespace {
 
 nlohmann::json ToJson(const Finding& f) {
-  return nlohmann::json{{"kind", f.kind},
-                        {"path", f.path},
-                        {"token", f.token},
-                        {"thumbprint", f.thumbprint},
-                        {"subject", f.subject},
-                        {"offered", f.offered},
-                        {"reasons", f.reasons},
-                        {"details", f.details},
-                        {"key", f.key},
-                        {"key_path", f.key_path},
-                        {"tls", f.tls},
-                        {"tls_note", f.tls_note}};
+  return nlohmann::json{{"kind", f.kind},       {"path", f.path},
+                        {"token", f.token},     {"thumbprint", f.thumbprint},
+                        {"subject", f.subject}, {"offered", f.offered},
+                        {"reasons", f.reasons}, {"details", f.details},
+                        {"key", f.key},         {"key_path", f.key_path},
+                        {"tls", f.tls},         {"tls_note", f.tls_note}};
 }
 
 void PrintHuman(const std::vector<Finding>& findings) {
@@ -34,14 +28,16 @@ void PrintHuman(const std::vector<Finding>& findings) {
   std::size_t offered = 0;
   for (const Finding& f : findings) {
     offered += f.offered ? 1 : 0;
-    std::printf("%s\n", f.kind == "smartcard" ? ("token \"" + f.token + "\"").c_str() : f.path.c_str());
+    std::printf("%s\n",
+                f.kind == "smartcard" ? ("token \"" + f.token + "\"").c_str() : f.path.c_str());
     if (!f.subject.empty()) field("subject", f.subject);
     if (!f.thumbprint.empty()) field("thumbprint", f.thumbprint);
     field("offered", f.offered ? "yes" : "no");
     bool first = true;
     for (const std::string& reason : f.reasons) {
       const auto detail = f.details.find(reason);
-      field(first ? "reasons" : "", reason + (detail != f.details.end() ? ": " + detail->second : ""));
+      field(first ? "reasons" : "",
+            reason + (detail != f.details.end() ? ": " + detail->second : ""));
       first = false;
     }
     if (!f.key.empty()) {

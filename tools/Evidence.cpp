@@ -39,7 +39,8 @@ void Evidence::AddLog(X509_Auth_LogPriority priority, const char* format, const 
 
 void Evidence::AddNotice(const std::string& title, const std::string& text) {
   // A notice has no priority of its own; it is kept as an error-level line.
-  g_lines.push_back(Line{X509_Auth_LogPriority_Error, "", "notice", title.empty() ? text : title + ": " + text});
+  g_lines.push_back(
+      Line{X509_Auth_LogPriority_Error, "", "notice", title.empty() ? text : title + ": " + text});
   Live(g_lines.back());
 }
 

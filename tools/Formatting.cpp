@@ -32,43 +32,32 @@ std::string IsoTime(int64_t seconds) {
 
 const char* SourceName(X509_Auth_CertificateType type) {
   switch (type) {
-    case X509_Auth_CertificateType_FileBased:
-      return "file";
-    case X509_Auth_CertificateType_SmartCard:
-      return "smartcard";
-    default:
-      return "other";
+    case X509_Auth_CertificateType_FileBased: return "file";
+    case X509_Auth_CertificateType_SmartCard: return "smartcard";
+    default: return "other";
   }
 }
 
 const char* KeyAlgorithmName(X509_Auth_KeyAlgorithmGroup group) {
   switch (group) {
-    case X509_Auth_KeyAlgorithmGroup_Rsa:
-      return "rsa";
-    case X509_Auth_KeyAlgorithmGroup_Ec:
-      return "ec";
-    default:
-      return "other";
+    case X509_Auth_KeyAlgorithmGroup_Rsa: return "rsa";
+    case X509_Auth_KeyAlgorithmGroup_Ec: return "ec";
+    default: return "other";
   }
 }
 
 std::string ResultCodeMeaning(X509_Auth_ResultCode code) {
   switch (code) {
-    case X509_Auth_ResultCode_Success:
-      return "success";
-    case X509_Auth_ResultCode_KeyOperationFailed:
-      return "the private-key operation failed";
-    case X509_Auth_ResultCode_StoreOpenFailed:
-      return "the certificate store could not be opened";
-    case X509_Auth_ResultCode_CertificateNotFound:
-      return "no certificate with this thumbprint";
+    case X509_Auth_ResultCode_Success: return "success";
+    case X509_Auth_ResultCode_KeyOperationFailed: return "the private-key operation failed";
+    case X509_Auth_ResultCode_StoreOpenFailed: return "the certificate store could not be opened";
+    case X509_Auth_ResultCode_CertificateNotFound: return "no certificate with this thumbprint";
     case X509_Auth_ResultCode_KeyOpenFailed:
       return "the private key could not be opened (missing key file, wrong password or PIN, or "
              "no answer)";
     case X509_Auth_ResultCode_AlgorithmNotSupported:
       return "the key's algorithm is not supported for this operation";
-    default:
-      return "unknown result code";
+    default: return "unknown result code";
   }
 }
 

@@ -34,7 +34,8 @@ void InterruptCleanup::Install() {
   for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
     // A signal the parent chose to ignore (nohup, a background job) stays so.
     struct sigaction previous {};
-    if (sigaction(signal_number, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) continue;
+    if (sigaction(signal_number, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN)
+      continue;
     sigaction(signal_number, &action, nullptr);
   }
 }

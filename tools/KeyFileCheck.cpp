@@ -19,7 +19,9 @@ namespace {
 namespace fs = std::filesystem;
 namespace lib = quorvant::shared::x509;
 
-bool Contains(const std::string& text, const char* what) { return text.find(what) != std::string::npos; }
+bool Contains(const std::string& text, const char* what) {
+  return text.find(what) != std::string::npos;
+}
 
 // PEM encryption markers (PKCS#8 and traditional), or a whole DER
 // EncryptedPrivateKeyInfo.

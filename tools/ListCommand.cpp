@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "CommandLibrarySession.h"
 #include "Formatting.h"
 #include "KeyFileCheck.h"
-#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "RecordJson.h"
 #include "Report.h"
@@ -35,7 +35,8 @@ std::string Pad(const std::string& text, std::size_t width) {
 // cannot serve (the library offers it all the same; signing fails).
 std::string KeyCell(const X509_Auth_Certificate& record) {
   std::string cell = KeyAlgorithmName(record.key_algorithm_group);
-  if (record.cert_type != X509_Auth_CertificateType_FileBased || record.key_path == nullptr) return cell;
+  if (record.cert_type != X509_Auth_CertificateType_FileBased || record.key_path == nullptr)
+    return cell;
   X509Ptr cert = RecordCertificate(record);
   const std::filesystem::path cert_path;  // only named in the library's own log lines
   const KeyFileStatus key = CheckKeyFile(cert.get(), cert_path, record.key_path);
@@ -100,7 +101,8 @@ int RunList(const GlobalOptions& global, const ListOptions& options) {
   if (!session.Start() || !session.Load()) return k_exit_failed;
   if (options.json) {
     nlohmann::json array = nlohmann::json::array();
-    for (const X509_Auth_Certificate* record : session.Records()) array.push_back(RecordJson(*record));
+    for (const X509_Auth_Certificate* record : session.Records())
+      array.push_back(RecordJson(*record));
     std::printf("%s\n", array.dump(2).c_str());
     return k_exit_ok;
   }

@@ -18,8 +18,8 @@ bool CheckModule(const std::string& path, const char* origin) {
   void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
     const char* why = dlerror();
-    FailPlain(std::string(origin) + " " + path + " is not a PKCS#11 module: " +
-              (why != nullptr ? why : "it cannot be loaded"));
+    FailPlain(std::string(origin) + " " + path +
+              " is not a PKCS#11 module: " + (why != nullptr ? why : "it cannot be loaded"));
     return false;
   }
   const bool has_entry = dlsym(handle, "C_GetFunctionList") != nullptr;
@@ -37,7 +37,8 @@ std::optional<std::string> ModuleChoice::Resolve(const std::string& option) {
     if (!CheckModule(option, "--module")) return std::nullopt;
     return option;
   }
-  if (const char* variable = std::getenv("X509AUTH_MODULE"); variable != nullptr && *variable != '\0') {
+  if (const char* variable = std::getenv("X509AUTH_MODULE");
+      variable != nullptr && *variable != '\0') {
     std::error_code error;
     const std::string path = std::filesystem::absolute(variable, error).lexically_normal().string();
     if (access(path.c_str(), R_OK) != 0) {

@@ -10,7 +10,8 @@ namespace x509auth_tool {
 
 class ModuleChoice {
  public:
-  static constexpr const char* k_debian_opensc = "/usr/lib/x86_64-linux-gnu/pkcs11/opensc-pkcs11.so";
+  static constexpr const char* k_debian_opensc =
+      "/usr/lib/x86_64-linux-gnu/pkcs11/opensc-pkcs11.so";
 
   // The absolute path of the module, or "" for none; nullopt after printing
   // why the module the user named cannot be one (not loadable, or no

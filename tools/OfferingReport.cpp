@@ -10,9 +10,9 @@
 #include <deque>
 #include <filesystem>
 
+#include "CommandLibrarySession.h"
 #include "Formatting.h"
 #include "KeyFileCheck.h"
-#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 #include "base/SafeCallbacksWrapper.h"
@@ -99,7 +99,8 @@ Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) 
     if (finding.offered && key.status == "missing")
       finding.Add("key-missing", "no key file " + finding.key_path + "; signing will fail");
     if (finding.offered && key.status == "does-not-match")
-      finding.Add("key-mismatch", finding.key_path + " is not this certificate's key; signing will fail");
+      finding.Add("key-mismatch",
+                  finding.key_path + " is not this certificate's key; signing will fail");
   } else if (const auto* token = std::get_if<std::unique_ptr<lib::Libp11CertContext>>(&context)) {
     finding.kind = "smartcard";
     PKCS11_SLOT* slot = (*token)->slot;
@@ -113,15 +114,17 @@ Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) 
     finding.kind = "other";
   }
 
-  const bool key_usable = finding.key == "plain" || finding.key == "encrypted" || finding.key == "token";
+  const bool key_usable =
+      finding.key == "plain" || finding.key == "encrypted" || finding.key == "token";
   if (finding.offered && key_usable) {
     const lib::Algorithm group = cert.PublicKeyAlgorithmGroup();
     if (group == lib::Algorithm::k_rsa && finding.kind == "smartcard" && token_pss != true) {
       finding.tls = {"tls1.2"};
-      finding.tls_note = token_pss == false
-                             ? "no TLS 1.3: the token offers neither CKM_RSA_PKCS_PSS nor CKM_RSA_X_509, "
-                               "and TLS 1.3 needs RSA-PSS"
-                             : "TLS 1.3 unknown: the token's mechanisms could not be read";
+      finding.tls_note =
+          token_pss == false
+              ? "no TLS 1.3: the token offers neither CKM_RSA_PKCS_PSS nor CKM_RSA_X_509, "
+                "and TLS 1.3 needs RSA-PSS"
+              : "TLS 1.3 unknown: the token's mechanisms could not be read";
     } else if (group == lib::Algorithm::k_rsa || group == lib::Algorithm::k_ec) {
       finding.tls = {"tls1.2", "tls1.3"};
     } else {
@@ -152,7 +155,8 @@ Finding NotACertificate(const fs::directory_entry& entry) {
   return finding;
 }
 
-Finding DirectoryFinding(const fs::path& certs, const std::string& reason, const std::string& detail) {
+Finding DirectoryFinding(const fs::path& certs, const std::string& reason,
+                         const std::string& detail) {
   Finding finding;
   finding.kind = "directory";
   finding.path = certs.string();
@@ -179,8 +183,10 @@ void MarkDuplicates(std::vector<Finding>& findings) {
     const auto [seen, inserted] = first.emplace(finding.thumbprint, &finding);
     if (inserted) continue;
     const Finding& used = *seen->second;
-    const std::string where = used.kind == "smartcard" ? "the token \"" + used.token + "\"" : used.path;
-    finding.Add("duplicate", "the same certificate as " + where + ", which sign, decrypt and tls use");
+    const std::string where =
+        used.kind == "smartcard" ? "the token \"" + used.token + "\"" : used.path;
+    finding.Add("duplicate",
+                "the same certificate as " + where + ", which sign, decrypt and tls use");
   }
 }
 
@@ -204,7 +210,8 @@ std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions&
     const std::optional<std::vector<unsigned char>> data = CommandLibrarySession::ReadCaFile(path);
     if (!data) return std::nullopt;
     if (!key_store.AddAdditionalCertificateAuthorityToStore(data->data(), data->size()))
-      return FailPlain("the library did not accept " + path + " as a CA certificate (PEM or DER expected)"),
+      return FailPlain("the library did not accept " + path +
+                       " as a CA certificate (PEM or DER expected)"),
              std::nullopt;
   }
   lib::CertStore users_store;
@@ -228,14 +235,16 @@ std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions&
     std::error_code error;
     const fs::file_status status = fs::status(certs, error);
     if (!fs::is_directory(status)) {
-      findings.push_back(fs::exists(status)
-                             ? DirectoryFinding(certs, "no-certs-directory", "not a directory")
-                             : DirectoryFinding(certs, "no-certs-directory", "the directory does not exist"));
+      findings.push_back(
+          fs::exists(status)
+              ? DirectoryFinding(certs, "no-certs-directory", "not a directory")
+              : DirectoryFinding(certs, "no-certs-directory", "the directory does not exist"));
       continue;
     }
     std::vector<fs::directory_entry> entries;
     fs::directory_iterator it(certs, error);
-    for (fs::directory_iterator end; !error && it != end; it.increment(error)) entries.push_back(*it);
+    for (fs::directory_iterator end; !error && it != end; it.increment(error))
+      entries.push_back(*it);
     if (error) {
       findings.push_back(DirectoryFinding(certs, "unreadable", error.message()));
       continue;

@@ -180,10 +180,11 @@ X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* p
   } else if (fd >= 0) {
     answered = ReadLine(fd, value);
     Trim(value);
-    if (!answered) why = std::string("nothing to read from ") + fd_option + " " + std::to_string(fd);
+    if (!answered)
+      why = std::string("nothing to read from ") + fd_option + " " + std::to_string(fd);
   } else {
-    std::string question = is_pin ? "PIN for the token \"" + subject + "\""
-                                  : "Password for the key file " + subject;
+    std::string question =
+        is_pin ? "PIN for the token \"" + subject + "\"" : "Password for the key file " + subject;
     if (is_pin) {
       const std::string tries = TriesLeft();
       if (!tries.empty()) question += " (" + tries + ")";

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "Evidence.h"
 #include "CommandLibrarySession.h"
+#include "Evidence.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -42,11 +42,12 @@ bool HasDisplay() {
 
 int RunShow(const GlobalOptions& global, const ShowOptions& options) {
   if (!HasDisplay())
-    return FailPlain("there is no display to show a window on (neither DISPLAY nor WAYLAND_DISPLAY "
-                     "is set); 'x509-auth chain THUMBPRINT --pem | openssl x509 -text' shows it as text");
+    return FailPlain(
+        "there is no display to show a window on (neither DISPLAY nor WAYLAND_DISPLAY "
+        "is set); 'x509-auth chain THUMBPRINT --pem | openssl x509 -text' shows it as text");
   if (!ViewerOnPath())
     return FailPlain(std::string("the certificate viewer ") + k_viewer +
-                " is not installed or not on PATH (Debian package gcr)");
+                     " is not installed or not on PATH (Debian package gcr)");
   CommandLibrarySession session(global);
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);

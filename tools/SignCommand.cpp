@@ -7,10 +7,10 @@
 #include <optional>
 #include <vector>
 
+#include "CommandLibrarySession.h"
 #include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
-#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 
@@ -40,7 +40,8 @@ bool Verifies(const X509_Auth_Certificate& record, const EVP_MD* md, const unsig
   EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!ctx || EVP_PKEY_verify_init(ctx.get()) <= 0) return false;
   if (EVP_PKEY_base_id(key.get()) == EVP_PKEY_RSA &&
-      (EVP_PKEY_CTX_set_rsa_padding(ctx.get(), pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING) <= 0 ||
+      (EVP_PKEY_CTX_set_rsa_padding(ctx.get(), pss ? RSA_PKCS1_PSS_PADDING : RSA_PKCS1_PADDING) <=
+           0 ||
        EVP_PKEY_CTX_set_signature_md(ctx.get(), md) <= 0))
     return false;
   if (pss && (EVP_PKEY_CTX_set_rsa_mgf1_md(ctx.get(), md) <= 0 ||
@@ -81,27 +82,30 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
   Evidence::BeginStep();
   // RSA-PSS with a salt as long as the digest, as TLS 1.3 signs.
   const X509_Auth_Result result =
-      options.pss ? X509_Auth_SignHashPss(record->thumbprint, hash->type, digest,
-                                          X509_AUTH_PSS_SALT_DIGEST, &signature)
-                  : X509_Auth_SignHash(record->thumbprint, 2, algorithms, hash->type, digest, &signature);
+      options.pss
+          ? X509_Auth_SignHashPss(record->thumbprint, hash->type, digest, X509_AUTH_PSS_SALT_DIGEST,
+                                  &signature)
+          : X509_Auth_SignHash(record->thumbprint, 2, algorithms, hash->type, digest, &signature);
   if (result.code != X509_Auth_ResultCode_Success || signature == nullptr)
-    return Fail(CommandLibrarySession::KeyFailure("signing with " + std::string(record->name), result));
+    return Fail(
+        CommandLibrarySession::KeyFailure("signing with " + std::string(record->name), result));
 
-  const bool verified = Verifies(*record, hash->md(), digest, digest_length, *signature, options.pss);
+  const bool verified =
+      Verifies(*record, hash->md(), digest, digest_length, *signature, options.pss);
   bool written = true;
   if (!options.out.empty())
-    written = WriteOutput(options.out, signature->data, static_cast<std::size_t>(signature->length));
+    written =
+        WriteOutput(options.out, signature->data, static_cast<std::size_t>(signature->length));
   else
     std::printf("%s\n", Hex(signature->data, static_cast<std::size_t>(signature->length)).c_str());
   const std::string what = std::to_string(signature->length) + "-byte " +
                            (signature->algorithm != X509_Auth_Algorithm_Rsa ? "ECDSA"
-                            : options.pss                                  ? "RSA-PSS"
-                                                                           : "RSA PKCS#1 v1.5") +
+                            : options.pss                                   ? "RSA-PSS"
+                                                                            : "RSA PKCS#1 v1.5") +
                            " signature over the " + options.hash + " digest";
   X509_Auth_Free(signature);
   if (!written) return k_exit_failed;
-  if (!verified)
-    return Fail("the " + what + " does NOT verify with the certificate's public key");
+  if (!verified) return Fail("the " + what + " does NOT verify with the certificate's public key");
   Note(what + ", verified with the certificate's public key");
   return k_exit_ok;
 }

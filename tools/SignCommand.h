@@ -9,7 +9,7 @@ struct SignOptions {
   std::string thumbprint;
   std::string hash = "sha256";
   std::string in = "-";
-  std::string out;  // empty: hex on stdout
+  std::string out;   // empty: hex on stdout
   bool pss = false;  // RSA-PSS instead of PKCS#1 v1.5
 };
 

@@ -20,7 +20,7 @@ class ThumbprintArgument {
   static std::string Check(const std::string& text);
 
   struct Match {
-    const X509_Auth_Certificate* record = nullptr;  // null: none or several
+    const X509_Auth_Certificate* record = nullptr;         // null: none or several
     std::vector<const X509_Auth_Certificate*> candidates;  // ambiguous matches
   };
   static Match Resolve(const std::string& normalised,

@@ -23,9 +23,9 @@
 #include <optional>
 #include <string>
 
+#include "CommandLibrarySession.h"
 #include "Evidence.h"
 #include "Formatting.h"
-#include "CommandLibrarySession.h"
 #include "OpenSslHandles.h"
 #include "PinPrompt.h"
 #include "ProviderContext.h"
@@ -91,7 +91,8 @@ std::string WrongSecret() {
   if (Evidence::StepHas("Failed to parse private key file [") ||
       Evidence::StepHas("Failed to parse private key file [%s]"))
     return "wrong password for the key file " + answered;
-  if (Evidence::StepHas("Incorrect pin entered for: ")) return "wrong PIN for the token \"" + answered + "\"";
+  if (Evidence::StepHas("Incorrect pin entered for: "))
+    return "wrong PIN for the token \"" + answered + "\"";
   return "";
 }
 
@@ -165,7 +166,7 @@ int Connect(const std::string& host, const std::string& port, int timeout_second
 }
 
 std::string SchemeName(int type_nid, int md_nid) {
-  std::string type = type_nid == EVP_PKEY_RSA      ? "RSA PKCS#1 v1.5"
+  std::string type = type_nid == EVP_PKEY_RSA       ? "RSA PKCS#1 v1.5"
                      : type_nid == EVP_PKEY_RSA_PSS ? "RSA-PSS"
                      : type_nid == EVP_PKEY_EC      ? "ECDSA"
                                                     : OBJ_nid2sn(type_nid);
@@ -258,9 +259,11 @@ struct Client {
 int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   const std::size_t colon = options.target.rfind(':');
   if (colon == std::string::npos || colon == 0 || colon + 1 == options.target.size())
-    return FailPlain("tls: give the server as HOST:PORT, not '" + options.target + "'"), k_exit_usage;
+    return FailPlain("tls: give the server as HOST:PORT, not '" + options.target + "'"),
+           k_exit_usage;
   std::string host = options.target.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+    host = host.substr(1, host.size() - 2);
   const std::string port = options.target.substr(colon + 1);
 
   // The certificate is looked up as for every command (a prefix, or why it
@@ -276,7 +279,8 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   // loaded first so that generic look-ups get OpenSSL's implementations.
   LibCtxPtr libctx(OSSL_LIB_CTX_new());
   ProviderPtr fallback(OSSL_PROVIDER_load(libctx.get(), "default"));
-  if (fallback == nullptr) return Fail("tls: cannot load OpenSSL's default provider: " + OpenSslReason());
+  if (fallback == nullptr)
+    return Fail("tls: cannot load OpenSSL's default provider: " + OpenSslReason());
   ProviderPtr provider;
   StorePtr store;
   UiMethodPtr ui;
@@ -309,7 +313,8 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
     ConfigureProvider(global);
     provider_log = std::make_unique<ProviderLog>();
     Evidence::BeginStep();
-    if (OSSL_PROVIDER_add_builtin(libctx.get(), "x509auth", x509auth_provider::X509AuthProviderInit) != 1 ||
+    if (OSSL_PROVIDER_add_builtin(libctx.get(), "x509auth",
+                                  x509auth_provider::X509AuthProviderInit) != 1 ||
         (provider = ProviderPtr(OSSL_PROVIDER_load(libctx.get(), "x509auth"))) == nullptr)
       return Fail("tls: cannot load the x509auth provider: " + OpenSslReason());
     ui.reset(UI_create_method("x509-auth"));
@@ -333,8 +338,9 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
       provider_log.reset();
       const std::string reason = OpenSslReason();
       const std::string wrong = WrongSecret();
-      return Fail(CommandLibrarySession::WithPromptNote("tls: cannot load the certificate and key of " +
-                                                 thumbprint + ": " + (wrong.empty() ? reason : wrong)));
+      return Fail(CommandLibrarySession::WithPromptNote(
+          "tls: cannot load the certificate and key of " + thumbprint + ": " +
+          (wrong.empty() ? reason : wrong)));
     }
   }
 
@@ -363,8 +369,9 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   bool requested = false;
   SSL_CTX_set_cert_cb(
       ctx.get(), [](SSL*, void* flag) { return *static_cast<bool*>(flag) = true, 1; }, &requested);
-  if (!options.ca_file.empty() ? SSL_CTX_load_verify_locations(ctx.get(), options.ca_file.c_str(), nullptr) != 1
-                               : SSL_CTX_set_default_verify_paths(ctx.get()) != 1)
+  if (!options.ca_file.empty()
+          ? SSL_CTX_load_verify_locations(ctx.get(), options.ca_file.c_str(), nullptr) != 1
+          : SSL_CTX_set_default_verify_paths(ctx.get()) != 1)
     return Fail("tls: cannot read the CAs: " + OpenSslReason());
   if (SSL_CTX_use_certificate(ctx.get(), client.cert.get()) != 1 ||
       SSL_CTX_use_PrivateKey(ctx.get(), client.key.get()) != 1)
@@ -402,7 +409,8 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
       SSL_peek(ssl.get(), &byte, 1);
     }
     const unsigned long error = ERR_peek_error();
-    if (error != 0 && ERR_GET_LIB(error) == ERR_LIB_SSL && ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+    if (error != 0 && ERR_GET_LIB(error) == ERR_LIB_SSL &&
+        ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
       accepted = false;
       failure = OpenSslReason();
     }
@@ -413,32 +421,39 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   std::printf("version:          %s\n", connected ? version_name : "(none)");
   std::printf("cipher:           %s\n", connected ? SSL_get_cipher_name(ssl.get()) : "(none)");
   int type = NID_undef, md = NID_undef;
-  std::printf("client signature: %s\n",
-              connected && SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
-                      SSL_get_signature_nid(ssl.get(), &md) == 1
-                  ? SchemeName(type, md).c_str()
-                  : "(none)");
+  std::printf("client signature: %s\n", connected &&
+                                                SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
+                                                SSL_get_signature_nid(ssl.get(), &md) == 1
+                                            ? SchemeName(type, md).c_str()
+                                            : "(none)");
   X509* server = SSL_get0_peer_certificate(ssl.get());
   char subject[512] = "(none)";
   if (server != nullptr) X509_NAME_oneline(X509_get_subject_name(server), subject, sizeof subject);
   std::printf("server:           %s\n", subject);
   const long verify = SSL_get_verify_result(ssl.get());
-  std::printf("server verified:  %s\n",
-              server == nullptr ? "no" : verify == X509_V_OK ? "yes" : X509_verify_cert_error_string(verify));
-  std::printf("client key:       %s\n", options.token_key == "export" ? "exported from the token" : "x509auth provider");
+  std::printf("server verified:  %s\n", server == nullptr ? "no"
+                                        : verify == X509_V_OK
+                                            ? "yes"
+                                            : X509_verify_cert_error_string(verify));
+  std::printf("client key:       %s\n",
+              options.token_key == "export" ? "exported from the token" : "x509auth provider");
   provider_log.reset();
   const bool asked = accepted && requested;
-  std::printf("handshake:        %s\n", !accepted ? ("rejected: " + failure).c_str()
-                                       : asked   ? "accepted"
-                                                 : "completed, but the server asked for no client certificate");
-  if (!reply.empty()) std::printf("reply:            %s", reply.back() == '\n' ? reply.c_str() : (reply + "\n").c_str());
+  std::printf("handshake:        %s\n",
+              !accepted ? ("rejected: " + failure).c_str()
+              : asked   ? "accepted"
+                        : "completed, but the server asked for no client certificate");
+  if (!reply.empty())
+    std::printf("reply:            %s",
+                reply.back() == '\n' ? reply.c_str() : (reply + "\n").c_str());
   std::fflush(stdout);
   if (connected) SSL_shutdown(ssl.get());
   close(fd);
   if (!accepted) {
     const std::string wrong = WrongSecret();
-    return Fail(CommandLibrarySession::WithPromptNote("tls: the handshake with " + options.target + " failed" +
-                                               (wrong.empty() ? "" : ": " + wrong)));
+    return Fail(CommandLibrarySession::WithPromptNote("tls: the handshake with " + options.target +
+                                                      " failed" +
+                                                      (wrong.empty() ? "" : ": " + wrong)));
   }
   if (!asked && !options.allow_no_client_auth)
     return FailPlain("tls: " + options.target +

@@ -11,7 +11,7 @@ struct TlsOptions {
   std::string ca_file;     // --CAfile; empty: the system's CAs
   std::string servername;  // --servername; also checked against the server's name
   bool tls1_2 = false, tls1_3 = false;
-  std::string send;        // --send: one line written after the handshake
+  std::string send;                   // --send: one line written after the handshake
   std::string token_key = "library";  // or "export"
   int timeout_seconds = 15;
   bool allow_no_client_auth = false;  // a server that asks for no certificate is a success

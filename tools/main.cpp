@@ -1,7 +1,6 @@
 // x509-auth: the command line of libx509auth. This file only wires the
 // options to the commands; each command lives in its own file.
 #include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -49,8 +48,8 @@ const CLI::Validator k_absolute_path(
     },
     "", "absolute");
 
-const CLI::Validator k_thumbprint(
-    [](std::string& text) { return ThumbprintArgument::Check(text); }, "", "thumbprint");
+const CLI::Validator k_thumbprint([](std::string& text) { return ThumbprintArgument::Check(text); },
+                                  "", "thumbprint");
 
 const CLI::Validator k_existing_file = Unlabelled(CLI::ExistingFile);
 
@@ -144,9 +143,9 @@ int main(int argc, char** argv) {
   app.fallthrough();
   // An unknown command is kept, so that it can be named with a suggestion.
   app.allow_extras();
-  app.set_version_flag("--version", std::string("x509-auth " X509AUTH_TOOL_VERSION
-                                                ", libx509auth API version ") +
-                                        std::to_string(X509_Auth_GetApiVersion()));
+  app.set_version_flag(
+      "--version", std::string("x509-auth " X509AUTH_TOOL_VERSION ", libx509auth API version ") +
+                       std::to_string(X509_Auth_GetApiVersion()));
   app.add_option("--dir", global.dirs, "Base directory (certs/ and keys/ below it); repeatable")
       ->type_name("BASE")
       ->transform(k_absolute_path);
@@ -156,8 +155,9 @@ int main(int argc, char** argv) {
       ->type_name("FILE")
       ->transform(k_absolute_path)
       ->check(k_existing_file);
-  app.add_option("--module", global.module,
-                 "PKCS#11 module (default: $X509AUTH_MODULE, else Debian's OpenSC module, else none)")
+  app.add_option(
+         "--module", global.module,
+         "PKCS#11 module (default: $X509AUTH_MODULE, else Debian's OpenSC module, else none)")
       ->type_name("PATH")
       ->transform(k_absolute_path)
       ->check(k_existing_file);
@@ -182,19 +182,27 @@ int main(int argc, char** argv) {
   };
 
   ListOptions list;
-  add("list", "List the offered certificates", [&] { return RunList(global, list); })
-      ->add_flag("--json", list.json, "A JSON array of objects instead of a table");
+  add("list", "List the offered certificates", [&] {
+    return RunList(global, list);
+  })->add_flag("--json", list.json, "A JSON array of objects instead of a table");
 
   ChainOptions chain;
-  CLI::App* chain_app =
-      add("chain", "Show a certificate's chain, leaf first", [&] { return RunChain(global, chain); });
-  chain_app->add_option("THUMBPRINT", chain.thumbprint, "The certificate")->type_name("")->required()->check(k_thumbprint);
-  chain_app->add_flag("--pem", chain.pem, "Write the leaf and the CA certificates the library hands out as PEM");
+  CLI::App* chain_app = add("chain", "Show a certificate's chain, leaf first",
+                            [&] { return RunChain(global, chain); });
+  chain_app->add_option("THUMBPRINT", chain.thumbprint, "The certificate")
+      ->type_name("")
+      ->required()
+      ->check(k_thumbprint);
+  chain_app->add_flag("--pem", chain.pem,
+                      "Write the leaf and the CA certificates the library hands out as PEM");
 
   SignOptions sign;
   CLI::App* sign_app = add("sign", "Hash the input and sign the digest with a certificate's key",
                            [&] { return RunSign(global, sign); });
-  sign_app->add_option("THUMBPRINT", sign.thumbprint, "The certificate")->type_name("")->required()->check(k_thumbprint);
+  sign_app->add_option("THUMBPRINT", sign.thumbprint, "The certificate")
+      ->type_name("")
+      ->required()
+      ->check(k_thumbprint);
   sign_app->add_option("--hash", sign.hash, "Digest algorithm")
       ->type_name("sha1|sha256|sha384|sha512")
       ->check(OneOf({"sha1", "sha256", "sha384", "sha512"}))
@@ -206,7 +214,8 @@ int main(int argc, char** argv) {
   sign_app->add_option("--out", sign.out, "Write the raw signature here instead of hex to stdout")
       ->type_name("FILE")
       ->transform(k_absolute_path);
-  sign_app->add_flag("--pss", sign.pss, "RSA-PSS (salt as long as the digest) instead of PKCS#1 v1.5");
+  sign_app->add_flag("--pss", sign.pss,
+                     "RSA-PSS (salt as long as the digest) instead of PKCS#1 v1.5");
 
   DecryptOptions decrypt;
   CLI::App* decrypt_app = add("decrypt", "Decrypt the input with a certificate's RSA key",
@@ -236,9 +245,9 @@ int main(int argc, char** argv) {
       ->check(k_thumbprint);
 
   DoctorOptions doctor;
-  add("doctor", "Explain, entry by entry, which certificates are offered and why not",
-      [&] { return RunDoctor(global, doctor); })
-      ->add_flag("--json", doctor.json, "A JSON array of objects instead of the report");
+  add("doctor", "Explain, entry by entry, which certificates are offered and why not", [&] {
+    return RunDoctor(global, doctor);
+  })->add_flag("--json", doctor.json, "A JSON array of objects instead of the report");
 
   TlsOptions tls;
   CLI::App* tls_app = add("tls", "A TLS handshake authenticated with a certificate",
@@ -248,18 +257,22 @@ int main(int argc, char** argv) {
       ->required()
       ->type_name("THUMBPRINT")
       ->check(k_thumbprint);
-  tls_app->add_option("--CAfile", tls.ca_file, "CAs to verify the server with (default: the system's)")
+  tls_app
+      ->add_option("--CAfile", tls.ca_file, "CAs to verify the server with (default: the system's)")
       ->type_name("FILE")
       ->transform(k_absolute_path)
       ->check(k_existing_file);
-  tls_app->add_option("--servername", tls.servername, "Name sent (SNI) and checked in the server's certificate")
+  tls_app
+      ->add_option("--servername", tls.servername,
+                   "Name sent (SNI) and checked in the server's certificate")
       ->type_name("NAME");
   tls_app->add_flag("--tls1_2", tls.tls1_2, "TLS 1.2 only");
   tls_app->add_flag("--tls1_3", tls.tls1_3, "TLS 1.3 only");
   tls_app->add_option("--send", tls.send, "Write this line after the handshake and print the reply")
       ->type_name("TEXT");
-  tls_app->add_option("--token-key", tls.token_key,
-                      "Token keys: used through the library (provider) or exported from the token")
+  tls_app
+      ->add_option("--token-key", tls.token_key,
+                   "Token keys: used through the library (provider) or exported from the token")
       ->type_name("library|export")
       ->check(OneOf({"library", "export"}))
       ->capture_default_str();
@@ -281,7 +294,8 @@ int main(int argc, char** argv) {
   // `help COMMAND` is read here: CLI11 would take COMMAND as the command.
   const bool help_first = argc >= 2 && std::string(argv[1]) == "help";
   if (help_first) {
-    if (argc > 3) return std::fprintf(stderr, "x509-auth: help takes one command name\n"), k_exit_usage;
+    if (argc > 3)
+      return std::fprintf(stderr, "x509-auth: help takes one command name\n"), k_exit_usage;
     help_topic = argc == 3 ? argv[2] : "";
   }
   try {
@@ -312,13 +326,16 @@ int main(int argc, char** argv) {
   for (const Command& command : commands)
     if (command.app->parsed()) chosen = &command;
   if (!extras.empty()) {
-    if (chosen == nullptr && extras.front().rfind("-", 0) != 0) return usage(UnknownCommand(extras.front(), commands));
+    if (chosen == nullptr && extras.front().rfind("-", 0) != 0)
+      return usage(UnknownCommand(extras.front(), commands));
     return usage("unexpected argument '" + extras.front() + "' (see 'x509-auth --help')");
   }
-  if (chosen == nullptr) return usage("no command given; the commands are listed by 'x509-auth --help'");
+  if (chosen == nullptr)
+    return usage("no command given; the commands are listed by 'x509-auth --help'");
   // Options that exclude each other, checked here so that the help stays
   // free of CLI11's "Excludes:" lines.
-  if (!global.pin_env.empty() && global.pin_fd >= 0) return usage("--pin-env and --pin-fd exclude each other");
+  if (!global.pin_env.empty() && global.pin_fd >= 0)
+    return usage("--pin-env and --pin-fd exclude each other");
   if (!global.password_env.empty() && global.password_fd >= 0)
     return usage("--password-env and --password-fd exclude each other");
   if (global.verbose > 0 && global.quiet) return usage("-v and -q exclude each other");

@@ -54,13 +54,15 @@ using OsslStoreInfoPtr =
     std::unique_ptr<OSSL_STORE_INFO, OpenSslDeleter<OSSL_STORE_INFO, OSSL_STORE_INFO_free>>;
 // Closing and unloading report a status nobody can act on at release time.
 inline void OsslStoreClose(OSSL_STORE_CTX* store) { OSSL_STORE_close(store); }
-using OsslStoreCtxPtr = std::unique_ptr<OSSL_STORE_CTX, OpenSslDeleter<OSSL_STORE_CTX, OsslStoreClose>>;
+using OsslStoreCtxPtr =
+    std::unique_ptr<OSSL_STORE_CTX, OpenSslDeleter<OSSL_STORE_CTX, OsslStoreClose>>;
 inline void OsslProviderUnload(OSSL_PROVIDER* provider) { OSSL_PROVIDER_unload(provider); }
 using OsslProviderPtr =
     std::unique_ptr<OSSL_PROVIDER, OpenSslDeleter<OSSL_PROVIDER, OsslProviderUnload>>;
 // Bytes OpenSSL allocated for the caller (i2d_* output, ASN1_STRING_to_UTF8):
 // OPENSSL_free is a macro, so it gets a function of its own.
 inline void OpenSslFreeBytes(unsigned char* p) { OPENSSL_free(p); }
-using OpenSslBytesPtr = std::unique_ptr<unsigned char, OpenSslDeleter<unsigned char, OpenSslFreeBytes>>;
+using OpenSslBytesPtr =
+    std::unique_ptr<unsigned char, OpenSslDeleter<unsigned char, OpenSslFreeBytes>>;
 
 }  // namespace x509auth_openssl

@@ -2,8 +2,6 @@
 // library's share of the PKCS#11 context, and forward everything else to the
 // key store without checking that one exists: the host calls them only
 // between X509_Auth_Init and X509_Auth_DeInit.
-#include "x509_auth.h"
-
 #include <openssl/evp.h>
 
 #include <cstring>
@@ -18,6 +16,7 @@
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
+#include "x509_auth.h"
 
 namespace {
 
@@ -80,8 +79,7 @@ void X509_Auth_Init(const X509_Auth_Settings* settings, X509_Auth_Callbacks call
   SafeCallbacksWrapper::GetInstance().Replace(callbacks);
   if (settings != nullptr) X509Settings::GetInstance().Replace(*settings);
   // The new store is installed before the old one and its results go away.
-  std::unique_ptr<KeyStore> previous =
-      std::exchange(KeyStoreOwner(), std::make_unique<KeyStore>());
+  std::unique_ptr<KeyStore> previous = std::exchange(KeyStoreOwner(), std::make_unique<KeyStore>());
   previous.reset();
   KeyStoreOwner()->Init();
   ContextHolder() = Libp11Context::GetInstance();
@@ -108,8 +106,7 @@ bool X509_Auth_LoadClientCertificates(uint64_t* count, const X509_Auth_Certifica
 
 void X509_Auth_Free(const void* p) { KeyStoreOwner()->Free(p); }
 
-int X509_Auth_AddAdditionalCertificateAuthorityToStore(const unsigned char* data,
-                                                        uint64_t length) {
+int X509_Auth_AddAdditionalCertificateAuthorityToStore(const unsigned char* data, uint64_t length) {
   return KeyStoreOwner()->AddAdditionalCertificateAuthorityToStore(data, length) ? 1 : 0;
 }
 
@@ -149,8 +146,8 @@ X509_Auth_Result X509_Auth_Decrypt(const uint8_t* thumbprint, uint32_t decrypt_a
   return outcome.result;
 }
 
-X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(
-    const X509_Auth_Certificate* certificate, void** key) {
+X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(const X509_Auth_Certificate* certificate,
+                                                           void** key) {
   return KeyStoreOwner()->GetPrivateKeyForCertificate(certificate, key);
 }
 

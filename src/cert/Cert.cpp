@@ -17,9 +17,9 @@
 #include "cert/Asn1Time.h"
 #include "cert/ChainBuilder.h"
 #include "cert/DefaultCaPaths.h"
+#include "cert/ICertificateStore.h"
 #include "cert/ViewerFile.h"
 #include "files/CertificateFiles.h"
-#include "cert/ICertificateStore.h"
 
 namespace quorvant::shared::x509 {
 
@@ -55,10 +55,11 @@ std::string CommonNameOf(X509_NAME* name) {
 Cert::Cert(CertContext context) : context_(std::move(context)) {}
 
 X509* Cert::GetX509() const {
-  return std::visit(Overloaded{[](const std::unique_ptr<CertFileContext>& c) { return c->x509.get(); },
-                               [](const std::unique_ptr<EncodedCertContext>& c) { return c->x509.get(); },
-                               [](const std::unique_ptr<Libp11CertContext>& c) { return c->cert->x509; }},
-                    context_);
+  return std::visit(
+      Overloaded{[](const std::unique_ptr<CertFileContext>& c) { return c->x509.get(); },
+                 [](const std::unique_ptr<EncodedCertContext>& c) { return c->x509.get(); },
+                 [](const std::unique_ptr<Libp11CertContext>& c) { return c->cert->x509; }},
+      context_);
 }
 
 X509_STORE* Cert::GetX509Store() const {
@@ -123,7 +124,9 @@ std::string Cert::IssuerName() const {
   return CommonNameOf(issuer);
 }
 
-std::time_t Cert::NotBefore() const { return ConvertAsn1TimeToTimeT(X509_get0_notBefore(GetX509())); }
+std::time_t Cert::NotBefore() const {
+  return ConvertAsn1TimeToTimeT(X509_get0_notBefore(GetX509()));
+}
 
 std::time_t Cert::NotAfter() const { return ConvertAsn1TimeToTimeT(X509_get0_notAfter(GetX509())); }
 
@@ -146,7 +149,8 @@ bool Cert::Thumbprint(x509::Thumbprint& thumbprint) const {
   return GetThumbprintForX509Cert(GetX509(), &thumbprint);
 }
 
-bool Cert::CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore* extra_store) const {
+bool Cert::CaChain(std::vector<x509::Thumbprint>& chain,
+                   const ICertificateStore* extra_store) const {
   ChainBuilder builder;
   return CaChain(chain, extra_store, builder);
 }
@@ -161,9 +165,8 @@ bool Cert::ShowDialog(void* /*parent*/) const {
   std::filesystem::path file_path;
   try {
     const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
-    const long seconds =
-        static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since_epoch).count() /
-                          1000000000);
+    const long seconds = static_cast<long>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(since_epoch).count() / 1000000000);
     char digits[32];
     std::snprintf(digits, sizeof digits, "%ld", seconds);
     const std::string file_name = std::string("cert-") + digits + ".pem";

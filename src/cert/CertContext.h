@@ -10,8 +10,8 @@ namespace quorvant::shared::x509 {
 
 // Where a certificate came from. The index order is fixed: 0 file, 1
 // encoded, 2 token; the active pointer is never null.
-using CertContext = std::variant<std::unique_ptr<CertFileContext>,
-                                 std::unique_ptr<EncodedCertContext>,
-                                 std::unique_ptr<Libp11CertContext>>;
+using CertContext =
+    std::variant<std::unique_ptr<CertFileContext>, std::unique_ptr<EncodedCertContext>,
+                 std::unique_ptr<Libp11CertContext>>;
 
 }  // namespace quorvant::shared::x509

@@ -19,10 +19,8 @@ bool MoreCasCouldHelp(int error) {
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
     case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
     case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
-    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
-      return true;
-    default:
-      return false;
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT: return true;
+    default: return false;
   }
 }
 
@@ -70,7 +68,8 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
                            std::vector<Thumbprint>& chain) {
   X509StoreCtxPtr context(X509_STORE_CTX_new());
   if (!context) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Cert::CaChain X509_STORE_CTX_new failed");
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                              "Cert::CaChain X509_STORE_CTX_new failed");
     last_failure_ = Failure{false, 0, 0, "Cert::CaChain X509_STORE_CTX_new failed"};
     LogAllOpenSslErrors();
     return false;
@@ -79,7 +78,8 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
 
   if (!InitContext(context.get(), cert)) return false;
   int verified = X509_verify_cert(context.get());
-  if (verified != 1 && !ca_file_added_ && MoreCasCouldHelp(X509_STORE_CTX_get_error(context.get()))) {
+  if (verified != 1 && !ca_file_added_ &&
+      MoreCasCouldHelp(X509_STORE_CTX_get_error(context.get()))) {
     // Built as if the system's CA file had been in the store from the start:
     // it joins now, once for this trusted store, and the chain is built again.
     DefaultCaPaths::AddCaFile(trusted_.get());
@@ -101,7 +101,8 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
   }
   STACK_OF(X509)* members = X509_STORE_CTX_get0_chain(context.get());
   if (members == nullptr) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Cert::CaChain failed to extract CA chain");
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Cert::CaChain failed to extract CA chain");
     last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to extract CA chain"};
     LogAllOpenSslErrors();
     return false;

@@ -64,9 +64,9 @@ std::int32_t Key::Open(const ICertificate& certificate) {
                               certificate.Name().c_str());
   } else if (const auto* token = std::get_if<std::unique_ptr<Libp11CertContext>>(&context)) {
     const Libp11CertContext& token_cert = **token;
-    TokenPrivateKey opened = TokenPrivateKey::Open(
-        token_cert.libp11_context, token_cert.slot, token_cert.cert,
-        TokenPrivateKey::OnLoginFailure::k_continue);
+    TokenPrivateKey opened =
+        TokenPrivateKey::Open(token_cert.libp11_context, token_cert.slot, token_cert.cert,
+                              TokenPrivateKey::OnLoginFailure::k_continue);
     if (opened.found != nullptr) {
       key = std::move(opened.key);
       token_context = token_cert.libp11_context;
@@ -86,12 +86,8 @@ std::int32_t Key::Open(const ICertificate& certificate) {
   // no type; it is reported like any key type that cannot be used.
   const int type = key ? EVP_PKEY_base_id(key.get()) : EVP_PKEY_NONE;
   switch (type) {
-    case EVP_PKEY_RSA:
-      algorithm = x509::Algorithm::k_rsa;
-      return 0;
-    case EVP_PKEY_EC:
-      algorithm = x509::Algorithm::k_ec;
-      return 0;
+    case EVP_PKEY_RSA: algorithm = x509::Algorithm::k_rsa; return 0;
+    case EVP_PKEY_EC: algorithm = x509::Algorithm::k_ec; return 0;
     default:
       algorithm = x509::Algorithm::k_unknown;
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Unknown algorithm: [%i]", type);
@@ -151,8 +147,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
     case x509::Algorithm::k_ec:
       // ECDSA signs the digest as given, whatever its length.
       break;
-    default:
-      return Unsupported();
+    default: return Unsupported();
   }
 
   std::size_t length = 0;
@@ -252,16 +247,14 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   }
   const int init = EVP_PKEY_decrypt_init(context.get());
   if (init <= 0) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "EVP_PKEY_decrypt_init error code: [%i]", init);
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "EVP_PKEY_decrypt_init error code: [%i]",
+                              init);
     return Failure();
   }
 
   int padding = 0;
   switch (decrypt_algorithm) {
-    case DecryptAlgorithm::k_rsa_pkcs1:
-      padding = RSA_PKCS1_PADDING;
-      break;
+    case DecryptAlgorithm::k_rsa_pkcs1: padding = RSA_PKCS1_PADDING; break;
     case DecryptAlgorithm::k_rsa_oaep:
       // OpenSSL's OAEP defaults (SHA-1 and MGF1 with SHA-1) are what hosts
       // expect; no OAEP parameters are set.

@@ -30,8 +30,8 @@ class Key : public IKey {
   // or -3 (the longest the key allows). Codes: 0, 1 the signature failed,
   // 6 not an RSA key, 11 a salt the key cannot hold, 12 a token that can do
   // neither RSA-PSS nor raw RSA.
-  ResultPair SignPss(const EVP_MD* digest, const std::vector<unsigned char>& hash,
-                     int salt_length, std::vector<unsigned char>* signature);
+  ResultPair SignPss(const EVP_MD* digest, const std::vector<unsigned char>& hash, int salt_length,
+                     std::vector<unsigned char>* signature);
 
  private:
   // A token key as libp11 found it, for what its EVP_PKEY cannot do. The

@@ -11,16 +11,14 @@ namespace quorvant::shared::x509 {
 
 namespace {
 
-using X509ObjectPtr =
-    std::unique_ptr<X509_OBJECT, OpenSslDeleter<X509_OBJECT, X509_OBJECT_free>>;
+using X509ObjectPtr = std::unique_ptr<X509_OBJECT, OpenSslDeleter<X509_OBJECT, X509_OBJECT_free>>;
 
 }  // namespace
 
 X509StoreBatch::X509StoreBatch(X509_STORE* store) : store_(store) {
   STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store_);
   for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
-    if (X509* cert = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)))
-      present_.insert(cert);
+    if (X509* cert = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i))) present_.insert(cert);
   }
 }
 

@@ -5,9 +5,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-#include <cerrno>
-
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <tuple>
 #include <vector>
@@ -71,9 +70,8 @@ long long Nanoseconds(const statx_timestamp& time) {
 // The file's status, links followed, as stat gives it, and the mount it is
 // on where the kernel tells. Where statx itself is unavailable (an old
 // kernel, a filter that refuses it) fstatat gives all but the mount.
-bool TakeStatus(int directory, const char* name, CertificateFileCache::Facts* facts,
-                dev_t* device, ino_t* inode, off_t* size, long long* modified_ns,
-                long long* changed_ns) {
+bool TakeStatus(int directory, const char* name, CertificateFileCache::Facts* facts, dev_t* device,
+                ino_t* inode, off_t* size, long long* modified_ns, long long* changed_ns) {
   struct statx status {};
   if (statx(directory, name, AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_MNT_ID, &status) ==
       0) {

@@ -54,8 +54,7 @@ class CertificateFileCache {
   // |facts|, when given, receives what was learnt of the file.
   std::shared_ptr<const CertificateFile> Read(int directory, const char* name,
                                               const std::string& cert_path,
-                                              const std::string& key_path,
-                                              Facts* facts = nullptr);
+                                              const std::string& key_path, Facts* facts = nullptr);
 
   // What ReadX509FromDerOrPemFile(path) returns now, through the same entries.
   X509Ptr Read(const std::filesystem::path& path);

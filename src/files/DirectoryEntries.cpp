@@ -104,10 +104,8 @@ bool DirectoryEntries::TypeIsFinal(unsigned char type) {
     case DT_CHR:
     case DT_DIR:
     case DT_FIFO:
-    case DT_SOCK:
-      return true;
-    default:
-      return false;
+    case DT_SOCK: return true;
+    default: return false;
   }
 }
 

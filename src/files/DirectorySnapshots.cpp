@@ -31,10 +31,8 @@ bool IsLocalFileSystem(int directory) {
     case XFS_SUPER_MAGIC:
     case BTRFS_SUPER_MAGIC:
     case TMPFS_MAGIC:
-    case F2FS_SUPER_MAGIC:
-      return true;
-    default:
-      return false;
+    case F2FS_SUPER_MAGIC: return true;
+    default: return false;
   }
 }
 

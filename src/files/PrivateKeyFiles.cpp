@@ -164,8 +164,7 @@ EvpPkeyPtr GetPrivateKeyForX509Cert(X509* cert, const std::filesystem::path& cer
                                     const std::filesystem::path& key_path) {
   try {
     const std::filesystem::file_type type = std::filesystem::status(key_path).type();
-    if (type == std::filesystem::file_type::not_found ||
-        type == std::filesystem::file_type::none) {
+    if (type == std::filesystem::file_type::not_found || type == std::filesystem::file_type::none) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Private key file [%s] does not exist",
                                 key_path.c_str());
       return EvpPkeyPtr();
@@ -176,8 +175,8 @@ EvpPkeyPtr GetPrivateKeyForX509Cert(X509* cert, const std::filesystem::path& cer
                           type == std::filesystem::file_type::directory;
     EvpPkeyPtr key = readable ? ReadPrivateKeyFromDerOrPemFile(key_path) : EvpPkeyPtr();
     if (!key) {
-      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Failed to parse private key file [%s]",
-                                key_path.c_str());
+      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                                "Failed to parse private key file [%s]", key_path.c_str());
     } else if (X509_check_private_key(cert, key.get()) == 1) {
       return key;
     } else {

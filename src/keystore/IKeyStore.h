@@ -38,8 +38,8 @@ class IKeyStore {
                                                   const std::vector<unsigned char>& data) = 0;
   virtual void Free(const void* p) = 0;
   virtual bool ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) = 0;
-  virtual X509_Auth_ResultCode GetPrivateKeyForCertificate(
-      const X509_Auth_Certificate* certificate, void** key) = 0;
+  virtual X509_Auth_ResultCode GetPrivateKeyForCertificate(const X509_Auth_Certificate* certificate,
+                                                           void** key) = 0;
   virtual std::int32_t GetChainedCAsForCertificate(const X509_Auth_Certificate* certificate,
                                                    unsigned long* count,
                                                    X509_Auth_ASN_1** asn1) = 0;

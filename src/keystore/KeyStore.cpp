@@ -100,7 +100,8 @@ bool FindForDialogOrExport(const X509_Auth_Certificate* certificate, CertStore& 
   const std::uint32_t find_error = users_store.FindThumbprint(ThumbprintOf(certificate), &cert);
   if (find_error != 0) {
     SafeCallbacksWrapper::Log(
-        k_error, "Failed to show certificate dialog. Failed to find certificate thumbprint (error: %d)",
+        k_error,
+        "Failed to show certificate dialog. Failed to find certificate thumbprint (error: %d)",
         static_cast<int>(find_error));
     store_failed = false;
     return false;
@@ -186,11 +187,10 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
   // and on its own, so that a refused certificate is never logged; the
   // decision below repeats that check, which costs nothing.
   std::vector<std::unique_ptr<ICertificate>> certs = users_store.SharedCertificates();
-  certs.erase(std::remove_if(certs.begin(), certs.end(),
-                             [](const std::unique_ptr<ICertificate>& cert) {
-                               return !IsPermitted(*cert);
-                             }),
-              certs.end());
+  certs.erase(
+      std::remove_if(certs.begin(), certs.end(),
+                     [](const std::unique_ptr<ICertificate>& cert) { return !IsPermitted(*cert); }),
+      certs.end());
 
   std::vector<CertificateWrapper> wrappers;
   // Every chain of this listing is built against the same trust, so the
@@ -348,7 +348,8 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHash(const Thumbprint& thumbpr
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
   Key key;
-  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key)) return {nullptr, *failure};
+  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key))
+    return {nullptr, *failure};
   const Algorithm group = cert->PublicKeyAlgorithmGroup();
   if (group == Algorithm::k_unknown ||
       std::find(algorithms.begin(), algorithms.end(), group) == algorithms.end()) {
@@ -375,7 +376,8 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPss(const Thumbprint& thum
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
   Key key;
-  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key)) return {nullptr, *failure};
+  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key))
+    return {nullptr, *failure};
   if (cert->PublicKeyAlgorithmGroup() != Algorithm::k_rsa || key.Algorithm() != Algorithm::k_rsa) {
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA-PSS signatures");
     return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
@@ -398,7 +400,8 @@ KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
   Key key;
-  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key)) return {nullptr, *failure};
+  if (auto failure = OpenForKeyOperation(thumbprint, users_store, cert, key))
+    return {nullptr, *failure};
   if (cert->PublicKeyAlgorithmGroup() != Algorithm::k_rsa) {
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");
     return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
@@ -416,8 +419,8 @@ KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
   return {record, {X509_Auth_ResultCode_Success, 0, decrypted.detail}};
 }
 
-X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(
-    const X509_Auth_Certificate* certificate, void** key) {
+X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(const X509_Auth_Certificate* certificate,
+                                                           void** key) {
   if (certificate == nullptr) {
     SafeCallbacksWrapper::Log(k_error, "Failed to GetPrivateKeyForCertificate Cert is null");
     return X509_Auth_ResultCode_NullCertificate;
@@ -444,12 +447,13 @@ X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(
     return X509_Auth_ResultCode_EncodedCertificateHasNoKey;
   }
   const Libp11CertContext& token = *std::get<std::unique_ptr<Libp11CertContext>>(context);
-  TokenPrivateKey opened = TokenPrivateKey::Open(
-      token.libp11_context, token.slot, token.cert, TokenPrivateKey::OnLoginFailure::k_stop, [&token] {
-        SafeCallbacksWrapper::Log(k_warning, "cert type: Libp11CertContext");
-        SafeCallbacksWrapper::Log(k_error, "PKCS11_CERT* cert_ptr: [%p]",
-                                  static_cast<void*>(token.cert));
-      });
+  TokenPrivateKey opened =
+      TokenPrivateKey::Open(token.libp11_context, token.slot, token.cert,
+                            TokenPrivateKey::OnLoginFailure::k_stop, [&token] {
+                              SafeCallbacksWrapper::Log(k_warning, "cert type: Libp11CertContext");
+                              SafeCallbacksWrapper::Log(k_error, "PKCS11_CERT* cert_ptr: [%p]",
+                                                        static_cast<void*>(token.cert));
+                            });
   if (opened.login != 0) return X509_Auth_ResultCode_TokenLoginFailed;
   if (opened.found == nullptr) {
     SafeCallbacksWrapper::Log(k_error,
@@ -461,9 +465,9 @@ X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(
   EVP_PKEY* private_key = opened.key.release();
   *key = private_key;
   if (private_key == nullptr) {
-    SafeCallbacksWrapper::Log(k_error,
-                              "Error loading private key for smart card cert: [%s] get returned null",
-                              cert->Name().c_str());
+    SafeCallbacksWrapper::Log(
+        k_error, "Error loading private key for smart card cert: [%s] get returned null",
+        cert->Name().c_str());
   }
   return X509_Auth_ResultCode_Success;
 }

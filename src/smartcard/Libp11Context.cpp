@@ -105,8 +105,7 @@ void Libp11Context::InitialiseContextAndSlots() {
   UI_method_set_writer(ui_method.get(), PinEntryUiWriter);
   UI_method_set_reader(ui_method.get(), PinEntryUiReader);
   ui_method_ = std::move(ui_method);
-  if (const int result = PKCS11_set_ui_method(pkcs11_ctx_, ui_method_.get(), nullptr);
-      result != 0)
+  if (const int result = PKCS11_set_ui_method(pkcs11_ctx_, ui_method_.get(), nullptr); result != 0)
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error PKCS11_set_ui_method: %i",
                               result);
 
@@ -148,8 +147,9 @@ int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
   // nothing missing either.
   if (pkcs11_ctx_ == nullptr &&
       Pkcs11ModuleChoice::GetInstance().CurrentKind() == Pkcs11ModuleChoice::Kind::k_none) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Debug,
-                              "Libp11Context::GetCerts no PKCS#11 module is chosen; no smart cards");
+    SafeCallbacksWrapper::Log(
+        X509_Auth_LogPriority_Debug,
+        "Libp11Context::GetCerts no PKCS#11 module is chosen; no smart cards");
     return 0;
   }
   if (pkcs11_ctx_ == nullptr) InitialiseContextAndSlots();

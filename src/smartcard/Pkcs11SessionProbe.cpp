@@ -1,7 +1,6 @@
 #include "smartcard/Pkcs11SessionProbe.h"
 
 #include <dlfcn.h>
-
 #include <p11-kit/pkcs11.h>
 
 #include <climits>
@@ -41,9 +40,9 @@ int Pkcs11SessionProbe::Probe(const PKCS11_SLOT* slot) const {
       functions_ == nullptr)
     return k_token_unusable;
   CK_SESSION_HANDLE session = 0;
-  const CK_RV rv = functions_->C_OpenSession(
-      PKCS11_get_slotid_from_slot(const_cast<PKCS11_SLOT*>(slot)), CKF_SERIAL_SESSION, nullptr,
-      nullptr, &session);
+  const CK_RV rv =
+      functions_->C_OpenSession(PKCS11_get_slotid_from_slot(const_cast<PKCS11_SLOT*>(slot)),
+                                CKF_SERIAL_SESSION, nullptr, nullptr, &session);
   if (rv != CKR_OK) return rv <= static_cast<CK_RV>(INT_MAX) ? -static_cast<int>(rv) : -1;
   // libp11 keeps its own sessions open in its pool, so closing this one never
   // ends a login.

@@ -55,10 +55,22 @@ bool CanSignWith(CK_FUNCTION_LIST_PTR functions, CK_SLOT_ID slot, CK_MECHANISM_T
 // The PKCS#11 names of |digest| as a PSS hash and as an MGF1 hash.
 bool MechanismsOf(const EVP_MD* digest, CK_MECHANISM_TYPE* hash, CK_RSA_PKCS_MGF_TYPE* mgf) {
   switch (EVP_MD_type(digest)) {
-    case NID_sha1: *hash = CKM_SHA_1; *mgf = CKG_MGF1_SHA1; return true;
-    case NID_sha256: *hash = CKM_SHA256; *mgf = CKG_MGF1_SHA256; return true;
-    case NID_sha384: *hash = CKM_SHA384; *mgf = CKG_MGF1_SHA384; return true;
-    case NID_sha512: *hash = CKM_SHA512; *mgf = CKG_MGF1_SHA512; return true;
+    case NID_sha1:
+      *hash = CKM_SHA_1;
+      *mgf = CKG_MGF1_SHA1;
+      return true;
+    case NID_sha256:
+      *hash = CKM_SHA256;
+      *mgf = CKG_MGF1_SHA256;
+      return true;
+    case NID_sha384:
+      *hash = CKM_SHA384;
+      *mgf = CKG_MGF1_SHA384;
+      return true;
+    case NID_sha512:
+      *hash = CKM_SHA512;
+      *mgf = CKG_MGF1_SHA512;
+      return true;
     default: return false;
   }
 }

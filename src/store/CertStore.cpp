@@ -121,8 +121,9 @@ std::uint32_t CertStore::Open(CertStoreType type) {
         "CertStore::Open ::  NOT ICertificateStore::CertStoreType::k_users_cert_store");
     return 0;
   }
-  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                            "CertStore::Open :: ICertificateStore::CertStoreType::k_users_cert_store");
+  SafeCallbacksWrapper::Log(
+      X509_Auth_LogPriority_Warning,
+      "CertStore::Open :: ICertificateStore::CertStoreType::k_users_cert_store");
 
   // Tokens come first, and a token source that fails ends the opening: the
   // system CAs and the files are then not loaded, although the store is open.
@@ -156,7 +157,8 @@ std::uint32_t CertStore::OpenFileStore() {
   const char* home = std::getenv("HOME");
   if (home == nullptr) {
     // Not a failure: the directories loaded so far stay.
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Unable to read HOME environment variable");
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Unable to read HOME environment variable");
     return 0;
   }
   for (const fs::path& relative : settings.HomeCertificateDirectories())
@@ -290,7 +292,8 @@ void CertStore::ScanDirectory(const fs::path& certs_directory, std::string& key_
     if (!entries.IsRegularFile()) {
       // A link may lead to a file later; other entries never count.
       if (keep && !final_type)
-        snapshot->push_back(DirectorySnapshots::Entry{entries.Name(), entries.Type(), true, nullptr});
+        snapshot->push_back(
+            DirectorySnapshots::Entry{entries.Name(), entries.Type(), true, nullptr});
       continue;
     }
     // The whole file name, extension included: alice.pem -> alice.pem.key.
@@ -313,7 +316,8 @@ void CertStore::ScanDirectory(const fs::path& certs_directory, std::string& key_
     }
   }
   key_file.resize(key_prefix);
-  if (keep) snapshots.Keep(ticket, entries.Descriptor(), certs_directory.native(), key_file, snapshot);
+  if (keep)
+    snapshots.Keep(ticket, entries.Descriptor(), certs_directory.native(), key_file, snapshot);
 }
 
 std::uint32_t CertStore::OpenSmartCardStore() {
@@ -341,8 +345,7 @@ std::uint32_t CertStore::AddEncodedCertificate(const unsigned char* bytes, std::
   if (!cert) return 1;
   // Whether it is a duplicate depends on everything gathered before it.
   Fill();
-  const bool not_added =
-      !x509_store || X509_STORE_add_cert(x509_store.get(), cert.get()) == 0;
+  const bool not_added = !x509_store || X509_STORE_add_cert(x509_store.get(), cert.get()) == 0;
   // Kept even when the X509_STORE refused it.
   encoded_certs.push_back(std::move(cert));
   return not_added ? 1 : 0;
@@ -426,10 +429,11 @@ std::uint32_t CertStore::Find(const Thumbprint& thumbprint, std::unique_ptr<ICer
   // that is also a file is found as the file, with its key path.
   for (const auto& entry : file_certs) {
     if (Matches(*entry, thumbprint)) {
-      *out = shared ? std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
-                          CertFileContext{this, Shared(entry->x509), entry->cert_path,
-                                          entry->key_path})))
-                    : MakeCert(this, *entry);
+      *out =
+          shared
+              ? std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
+                    CertFileContext{this, Shared(entry->x509), entry->cert_path, entry->key_path})))
+              : MakeCert(this, *entry);
       return 0;
     }
   }

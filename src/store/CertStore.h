@@ -4,10 +4,10 @@
 #include <vector>
 
 #include "base/OpenSslPtr.h"
+#include "cert/ICertificateStore.h"
 #include "files/CertificateFile.h"
 #include "files/CertificateFileCache.h"
 #include "smartcard/Libp11Context.h"
-#include "cert/ICertificateStore.h"
 #include "store/PendingCertificates.h"
 
 namespace quorvant::shared::x509 {

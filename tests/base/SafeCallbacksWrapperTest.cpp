@@ -1,5 +1,3 @@
-#include "base/SafeCallbacksWrapper.h"
-
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -7,6 +5,7 @@
 #include <openssl/x509.h>
 
 #include "RecordingCallbacks.h"
+#include "base/SafeCallbacksWrapper.h"
 
 namespace quorvant::shared::x509 {
 namespace {

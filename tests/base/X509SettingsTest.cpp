@@ -1,6 +1,6 @@
-#include "base/X509Settings.h"
-
 #include <gtest/gtest.h>
+
+#include "base/X509Settings.h"
 
 namespace quorvant::shared::x509 {
 namespace {

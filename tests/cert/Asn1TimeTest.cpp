@@ -1,5 +1,3 @@
-#include "cert/Asn1Time.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -9,6 +7,7 @@
 #include <string>
 
 #include "base/OpenSslPtr.h"
+#include "cert/Asn1Time.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -63,11 +62,14 @@ const TimeCase k_cases[] = {
      East(2024, 2, 29, 13, 30, 7)},
     {"UtcTimeIsReadAsLocalTime", k_east, V_ASN1_UTCTIME, "240229133007Z",
      East(2024, 2, 29, 13, 30, 7)},
-    {"UtcTimeYear69IsInThe2000s", k_east, V_ASN1_UTCTIME, "690615120000Z", East(2069, 6, 15, 12, 0, 0)},
-    {"UtcTimeYear70IsInThe1900s", k_east, V_ASN1_UTCTIME, "700101000000Z", East(1970, 1, 1, 0, 0, 0)},
+    {"UtcTimeYear69IsInThe2000s", k_east, V_ASN1_UTCTIME, "690615120000Z",
+     East(2069, 6, 15, 12, 0, 0)},
+    {"UtcTimeYear70IsInThe1900s", k_east, V_ASN1_UTCTIME, "700101000000Z",
+     East(1970, 1, 1, 0, 0, 0)},
     {"UtcTimeYear50IsIn2050NotIn1950", k_east, V_ASN1_UTCTIME, "500101000000Z",
      East(2050, 1, 1, 0, 0, 0)},
-    {"UtcTimeYear99IsIn1999", k_east, V_ASN1_UTCTIME, "991231235959Z", East(1999, 12, 31, 23, 59, 59)},
+    {"UtcTimeYear99IsIn1999", k_east, V_ASN1_UTCTIME, "991231235959Z",
+     East(1999, 12, 31, 23, 59, 59)},
     {"GeneralizedTimeIsReadAsLocalTime", k_east, V_ASN1_GENERALIZEDTIME, "20500102030405Z",
      East(2050, 1, 2, 3, 4, 5)},
     {"GeneralizedTimeBefore1950KeepsItsCentury", k_east, V_ASN1_GENERALIZEDTIME, "19491231235959Z",
@@ -75,7 +77,8 @@ const TimeCase k_cases[] = {
     // Fractions and zone offsets after the seconds are ignored.
     {"GeneralizedTimeFractionAndOffsetAreIgnored", k_east, V_ASN1_GENERALIZEDTIME,
      "20300405060708.999-0500", East(2030, 4, 5, 6, 7, 8)},
-    {"UtcTimeOffsetIsIgnored", k_east, V_ASN1_UTCTIME, "300405060708+1100", East(2030, 4, 5, 6, 7, 8)},
+    {"UtcTimeOffsetIsIgnored", k_east, V_ASN1_UTCTIME, "300405060708+1100",
+     East(2030, 4, 5, 6, 7, 8)},
     // Other types are read as month, day and time in the year 1900.
     {"OtherTypeIsReadInTheYear1900", k_east, V_ASN1_OCTET_STRING, "0615120030",
      East(1900, 6, 15, 12, 0, 30)},

@@ -1,10 +1,9 @@
 // Certificates OpenSSL parses although parts of them are malformed: every
 // accessor gives a defined result and reads nothing outside the bytes.
+#include <gtest/gtest.h>
 #include <openssl/asn1.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
-
-#include <gtest/gtest.h>
 
 #include <string>
 

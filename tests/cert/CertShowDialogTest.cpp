@@ -58,9 +58,14 @@ class CertShowDialogTest : public ::testing::Test {
     const std::string record = (tmp_ / "record").string();
     x509auth_test::WriteFile(tmp_ / "bin" / "gcr-viewer",
                              "#!/bin/sh\n"
-                             "n=$(ls '" + record + "' | wc -l)\n"
-                             "printf '%s\\n' \"$#\" \"$@\" > '" + record + "'/args.$n\n"
-                             "cp \"$1\" '" + record + "'/copy.$n\n");
+                             "n=$(ls '" +
+                                 record +
+                                 "' | wc -l)\n"
+                                 "printf '%s\\n' \"$#\" \"$@\" > '" +
+                                 record +
+                                 "'/args.$n\n"
+                                 "cp \"$1\" '" +
+                                 record + "'/copy.$n\n");
     fs::permissions(tmp_ / "bin" / "gcr-viewer", fs::perms::owner_all);
     setenv("TMPDIR", (tmp_ / "tmp").c_str(), 1);
     setenv("PATH", ((tmp_ / "bin").string() + ":/usr/bin:/bin").c_str(), 1);
@@ -169,7 +174,8 @@ TEST_F(CertShowDialogTest, RegularFileNamedQuorvantFailsTheFolderCreation) {
   EXPECT_EQ(lines[0].priority, X509_Auth_LogPriority_Error);
   EXPECT_EQ(lines[0].text,
             "Error geting temporary filename for cert: [filesystem error: cannot create "
-            "directory: File exists [" + Folder().string() + "]]");
+            "directory: File exists [" +
+                Folder().string() + "]]");
   EXPECT_EQ(recorder_->Logs().size(), 1u);
   EXPECT_EQ(ReadText(Folder()), "not a folder");
 }

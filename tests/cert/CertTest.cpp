@@ -1,5 +1,3 @@
-#include "cert/Cert.h"
-
 #include <gtest/gtest.h>
 #include <openssl/x509v3.h>
 
@@ -9,6 +7,7 @@
 
 #include "CertTestSupport.h"
 #include "TestPki.h"
+#include "cert/Cert.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -55,8 +54,8 @@ TEST(CertTest, PublicKeyAlgorithmGroupCountsRsaAndEcButNotPssOrEd25519) {
 class CertWithOid : public Cert {
  public:
   CertWithOid(const ICertificateStore* store, X509* cert, std::string oid)
-      : Cert(CertContext(std::make_unique<EncodedCertContext>(
-            EncodedCertContext{store, test::Dup(cert)}))),
+      : Cert(CertContext(
+            std::make_unique<EncodedCertContext>(EncodedCertContext{store, test::Dup(cert)}))),
         oid_(std::move(oid)) {}
   std::string PublicKeyAlgorithm() const override { return oid_; }
 
@@ -216,8 +215,8 @@ TEST(CertTest, GetContextExposesTheKindAndTheFilePaths) {
 TEST(CertTest, ConstructionTakesTheContextOutOfTheVariant) {
   X509OnlyStore store;
   auto x509 = SelfSigned(KeyKind::k_rsa);
-  CertContext context(std::make_unique<EncodedCertContext>(
-      EncodedCertContext{&store, test::Dup(x509.get())}));
+  CertContext context(
+      std::make_unique<EncodedCertContext>(EncodedCertContext{&store, test::Dup(x509.get())}));
   EncodedCertContext* raw = std::get<1>(context).get();
   Cert cert(std::move(context));
   EXPECT_EQ(std::get<1>(cert.GetContext()).get(), raw);

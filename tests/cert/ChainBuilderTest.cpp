@@ -83,7 +83,7 @@ TEST_F(ChainBuilderTest, SharedTrustGivesWhatAFreshStorePerCertificateGives) {
   TestKey leaf_key = SharedKey(KeyKind::k_ec, 44);
   TestX509 root_a = Ca("Root A", key_a.get());
   TestX509 inter = Ca("Intermediate A", key_c.get(), root_a.get(), key_a.get());
-  TestX509 root_b = Ca("Root B", key_b.get());  // only in the extra store
+  TestX509 root_b = Ca("Root B", key_b.get());       // only in the extra store
   TestX509 absent = Ca("Absent Root", key_b.get());  // in neither store
   // Two CAs of one name with different keys: which is tried first matters.
   TestX509 twin_1 = Ca("Twin", key_twin.get());
@@ -195,8 +195,9 @@ TEST(X509StoreBatchTest, HoldsWhatOneByOneAddingHoldsInTheSameOrder) {
   TestKey key_a = SharedKey(KeyKind::k_rsa, 40), key_b = SharedKey(KeyKind::k_ec, 43);
   std::vector<TestX509> certs;
   // Many of one name, so that the order among equal names shows.
-  for (int i = 0; i < 12; ++i) certs.push_back(Ca(i % 3 == 0 ? "Same" : "Name " + std::to_string(i),
-                                                  i % 2 == 0 ? key_a.get() : key_b.get()));
+  for (int i = 0; i < 12; ++i)
+    certs.push_back(Ca(i % 3 == 0 ? "Same" : "Name " + std::to_string(i),
+                       i % 2 == 0 ? key_a.get() : key_b.get()));
   std::vector<X509*> input;
   for (const TestX509& cert : certs) input.push_back(cert.get());
   input.push_back(certs[3].get());  // the same object again

@@ -1,8 +1,6 @@
 // The cached default CA locations must trust exactly what
 // X509_STORE_set_default_paths trusts, and follow the CA file when it changes.
 // The file's certificates join a store only when AddCaFile is called.
-#include "cert/DefaultCaPaths.h"
-
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
@@ -12,12 +10,12 @@
 #include <thread>
 
 #include "TestPki.h"
+#include "cert/DefaultCaPaths.h"
 
 namespace quorvant::shared::x509 {
 namespace {
 
 using namespace x509auth_test;
-
 
 std::set<Bytes> Certificates(X509_STORE* store) {
   std::set<Bytes> der;
@@ -37,7 +35,7 @@ int SetAll(X509_STORE* store) {
 
 bool Verifies(X509_STORE* store, X509* leaf) {
   std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> ctx(X509_STORE_CTX_new(),
-                                                                       &X509_STORE_CTX_free);
+                                                                      &X509_STORE_CTX_free);
   X509_STORE_CTX_init(ctx.get(), store, leaf, nullptr);
   return X509_verify_cert(ctx.get()) == 1;
 }
@@ -77,7 +75,8 @@ TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
   CertOptions leaf_options;
   leaf_options.common_name = "Other Leaf";
   TestKey leaf_key = MakeKey(KeyKind::k_ec);
-  TestX509 other_leaf = MakeCert(leaf_options, leaf_key.get(), other_root.get(), other_root_key.get());
+  TestX509 other_leaf =
+      MakeCert(leaf_options, leaf_key.get(), other_root.get(), other_root_key.get());
 
   const auto bundle = dir.path() / "bundle.pem";
   WriteFile(bundle, CertToPem(first.root.get()) + CertToPem(first.intermediate.get()));

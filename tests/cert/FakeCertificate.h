@@ -26,18 +26,18 @@ class FakeCertificate : public quorvant::shared::x509::ICertificate {
     context->x509.reset(X509_dup(cert));
     context->cert_path = cert_path;
     context->key_path = key_path;
-    return FakeCertificate(quorvant::shared::x509::CertContext(std::in_place_index<0>,
-                                                               std::move(context)),
-                           std::move(name));
+    return FakeCertificate(
+        quorvant::shared::x509::CertContext(std::in_place_index<0>, std::move(context)),
+        std::move(name));
   }
 
   // A certificate the host added as bytes.
   static FakeCertificate Encoded(X509* cert, std::string name = "Encoded Cert") {
     auto context = std::make_unique<quorvant::shared::x509::EncodedCertContext>();
     context->x509.reset(X509_dup(cert));
-    return FakeCertificate(quorvant::shared::x509::CertContext(std::in_place_index<1>,
-                                                               std::move(context)),
-                           std::move(name));
+    return FakeCertificate(
+        quorvant::shared::x509::CertContext(std::in_place_index<1>, std::move(context)),
+        std::move(name));
   }
 
   FakeCertificate(FakeCertificate&& other) noexcept

@@ -1,5 +1,3 @@
-#include "cert/Key.h"
-
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
@@ -13,6 +11,7 @@
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
+#include "cert/Key.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -36,7 +35,6 @@ constexpr const char* k_encoded = "Cannot load private key for encoded cert: [%s
 constexpr const char* k_unknown_algorithm = "Unknown algorithm: [%i]";
 constexpr const char* k_decrypt_failed = "Error calling EVP_PKEY_decrypt. Error code: [%i]";
 
-
 // A key file and its self-signed certificate of one kind.
 struct FileCredential {
   TestKey key;
@@ -59,8 +57,7 @@ class KeyTest : public ::testing::Test {
   }
   static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
 
-  FileCredential Credential(KeyKind kind, const std::string& name,
-                            const char* password = nullptr) {
+  FileCredential Credential(KeyKind kind, const std::string& name, const char* password = nullptr) {
     FileCredential credential;
     credential.key = SharedKey(kind);
     CertOptions options;
@@ -98,15 +95,15 @@ bool VerifyRsaPkcs1(EVP_PKEY* public_key, const EVP_MD* digest, const Bytes& has
   return ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
          EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) == 1 &&
          EVP_PKEY_CTX_set_signature_md(ctx.get(), digest) == 1 &&
-         EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), hash.data(),
-                         hash.size()) == 1;
+         EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), hash.data(), hash.size()) ==
+             1;
 }
 
 bool VerifyEcdsa(EVP_PKEY* public_key, const Bytes& hash, const Bytes& signature) {
   EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(public_key, nullptr));
   return ctx && EVP_PKEY_verify_init(ctx.get()) == 1 &&
-         EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), hash.data(),
-                         hash.size()) == 1;
+         EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), hash.data(), hash.size()) ==
+             1;
 }
 
 Bytes Encrypt(EVP_PKEY* public_key, int padding, const Bytes& message) {
@@ -163,9 +160,9 @@ TEST_F(KeyTest, OpenWithMissingKeyFileLogsCertPathAndFails) {
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
   ASSERT_EQ(rec().Logs().size(), 2u) << rec().Dump();
   EXPECT_EQ(rec().Logs()[0].format, "Private key file [%s] does not exist");
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_file_cert_failed,
-                        "Error loading private key for file system cert: [" +
-                            credential.cert_path.string() + "]"));
+  EXPECT_TRUE(rec().Has(
+      X509_Auth_LogPriority_Error, k_file_cert_failed,
+      "Error loading private key for file system cert: [" + credential.cert_path.string() + "]"));
   EXPECT_EQ(rec().Logs()[1].format, k_file_cert_failed);
 }
 
@@ -194,7 +191,8 @@ TEST_F(KeyTest, OpenRsaPssKeyFailsAsUnknownAlgorithm912) {
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
   ASSERT_EQ(rec().Logs().size(), 1u) << rec().Dump();
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_unknown_algorithm, "Unknown algorithm: [912]"));
+  EXPECT_TRUE(
+      rec().Has(X509_Auth_LogPriority_Error, k_unknown_algorithm, "Unknown algorithm: [912]"));
 }
 
 TEST_F(KeyTest, OpenEd25519KeyFailsAsUnknownAlgorithm1087) {
@@ -202,8 +200,8 @@ TEST_F(KeyTest, OpenEd25519KeyFailsAsUnknownAlgorithm1087) {
   Key key;
   EXPECT_EQ(key.Open(FileCert(credential)), 1);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_unknown);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_unknown_algorithm,
-                        "Unknown algorithm: [1087]"));
+  EXPECT_TRUE(
+      rec().Has(X509_Auth_LogPriority_Error, k_unknown_algorithm, "Unknown algorithm: [1087]"));
 }
 
 TEST_F(KeyTest, OpenEncodedCertOnFreshKeyLogsNameThenClassifiesNoKeyAsFailure) {

@@ -161,9 +161,7 @@ TEST_F(ViewerFaultsTest, FifoPlantedAsFileIsRefusedWithoutWaitingForAReader) {
   fs::create_directories(Folder());
   PlantFileNames([&](const fs::path& name) { ASSERT_EQ(mkfifo(name.c_str(), 0666), 0); });
   // Bounded: a blocking open would hang the child until its alarm.
-  const std::string report = RunInChild(
-      [&] { return ShowAndDump(); },
-      ChildOptions{false, 20});
+  const std::string report = RunInChild([&] { return ShowAndDump(); }, ChildOptions{false, 20});
   EXPECT_EQ(report.rfind("refused\n", 0), 0u) << report;
   EXPECT_NE(report.find("Error opening file ["), std::string::npos) << report;
 }
@@ -185,12 +183,11 @@ TEST_F(ViewerFaultsTest, ReadOnlyTemporaryDirectoryFailsTheFolderCreation) {
   fs::permissions(tmp_ / "tmp", fs::perms::owner_all | fs::perms::group_read |
                                     fs::perms::group_exec | fs::perms::others_read |
                                     fs::perms::others_exec);
-  const std::string report = RunInChild(
-      [&] { return ShowAndDump(); },
-      ChildOptions{true, 20});
-  EXPECT_EQ(report, "refused\n3 | Error geting temporary filename for cert: [filesystem error: "
-                    "cannot create directory: Permission denied [" +
-                        Folder().string() + "]]\n");
+  const std::string report = RunInChild([&] { return ShowAndDump(); }, ChildOptions{true, 20});
+  EXPECT_EQ(report,
+            "refused\n3 | Error geting temporary filename for cert: [filesystem error: "
+            "cannot create directory: Permission denied [" +
+                Folder().string() + "]]\n");
   EXPECT_FALSE(fs::exists(Folder()));
 }
 

@@ -1,13 +1,12 @@
 // The parsed-certificate cache gives what reading the file gives, every time:
 // kept only while the file is exactly as it was, and bounded.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-
 #include <chrono>
 #include <thread>
 

@@ -39,8 +39,8 @@ TEST_F(CertificateFilesMalformedInputTest, LengthNegativeAsAnIntIsRefusedWithout
     EXPECT_FALSE(ConvertPemDataToDer(pem.data(), length, der)) << length;
     EXPECT_EQ(der, std::vector<unsigned char>{7});
     EXPECT_TRUE(RecordingCallbacks::GetInstance().Has(X509_Auth_LogPriority_Warning,
-                                                   "Unable to convert PEM to DER",
-                                                   "Unable to convert PEM to DER"));
+                                                      "Unable to convert PEM to DER",
+                                                      "Unable to convert PEM to DER"));
   }
 }
 

@@ -1,11 +1,8 @@
-#include "files/CertificateFiles.h"
-
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
-
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +14,7 @@
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
+#include "files/CertificateFiles.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -70,8 +68,7 @@ TEST_F(CertificateFilesTest, ThumbprintIsTheSha1OfTheDerEncoding) {
   const Bytes der = CertToDer(cert_.get());
   unsigned char expected[EVP_MAX_MD_SIZE];
   unsigned int expected_length = 0;
-  ASSERT_EQ(EVP_Digest(der.data(), der.size(), expected, &expected_length, EVP_sha1(), nullptr),
-            1);
+  ASSERT_EQ(EVP_Digest(der.data(), der.size(), expected, &expected_length, EVP_sha1(), nullptr), 1);
   ASSERT_EQ(expected_length, 20u);
 
   Thumbprint thumbprint{};
@@ -233,7 +230,8 @@ TEST_F(CertificateFilesTest, ConvertPemOverwritesOutputOfEqualLength) {
 }
 
 TEST_F(CertificateFilesTest, ConvertUnparsablePemLeavesOutputAndLogsOneWarning) {
-  const Bytes pem = AsBytes("-----BEGIN CERTIFICATE-----\nnot base64 !!\n-----END CERTIFICATE-----\n");
+  const Bytes pem =
+      AsBytes("-----BEGIN CERTIFICATE-----\nnot base64 !!\n-----END CERTIFICATE-----\n");
   const std::vector<unsigned char> original{9, 8, 7, 6};
   std::vector<unsigned char> der = original;
   EXPECT_FALSE(ConvertPemDataToDer(pem.data(), pem.size(), der));

@@ -92,8 +92,8 @@ TEST_F(DirectoryEntriesTest, WhatCannotBeOpenedThrowsTheOpeningErrorOfTheStandar
   WriteFile(dir_ / "file", std::string("x"));
   for (const fs::path& directory : {dir_ / "missing", dir_ / "file", dir_ / "file" / "below"}) {
     const std::string expected = WalkWithTheStandardIterator(directory);
-    EXPECT_EQ(expected.rfind("error filesystem error: directory iterator cannot open directory: ", 0),
-              0u)
+    EXPECT_EQ(
+        expected.rfind("error filesystem error: directory iterator cannot open directory: ", 0), 0u)
         << expected;
     EXPECT_EQ(WalkWithTheReader(directory), expected);
   }
@@ -109,10 +109,14 @@ TEST_F(DirectoryEntriesTest, AnUnreadableDirectoryThrowsAsTheStandardIteratorDoe
   const std::string report = x509auth_test::RunInChild(
       [&] { return WalkWithTheStandardIterator(locked) + "--\n" + WalkWithTheReader(locked); },
       {.as_nobody = true});
-  EXPECT_EQ(report, "error filesystem error: directory iterator cannot open directory: "
-                    "Permission denied [" + locked.native() + "]\n--\n"
-                    "error filesystem error: directory iterator cannot open directory: "
-                    "Permission denied [" + locked.native() + "]\n");
+  EXPECT_EQ(report,
+            "error filesystem error: directory iterator cannot open directory: "
+            "Permission denied [" +
+                locked.native() +
+                "]\n--\n"
+                "error filesystem error: directory iterator cannot open directory: "
+                "Permission denied [" +
+                locked.native() + "]\n");
   chmod(locked.c_str(), 0755);
 }
 

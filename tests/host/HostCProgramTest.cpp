@@ -54,9 +54,10 @@ TEST_F(HostCProgramTest, RepeatedInitListChainFreeDeInitLeaksNothingUnderValgrin
 #else
   if (std::system("command -v valgrind > /dev/null") != 0) GTEST_SKIP() << "valgrind missing";
   InstallTwoCertificates();
-  const std::string command = "valgrind --quiet --leak-check=full --show-leak-kinds=definite,indirect "
-                              "--errors-for-leak-kinds=definite,indirect --error-exitcode=9 " +
-                              std::string(C_HOST_PATH) + " " + Base("base").string() + " 5 2>&1";
+  const std::string command =
+      "valgrind --quiet --leak-check=full --show-leak-kinds=definite,indirect "
+      "--errors-for-leak-kinds=definite,indirect --error-exitcode=9 " +
+      std::string(C_HOST_PATH) + " " + Base("base").string() + " 5 2>&1";
   const CommandRun run = RunCommand(command);
   EXPECT_TRUE(WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0) << run.output;
   EXPECT_NE(run.output.find("api 3, logged yes\n"), std::string::npos) << run.output;

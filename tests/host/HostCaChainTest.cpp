@@ -89,13 +89,11 @@ TEST_F(HostCaChainTest, EmptyChainGivesCountZeroNullArrayAndAKeptList) {
   // The kept empty list answers to the null address, with its log line.
   rec().Reset();
   X509_Auth_Free(nullptr);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Info, "asn1s ptr freed (ptr: %p)",
-                        [] {
-                          char text[64];
-                          std::snprintf(text, sizeof text, "asn1s ptr freed (ptr: %p)",
-                                        static_cast<void*>(nullptr));
-                          return std::string(text);
-                        }()));
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Info, "asn1s ptr freed (ptr: %p)", [] {
+    char text[64];
+    std::snprintf(text, sizeof text, "asn1s ptr freed (ptr: %p)", static_cast<void*>(nullptr));
+    return std::string(text);
+  }()));
   rec().Reset();
   X509_Auth_Free(nullptr);
   EXPECT_TRUE(rec().Logs().empty()) << "the list was freed the first time";
@@ -159,9 +157,10 @@ TEST_F(HostCaChainTest, PemThatDoesNotParseIsRefusedAtInfo) {
   EXPECT_EQ(Add(std::string("-----BEGIN CERTIFICATE-----\nnot base64 at all\n")), 0);
   EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Warning, "Unable to convert PEM to DER",
                         "Unable to convert PEM to DER"));
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Info,
-                        "KeyStore::AddAdditionalCertificateAuthorityToStore ConvertPemDataToDer failed.",
-                        "KeyStore::AddAdditionalCertificateAuthorityToStore ConvertPemDataToDer failed."));
+  EXPECT_TRUE(
+      rec().Has(X509_Auth_LogPriority_Info,
+                "KeyStore::AddAdditionalCertificateAuthorityToStore ConvertPemDataToDer failed.",
+                "KeyStore::AddAdditionalCertificateAuthorityToStore ConvertPemDataToDer failed."));
 }
 
 TEST_F(HostCaChainTest, AddingTheSameCaTwiceStillSucceeds) {

@@ -131,17 +131,16 @@ TEST_P(HostPermittedUsageTest, OfferedOnlyWhenUsagesAllowClientAuthentication) {
 
 INSTANTIATE_TEST_SUITE_P(
     UsageMatrix, HostPermittedUsageTest,
-    ::testing::Values(UsageCase{"ClientAuth", "clientAuth", "critical,keyEncipherment", true},
-                      UsageCase{"ClientAndServer", "serverAuth,clientAuth", "", true},
-                      UsageCase{"ServerOnlyWithDigitalSignature", "serverAuth",
-                                "critical,digitalSignature", true},
-                      UsageCase{"ServerOnlyWithoutKeyUsage", "serverAuth", "", false},
-                      UsageCase{"ServerOnlyWithKeyEncipherment", "serverAuth",
-                                "critical,keyEncipherment", false},
-                      UsageCase{"NoUsagesAtAll", "", "", true},
-                      UsageCase{"KeyUsageWithoutDigitalSignature", "", "critical,keyEncipherment",
-                                true},
-                      UsageCase{"EmailOnlyWithoutKeyUsage", "emailProtection", "", false}),
+    ::testing::Values(
+        UsageCase{"ClientAuth", "clientAuth", "critical,keyEncipherment", true},
+        UsageCase{"ClientAndServer", "serverAuth,clientAuth", "", true},
+        UsageCase{"ServerOnlyWithDigitalSignature", "serverAuth", "critical,digitalSignature",
+                  true},
+        UsageCase{"ServerOnlyWithoutKeyUsage", "serverAuth", "", false},
+        UsageCase{"ServerOnlyWithKeyEncipherment", "serverAuth", "critical,keyEncipherment", false},
+        UsageCase{"NoUsagesAtAll", "", "", true},
+        UsageCase{"KeyUsageWithoutDigitalSignature", "", "critical,keyEncipherment", true},
+        UsageCase{"EmailOnlyWithoutKeyUsage", "emailProtection", "", false}),
     [](const ::testing::TestParamInfo<UsageCase>& info) { return std::string(info.param.label); });
 
 TEST_F(HostCertificateListTest, TwoListsAreDistinctAndFreeingOneLeavesTheOther) {

@@ -50,8 +50,8 @@ TEST_F(HostExtensionsTest, SetPkcs11ModuleRefusesWhatIsNotAnAbsoluteRegularReada
       {(temp_ / "missing.so").string(),
        "PKCS#11 module refused: " + (temp_ / "missing.so").string() +
            " cannot be found (No such file or directory)"},
-      {temp_.path().string(), "PKCS#11 module refused: " + temp_.path().string() +
-                                  " is not a regular file"},
+      {temp_.path().string(),
+       "PKCS#11 module refused: " + temp_.path().string() + " is not a regular file"},
   };
   for (const Case& c : cases) {
     rec().Reset();
@@ -152,8 +152,8 @@ TEST_F(HostPssTest, FileKeySignsEveryDigestWithEverySaltThatVerifies) {
   for (X509_Auth_HashType type : {X509_Auth_HashType_Sha1, X509_Auth_HashType_Sha256,
                                   X509_Auth_HashType_Sha384, X509_Auth_HashType_Sha512}) {
     const Bytes digest = DigestOf(type, "message for PSS");
-    const int longest = (EVP_PKEY_bits(rsa_key_.get()) - 1 + 7) / 8 -
-                        static_cast<int>(digest.size()) - 2;
+    const int longest =
+        (EVP_PKEY_bits(rsa_key_.get()) - 1 + 7) / 8 - static_cast<int>(digest.size()) - 2;
     struct Salt {
       int32_t asked;
       int expected;
@@ -280,8 +280,8 @@ class HostTokenPssTest : public HostExtensionsTest {
   X509_Auth_Result Sign(int32_t salt, const X509_Auth_Signature** signature) {
     digest_ = DigestOf(X509_Auth_HashType_Sha256, "token PSS");
     const Bytes thumbprint = Sha1Thumbprint(cert_.get());
-    return X509_Auth_SignHashPss(thumbprint.data(), X509_Auth_HashType_Sha256, digest_.data(),
-                                 salt, signature);
+    return X509_Auth_SignHashPss(thumbprint.data(), X509_Auth_HashType_Sha256, digest_.data(), salt,
+                                 signature);
   }
 
   std::optional<SoftHsmToken> hsm_;

@@ -99,8 +99,9 @@ std::string ListWithSpareDescriptors(int spare) {
   const bool relisted = X509_Auth_LoadClientCertificates(&again, &list);
   if (relisted) X509_Auth_Free(list);
   report += "then " + std::string(relisted ? "listed " : "failed ") + std::to_string(again) +
-            (after == before ? "" : ", descriptors " + std::to_string(before) + " -> " +
-                                        std::to_string(after));
+            (after == before
+                 ? ""
+                 : ", descriptors " + std::to_string(before) + " -> " + std::to_string(after));
   return report;
 }
 
@@ -125,14 +126,19 @@ class HostDescriptorTest : public HostFaultsTest {
 
 TEST_F(HostDescriptorTest, NoDescriptorLeftEndsTheScanWithTheDirectoryError) {
   const std::string report = RunInChild([] { return ListWithSpareDescriptors(0); });
-  EXPECT_EQ(report, "listed 0\nfilesystem error: directory iterator cannot open directory: Too "
-                    "many open files [" + Certs() + "]\nthen listed 3");
+  EXPECT_EQ(report,
+            "listed 0\nfilesystem error: directory iterator cannot open directory: Too "
+            "many open files [" +
+                Certs() + "]\nthen listed 3");
 }
 
 TEST_F(HostDescriptorTest, OneDescriptorLeftEndsTheScanAtTheFirstCertificateFile) {
   const std::string report = RunInChild([] { return ListWithSpareDescriptors(1); });
   ASSERT_EQ(report.rfind("listed 0\nfilesystem error: cannot open certificate file: Too many "
-                         "open files [" + Certs() + "/c", 0), 0u)
+                         "open files [" +
+                             Certs() + "/c",
+                         0),
+            0u)
       << report;
   EXPECT_NE(report.find(".pem]\nthen listed 3"), std::string::npos) << report;
   EXPECT_EQ(report.find("descriptors"), std::string::npos) << report;
@@ -154,10 +160,10 @@ TEST_F(HostFaultsTest, CertsDirectoryRemovedOrReplacedDuringScansNeverBreaksALis
     const fs::path other = Base("two") / "certs";
     std::error_code ignored;
     while (!stop.load()) {
-      fs::rename(certs, aside, ignored);   // removed
-      fs::rename(other, certs, ignored);   // replaced by another folder
-      fs::rename(certs, other, ignored);   // removed again
-      fs::rename(aside, certs, ignored);   // back
+      fs::rename(certs, aside, ignored);  // removed
+      fs::rename(other, certs, ignored);  // replaced by another folder
+      fs::rename(certs, other, ignored);  // removed again
+      fs::rename(aside, certs, ignored);  // back
       swaps.fetch_add(1);
     }
   });
@@ -207,8 +213,9 @@ class HostKeyFileReplacedTest : public HostFaultsTest {
           const Bytes digest(32, 1);
           const X509_Auth_Signature* signature = nullptr;
           RecordingCallbacks::GetInstance().Reset();
-          const X509_Auth_Result result = X509_Auth_SignHash(
-              thumbprint.data(), 1, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
+          const X509_Auth_Result result =
+              X509_Auth_SignHash(thumbprint.data(), 1, algorithms, X509_Auth_HashType_Sha256,
+                                 digest.data(), &signature);
           std::string report = "code " + std::to_string(result.code) + "\n";
           for (const LogEntry& entry : RecordingCallbacks::GetInstance().Logs())
             if (entry.priority == X509_Auth_LogPriority_Error) report += entry.text + "\n";
@@ -223,10 +230,11 @@ class HostKeyFileReplacedTest : public HostFaultsTest {
 
 TEST_F(HostKeyFileReplacedTest, ByADanglingLinkIsAMissingKey) {
   fs::create_symlink(Base("base") / "gone.key", key_path_);
-  EXPECT_EQ(SignInChild(), "code 4\nPrivate key file [" + key_path_.string() +
-                               "] does not exist\nError loading private key for file system cert: [" +
-                               (Base("base") / "certs" / "k.pem").string() +
-                               "]\nFailed to open private key for certificate (error: 1)\n");
+  EXPECT_EQ(SignInChild(),
+            "code 4\nPrivate key file [" + key_path_.string() +
+                "] does not exist\nError loading private key for file system cert: [" +
+                (Base("base") / "certs" / "k.pem").string() +
+                "]\nFailed to open private key for certificate (error: 1)\n");
 }
 
 TEST_F(HostKeyFileReplacedTest, ByADirectoryFailsToParseWithoutReadingIt) {
@@ -251,8 +259,8 @@ TEST_F(HostKeyFileReplacedTest, ByAFileNobodyMayReadIsReportedByBothReaders) {
   // Root reads anything, so the request runs as nobody.
   WriteFile(key_path_, KeyToPem(key_.get()));
   fs::permissions(key_path_, fs::perms::owner_read | fs::perms::owner_write);
-  fs::permissions(temp_.path(), fs::perms::owner_all | fs::perms::others_exec |
-                                    fs::perms::group_exec);
+  fs::permissions(temp_.path(),
+                  fs::perms::owner_all | fs::perms::others_exec | fs::perms::group_exec);
   const std::string report = RunInChild(
       [&] {
         if (setresgid(k_nobody, k_nobody, k_nobody) != 0 ||

@@ -33,9 +33,7 @@ class HostTest : public ::testing::Test {
     env_.Set("HOME", home_.string());
   }
 
-  void TearDown() override {
-    X509_Auth_DeInit();
-  }
+  void TearDown() override { X509_Auth_DeInit(); }
 
   static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
 
@@ -53,7 +51,8 @@ class HostTest : public ::testing::Test {
   }
 
   // Lists the certificates; fails the test when the call returns false.
-  static std::vector<const X509_Auth_Certificate*> List(const X509_Auth_Certificate** array = nullptr) {
+  static std::vector<const X509_Auth_Certificate*> List(
+      const X509_Auth_Certificate** array = nullptr) {
     uint64_t count = 12345;
     const X509_Auth_Certificate* certificates = nullptr;
     EXPECT_TRUE(X509_Auth_LoadClientCertificates(&count, &certificates)) << rec().Dump();

@@ -71,11 +71,13 @@ TEST_F(HostKeyOperationsTest, SignsEveryHashLengthWithRsaAndEcAndTheSignaturesVe
 TEST_F(HostKeyOperationsTest, RsaCertificateWithAnEcOnlyListFailsWithCodeSix) {
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
   const X509_Auth_Signature* signature = reinterpret_cast<const X509_Auth_Signature*>(0x1);
-  X509_Auth_Result result = Sign(rsa_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
+  X509_Auth_Result result =
+      Sign(rsa_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
   EXPECT_EQ(result.code, 6);
   EXPECT_EQ(result.detail, 0u);
   EXPECT_EQ(signature, nullptr);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "Certificate does not support requested algorithm",
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
+                        "Certificate does not support requested algorithm",
                         "Certificate does not support requested algorithm"));
   result = Sign(rsa_thumbprint_, {2, 1}, X509_Auth_HashType_Sha256, digest, &signature);
   ASSERT_EQ(result.code, 0);
@@ -117,11 +119,13 @@ TEST_F(HostKeyOperationsTest, UnknownThumbprintGivesCodeThreeWithTheLookupError)
   const Bytes unknown(20, 0x11);
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
   const X509_Auth_Signature* signature = nullptr;
-  const X509_Auth_Result result = Sign(unknown, {1, 2}, X509_Auth_HashType_Sha256, digest, &signature);
+  const X509_Auth_Result result =
+      Sign(unknown, {1, 2}, X509_Auth_HashType_Sha256, digest, &signature);
   EXPECT_EQ(result.code, 3);
   EXPECT_EQ(result.detail, 1u);
   EXPECT_EQ(signature, nullptr);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "Failed to find certificate thumbprint (error: %d)",
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
+                        "Failed to find certificate thumbprint (error: %d)",
                         "Failed to find certificate thumbprint (error: 1)"));
 }
 
@@ -133,17 +137,18 @@ TEST_F(HostKeyOperationsTest, AddedCaCertificateIsNotFoundForSigning) {
             1);
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
   const X509_Auth_Signature* signature = nullptr;
-  EXPECT_EQ(Sign(Sha1Thumbprint(chain.root.get()), {1, 2}, X509_Auth_HashType_Sha256, digest,
-                 &signature)
-                .code,
-            3);
+  EXPECT_EQ(
+      Sign(Sha1Thumbprint(chain.root.get()), {1, 2}, X509_Auth_HashType_Sha256, digest, &signature)
+          .code,
+      3);
 }
 
 TEST_F(HostKeyOperationsTest, MissingKeyFileGivesCodeFourWithDetailOne) {
   std::filesystem::remove(Base("base") / "keys" / "ec.pem.key");
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
   const X509_Auth_Signature* signature = nullptr;
-  const X509_Auth_Result result = Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
+  const X509_Auth_Result result =
+      Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
   EXPECT_EQ(result.code, 4);
   EXPECT_EQ(result.detail, 1u);
   EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
@@ -170,14 +175,14 @@ TEST_F(HostKeyOperationsTest, EncryptedKeyPromptsOncePerRequest) {
 
 TEST_F(HostKeyOperationsTest, DecryptsBothPaddingsAndTrimsThePlaintext) {
   const Bytes secret = {'p', 'r', 'e', '-', 'm', 'a', 's', 't', 'e', 'r'};
-  for (auto [algorithm, padding] : {std::pair{1u, RSA_PKCS1_PADDING},
-                                    std::pair{2u, RSA_PKCS1_OAEP_PADDING}}) {
+  for (auto [algorithm, padding] :
+       {std::pair{1u, RSA_PKCS1_PADDING}, std::pair{2u, RSA_PKCS1_OAEP_PADDING}}) {
     const Bytes ciphertext = EncryptToCertificate(rsa_.get(), padding, secret);
     ASSERT_EQ(ciphertext.size(), 256u);
     rec().Reset();
     const X509_Auth_ASN_1* plaintext = nullptr;
-    const X509_Auth_Result result = X509_Auth_Decrypt(rsa_thumbprint_.data(), algorithm,
-                                                      ciphertext.size(), ciphertext.data(), &plaintext);
+    const X509_Auth_Result result = X509_Auth_Decrypt(
+        rsa_thumbprint_.data(), algorithm, ciphertext.size(), ciphertext.data(), &plaintext);
     ASSERT_EQ(result.code, 0) << rec().Dump();
     ASSERT_NE(plaintext, nullptr);
     EXPECT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
@@ -250,7 +255,8 @@ TEST_F(HostKeyOperationsTest, KeyExportNullArgumentsGiveTwoThenThree) {
   EXPECT_EQ(X509_Auth_GetPrivateKeyForCertificate(nullptr, nullptr), 2);
   EXPECT_EQ(X509_Auth_GetPrivateKeyForCertificate(records[0], nullptr), 3);
   ASSERT_EQ(rec().Logs().size(), 2u);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "Failed to GetPrivateKeyForCertificate Cert is null",
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
+                        "Failed to GetPrivateKeyForCertificate Cert is null",
                         "Failed to GetPrivateKeyForCertificate Cert is null"));
   EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
                         "Failed to GetPrivateKeyForCertificate pvt_key ptr is null",
@@ -283,7 +289,8 @@ TEST_F(HostKeyOperationsTest, StoreThatCannotOpenGivesCodeTwoFiveAndTheStoreErro
   rec().Reset();
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
   const X509_Auth_Signature* signature = reinterpret_cast<const X509_Auth_Signature*>(0x1);
-  X509_Auth_Result result = Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
+  X509_Auth_Result result =
+      Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
   EXPECT_EQ(result.code, 2);
   EXPECT_EQ(result.detail, 0xFFFFFFFFu);
   EXPECT_EQ(signature, nullptr);
@@ -302,19 +309,22 @@ TEST_F(HostKeyOperationsTest, StoreThatCannotOpenGivesCodeTwoFiveAndTheStoreErro
   void* key = nullptr;
   rec().Reset();
   EXPECT_EQ(X509_Auth_GetPrivateKeyForCertificate(&record, &key), 5);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
-                        "Failed to show certificate dialog. Failed to open cert store (error: %d)",
-                        "Failed to show certificate dialog. Failed to open cert store (error: -1)"));
+  EXPECT_TRUE(
+      rec().Has(X509_Auth_LogPriority_Error,
+                "Failed to show certificate dialog. Failed to open cert store (error: %d)",
+                "Failed to show certificate dialog. Failed to open cert store (error: -1)"));
 }
 
 TEST_F(HostKeyOperationsTest, KeyOfAnotherCertificateGivesCodeFour) {
   WriteFile(Base("base") / "keys" / "ec.pem.key", KeyToPem(SharedKey(KeyKind::k_ec, 7).get()));
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "x");
   const X509_Auth_Signature* signature = nullptr;
-  const X509_Auth_Result result = Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
+  const X509_Auth_Result result =
+      Sign(ec_thumbprint_, {2}, X509_Auth_HashType_Sha256, digest, &signature);
   EXPECT_EQ(result.code, 4);
   EXPECT_EQ(result.detail, 1u);
-  EXPECT_FALSE(rec().WithFormat("Private key file [%s] does not appear to match cert [%s]").empty());
+  EXPECT_FALSE(
+      rec().WithFormat("Private key file [%s] does not appear to match cert [%s]").empty());
 }
 
 }  // namespace

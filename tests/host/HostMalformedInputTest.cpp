@@ -73,8 +73,9 @@ TEST_F(HostMalformedInputTest, KeyOfAnUnexpectedTypeGivesCodeFourForSignAndDecry
     EXPECT_EQ(signed_result.detail, 1u);
     EXPECT_EQ(signature, nullptr);
     const X509_Auth_ASN_1* plaintext = reinterpret_cast<const X509_Auth_ASN_1*>(1);
-    const X509_Auth_Result decrypted = X509_Auth_Decrypt(
-        thumbprint.data(), X509_Auth_DecryptAlgorithm_RsaPkcs1, hash.size(), hash.data(), &plaintext);
+    const X509_Auth_Result decrypted =
+        X509_Auth_Decrypt(thumbprint.data(), X509_Auth_DecryptAlgorithm_RsaPkcs1, hash.size(),
+                          hash.data(), &plaintext);
     EXPECT_EQ(decrypted.code, 4);
     EXPECT_EQ(plaintext, nullptr);
   }
@@ -88,14 +89,14 @@ TEST_F(HostMalformedInputTest, ZeroLengthsAreRefusedWithoutReading) {
   EXPECT_EQ(X509_Auth_AddAdditionalCertificateAuthorityToStore(nullptr, 0), 0);
   const Bytes unknown(20, 0xAB);
   const X509_Auth_ASN_1* plaintext = nullptr;
-  EXPECT_EQ(X509_Auth_Decrypt(unknown.data(), X509_Auth_DecryptAlgorithm_RsaOaep, 0, nullptr,
-                              &plaintext)
-                .code,
-            3);
+  EXPECT_EQ(
+      X509_Auth_Decrypt(unknown.data(), X509_Auth_DecryptAlgorithm_RsaOaep, 0, nullptr, &plaintext)
+          .code,
+      3);
   EXPECT_EQ(plaintext, nullptr);
   const X509_Auth_Signature* signature = nullptr;
-  EXPECT_EQ(X509_Auth_SignHash(unknown.data(), 0, nullptr, X509_Auth_HashType_Sha1,
-                               unknown.data(), &signature)
+  EXPECT_EQ(X509_Auth_SignHash(unknown.data(), 0, nullptr, X509_Auth_HashType_Sha1, unknown.data(),
+                               &signature)
                 .code,
             3);
   EXPECT_EQ(signature, nullptr);

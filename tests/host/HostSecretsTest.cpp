@@ -52,9 +52,8 @@ class HostSecretsTest : public HostTest {
     const uint32_t algorithms[] = {1, 2};
     const Bytes digest = Digest();
     const X509_Auth_Signature* signature = nullptr;
-    const X509_Auth_Result result = X509_Auth_SignHash(thumbprint.data(), 2, algorithms,
-                                                       X509_Auth_HashType_Sha256, digest.data(),
-                                                       &signature);
+    const X509_Auth_Result result = X509_Auth_SignHash(
+        thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
     if (signature != nullptr) X509_Auth_Free(signature);
     return result.code;
   }

@@ -131,8 +131,8 @@ TEST_F(HostTokenTest, TokenRsaKeyDecryptsBothPaddings) {
   ASSERT_NE(rsa, nullptr) << rec().Dump();
   rec().ScriptAnswer(PinAnswer::Value("1234"));
   const Bytes secret = {1, 2, 3, 4, 5, 6, 7, 8};
-  for (auto [algorithm, padding] : {std::pair{1u, RSA_PKCS1_PADDING},
-                                    std::pair{2u, RSA_PKCS1_OAEP_PADDING}}) {
+  for (auto [algorithm, padding] :
+       {std::pair{1u, RSA_PKCS1_PADDING}, std::pair{2u, RSA_PKCS1_OAEP_PADDING}}) {
     const Bytes ciphertext = EncryptToCertificate(token_rsa_.get(), padding, secret);
     const X509_Auth_ASN_1* plaintext = nullptr;
     const X509_Auth_Result result = X509_Auth_Decrypt(rsa->thumbprint, algorithm, ciphertext.size(),
@@ -159,9 +159,12 @@ TEST_F(HostTokenTest, WrongPinTellsTheHostAndTheKeyCannotBeOpened) {
   ASSERT_EQ(rec().Messages().size(), 1u);
   EXPECT_EQ(rec().Messages()[0].message, "Incorrect pin entered for: Card A");
   EXPECT_EQ(rec().Messages()[0].title, "Smartcard error");
-  EXPECT_FALSE(rec().WithFormat("Error logging in to token before obtaining private key! Error code: [%i]")
-                   .empty());
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "Error loading private key for smart card cert: [%s]",
+  EXPECT_FALSE(
+      rec()
+          .WithFormat("Error logging in to token before obtaining private key! Error code: [%i]")
+          .empty());
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
+                        "Error loading private key for smart card cert: [%s]",
                         "Error loading private key for smart card cert: [Token EC]"));
   EXPECT_EQ(rec().Releases(), 1);
 }
@@ -268,9 +271,8 @@ TEST_F(HostTokenTest, TokenDeletedBetweenListingAndSigningFailsWithoutHanging) {
   const X509_Auth_Signature* signature = nullptr;
   const uint32_t algorithms[] = {1, 2};
   const Bytes digest = Sha256("x");
-  const X509_Auth_Result result = X509_Auth_SignHash(thumbprint.data(), 2, algorithms,
-                                                     X509_Auth_HashType_Sha256, digest.data(),
-                                                     &signature);
+  const X509_Auth_Result result = X509_Auth_SignHash(
+      thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
   // The context listed the token before it went away; whatever the step that
   // notices, the request ends with a failure code and no signature.
   EXPECT_NE(result.code, 0) << rec().Dump();

@@ -81,9 +81,9 @@ TEST_F(HostViewerTest, StandInViewerGetsOnePemFileOfTheCertificate) {
   const std::filesystem::path bin = temp_ / "bin";
   const std::filesystem::path seen = temp_ / "seen";
   std::filesystem::create_directories(seen);
-  WriteFile(bin / "gcr-viewer",
-            "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" + (seen / "args").string() +
-                "'\ncp \"$1\" '" + (seen / "file.pem").string() + "'\n");
+  WriteFile(bin / "gcr-viewer", "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" +
+                                    (seen / "args").string() + "'\ncp \"$1\" '" +
+                                    (seen / "file.pem").string() + "'\n");
   std::filesystem::permissions(bin / "gcr-viewer", std::filesystem::perms::owner_all);
   const std::string old_path = std::getenv("PATH") ? std::getenv("PATH") : "";
   env_.Set("PATH", bin.string() + ":" + old_path);
@@ -132,9 +132,10 @@ TEST_F(HostViewerTest, StoreOpenFailureLogsAndReturnsFalse) {
   record.thumbprint = thumbprint.data();
   rec().Reset();
   EXPECT_FALSE(X509_Auth_ShowCertificateDialog(&record, nullptr));
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
-                        "Failed to show certificate dialog. Failed to open cert store (error: %d)",
-                        "Failed to show certificate dialog. Failed to open cert store (error: -1)"));
+  EXPECT_TRUE(
+      rec().Has(X509_Auth_LogPriority_Error,
+                "Failed to show certificate dialog. Failed to open cert store (error: %d)",
+                "Failed to show certificate dialog. Failed to open cert store (error: -1)"));
 }
 
 TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
@@ -200,11 +201,13 @@ TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
   const std::filesystem::path shot = temp_ / "viewer.png";
   if (appeared) {
     std::this_thread::sleep_for(std::chrono::seconds(1));  // let it paint
-    std::system(("DISPLAY=" + display + " import -window root " + shot.string() + " 2>/dev/null").c_str());
+    std::system(
+        ("DISPLAY=" + display + " import -window root " + shot.string() + " 2>/dev/null").c_str());
   }
   const std::string mean =
-      appeared ? CommandOutput("convert " + shot.string() + " -format '%[fx:mean]' info: 2>/dev/null")
-               : "";
+      appeared
+          ? CommandOutput("convert " + shot.string() + " -format '%[fx:mean]' info: 2>/dev/null")
+          : "";
 
   std::system(("pkill -f '" + (tmp_ / "Quorvant").string() + "' 2>/dev/null").c_str());
   kill(xvfb, SIGTERM);

@@ -1,14 +1,13 @@
 // The key store's own rules, below the C boundary: which certificates are
 // offered, and how kept results are made.
-#include "keystore/KeyStore.h"
-
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
+#include "RecordingCallbacks.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "cert/ICertificate.h"
-#include "RecordingCallbacks.h"
+#include "keystore/KeyStore.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -111,7 +110,7 @@ TEST_F(KeyStoreAllocationTest, AllocatePlaintextOfNothingHasLengthZero) {
 TEST_F(KeyStoreAllocationTest, InitLogsInitialisedAndOpensTheOwnStoreEmpty) {
   store.Init();
   EXPECT_TRUE(RecordingCallbacks::GetInstance().Has(X509_Auth_LogPriority_Info, "Initialised",
-                                                 "Initialised"));
+                                                    "Initialised"));
   EXPECT_TRUE(store.OwnStore().IsOpen());
   EXPECT_TRUE(store.OwnStore().Certificates().empty());
   EXPECT_TRUE(RecordingCallbacks::GetInstance().Has(

@@ -1,8 +1,7 @@
-#include "keystore/OfferDecision.h"
-
 #include <gtest/gtest.h>
 
 #include "cert/ICertificate.h"
+#include "keystore/OfferDecision.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -84,7 +83,8 @@ TEST(OfferDecisionTest, ListingStopsAtAFailedChainWithoutTheThumbprint) {
 TEST(OfferDecisionTest, EveryReasonGoesOnPastEachRefusal) {
   const ScriptedCertificate cert(false, false, false);
   ChainBuilder builder;
-  const OfferDecision decision = DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_every);
+  const OfferDecision decision =
+      DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_every);
   EXPECT_FALSE(decision.offered);
   EXPECT_FALSE(decision.key_usage_allowed);
   EXPECT_FALSE(decision.chained);

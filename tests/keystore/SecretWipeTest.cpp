@@ -34,7 +34,8 @@ struct Released {
 std::vector<Released> released;
 
 void Observe(const unsigned char* data, std::size_t size) {
-  released.push_back({size, std::all_of(data, data + size, [](unsigned char c) { return c == 0; })});
+  released.push_back(
+      {size, std::all_of(data, data + size, [](unsigned char c) { return c == 0; })});
 }
 
 class SecretWipeTest : public ::testing::Test {
@@ -52,9 +53,7 @@ class SecretWipeTest : public ::testing::Test {
     options.extended_key_usage = "clientAuth";
     cert_ = x509auth_test::MakeCert(options, key_.get());
   }
-  void TearDown() override {
-    SecretWipe::SetObserverForTesting(nullptr);
-  }
+  void TearDown() override { SecretWipe::SetObserverForTesting(nullptr); }
 
   // A file certificate with its key in PEM, under one base directory.
   void InstallAndConfigure() {
@@ -74,9 +73,8 @@ class SecretWipeTest : public ::testing::Test {
   }
 
   static bool WipedOneOf(std::size_t at_least) {
-    return std::any_of(released.begin(), released.end(), [&](const Released& r) {
-      return r.wiped && r.size >= at_least;
-    });
+    return std::any_of(released.begin(), released.end(),
+                       [&](const Released& r) { return r.wiped && r.size >= at_least; });
   }
 
   x509auth_test::TempDir tmp_;

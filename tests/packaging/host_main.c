@@ -1,7 +1,6 @@
 /* The smallest host: links against the installed library and asks for its
  * API version. Compiled as C99 with warnings as errors. */
 #include <stdio.h>
-
 #include <x509_auth.h>
 
 int main(void) {

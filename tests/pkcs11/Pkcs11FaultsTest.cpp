@@ -23,7 +23,8 @@ TEST_F(Pkcs11FaultsTest, EveryCallBeforeInitializeOrAfterFinalizeIsNotInitialize
   CK_ULONG count = 0;
   EXPECT_EQ(f->C_GetSlotList(CK_TRUE, nullptr, &count), CKR_CRYPTOKI_NOT_INITIALIZED);
   CK_SESSION_HANDLE session = 0;
-  EXPECT_EQ(f->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_CRYPTOKI_NOT_INITIALIZED);
+  EXPECT_EQ(f->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session),
+            CKR_CRYPTOKI_NOT_INITIALIZED);
   EXPECT_EQ(f->C_Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
   ASSERT_EQ(f->C_Initialize(nullptr), CKR_OK);
   EXPECT_EQ(f->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
@@ -67,8 +68,9 @@ TEST_F(Pkcs11FaultsTest, AForkedChildMustInitializeAgain) {
     if (s.f()->C_OpenSession(s.slot(), CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK)
       status |= 4;
     CK_OBJECT_CLASS cls = CKO_CERTIFICATE;
-    CK_ATTRIBUTE templ[] = {{CKA_CLASS, &cls, sizeof(cls)},
-                            {CKA_ID, const_cast<unsigned char*>(alice.thumbprint.data()), alice.thumbprint.size()}};
+    CK_ATTRIBUTE templ[] = {
+        {CKA_CLASS, &cls, sizeof(cls)},
+        {CKA_ID, const_cast<unsigned char*>(alice.thumbprint.data()), alice.thumbprint.size()}};
     CK_OBJECT_HANDLE found[2];
     CK_ULONG count = 0;
     if (s.f()->C_FindObjectsInit(session, templ, 2) != CKR_OK ||
@@ -101,7 +103,8 @@ TEST_F(Pkcs11FaultsTest, EveryNullPointerIsArgumentsBad) {
   EXPECT_EQ(f->C_GetTokenInfo(s.slot(), nullptr), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(f->C_GetMechanismList(s.slot(), nullptr, nullptr), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(f->C_GetMechanismInfo(s.slot(), CKM_RSA_PKCS, nullptr), CKR_ARGUMENTS_BAD);
-  EXPECT_EQ(f->C_OpenSession(s.slot(), CKF_SERIAL_SESSION, nullptr, nullptr, nullptr), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(f->C_OpenSession(s.slot(), CKF_SERIAL_SESSION, nullptr, nullptr, nullptr),
+            CKR_ARGUMENTS_BAD);
   EXPECT_EQ(f->C_GetSessionInfo(h, nullptr), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(f->C_Login(h, CKU_USER, nullptr, 4), CKR_ARGUMENTS_BAD);
   EXPECT_EQ(f->C_GetAttributeValue(h, key, nullptr, 1), CKR_ARGUMENTS_BAD);
@@ -127,7 +130,8 @@ TEST_F(Pkcs11FaultsTest, EveryNullPointerIsArgumentsBad) {
   CK_MECHANISM pss{CKM_RSA_PKCS_PSS, nullptr, 0};
   CK_SESSION_HANDLE other = 0;
   ASSERT_EQ(f->C_OpenSession(s.slot(), CKF_SERIAL_SESSION, nullptr, nullptr, &other), CKR_OK);
-  EXPECT_EQ(f->C_SignInit(other, &pss, key), CKR_MECHANISM_PARAM_INVALID);  // PSS without its parameters
+  EXPECT_EQ(f->C_SignInit(other, &pss, key),
+            CKR_MECHANISM_PARAM_INVALID);  // PSS without its parameters
   CK_MECHANISM pkcs1{CKM_RSA_PKCS, nullptr, 0};
   ASSERT_EQ(f->C_DecryptInit(other, &pkcs1, key), CKR_OK);
   EXPECT_EQ(f->C_Decrypt(other, data, sizeof(data), nullptr, nullptr), CKR_ARGUMENTS_BAD);
@@ -154,11 +158,13 @@ TEST_F(Pkcs11FaultsTest, UnknownSessionAndObjectHandlesAreInvalid) {
   EXPECT_EQ(f->C_GetAttributeValue(s.session(), 99999, &label, 1), CKR_OBJECT_HANDLE_INVALID);
   EXPECT_EQ(f->C_SignInit(s.session(), &mechanism, 99999), CKR_KEY_HANDLE_INVALID);
   // A certificate is not a key.
-  EXPECT_EQ(f->C_SignInit(s.session(), &mechanism, s.One(CKO_CERTIFICATE, alice.thumbprint)), CKR_KEY_HANDLE_INVALID);
+  EXPECT_EQ(f->C_SignInit(s.session(), &mechanism, s.One(CKO_CERTIFICATE, alice.thumbprint)),
+            CKR_KEY_HANDLE_INVALID);
   CK_SLOT_INFO slot{};
   EXPECT_EQ(f->C_GetSlotInfo(42, &slot), CKR_SLOT_ID_INVALID);
   CK_SESSION_HANDLE session = 0;
-  EXPECT_EQ(f->C_OpenSession(s.slot(), 0, nullptr, nullptr, &session), CKR_SESSION_PARALLEL_NOT_SUPPORTED);
+  EXPECT_EQ(f->C_OpenSession(s.slot(), 0, nullptr, nullptr, &session),
+            CKR_SESSION_PARALLEL_NOT_SUPPORTED);
   // A closed session's handle stays invalid.
   ASSERT_EQ(f->C_OpenSession(s.slot(), CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_OK);
   ASSERT_EQ(f->C_CloseSession(session), CKR_OK);
@@ -196,10 +202,13 @@ TEST_F(Pkcs11FaultsTest, BuffersTooSmallGetTheLengthAndKeepTheOperation) {
   EXPECT_EQ(length, 256u);
   signature.resize(length);
   ASSERT_EQ(f->C_Sign(s.session(), data, 4, signature.data(), &length), CKR_OK);
-  const Bytes digest = {0x3a, 0x6e, 0xb0, 0x79, 0x0f, 0x39, 0xac, 0x87, 0xc9, 0x4f, 0x38, 0x56, 0xb2, 0xdd, 0x2c, 0x5d,
-                        0x11, 0x0e, 0x68, 0x11, 0x60, 0x22, 0x61, 0xa9, 0xa9, 0x23, 0xd3, 0xbb, 0x23, 0xad, 0xc8, 0xb7};
-  EXPECT_TRUE(VerifiesWithCertificate(alice.cert.get(), EVP_sha256(), digest, signature.data(), length));
-  EXPECT_EQ(f->C_Sign(s.session(), data, 4, signature.data(), &length), CKR_OPERATION_NOT_INITIALIZED);
+  const Bytes digest = {0x3a, 0x6e, 0xb0, 0x79, 0x0f, 0x39, 0xac, 0x87, 0xc9, 0x4f, 0x38,
+                        0x56, 0xb2, 0xdd, 0x2c, 0x5d, 0x11, 0x0e, 0x68, 0x11, 0x60, 0x22,
+                        0x61, 0xa9, 0xa9, 0x23, 0xd3, 0xbb, 0x23, 0xad, 0xc8, 0xb7};
+  EXPECT_TRUE(
+      VerifiesWithCertificate(alice.cert.get(), EVP_sha256(), digest, signature.data(), length));
+  EXPECT_EQ(f->C_Sign(s.session(), data, 4, signature.data(), &length),
+            CKR_OPERATION_NOT_INITIALIZED);
 }
 
 TEST_F(Pkcs11FaultsTest, ACertificateDeletedBetweenFindingAndSigningFailsTheSignature) {
@@ -216,7 +225,8 @@ TEST_F(Pkcs11FaultsTest, ACertificateDeletedBetweenFindingAndSigningFailsTheSign
   CK_ULONG length = signature.size();
   EXPECT_EQ(s.f()->C_Sign(s.session(), data, 4, signature.data(), &length), CKR_FUNCTION_FAILED);
   // The operation has ended; the next search no longer has the key.
-  EXPECT_EQ(s.f()->C_Sign(s.session(), data, 4, signature.data(), &length), CKR_OPERATION_NOT_INITIALIZED);
+  EXPECT_EQ(s.f()->C_Sign(s.session(), data, 4, signature.data(), &length),
+            CKR_OPERATION_NOT_INITIALIZED);
   EXPECT_TRUE(s.FindClass(CKO_PRIVATE_KEY).empty());
   EXPECT_EQ(s.f()->C_SignInit(s.session(), &mechanism, key), CKR_KEY_HANDLE_INVALID);
 }
@@ -239,7 +249,8 @@ TEST_F(Pkcs11FaultsTest, ConcurrentSessionsOnThreadsAllSign) {
       for (int i = 0; i < 10; ++i) {
         CK_OBJECT_HANDLE key = 0;
         CK_ULONG count = 0;
-        if (f->C_FindObjectsInit(session, templ, 1) != CKR_OK || f->C_FindObjects(session, &key, 1, &count) != CKR_OK ||
+        if (f->C_FindObjectsInit(session, templ, 1) != CKR_OK ||
+            f->C_FindObjects(session, &key, 1, &count) != CKR_OK ||
             f->C_FindObjectsFinal(session) != CKR_OK || count != 1)
           return;
         CK_MECHANISM mechanism{CKM_ECDSA_SHA256, nullptr, 0};

@@ -29,11 +29,13 @@ namespace x509auth_test {
 inline bool RawEcdsaVerifies(X509* cert, const EVP_MD* md, const Bytes& digest, const Bytes& raw) {
   if (raw.size() != 64) return false;
   const EcdsaSigPtr sig(ECDSA_SIG_new());
-  ECDSA_SIG_set0(sig.get(), BN_bin2bn(raw.data(), 32, nullptr), BN_bin2bn(raw.data() + 32, 32, nullptr));
+  ECDSA_SIG_set0(sig.get(), BN_bin2bn(raw.data(), 32, nullptr),
+                 BN_bin2bn(raw.data() + 32, 32, nullptr));
   unsigned char* der = nullptr;
   const int length = i2d_ECDSA_SIG(sig.get(), &der);
   const OpenSslBytesPtr owned(der);
-  return length > 0 && VerifiesWithCertificate(cert, md, digest, der, static_cast<std::size_t>(length));
+  return length > 0 &&
+         VerifiesWithCertificate(cert, md, digest, der, static_cast<std::size_t>(length));
 }
 
 // One client certificate installed in the base directory.
@@ -82,8 +84,8 @@ class Pkcs11Test : public ::testing::Test {
   // A client certificate below a root and an intermediate CA in
   // base/certs/<name>.pem with its key in base/keys (encrypted with
   // |password| when given); both CAs go to the CA file.
-  const InstalledClient& Install(KeyKind kind, const std::string& name, const char* password = nullptr,
-                                 int key_index = 0) {
+  const InstalledClient& Install(KeyKind kind, const std::string& name,
+                                 const char* password = nullptr, int key_index = 0) {
     Chain chain = MakeChain(kind, name);
     auto client = std::make_unique<InstalledClient>();
     client->name = name;
@@ -94,7 +96,8 @@ class Pkcs11Test : public ::testing::Test {
       options.common_name = name;
       options.key_usage = "critical,digitalSignature,keyEncipherment";
       options.extended_key_usage = "clientAuth";
-      chain.leaf = MakeCert(options, client->key.get(), chain.intermediate.get(), chain.intermediate_key.get());
+      chain.leaf = MakeCert(options, client->key.get(), chain.intermediate.get(),
+                            chain.intermediate_key.get());
     } else {
       client->key = std::move(chain.leaf_key);
     }

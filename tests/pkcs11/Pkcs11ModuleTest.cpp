@@ -30,19 +30,24 @@ Bytes Sha256DigestInfo(const Bytes& data) {
   return info;
 }
 
-bool PssVerifies(X509* cert, const EVP_MD* md, const Bytes& digest, const Bytes& signature, int salt) {
+bool PssVerifies(X509* cert, const EVP_MD* md, const Bytes& digest, const Bytes& signature,
+                 int salt) {
   EVP_PKEY* key = X509_get0_pubkey(cert);
   const EvpPkeyCtxPtr owned(EVP_PKEY_CTX_new(key, nullptr));
   EVP_PKEY_CTX* ctx = owned.get();
-  return EVP_PKEY_verify_init(ctx) == 1 && EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PSS_PADDING) == 1 &&
-         EVP_PKEY_CTX_set_signature_md(ctx, md) == 1 && EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, md) == 1 &&
+  return EVP_PKEY_verify_init(ctx) == 1 &&
+         EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+         EVP_PKEY_CTX_set_signature_md(ctx, md) == 1 &&
+         EVP_PKEY_CTX_set_rsa_mgf1_md(ctx, md) == 1 &&
          EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx, salt) == 1 &&
-         EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
+         EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) ==
+             1;
 }
 
 class Pkcs11ModuleTest : public Pkcs11Test {};
 
-TEST_F(Pkcs11ModuleTest, EachCertificateIsACertificatePublicKeyAndPrivateKeySharingTheThumbprintAsId) {
+TEST_F(Pkcs11ModuleTest,
+       EachCertificateIsACertificatePublicKeyAndPrivateKeySharingTheThumbprintAsId) {
   const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
   const InstalledClient& ec = Install(KeyKind::k_ec, "Bob");
   LoadedModule module;
@@ -66,7 +71,8 @@ TEST_F(Pkcs11ModuleTest, EachCertificateIsACertificatePublicKeyAndPrivateKeyShar
     EXPECT_EQ(s.Attribute(priv, CKA_SENSITIVE), Bytes{CK_TRUE});
     EXPECT_EQ(s.Attribute(priv, CKA_EXTRACTABLE), Bytes{CK_FALSE});
     EXPECT_EQ(s.Attribute(priv, CKA_SIGN), Bytes{CK_TRUE});
-    EXPECT_EQ(s.Attribute(priv, CKA_DECRYPT), Bytes{static_cast<unsigned char>(client == &rsa ? CK_TRUE : CK_FALSE)});
+    EXPECT_EQ(s.Attribute(priv, CKA_DECRYPT),
+              Bytes{static_cast<unsigned char>(client == &rsa ? CK_TRUE : CK_FALSE)});
     const Bytes category = s.Attribute(cert, CKA_CERTIFICATE_CATEGORY);
     ASSERT_EQ(category.size(), sizeof(CK_ULONG));
     EXPECT_EQ(*reinterpret_cast<const CK_ULONG*>(category.data()), 1u);
@@ -81,7 +87,8 @@ TEST_F(Pkcs11ModuleTest, EachCertificateIsACertificatePublicKeyAndPrivateKeyShar
   EXPECT_EQ(s.Attribute(rsa_priv, CKA_MODULUS), modulus);
   EXPECT_EQ(s.Attribute(rsa_priv, CKA_PUBLIC_EXPONENT), (Bytes{0x01, 0x00, 0x01}));
   const CK_OBJECT_HANDLE ec_pub = s.One(CKO_PUBLIC_KEY, ec.thumbprint);
-  EXPECT_EQ(s.Attribute(ec_pub, CKA_EC_PARAMS), (Bytes{0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07}));
+  EXPECT_EQ(s.Attribute(ec_pub, CKA_EC_PARAMS),
+            (Bytes{0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07}));
   const Bytes point = s.Attribute(ec_pub, CKA_EC_POINT);
   ASSERT_EQ(point.size(), 67u);  // OCTET STRING of an uncompressed P-256 point
   EXPECT_EQ(point[0], 0x04);
@@ -95,9 +102,11 @@ TEST_F(Pkcs11ModuleTest, CaCertificatesOfEachChainAreAuthorityCertificates) {
   std::set<Bytes> values;
   for (CK_OBJECT_HANDLE cert : s.FindClass(CKO_CERTIFICATE)) {
     const Bytes category = s.Attribute(cert, CKA_CERTIFICATE_CATEGORY);
-    if (*reinterpret_cast<const CK_ULONG*>(category.data()) == 2) values.insert(s.Attribute(cert, CKA_VALUE));
+    if (*reinterpret_cast<const CK_ULONG*>(category.data()) == 2)
+      values.insert(s.Attribute(cert, CKA_VALUE));
   }
-  EXPECT_EQ(values, (std::set<Bytes>{CertToDer(authorities_[0].get()), CertToDer(authorities_[1].get())}));
+  EXPECT_EQ(values,
+            (std::set<Bytes>{CertToDer(authorities_[0].get()), CertToDer(authorities_[1].get())}));
 }
 
 TEST_F(Pkcs11ModuleTest, SignsWithEveryMechanismVerifiedWithTheCertificatesKey) {
@@ -111,15 +120,20 @@ TEST_F(Pkcs11ModuleTest, SignsWithEveryMechanismVerifiedWithTheCertificatesKey) 
   X509* ec_cert = ec.cert.get();
 
   Bytes sig = s.Sign(rsa_key, {CKM_RSA_PKCS, nullptr, 0}, Sha256DigestInfo(k_data));
-  EXPECT_TRUE(VerifiesWithCertificate(rsa_cert, EVP_sha256(), Digest(EVP_sha256(), k_data), sig.data(), sig.size()));
+  EXPECT_TRUE(VerifiesWithCertificate(rsa_cert, EVP_sha256(), Digest(EVP_sha256(), k_data),
+                                      sig.data(), sig.size()));
   const struct {
     CK_MECHANISM_TYPE rsa, pss, ecdsa, hash;
     CK_RSA_PKCS_MGF_TYPE mgf;
     const EVP_MD* md;
-  } hashes[] = {{CKM_SHA1_RSA_PKCS, CKM_SHA1_RSA_PKCS_PSS, CKM_ECDSA_SHA1, CKM_SHA_1, CKG_MGF1_SHA1, EVP_sha1()},
-                {CKM_SHA256_RSA_PKCS, CKM_SHA256_RSA_PKCS_PSS, CKM_ECDSA_SHA256, CKM_SHA256, CKG_MGF1_SHA256, EVP_sha256()},
-                {CKM_SHA384_RSA_PKCS, CKM_SHA384_RSA_PKCS_PSS, CKM_ECDSA_SHA384, CKM_SHA384, CKG_MGF1_SHA384, EVP_sha384()},
-                {CKM_SHA512_RSA_PKCS, CKM_SHA512_RSA_PKCS_PSS, CKM_ECDSA_SHA512, CKM_SHA512, CKG_MGF1_SHA512, EVP_sha512()}};
+  } hashes[] = {{CKM_SHA1_RSA_PKCS, CKM_SHA1_RSA_PKCS_PSS, CKM_ECDSA_SHA1, CKM_SHA_1, CKG_MGF1_SHA1,
+                 EVP_sha1()},
+                {CKM_SHA256_RSA_PKCS, CKM_SHA256_RSA_PKCS_PSS, CKM_ECDSA_SHA256, CKM_SHA256,
+                 CKG_MGF1_SHA256, EVP_sha256()},
+                {CKM_SHA384_RSA_PKCS, CKM_SHA384_RSA_PKCS_PSS, CKM_ECDSA_SHA384, CKM_SHA384,
+                 CKG_MGF1_SHA384, EVP_sha384()},
+                {CKM_SHA512_RSA_PKCS, CKM_SHA512_RSA_PKCS_PSS, CKM_ECDSA_SHA512, CKM_SHA512,
+                 CKG_MGF1_SHA512, EVP_sha512()}};
   for (const auto& h : hashes) {
     SCOPED_TRACE(EVP_MD_get0_name(h.md));
     const Bytes digest = Digest(h.md, k_data);
@@ -175,10 +189,13 @@ TEST_F(Pkcs11ModuleTest, DecryptsPkcs1AndOaepWithSha1) {
     CK_MECHANISM mechanism = c.mechanism;
     ASSERT_EQ(s.f()->C_DecryptInit(s.session(), &mechanism, key), CKR_OK);
     CK_ULONG length = 0;
-    ASSERT_EQ(s.f()->C_Decrypt(s.session(), ciphertext.data(), ciphertext.size(), nullptr, &length), CKR_OK);
+    ASSERT_EQ(s.f()->C_Decrypt(s.session(), ciphertext.data(), ciphertext.size(), nullptr, &length),
+              CKR_OK);
     EXPECT_EQ(length, secret.size());
     Bytes plaintext(length);
-    ASSERT_EQ(s.f()->C_Decrypt(s.session(), ciphertext.data(), ciphertext.size(), plaintext.data(), &length), CKR_OK);
+    ASSERT_EQ(s.f()->C_Decrypt(s.session(), ciphertext.data(), ciphertext.size(), plaintext.data(),
+                               &length),
+              CKR_OK);
     EXPECT_EQ(plaintext, secret);
   }
   CK_RSA_PKCS_OAEP_PARAMS sha256{CKM_SHA256, CKG_MGF1_SHA256, CKZ_DATA_SPECIFIED, nullptr, 0};
@@ -252,7 +269,8 @@ TEST_F(Pkcs11ModuleTest, ObjectsFollowTheDirectoryAndHandlesAreNeverReused) {
   std::filesystem::remove(alice.cert_file);
   EXPECT_TRUE(s.FindClass(CKO_CERTIFICATE, alice.thumbprint).empty());
   CK_ATTRIBUTE label{CKA_LABEL, nullptr, 0};
-  EXPECT_EQ(s.f()->C_GetAttributeValue(s.session(), alice_cert, &label, 1), CKR_OBJECT_HANDLE_INVALID);
+  EXPECT_EQ(s.f()->C_GetAttributeValue(s.session(), alice_cert, &label, 1),
+            CKR_OBJECT_HANDLE_INVALID);
 
   // A changed certificate is a new object with a new handle.
   const InstalledClient& carol = Install(KeyKind::k_rsa, "Carol");
@@ -300,7 +318,8 @@ TEST_F(Pkcs11ModuleTest, ThePinAnswersEveryPromptAndAKeyWithAnotherPasswordFails
   // Either password logs in; the other key then refuses the PIN.
   ASSERT_EQ(s.Login("two"), CKR_OK);
   CK_RV refused = CKR_OK;
-  s.Sign(s.One(CKO_PRIVATE_KEY, first.thumbprint), {CKM_ECDSA_SHA256, nullptr, 0}, k_data, &refused);
+  s.Sign(s.One(CKO_PRIVATE_KEY, first.thumbprint), {CKM_ECDSA_SHA256, nullptr, 0}, k_data,
+         &refused);
   EXPECT_EQ(refused, CKR_PIN_INCORRECT);
   ASSERT_EQ(s.f()->C_Logout(s.session()), CKR_OK);
   EXPECT_EQ(s.Login("three"), CKR_PIN_INCORRECT);
@@ -362,7 +381,8 @@ TEST_F(Pkcs11ModuleTest, SettingsFileIsReadAndTheEnvironmentOverridesIt) {
 TEST_F(Pkcs11ModuleTest, RefusesToLoadItselfOrP11KitsProxyAsTheTokenModule) {
   const InstalledClient& alice = Install(KeyKind::k_rsa, "Alice");
   setenv("X509AUTH_TOKEN_CERTIFICATES", "on", 1);
-  for (const std::string& module_path : {ModulePath(), std::string("/usr/lib/x86_64-linux-gnu/p11-kit-proxy.so")}) {
+  for (const std::string& module_path :
+       {ModulePath(), std::string("/usr/lib/x86_64-linux-gnu/p11-kit-proxy.so")}) {
     SCOPED_TRACE(module_path);
     setenv("X509AUTH_MODULE", module_path.c_str(), 1);
     testing::internal::CaptureStderr();
@@ -394,7 +414,8 @@ TEST_F(Pkcs11ModuleTest, QuietUnlessTheSettingsAskForLogLines) {
     ModuleSession s(module);
     s.FindClass(CKO_CERTIFICATE);
   }
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("x509auth-pkcs11: [warning]"), std::string::npos);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("x509auth-pkcs11: [warning]"),
+            std::string::npos);
 }
 
 TEST_F(Pkcs11ModuleTest, ThePinNeverReachesTheLogEvenAtDebug) {
@@ -410,7 +431,8 @@ TEST_F(Pkcs11ModuleTest, ThePinNeverReachesTheLogEvenAtDebug) {
     ASSERT_EQ(s.Login(pin), CKR_OK);
     s.Sign(s.One(CKO_PRIVATE_KEY, locked.thumbprint), {CKM_ECDSA_SHA256, nullptr, 0}, k_data);
     CK_RV rv = CKR_OK;
-    s.Sign(s.One(CKO_PRIVATE_KEY, other.thumbprint), {CKM_SHA256_RSA_PKCS, nullptr, 0}, k_data, &rv);
+    s.Sign(s.One(CKO_PRIVATE_KEY, other.thumbprint), {CKM_SHA256_RSA_PKCS, nullptr, 0}, k_data,
+           &rv);
     EXPECT_EQ(rv, CKR_PIN_INCORRECT);
   }
   const std::string err = testing::internal::GetCapturedStderr();

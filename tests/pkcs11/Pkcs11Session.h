@@ -40,7 +40,8 @@ class ModuleSession {
     return found;
   }
 
-  std::vector<CK_OBJECT_HANDLE> FindClass(CK_OBJECT_CLASS object_class, const Bytes& id = {}) const {
+  std::vector<CK_OBJECT_HANDLE> FindClass(CK_OBJECT_CLASS object_class,
+                                          const Bytes& id = {}) const {
     std::vector<CK_ATTRIBUTE> templ = {{CKA_CLASS, &object_class, sizeof(object_class)}};
     if (!id.empty()) templ.push_back({CKA_ID, const_cast<unsigned char*>(id.data()), id.size()});
     return Find(templ);
@@ -62,26 +63,31 @@ class ModuleSession {
   }
 
   CK_RV Login(const std::string& pin) const {
-    return f_->C_Login(session_, CKU_USER, reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(pin.data())),
+    return f_->C_Login(session_, CKU_USER,
+                       reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(pin.data())),
                        pin.size());
   }
 
   // Signs |data| in one call; the signature, or empty with |rv| set.
-  Bytes Sign(CK_OBJECT_HANDLE key, CK_MECHANISM mechanism, const Bytes& data, CK_RV* rv = nullptr) const {
+  Bytes Sign(CK_OBJECT_HANDLE key, CK_MECHANISM mechanism, const Bytes& data,
+             CK_RV* rv = nullptr) const {
     CK_RV result = f_->C_SignInit(session_, &mechanism, key);
     Bytes signature;
     if (result == CKR_OK) {
       CK_ULONG length = 0;
-      result = f_->C_Sign(session_, const_cast<unsigned char*>(data.data()), data.size(), nullptr, &length);
+      result = f_->C_Sign(session_, const_cast<unsigned char*>(data.data()), data.size(), nullptr,
+                          &length);
       if (result == CKR_OK) {
         signature.resize(length);
-        result = f_->C_Sign(session_, const_cast<unsigned char*>(data.data()), data.size(), signature.data(),
-                            &length);
+        result = f_->C_Sign(session_, const_cast<unsigned char*>(data.data()), data.size(),
+                            signature.data(), &length);
         signature.resize(result == CKR_OK ? length : 0);
       }
     }
-    if (rv != nullptr) *rv = result;
-    else EXPECT_EQ(result, CKR_OK);
+    if (rv != nullptr)
+      *rv = result;
+    else
+      EXPECT_EQ(result, CKR_OK);
     return signature;
   }
 

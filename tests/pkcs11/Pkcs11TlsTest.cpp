@@ -1,11 +1,10 @@
 // TLS client authentication through the module: gnutls-cli against a real
 // openssl s_server that demands and verifies a client certificate, and ssh
 // logging in to a local sshd with a key the module holds.
+#include <openssl/pem.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <openssl/pem.h>
 
 #include <fstream>
 
@@ -19,13 +18,15 @@ class Pkcs11TlsTest : public Pkcs11Test {
  protected:
   // gnutls-cli with the certificate and key of |name| named by pkcs11: URIs;
   // sends one request. Its PIN comes from GNUTLS_PIN.
-  ChildResult GnutlsHandshake(const std::string& name, const std::string& version, const std::string& pin) {
+  ChildResult GnutlsHandshake(const std::string& name, const std::string& version,
+                              const std::string& pin) {
     const std::string uri = "pkcs11:token=x509auth;object=" + name;
-    return Run({"gnutls-cli", "--provider", ModulePath(), "--x509certfile", uri + ";type=cert", "--x509keyfile",
-                uri + ";type=private", "--x509cafile", server_.CertificateFile().string(), "--verify-hostname",
-                "localhost", "--priority", "NORMAL:-VERS-ALL:+VERS-" + version, "--port",
-                std::to_string(server_.Port()), "127.0.0.1"},
-               "GET / HTTP/1.0\r\n\r\n", {{"GNUTLS_PIN", pin}});
+    return Run(
+        {"gnutls-cli", "--provider", ModulePath(), "--x509certfile", uri + ";type=cert",
+         "--x509keyfile", uri + ";type=private", "--x509cafile", server_.CertificateFile().string(),
+         "--verify-hostname", "localhost", "--priority", "NORMAL:-VERS-ALL:+VERS-" + version,
+         "--port", std::to_string(server_.Port()), "127.0.0.1"},
+        "GET / HTTP/1.0\r\n\r\n", {{"GNUTLS_PIN", pin}});
   }
 
   // With the sanitizer's runtime preloaded, gnutls-cli deadlocks at exit in
@@ -43,7 +44,8 @@ class Pkcs11TlsTest : public Pkcs11Test {
   TlsTestServer server_{temp_.path()};
 };
 
-TEST_F(Pkcs11TlsTest, GnutlsCliCompletesTls13And12HandshakesWithRsaAndEcKeysPlainAndPasswordProtected) {
+TEST_F(Pkcs11TlsTest,
+       GnutlsCliCompletesTls13And12HandshakesWithRsaAndEcKeysPlainAndPasswordProtected) {
   if (!HaveProgram("gnutls-cli")) GTEST_SKIP() << "gnutls-cli (gnutls-bin) missing";
   if (SanitizerRuntimePreloaded())
     GTEST_SKIP() << "gnutls-cli hangs at exit with the sanitizer runtime preloaded, module or not";
@@ -57,8 +59,10 @@ TEST_F(Pkcs11TlsTest, GnutlsCliCompletesTls13And12HandshakesWithRsaAndEcKeysPlai
       auto server = server_.Start(CasFile(), {"-www"});
       ASSERT_NE(server, nullptr);
       const ChildResult client = GnutlsHandshake(name, version, "s3cret");
-      EXPECT_NE(client.out.find("Handshake was completed"), std::string::npos) << client.out << client.err;
-      EXPECT_NE(client.out.find("(" + std::string(version) + "-X.509)"), std::string::npos) << client.out;
+      EXPECT_NE(client.out.find("Handshake was completed"), std::string::npos)
+          << client.out << client.err;
+      EXPECT_NE(client.out.find("(" + std::string(version) + "-X.509)"), std::string::npos)
+          << client.out;
       EXPECT_NE(client.out.find("HTTP/1.0 200 ok"), std::string::npos) << client.out;
       EXPECT_TRUE(TlsTestServer::Verified(*server, name)) << server->Output();
     }
@@ -84,20 +88,23 @@ TEST_F(Pkcs11TlsTest, GnutlsCliWithAWrongPinCompletesNoHandshake) {
 // authorized_keys for root, stopped by the destructor.
 class LocalSshd {
  public:
-  LocalSshd(const std::filesystem::path& directory, const std::string& authorized_keys) : directory_(directory) {
+  LocalSshd(const std::filesystem::path& directory, const std::string& authorized_keys)
+      : directory_(directory) {
     std::filesystem::create_directories(directory_);
     WriteFile(directory_ / "authorized_keys", authorized_keys);
     chmod(directory_.c_str(), 0700);
     chmod((directory_ / "authorized_keys").c_str(), 0600);
     ChildRun keygen;
-    keygen.argv = {"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", (directory_ / "host_key").string()};
+    keygen.argv = {"ssh-keygen", "-q", "-t", "ed25519",
+                   "-N",         "",   "-f", (directory_ / "host_key").string()};
     EXPECT_EQ(RunChild(keygen).status, 0);
     port_ = FreeLoopbackPort();
     WriteFile(directory_ / "sshd_config",
               "Port " + std::to_string(port_) + "\nListenAddress 127.0.0.1\nHostKey " +
                   (directory_ / "host_key").string() + "\nAuthorizedKeysFile " +
                   (directory_ / "authorized_keys").string() +
-                  "\nPubkeyAuthentication yes\nPasswordAuthentication no\nKbdInteractiveAuthentication no\n"
+                  "\nPubkeyAuthentication yes\nPasswordAuthentication "
+                  "no\nKbdInteractiveAuthentication no\n"
                   "UsePAM no\nPermitRootLogin prohibit-password\nStrictModes no\nPidFile " +
                   (directory_ / "sshd.pid").string() + "\n");
     std::filesystem::create_directories("/run/sshd");  // sshd's privilege separation directory
@@ -155,9 +162,10 @@ TEST_F(Pkcs11TlsTest, SshLogsInWithRsaAndEcKeysOfTheModule) {
     const InstalledClient& client = Install(kind, name);
     LocalSshd sshd(temp_ / ("sshd-" + name), SshPublicKey(temp_, client.key.get(), name));
     const ChildResult login =
-        Run({"ssh", "-F", "/dev/null", "-I", ModulePath(), "-p", std::to_string(sshd.Port()), "-o", "BatchMode=yes",
-             "-o", "IdentityFile=/dev/null", "-o", "UserKnownHostsFile=" + sshd.KnownHosts().string(), "-o",
-             "StrictHostKeyChecking=yes", "-o", "ConnectTimeout=10", "root@127.0.0.1", "echo logged-in-as-$(id -un)"});
+        Run({"ssh", "-F", "/dev/null", "-I", ModulePath(), "-p", std::to_string(sshd.Port()), "-o",
+             "BatchMode=yes", "-o", "IdentityFile=/dev/null", "-o",
+             "UserKnownHostsFile=" + sshd.KnownHosts().string(), "-o", "StrictHostKeyChecking=yes",
+             "-o", "ConnectTimeout=10", "root@127.0.0.1", "echo logged-in-as-$(id -un)"});
     EXPECT_EQ(login.status, 0) << login.err << sshd.Log();
     EXPECT_EQ(login.out, "logged-in-as-root\n") << login.err;
   }

@@ -2,10 +2,10 @@
 // program that already sees the card through its own module does not meet
 // them twice; with token_certificates on they are objects of this token
 // too, and the login PIN answers the card's PIN prompt.
+#include <openssl/ecdsa.h>
+
 #include "Pkcs11Session.h"
 #include "SoftHsmToken.h"
-
-#include <openssl/ecdsa.h>
 
 namespace x509auth_test {
 namespace {

@@ -44,8 +44,8 @@ class ProviderTest : public ::testing::Test {
   // base/certs with its key in base/keys (encrypted with |password| when
   // given); both CAs are appended to cas.pem. Returns the thumbprint (hex).
   std::string InstallClient(KeyKind kind, const std::string& name, const char* password = nullptr) {
-    return InstallClientWithKey(kind, name, password != nullptr ? KeyForm::k_encrypted : KeyForm::k_pem,
-                                password);
+    return InstallClientWithKey(
+        kind, name, password != nullptr ? KeyForm::k_encrypted : KeyForm::k_pem, password);
   }
 
   // The same with the key file in |form|; an encrypted one is PKCS#8 under
@@ -87,7 +87,8 @@ class ProviderTest : public ::testing::Test {
   }
 
   static std::vector<std::string> ProviderArguments() {
-    return {"-provider-path", X509AUTH_PROVIDER_DIR, "-provider", "x509auth", "-provider", "default"};
+    return {"-provider-path", X509AUTH_PROVIDER_DIR, "-provider",
+            "x509auth",       "-provider",           "default"};
   }
 
   // openssl <command> <provider arguments> <arguments>
@@ -102,7 +103,8 @@ class ProviderTest : public ::testing::Test {
     run.argv.insert(run.argv.end(), arguments.begin(), arguments.end());
     run.env = Environment();
     run.input = input;
-    run.cwd = cwd_override_.empty() ? std::filesystem::current_path().string() : cwd_override_.string();
+    run.cwd =
+        cwd_override_.empty() ? std::filesystem::current_path().string() : cwd_override_.string();
     for (const auto& [name, value] : env_override_) run.env[name] = value;
     run.limit = std::chrono::seconds(40);
     return RunChild(run);
@@ -125,7 +127,8 @@ class ProviderTest : public ::testing::Test {
   // |extra|), sending one line to a reversing server; "CLOSE" makes the
   // server end the connection, and with it the client.
   ChildResult SendLine(const std::string& thumbprint, const std::vector<std::string>& extra) const {
-    return Openssl("s_client", ClientArguments(thumbprint, extra), "hello through x509auth\nCLOSE\n");
+    return Openssl("s_client", ClientArguments(thumbprint, extra),
+                   "hello through x509auth\nCLOSE\n");
   }
 
   // The reversing server's answer came back.
@@ -134,7 +137,8 @@ class ProviderTest : public ::testing::Test {
   }
 
   // s_client with the certificate and key of |thumbprint| from the provider.
-  ChildResult Handshake(const std::string& thumbprint, const std::vector<std::string>& extra) const {
+  ChildResult Handshake(const std::string& thumbprint,
+                        const std::vector<std::string>& extra) const {
     return Openssl("s_client", ClientArguments(thumbprint, extra), "GET / HTTP/1.0\r\n\r\n");
   }
 
@@ -142,11 +146,16 @@ class ProviderTest : public ::testing::Test {
   // |thumbprint|, the server's certificate to verify it with, then |extra|.
   std::vector<std::string> ClientArguments(const std::string& thumbprint,
                                            const std::vector<std::string>& extra) const {
-    std::vector<std::string> args = {"-connect", server_.Address(),
-                                     "-cert", "x509auth:thumbprint=" + thumbprint,
-                                     "-key", "x509auth:thumbprint=" + thumbprint,
-                                     "-CAfile", server_.CertificateFile().string(),
-                                     "-verify_return_error", "-ign_eof"};
+    std::vector<std::string> args = {"-connect",
+                                     server_.Address(),
+                                     "-cert",
+                                     "x509auth:thumbprint=" + thumbprint,
+                                     "-key",
+                                     "x509auth:thumbprint=" + thumbprint,
+                                     "-CAfile",
+                                     server_.CertificateFile().string(),
+                                     "-verify_return_error",
+                                     "-ign_eof"};
     args.insert(args.end(), extra.begin(), extra.end());
     return args;
   }

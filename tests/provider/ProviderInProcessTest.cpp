@@ -76,8 +76,9 @@ class ProviderInProcessTest : public ProviderTest {
     auto loaded = std::make_unique<Loaded>();
     loaded->owned_ctx.reset(OSSL_LIB_CTX_new());
     loaded->ctx = loaded->owned_ctx.get();
-    EXPECT_EQ(OSSL_PROVIDER_add_builtin(loaded->ctx, "x509auth",
-                                        x509auth_provider::X509AuthProviderInit), 1);
+    EXPECT_EQ(
+        OSSL_PROVIDER_add_builtin(loaded->ctx, "x509auth", x509auth_provider::X509AuthProviderInit),
+        1);
     loaded->x509auth.reset(OSSL_PROVIDER_load(loaded->ctx, "x509auth"));
     loaded->fallback.reset(OSSL_PROVIDER_load(loaded->ctx, "default"));
     EXPECT_NE(loaded->x509auth, nullptr) << ErrorText();
@@ -161,7 +162,8 @@ class ProviderInProcessTest : public ProviderTest {
     const EvpMdCtxPtr owned_verify(EVP_MD_CTX_new());
     EVP_MD_CTX* verify = owned_verify.get();
     pctx = nullptr;
-    ok = EVP_DigestVerifyInit_ex(verify, &pctx, md, nullptr, nullptr, certificate_key, nullptr) == 1 &&
+    ok = EVP_DigestVerifyInit_ex(verify, &pctx, md, nullptr, nullptr, certificate_key, nullptr) ==
+             1 &&
          EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
          EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, expected_salt) == 1 &&
          EVP_DigestVerify(verify, signature.data(), signature.size(), data, sizeof data) == 1;
@@ -170,7 +172,6 @@ class ProviderInProcessTest : public ProviderTest {
 
   x509auth_openssl::UiMethodPtr ui_;
 };
-
 
 TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf) {
   const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
@@ -190,7 +191,8 @@ TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf
   EXPECT_EQ(EVP_PKEY_get_bits(ec_key.get()), 256);
   char group[64] = {};
   EXPECT_EQ(EVP_PKEY_get_utf8_string_param(ec_key.get(), OSSL_PKEY_PARAM_GROUP_NAME, group,
-                                           sizeof group, nullptr), 1);
+                                           sizeof group, nullptr),
+            1);
   EXPECT_STREQ(group, "prime256v1");
   char digest[64] = {};
   EXPECT_GE(EVP_PKEY_get_default_digest_name(rsa_key.get(), digest, sizeof digest), 1);
@@ -220,7 +222,8 @@ TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf
   unsigned char* expected = nullptr;
   const int expected_length = i2d_X509_PUBKEY(from_cert, &expected);
   const OpenSslBytesPtr owned_expected(expected);
-  EXPECT_EQ(Bytes(der, der + std::max(length, 0)), Bytes(expected, expected + std::max(expected_length, 0)));
+  EXPECT_EQ(Bytes(der, der + std::max(length, 0)),
+            Bytes(expected, expected + std::max(expected_length, 0)));
 }
 
 TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOthers) {
@@ -233,8 +236,10 @@ TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOther
   ASSERT_NE(rsa_key, nullptr);
   ASSERT_NE(ec_key, nullptr);
   for (const char* md : {"SHA1", "SHA256", "SHA384", "SHA512"}) {
-    EXPECT_TRUE(SignsAndVerifies(*loaded, rsa_key.get(), md, chains_[0].leaf.get())) << md << ErrorText();
-    EXPECT_TRUE(SignsAndVerifies(*loaded, ec_key.get(), md, chains_[1].leaf.get())) << md << ErrorText();
+    EXPECT_TRUE(SignsAndVerifies(*loaded, rsa_key.get(), md, chains_[0].leaf.get()))
+        << md << ErrorText();
+    EXPECT_TRUE(SignsAndVerifies(*loaded, ec_key.get(), md, chains_[1].leaf.get()))
+        << md << ErrorText();
   }
   EXPECT_FALSE(SignsAndVerifies(*loaded, ec_key.get(), "SHA224", chains_[1].leaf.get()));
   EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
@@ -287,8 +292,8 @@ TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfT
   store.reset();
   // The callback lived in the store; the answer lives with the key.
   EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA384", chains_[0].leaf.get())) << ErrorText();
-  EXPECT_TRUE(SignsPss(*loaded, key.get(), "SHA256", "digest",
-                       X509_get0_pubkey(chains_[0].leaf.get()), 32))
+  EXPECT_TRUE(
+      SignsPss(*loaded, key.get(), "SHA256", "digest", X509_get0_pubkey(chains_[0].leaf.get()), 32))
       << ErrorText();
   EXPECT_EQ(answer.asked, 1);
 }

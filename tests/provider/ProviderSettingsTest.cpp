@@ -23,8 +23,10 @@ class ProviderSettingsTest : public ProviderTest {
                           "[openssl_init]\nproviders = provider_sect\n"
                           "[provider_sect]\ndefault = default_sect\nx509auth = x509auth_sect\n"
                           "[default_sect]\nactivate = 1\n"
-                          "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR "/x509auth.so\n"
-                          "activate = 1\n" + settings;
+                          "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR
+                          "/x509auth.so\n"
+                          "activate = 1\n" +
+                              settings;
     return cnf;
   }
 
@@ -135,30 +137,30 @@ TEST_F(ProviderSettingsTest, PkeyutlPssAndPkcs1SignaturesVerifyWithStockOpenssl)
       {"-pkeyopt", "rsa_padding_mode:pss", "-pkeyopt", "rsa_pss_saltlen:max"},
       {"-pkeyopt", "rsa_padding_mode:pss", "-pkeyopt", "rsa_pss_saltlen:16"}};
   for (const std::vector<std::string>& padding : paddings) {
-    std::vector<std::string> sign = {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint,
-                                     "-in", "hash.bin", "-out", "sig.bin", "-pkeyopt",
-                                     "digest:sha256"};
+    std::vector<std::string> sign = {"-sign",   "-inkey",   "x509auth:thumbprint=" + thumbprint,
+                                     "-in",     "hash.bin", "-out",
+                                     "sig.bin", "-pkeyopt", "digest:sha256"};
     sign.insert(sign.end(), padding.begin(), padding.end());
     const ChildResult made = Openssl("pkeyutl", sign);
     ASSERT_EQ(made.status, 0) << padding.back() << made.err;
-    std::vector<std::string> verify = {"-verify", "-certin", "-inkey", "signer.crt", "-in",
-                                       "hash.bin", "-sigfile", "sig.bin", "-pkeyopt",
-                                       "digest:sha256"};
+    std::vector<std::string> verify = {"-verify",  "-certin",      "-inkey",   "signer.crt",
+                                       "-in",      "hash.bin",     "-sigfile", "sig.bin",
+                                       "-pkeyopt", "digest:sha256"};
     verify.insert(verify.end(), padding.begin(), padding.end());
     const ChildResult checked = Openssl("pkeyutl", verify, "", false);
     EXPECT_EQ(checked.status, 0) << padding.back() << checked.out << checked.err;
     EXPECT_NE(checked.out.find("Signature Verified Successfully"), std::string::npos);
   }
   // Without a digest, OpenSSL would make a raw PKCS#1 signature; refused.
-  const ChildResult raw = Openssl("pkeyutl", {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint,
-                                              "-in", "hash.bin", "-out", "raw.bin"});
+  const ChildResult raw =
+      Openssl("pkeyutl", {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint, "-in", "hash.bin",
+                          "-out", "raw.bin"});
   EXPECT_NE(raw.status, 0);
   EXPECT_NE(raw.err.find("an RSA signature needs its digest set"), std::string::npos) << raw.err;
   // Any other padding is refused with the two that work named.
-  const ChildResult x931 =
-      Openssl("pkeyutl", {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint, "-in", "hash.bin",
-                          "-out", "x931.bin", "-pkeyopt", "digest:sha256", "-pkeyopt",
-                          "rsa_padding_mode:x931"});
+  const ChildResult x931 = Openssl(
+      "pkeyutl", {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint, "-in", "hash.bin", "-out",
+                  "x931.bin", "-pkeyopt", "digest:sha256", "-pkeyopt", "rsa_padding_mode:x931"});
   EXPECT_NE(x931.status, 0);
   EXPECT_NE(x931.err.find("unsupported padding (x509auth signs RSA with PKCS#1 v1.5 or PSS)"),
             std::string::npos)
@@ -198,7 +200,8 @@ TEST_F(ProviderTokenSettingsTest, OpensslCnfNamesTheModuleWithNoEnvironmentFromA
                   "\nca_files = " + CasFile().string() + "\n");
   const ChildResult listed = OpensslWithConfig(cnf, {"storeutl", "-noout", "-text", "x509auth:"});
   EXPECT_EQ(listed.status, 0) << listed.err;
-  EXPECT_NE(listed.out.find("Subject: CN=Token RSA"), std::string::npos) << listed.out << listed.err;
+  EXPECT_NE(listed.out.find("Subject: CN=Token RSA"), std::string::npos)
+      << listed.out << listed.err;
   EXPECT_EQ(listed.err, "");
   auto server = StartReversingServer();
   ASSERT_NE(server, nullptr);
@@ -220,15 +223,15 @@ TEST_F(ProviderTokenSettingsTest, PkeyutlPssAndPkcs1WithATokenKeyVerifyWithStock
   WriteFile(work_ / "token.crt", CertToPem(rsa_.leaf.get()));
   WriteFile(work_ / "hash.bin", Bytes(48, 0x17));
   for (const std::string padding : {"pkcs1", "pss"}) {
-    const ChildResult made = Openssl(
-        "pkeyutl", {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint_, "-passin",
-                    "pass:1234", "-in", "hash.bin", "-out", "sig.bin", "-pkeyopt",
-                    "digest:sha384", "-pkeyopt", "rsa_padding_mode:" + padding});
+    const ChildResult made =
+        Openssl("pkeyutl", {"-sign", "-inkey", "x509auth:thumbprint=" + thumbprint_, "-passin",
+                            "pass:1234", "-in", "hash.bin", "-out", "sig.bin", "-pkeyopt",
+                            "digest:sha384", "-pkeyopt", "rsa_padding_mode:" + padding});
     ASSERT_EQ(made.status, 0) << padding << made.err;
     const ChildResult checked =
-        Openssl("pkeyutl", {"-verify", "-certin", "-inkey", "token.crt", "-in", "hash.bin",
-                            "-sigfile", "sig.bin", "-pkeyopt", "digest:sha384", "-pkeyopt",
-                            "rsa_padding_mode:" + padding},
+        Openssl("pkeyutl",
+                {"-verify", "-certin", "-inkey", "token.crt", "-in", "hash.bin", "-sigfile",
+                 "sig.bin", "-pkeyopt", "digest:sha384", "-pkeyopt", "rsa_padding_mode:" + padding},
                 "", false);
     EXPECT_EQ(checked.status, 0) << padding << checked.out << checked.err;
   }

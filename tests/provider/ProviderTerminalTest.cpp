@@ -27,12 +27,11 @@ TEST_F(ProviderTest, PasswordTypedAtOpensslsPromptIsAskedOnceAndServesTheHandsha
     command += " " + name + "=" + TmuxPane::Quote(value);
   command += " " + TmuxPane::Quote(OpensslProgram()) + " s_client";
   for (const std::string& a : ProviderArguments()) command += " " + TmuxPane::Quote(a);
-  for (const std::string& a :
-       {std::string("-connect"), server_.Address(), std::string("-cert"),
-        "x509auth:thumbprint=" + thumbprint, std::string("-key"),
-        "x509auth:thumbprint=" + thumbprint, std::string("-CAfile"),
-        server_.CertificateFile().string(), std::string("-verify_return_error"),
-        std::string("-quiet")})
+  for (const std::string& a : {std::string("-connect"), server_.Address(), std::string("-cert"),
+                               "x509auth:thumbprint=" + thumbprint, std::string("-key"),
+                               "x509auth:thumbprint=" + thumbprint, std::string("-CAfile"),
+                               server_.CertificateFile().string(),
+                               std::string("-verify_return_error"), std::string("-quiet")})
     command += " " + TmuxPane::Quote(a);
   TmuxPane pane(temp_ / "tmux.sock");
   ASSERT_TRUE(pane.Start(command));

@@ -59,7 +59,9 @@ INSTANTIATE_TEST_SUITE_P(
         DefaultsCase{KeyKind::k_ec, KeyForm::k_der, "-tls1_2", "EcDerTls12"},
         DefaultsCase{KeyKind::k_ec, KeyForm::k_encrypted, "-tls1_3", "EcEncryptedTls13"},
         DefaultsCase{KeyKind::k_ec, KeyForm::k_encrypted, "-tls1_2", "EcEncryptedTls12"}),
-    [](const ::testing::TestParamInfo<DefaultsCase>& info) { return std::string(info.param.name); });
+    [](const ::testing::TestParamInfo<DefaultsCase>& info) {
+      return std::string(info.param.name);
+    });
 
 TEST_F(ProviderTest, RsaPkcs1SignatureSchemesStillWorkWhenTheClientAsksForThem) {
   const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Client");

@@ -17,7 +17,9 @@ class ProviderPkeyutlTest : public ProviderTest {
     ASSERT_EQ(RunChild(hash).status, 0);
   }
 
-  std::string Uri(const std::string& thumbprint) const { return "x509auth:thumbprint=" + thumbprint; }
+  std::string Uri(const std::string& thumbprint) const {
+    return "x509auth:thumbprint=" + thumbprint;
+  }
 };
 
 TEST_F(ProviderPkeyutlTest, SignThroughProviderVerifiesWithProviderAndWithCertificate) {
@@ -36,8 +38,9 @@ TEST_F(ProviderPkeyutlTest, SignThroughProviderVerifiesWithProviderAndWithCertif
     // Independently, with OpenSSL's own implementation and the certificate.
     WriteFile(work_ / (name + ".crt"), leaf_certs_[name]);
     const ChildResult by_certificate =
-        Openssl("pkeyutl", {"-verify", "-certin", "-inkey", name + ".crt", "-in", "hash.bin",
-                            "-sigfile", sig, "-pkeyopt", "digest:sha256"},
+        Openssl("pkeyutl",
+                {"-verify", "-certin", "-inkey", name + ".crt", "-in", "hash.bin", "-sigfile", sig,
+                 "-pkeyopt", "digest:sha256"},
                 "", false);
     EXPECT_EQ(by_certificate.status, 0) << by_certificate.out << by_certificate.err;
     // A different hash does not verify.
@@ -56,10 +59,11 @@ TEST_F(ProviderPkeyutlTest, EncryptAndDecryptRoundTripsWithPkcs1AndOaep) {
   for (const std::string padding : {"pkcs1", "oaep"}) {
     // Encrypted once by OpenSSL's default implementation from the
     // certificate, once through the provider's key.
-    const ChildResult by_cert = Openssl(
-        "pkeyutl", {"-encrypt", "-certin", "-inkey", "decrypter.crt", "-in", "secret.txt", "-out",
-                    padding + ".cert.bin", "-pkeyopt", "rsa_padding_mode:" + padding},
-        "", false);
+    const ChildResult by_cert =
+        Openssl("pkeyutl",
+                {"-encrypt", "-certin", "-inkey", "decrypter.crt", "-in", "secret.txt", "-out",
+                 padding + ".cert.bin", "-pkeyopt", "rsa_padding_mode:" + padding},
+                "", false);
     ASSERT_EQ(by_cert.status, 0) << by_cert.err;
     const ChildResult by_provider =
         Openssl("pkeyutl", {"-encrypt", "-inkey", Uri(thumbprint), "-in", "secret.txt", "-out",
@@ -78,9 +82,9 @@ TEST_F(ProviderPkeyutlTest, EncryptAndDecryptRoundTripsWithPkcs1AndOaep) {
 TEST_F(ProviderPkeyutlTest, OaepWithAnotherDigestIsRefusedClearly) {
   const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Decrypter");
   WriteFile(work_ / "secret.txt", std::string("x"));
-  const ChildResult decrypted = Openssl(
-      "pkeyutl", {"-decrypt", "-inkey", Uri(thumbprint), "-in", "secret.txt", "-pkeyopt",
-                  "rsa_padding_mode:oaep", "-pkeyopt", "rsa_oaep_md:sha256"});
+  const ChildResult decrypted =
+      Openssl("pkeyutl", {"-decrypt", "-inkey", Uri(thumbprint), "-in", "secret.txt", "-pkeyopt",
+                          "rsa_padding_mode:oaep", "-pkeyopt", "rsa_oaep_md:sha256"});
   EXPECT_NE(decrypted.status, 0);
   EXPECT_NE(decrypted.err.find("x509auth decrypts OAEP with SHA-1 only"), std::string::npos)
       << decrypted.err;
@@ -110,9 +114,13 @@ TEST_F(ProviderTest, OpensslCnfSectionLoadsTheProviderWithItsSettings) {
                         "[openssl_init]\nproviders = provider_sect\n"
                         "[provider_sect]\ndefault = default_sect\nx509auth = x509auth_sect\n"
                         "[default_sect]\nactivate = 1\n"
-                        "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR "/x509auth.so\n"
-                        "activate = 1\ndirs = " + base_.string() + "\n"
-                        "ca_files = " + CasFile().string() + "\nlog_level = error\n";
+                        "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR
+                        "/x509auth.so\n"
+                        "activate = 1\ndirs = " +
+                            base_.string() +
+                            "\n"
+                            "ca_files = " +
+                            CasFile().string() + "\nlog_level = error\n";
   ChildRun run;
   run.argv = {OpensslProgram(), "storeutl", "-noout", "-text", "x509auth:"};
   run.env = SanitizerEnvironment();

@@ -33,11 +33,12 @@ class FaultyModuleTest : public SmartcardTest {
     EXPECT_TRUE(certs.empty());
     EXPECT_TRUE(context->IsInitialised());
     EXPECT_FALSE(context->IsModuleLoaded());
-    const LogLines expected = {{0, k_started, k_started},
-                               {3, "unable to load PKCS11_CTX [%i]", "unable to load PKCS11_CTX [-1]"},
-                               {0, k_slot_null, k_slot_null},
-                               {0, k_started, k_started},
-                               {0, k_slot_null, k_slot_null}};
+    const LogLines expected = {
+        {0, k_started, k_started},
+        {3, "unable to load PKCS11_CTX [%i]", "unable to load PKCS11_CTX [-1]"},
+        {0, k_slot_null, k_slot_null},
+        {0, k_started, k_started},
+        {0, k_slot_null, k_slot_null}};
     EXPECT_EQ(OwnLogLines(), expected) << rec().Dump();
     context.reset();
   }

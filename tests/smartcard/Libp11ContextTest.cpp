@@ -1,5 +1,3 @@
-#include "smartcard/Libp11Context.h"
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -10,6 +8,7 @@
 #include "SmartcardTest.h"
 #include "SoftHsmToken.h"
 #include "TestPki.h"
+#include "smartcard/Libp11Context.h"
 
 namespace x509auth_test {
 namespace {
@@ -29,7 +28,9 @@ constexpr const char* k_enumeration_error =
     "Error enumerating certificates on token [%s]. Error code: [%i]";
 constexpr const char* k_load_failed = "unable to load PKCS11_CTX [%i]";
 
-std::string SlotHas(int n) { return "Libp11Context::GetCerts slot has " + std::to_string(n) + " certs "; }
+std::string SlotHas(int n) {
+  return "Libp11Context::GetCerts slot has " + std::to_string(n) + " certs ";
+}
 std::string Total(int n) {
   return "Libp11Context::GetCerts Total certs returning " + std::to_string(n) + " certs ";
 }
@@ -53,8 +54,8 @@ TEST_F(Libp11ContextTest, MissingModuleLogsNotFoundOnEveryGetCertsAndReturnsMinu
 
   EXPECT_FALSE(context->IsInitialised());
   EXPECT_TRUE(certs.empty());
-  const LogLines once = {{0, k_started, k_started}, {3, k_not_found, k_not_found},
-                         {2, k_ctx_null, k_ctx_null}};
+  const LogLines once = {
+      {0, k_started, k_started}, {3, k_not_found, k_not_found}, {2, k_ctx_null, k_ctx_null}};
   LogLines twice = once;
   twice.insert(twice.end(), once.begin(), once.end());
   EXPECT_EQ(OwnLogLines(), twice) << rec().Dump();
@@ -67,7 +68,8 @@ TEST_F(Libp11ContextTest, LibraryDirectoryTurnsFirstBinOfWorkingDirectoryIntoLib
   SoftHsmToken hsm(options);
   ASSERT_EQ(hsm.Root().string().find("bin"), std::string::npos);
 
-  const std::optional<std::string> directory = Libp11Context::LibraryDirectoryFromWorkingDirectory();
+  const std::optional<std::string> directory =
+      Libp11Context::LibraryDirectoryFromWorkingDirectory();
 
   ASSERT_TRUE(directory.has_value());
   // The first "bin" sits inside "cabinet"; only that one is replaced.

@@ -1,5 +1,3 @@
-#include "smartcard/Libp11LoginHandler.h"
-
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -9,6 +7,7 @@
 #include "SoftHsmToken.h"
 #include "TestPki.h"
 #include "smartcard/Libp11Context.h"
+#include "smartcard/Libp11LoginHandler.h"
 
 namespace x509auth_test {
 namespace {
@@ -87,8 +86,7 @@ TEST_F(Libp11LoginHandlerTest, CorrectPinLogsInAfterOnePromptNamingTheToken) {
   EXPECT_EQ(rec().Outstanding(), 0);
   EXPECT_TRUE(rec().Messages().empty());
   EXPECT_TRUE(OwnLogLines().empty()) << rec().Dump();
-  EXPECT_EQ(context_->LoginHandler().LoggedInSlots(),
-            (std::set<PKCS11_slot_st*>{slot_a_}));
+  EXPECT_EQ(context_->LoginHandler().LoggedInSlots(), (std::set<PKCS11_slot_st*>{slot_a_}));
   EXPECT_EQ(VisiblePrivateKeys(slot_a_), 1u);
 }
 

@@ -23,7 +23,6 @@ using quorvant::shared::x509::Libp11Context;
 using x509auth_openssl::UiMethodPtr;
 using x509auth_openssl::UiPtr;
 
-
 constexpr const char* k_libp11_prompt = "PKCS#11 token PIN";
 
 // Every answer the writer gave, in order.
@@ -150,8 +149,8 @@ TEST_F(PinEntryUiWriterTest, VerifyPromptIsAnsweredLikeAPinPrompt) {
   rec().ScriptAnswer(PinAnswer::Value("1234"));
   AddPinPrompt();
   std::array<char, 33> verify{};
-  ASSERT_GE(UI_add_verify_string(ui_.get(), "Verify PIN", UI_INPUT_FLAG_DEFAULT_PWD,
-                                 verify.data(), 0, 32, pin_.data()),
+  ASSERT_GE(UI_add_verify_string(ui_.get(), "Verify PIN", UI_INPUT_FLAG_DEFAULT_PWD, verify.data(),
+                                 0, 32, pin_.data()),
             0);
 
   EXPECT_EQ(UI_process(ui_.get()), 0);
@@ -182,8 +181,8 @@ TEST_F(PinEntryUiWriterTest, ContextHandsLibp11AUiMethodThatPromptsTheHost) {
   ASSERT_EQ(context->GetCerts(certs), 0);
   ASSERT_NE(context->UiMethod(), nullptr);
   UiPtr ui(UI_new_method(context->UiMethod()));
-  ASSERT_GE(UI_add_input_string(ui.get(), k_libp11_prompt, UI_INPUT_FLAG_DEFAULT_PWD,
-                                pin_.data(), 0, static_cast<int>(pin_.size() - 1)),
+  ASSERT_GE(UI_add_input_string(ui.get(), k_libp11_prompt, UI_INPUT_FLAG_DEFAULT_PWD, pin_.data(),
+                                0, static_cast<int>(pin_.size() - 1)),
             0);
   rec().ScriptAnswer(PinAnswer::Value("1234"));
 

@@ -1,5 +1,3 @@
-#include "smartcard/Pkcs11SessionProbe.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,6 +11,7 @@
 #include "SoftHsmToken.h"
 #include "TestPki.h"
 #include "smartcard/Libp11Context.h"
+#include "smartcard/Pkcs11SessionProbe.h"
 
 namespace x509auth_test {
 namespace {
@@ -183,8 +182,7 @@ TEST_F(Pkcs11SessionProbeTest, TokenDeletedAfterListingFailsLoginAndKeyLookupWit
   // SoftHSM2 still opens sessions on the deleted token but refuses the
   // login, which reads as a wrong PIN.
   EXPECT_LT(login, 0);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
-                        "Login failed. Maybe the pin was incorrect.\n",
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "Login failed. Maybe the pin was incorrect.\n",
                         "Login failed. Maybe the pin was incorrect.\n"))
       << rec().Dump();
   EXPECT_TRUE(context_->LoginHandler().LoggedInSlots().empty());

@@ -152,7 +152,8 @@ TEST_F(FileStoreTest, SameCertificateFoundTwiceIsListedTwice) {
 TEST_F(FileStoreTest, FirstListAsGivenThenSecondListBelowHome) {
   x509auth_test::InstallFileCert(tmp_ / "abs", "a.pem", NamedCert("Absolute").get());
   x509auth_test::InstallFileCert(tmp_ / "home" / ".x509", "b.pem", NamedCert("Home", 1).get());
-  x509auth_test::InstallFileCert(tmp_ / "other", "c.pem", NamedCert("Absolute Home Entry", 2).get());
+  x509auth_test::InstallFileCert(tmp_ / "other", "c.pem",
+                                 NamedCert("Absolute Home Entry", 2).get());
   // An absolute entry of the second list replaces HOME when joined.
   SetBaseDirectories({(tmp_ / "abs").string()}, {".x509", (tmp_ / "other").string()});
   EXPECT_EQ(store_.OpenFileStore(), 0u);
@@ -173,7 +174,8 @@ TEST_F(FileStoreTest, HomeUnsetSkipsOnlyTheHomeRelativeDirectories) {
   EXPECT_EQ(Names(store_.Certificates()), std::vector<std::string>{"Absolute"});
   ASSERT_EQ(recorder_->Logs().size(), 2u) << recorder_->Dump();
   EXPECT_EQ(recorder_->IndexOf("Unable to read HOME environment variable"), 1);
-  EXPECT_TRUE(recorder_->Has(X509_Auth_LogPriority_Error, "Unable to read HOME environment variable",
+  EXPECT_TRUE(recorder_->Has(X509_Auth_LogPriority_Error,
+                             "Unable to read HOME environment variable",
                              "Unable to read HOME environment variable"));
 }
 
@@ -218,8 +220,10 @@ TEST_F(FileStorePermissionTest, UnreadableCertsDirectoryLogsItsErrorAndOnlyThatB
   EXPECT_EQ(report,
             "log 2|CertStore::OpenFileStore|CertStore::OpenFileStore\n"
             "log 3|%s|filesystem error: directory iterator cannot open directory: Permission "
-            "denied [" + certs + "]\n"
-            "cert Open\n");
+            "denied [" +
+                certs +
+                "]\n"
+                "cert Open\n");
 }
 
 TEST_F(FileStorePermissionTest, UnreadableSubdirectoryInsideCertsIsSkippedUnopened) {

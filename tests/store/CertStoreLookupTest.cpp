@@ -21,7 +21,8 @@ class LookupTest : public StoreTest {
     StoreTest::TearDown();
   }
   void OpenWithFiles(const std::vector<std::pair<std::string, X509*>>& files) {
-    for (const auto& [name, cert] : files) x509auth_test::InstallFileCert(tmp_ / "base", name, cert);
+    for (const auto& [name, cert] : files)
+      x509auth_test::InstallFileCert(tmp_ / "base", name, cert);
     SetBaseDirectories({(tmp_ / "base").string()}, {});
     ASSERT_EQ(store_.Open(ICertificateStore::k_users_cert_store), 0u) << recorder_->Dump();
     recorder_->Reset();
@@ -135,9 +136,9 @@ TEST_F(LookupTest, NotFoundThumbprintIsWrittenAsUnpaddedDecimalBytes) {
   std::unique_ptr<ICertificate> out;
   EXPECT_EQ(store.FindThumbprint(wanted, &out), 1u);
   EXPECT_FALSE(out);
-  EXPECT_TRUE(recorder_->Has(X509_Auth_LogPriority_Warning, k_not_found,
-                             "Failed to find certificate with thumprint: [100255" +
-                                 std::string(16, '0') + "7]"))
+  EXPECT_TRUE(recorder_->Has(
+      X509_Auth_LogPriority_Warning, k_not_found,
+      "Failed to find certificate with thumprint: [100255" + std::string(16, '0') + "7]"))
       << recorder_->Dump();
 }
 

@@ -109,7 +109,8 @@ class SnapshotTest : public StoreTest {
 
 TEST_F(SnapshotTest, AnUnchangedDirectoryIsTakenFromTheSnapshotWithTheSameResult) {
   Start();
-  EXPECT_NE(first_.find("Alpha a.pem " + (base_ / "keys" / "a.pem.key").string()), std::string::npos)
+  EXPECT_NE(first_.find("Alpha a.pem " + (base_ / "keys" / "a.pem.key").string()),
+            std::string::npos)
       << first_;
   EXPECT_EQ(first_, FullScan());
   // A full scan keeps a new snapshot.

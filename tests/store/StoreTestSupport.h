@@ -83,8 +83,7 @@ class StoreTest : public ::testing::Test {
 
   // A self-signed certificate with its own common name.
   static x509auth_test::TestX509 NamedCert(const std::string& name, int key_index = 0) {
-    x509auth_test::TestKey key =
-        x509auth_test::SharedKey(x509auth_test::KeyKind::k_ec, key_index);
+    x509auth_test::TestKey key = x509auth_test::SharedKey(x509auth_test::KeyKind::k_ec, key_index);
     x509auth_test::CertOptions options;
     options.common_name = name;
     return x509auth_test::MakeCert(options, key.get());

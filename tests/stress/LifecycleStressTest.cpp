@@ -141,9 +141,8 @@ class LifecycleStressTest : public ::testing::Test {
       const unsigned char digest[32] = {7};
       for (uint64_t i = 0; i < count && failure.empty(); ++i) {
         const X509_Auth_Signature* signature = nullptr;
-        const X509_Auth_Result result =
-            X509_Auth_SignHash(list[i].thumbprint, 2, algorithms, X509_Auth_HashType_Sha256,
-                               digest, &signature);
+        const X509_Auth_Result result = X509_Auth_SignHash(
+            list[i].thumbprint, 2, algorithms, X509_Auth_HashType_Sha256, digest, &signature);
         if (result.code != 0) failure = "signing " + std::string(list[i].name) + " failed";
         if (signature != nullptr) X509_Auth_Free(signature);
       }
@@ -187,10 +186,11 @@ TEST_F(LifecycleStressTest, TenThousandSessionsKeepMemoryDescriptorsAndTokenStat
   const int fds_end = OpenDescriptors();
   const int measured = rounds - warm_up;
 
-  std::printf("[ stress ] %d rounds after %d warm-up: %.2f ms per round; RSS %ld -> %ld KiB; "
-              "fds %d -> %d; at most %d token sessions open before DeInit; %lu log lines\n",
-              measured, warm_up, seconds * 1000.0 / measured, rss_start, rss_end, fds_start,
-              fds_end, most_sessions, log_lines);
+  std::printf(
+      "[ stress ] %d rounds after %d warm-up: %.2f ms per round; RSS %ld -> %ld KiB; "
+      "fds %d -> %d; at most %d token sessions open before DeInit; %lu log lines\n",
+      measured, warm_up, seconds * 1000.0 / measured, rss_start, rss_end, fds_start, fds_end,
+      most_sessions, log_lines);
   // One PIN prompt per round: every session logged in afresh, so no login
   // survived the previous DeInit.
   EXPECT_EQ(prompts - prompts_start, static_cast<unsigned long>(measured));

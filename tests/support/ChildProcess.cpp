@@ -87,7 +87,8 @@ ChildResult RunChild(const ChildRun& run) {
   std::string* sinks[2] = {&result.out, &result.err};
   int open_count = 2;
   while (open_count > 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) {
       result.timed_out = true;
       kill(pid, SIGKILL);
@@ -147,7 +148,8 @@ bool BackgroundChild::Running() const {
   return true;
 }
 
-bool BackgroundChild::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) const {
+bool BackgroundChild::WaitForOutput(const std::string& text,
+                                    std::chrono::milliseconds limit) const {
   const Clock::time_point deadline = Clock::now() + limit;
   while (true) {
     if (Output().find(text) != std::string::npos) return true;

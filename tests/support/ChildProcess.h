@@ -14,16 +14,16 @@
 namespace x509auth_test {
 
 struct ChildResult {
-  int status = -1;        // exit status, or 128 + signal
+  int status = -1;         // exit status, or 128 + signal
   bool timed_out = false;  // killed at the time limit
   std::string out;
   std::string err;
 };
 
 struct ChildRun {
-  std::vector<std::string> argv;  // argv[0] is the program's path
-  std::string cwd;                // empty: the test's working directory
-  std::string input;              // written to standard input, then closed
+  std::vector<std::string> argv;           // argv[0] is the program's path
+  std::string cwd;                         // empty: the test's working directory
+  std::string input;                       // written to standard input, then closed
   std::map<std::string, std::string> env;  // added to the test's environment
   // Text the child reads on descriptor 3 (as with --pin-fd 3); without it,
   // descriptor 3 is closed in the child, whatever the test has open there.

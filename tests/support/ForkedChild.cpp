@@ -14,8 +14,8 @@ std::string RunInChild(const std::function<std::string()>& body, ChildOptions op
     close(pipe_ends[0]);
     alarm(options.alarm_seconds);
     std::string report;
-    if (options.as_nobody &&
-        (setresgid(k_nobody, k_nobody, k_nobody) != 0 || setresuid(k_nobody, k_nobody, k_nobody) != 0))
+    if (options.as_nobody && (setresgid(k_nobody, k_nobody, k_nobody) != 0 ||
+                              setresuid(k_nobody, k_nobody, k_nobody) != 0))
       report = "could not drop privileges";
     else
       report = body();

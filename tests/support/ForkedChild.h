@@ -12,8 +12,8 @@ namespace x509auth_test {
 constexpr unsigned k_nobody = 65534;
 
 struct ChildOptions {
-  bool as_nobody = false;      // setresgid/setresuid to nobody before |body|
-  unsigned alarm_seconds = 60; // SIGALRM ends a child that hangs
+  bool as_nobody = false;       // setresgid/setresuid to nobody before |body|
+  unsigned alarm_seconds = 60;  // SIGALRM ends a child that hangs
 };
 
 // Runs |body| in a child and returns what it returned, or a text starting

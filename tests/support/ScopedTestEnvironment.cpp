@@ -18,7 +18,8 @@ ScopedTestEnvironment::~ScopedTestEnvironment() {
   if (previous_directory_) {
     std::error_code error;
     std::filesystem::current_path(*previous_directory_, error);
-    if (error) ADD_FAILURE() << "cannot go back to " << *previous_directory_ << ": " << error.message();
+    if (error)
+      ADD_FAILURE() << "cannot go back to " << *previous_directory_ << ": " << error.message();
   }
 }
 
@@ -49,8 +50,8 @@ void ScopedTestEnvironment::Remember(const std::string& name) {
                                  [&name](const auto& entry) { return entry.first == name; });
   if (known) return;
   const char* value = std::getenv(name.c_str());
-  previous_variables_.emplace_back(name, value != nullptr ? std::optional<std::string>(value)
-                                                          : std::nullopt);
+  previous_variables_.emplace_back(
+      name, value != nullptr ? std::optional<std::string>(value) : std::nullopt);
 }
 
 void ScopedTestEnvironment::LinkModule(const std::filesystem::path& directory,

@@ -97,7 +97,8 @@ void SoftHsmToken::Run(const std::vector<std::string>& arguments) {
       dup2(fd, STDERR_FILENO);
     }
     std::vector<char*> argv;
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    for (const std::string& argument : arguments)
+      argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     execvp(argv[0], argv.data());
     _exit(127);
@@ -106,9 +107,8 @@ void SoftHsmToken::Run(const std::vector<std::string>& arguments) {
   const bool waited = child > 0 && waitpid(child, &status, 0) == child;
   std::string command;
   for (const std::string& argument : arguments) command += argument + " ";
-  EXPECT_TRUE(waited && WIFEXITED(status) && WEXITSTATUS(status) == 0)
-      << command << "failed:\n"
-      << ReadText(output);
+  EXPECT_TRUE(waited && WIFEXITED(status) && WEXITSTATUS(status) == 0) << command << "failed:\n"
+                                                                       << ReadText(output);
 }
 
 void SoftHsmToken::InitToken(const std::string& label, const std::string& pin,
@@ -131,10 +131,12 @@ void SoftHsmToken::ImportKey(const std::string& token_label, EVP_PKEY* key, cons
                              bool always_authenticate) {
   const std::filesystem::path file = root_ / ("key-" + std::to_string(++file_counter_) + ".pem");
   WriteFile(file, KeyToPem(key));
-  std::vector<std::string> arguments = {
-      "pkcs11-tool", "--module", ModulePath().string(), "--token-label", token_label,
-      "--login",     "--pin",    pin, "--write-object", file.string(), "--type", "privkey",
-      "--id",        id,         "--label", object_label};
+  std::vector<std::string> arguments = {"pkcs11-tool",   "--module",  ModulePath().string(),
+                                        "--token-label", token_label, "--login",
+                                        "--pin",         pin,         "--write-object",
+                                        file.string(),   "--type",    "privkey",
+                                        "--id",          id,          "--label",
+                                        object_label};
   if (always_authenticate) arguments.push_back("--always-auth");
   Run(arguments);
 }

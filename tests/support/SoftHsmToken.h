@@ -36,9 +36,10 @@
 
 // Skips the current test, with the reason, on a machine without SoftHSM2's
 // module and tools: put first in a token test's body or its fixture's SetUp.
-#define X509AUTH_SKIP_WITHOUT_SOFTHSM2()                                                 \
-  do {                                                                                  \
-    if (const auto reason = ::x509auth_test::SoftHsmToken::MissingReason()) GTEST_SKIP() << *reason; \
+#define X509AUTH_SKIP_WITHOUT_SOFTHSM2()                                    \
+  do {                                                                      \
+    if (const auto reason = ::x509auth_test::SoftHsmToken::MissingReason()) \
+      GTEST_SKIP() << *reason;                                              \
   } while (false)
 
 namespace x509auth_test {

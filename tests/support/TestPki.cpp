@@ -27,7 +27,6 @@ void Check(bool ok, const char* what) {
   }
 }
 
-
 std::string BioText(BIO* bio) {
   char* data = nullptr;
   const long length = BIO_get_mem_data(bio, &data);
@@ -158,8 +157,8 @@ Chain MakeChain(KeyKind leaf_kind, const std::string& leaf_name) {
   leaf.key_usage = "critical,digitalSignature,keyEncipherment";
   leaf.extended_key_usage = "clientAuth";
   if (leaf_kind == KeyKind::k_ec) leaf.key_usage = "critical,digitalSignature";
-  chain.leaf = MakeCert(leaf, chain.leaf_key.get(), chain.intermediate.get(),
-                        chain.intermediate_key.get());
+  chain.leaf =
+      MakeCert(leaf, chain.leaf_key.get(), chain.intermediate.get(), chain.intermediate_key.get());
   return chain;
 }
 
@@ -170,7 +169,8 @@ std::string CertToPem(X509* cert) {
 }
 
 std::map<std::string, std::string> PemsOfOneLength(
-    const std::vector<std::string>& names, const std::function<TestX509(const std::string&)>& make) {
+    const std::vector<std::string>& names,
+    const std::function<TestX509(const std::string&)>& make) {
   std::map<std::size_t, std::map<std::string, std::string>> by_length;
   for (int round = 0; round < 200; ++round) {
     for (const std::string& name : names) {
@@ -226,10 +226,10 @@ std::string KeyToTraditionalPem(EVP_PKEY* key, const char* password) {
   const EVP_CIPHER* cipher = password != nullptr ? EVP_aes_256_cbc() : nullptr;
   const unsigned char* pass = reinterpret_cast<const unsigned char*>(password);
   const int pass_length = password != nullptr ? static_cast<int>(std::strlen(password)) : 0;
-  Check(PEM_write_bio_PrivateKey_traditional(bio.get(), key, cipher,
-                                             const_cast<unsigned char*>(pass), pass_length,
-                                             nullptr, nullptr) == 1,
-        "PEM_write_bio_PrivateKey_traditional");
+  Check(
+      PEM_write_bio_PrivateKey_traditional(bio.get(), key, cipher, const_cast<unsigned char*>(pass),
+                                           pass_length, nullptr, nullptr) == 1,
+      "PEM_write_bio_PrivateKey_traditional");
   return BioText(bio.get());
 }
 
@@ -315,8 +315,7 @@ Bytes ReadFileBytes(const std::filesystem::path& path) {
 }
 
 TempDir::TempDir() {
-  std::string pattern =
-      (std::filesystem::temp_directory_path() / "x509auth-test-XXXXXX").string();
+  std::string pattern = (std::filesystem::temp_directory_path() / "x509auth-test-XXXXXX").string();
   Check(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
   path_ = pattern;
 }

@@ -26,10 +26,21 @@ std::unique_ptr<BackgroundChild> TlsTestServer::Start(const std::filesystem::pat
   for (int attempt = 0; attempt < 3; ++attempt) {
     port_ = FreeLoopbackPort();
     ChildRun run;
-    run.argv = {OpensslProgram(), "s_server", "-accept", Address(),
-                "-cert", CertificateFile().string(), "-key", (directory_ / "server.key").string(),
-                "-Verify", "1", "-verify_return_error", "-CAfile", client_cas.string(),
-                "-naccept", "1"};
+    run.argv = {OpensslProgram(),
+                "s_server",
+                "-accept",
+                Address(),
+                "-cert",
+                CertificateFile().string(),
+                "-key",
+                (directory_ / "server.key").string(),
+                "-Verify",
+                "1",
+                "-verify_return_error",
+                "-CAfile",
+                client_cas.string(),
+                "-naccept",
+                "1"};
     run.argv.insert(run.argv.end(), extra.begin(), extra.end());
     auto server = std::make_unique<BackgroundChild>(
         run, (directory_ / ("server-" + std::to_string(++started_) + ".log")).string());

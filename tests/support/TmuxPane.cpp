@@ -29,7 +29,7 @@ std::string TmuxPane::Run(const std::string& arguments) {
 
 bool TmuxPane::Start(const std::string& shell_command) {
   Run("new-session -d -s pane -x 200 -y 50 " + Quote(shell_command + "; sleep 30"));
-  return WaitFor("") ;
+  return WaitFor("");
 }
 
 void TmuxPane::TypeLine(const std::string& text) {

@@ -36,11 +36,13 @@ TEST_F(ClearAnswersTest, BaseDirectoryThatCannotBeOneIsWarnedAbout) {
   WriteFile(Base("file"), std::string("a file\n"));
   const std::string certs = (Base("b") / "certs").string();
   const std::map<std::string, std::string> expected{
-      {Base("typo").string(), "x509-auth: warning: --dir " + Base("typo").string() + " does not exist"},
+      {Base("typo").string(),
+       "x509-auth: warning: --dir " + Base("typo").string() + " does not exist"},
       {Base("file").string(), "x509-auth: warning: --dir " + Base("file").string() +
                                   " is not a folder; give the folder that holds certs/ and keys/"},
-      {certs, "x509-auth: warning: --dir " + certs + " is a certs folder itself; give the folder above it (" +
-                  Base("b").string() + ")"}};
+      {certs, "x509-auth: warning: --dir " + certs +
+                  " is a certs folder itself; give the folder above it (" + Base("b").string() +
+                  ")"}};
   for (const auto& [dir, warning] : expected) {
     const ToolResult result = RunTool({"--dir", dir, "list"});
     EXPECT_EQ(result.status, 0) << result.err;  // a warning, not a failure
@@ -67,10 +69,11 @@ TEST_F(ClearAnswersTest, CertificateThatExistsButIsNotOfferedIsNamedWithTheReaso
 
   const ToolResult chain = RunTool({"--dir", dir, "chain", Thumb(expired.get()).substr(0, 8)});
   EXPECT_EQ(chain.status, 1);
-  EXPECT_EQ(chain.err, "x509-auth: Old One (" + old_path +
-                           ") exists but is not offered: chain (certificate has expired (OpenSSL verify "
-                           "error 10 at depth 0)); expired (not valid after 2001-01-01T00:00:00Z) (see "
-                           "'x509-auth doctor')\n");
+  EXPECT_EQ(chain.err,
+            "x509-auth: Old One (" + old_path +
+                ") exists but is not offered: chain (certificate has expired (OpenSSL verify "
+                "error 10 at depth 0)); expired (not valid after 2001-01-01T00:00:00Z) (see "
+                "'x509-auth doctor')\n");
   const std::string server_line = "x509-auth: Server Only (" + server_path +
                                   ") exists but is not offered: key-usage (neither TLS client "
                                   "authentication (extended key usage) nor digital signature (key "
@@ -110,8 +113,10 @@ TEST_F(ClearAnswersTest, DoctorSaysDuplicateAndKeyStatesAndListMarksThem) {
   EXPECT_EQ((*second)["details"]["duplicate"],
             "the same certificate as " + certs + "/a.pem, which sign, decrypt and tls use");
   EXPECT_EQ((*At(report, certs + "/a.pem"))["reasons"], std::vector<std::string>{});
-  EXPECT_EQ((*At(report, certs + "/keyless.pem"))["reasons"], std::vector<std::string>{"key-missing"});
-  EXPECT_EQ((*At(report, certs + "/mismatch.pem"))["reasons"], std::vector<std::string>{"key-mismatch"});
+  EXPECT_EQ((*At(report, certs + "/keyless.pem"))["reasons"],
+            std::vector<std::string>{"key-missing"});
+  EXPECT_EQ((*At(report, certs + "/mismatch.pem"))["reasons"],
+            std::vector<std::string>{"key-mismatch"});
 
   // The table lists the certificate once, says so, and marks the keys.
   const ToolResult list = RunTool({"--dir", Base("b").string(), "list"});
@@ -131,8 +136,10 @@ TEST_F(ClearAnswersTest, DoctorSaysDuplicateAndKeyStatesAndListMarksThem) {
             "x509-auth: warning: 1 certificate is found more than once and listed once; 'x509-auth "
             "doctor' shows where\n");
   // The same base twice is the same thing.
-  const ToolResult again = RunTool({"--dir", Base("b").string(), "--dir", Base("b").string(), "doctor"});
-  EXPECT_NE(again.out.find("duplicate: the same certificate as " + certs + "/a.pem"), std::string::npos)
+  const ToolResult again =
+      RunTool({"--dir", Base("b").string(), "--dir", Base("b").string(), "doctor"});
+  EXPECT_NE(again.out.find("duplicate: the same certificate as " + certs + "/a.pem"),
+            std::string::npos)
       << again.out;
 }
 
@@ -143,14 +150,16 @@ TEST_F(ClearAnswersTest, DoctorSaysUnreadableWithTheSystemsReason) {
   TestX509 cert = ClientCert("Hidden", ec.get());
   InstallFileCert(Base("b"), "hidden.pem", cert.get(), ec.get());
   InstallFileCert(Base("c"), "c.pem", cert.get(), ec.get());
-  for (const auto& path : {temp_.path(), Base("b"), Base("b") / "certs", Base("b") / "keys", Base("c"),
-                           Base("c") / "certs"})
+  for (const auto& path : {temp_.path(), Base("b"), Base("b") / "certs", Base("b") / "keys",
+                           Base("c"), Base("c") / "certs"})
     chmod(path.c_str(), 0755);
   chmod((Base("b") / "certs" / "hidden.pem").c_str(), 0600);  // root's, unreadable to nobody
   chmod((Base("c") / "certs").c_str(), 0700);                 // a folder nobody cannot list
   ChildRun run;
-  run.argv = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", ToolPath(),
-              "--dir", Base("b").string(), "--dir", Base("c").string(), "doctor", "--json"};
+  run.argv = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+              "--clear-groups",   ToolPath(),      "--dir",
+              Base("b").string(), "--dir",         Base("c").string(),
+              "doctor",           "--json"};
   run.cwd = "/";
   run.env["HOME"] = "/nonexistent";
   run.limit = std::chrono::seconds(60);
@@ -182,10 +191,13 @@ TEST_F(ClearAnswersTest, UnknownCommandsHelpAndOptionLabels) {
   EXPECT_EQ(RunTool({"help", "sing"}).err.find("did you mean 'sign'?") != std::string::npos, true);
 
   // The labels are what the user types, without CLI11's validator names.
-  for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"}, {"tls", "--help"},
-                                               {"sign", "--help"}, {"chain", "--help"}}) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"--help"},
+                                               {"tls", "--help"},
+                                               {"sign", "--help"},
+                                               {"chain", "--help"}}) {
     const std::string text = RunTool(args).out;
-    for (const char* noise : {"Excludes:", ":FILE", ":NONNEGATIVE", ":POSITIVE", ":THUMBPRINT", "TEXT:{"})
+    for (const char* noise :
+         {"Excludes:", ":FILE", ":NONNEGATIVE", ":POSITIVE", ":THUMBPRINT", "TEXT:{"})
       EXPECT_EQ(text.find(noise), std::string::npos) << noise << " in\n" << text;
   }
   EXPECT_NE(RunTool({"--help"}).out.find("--timeout"), std::string::npos);
@@ -202,7 +214,8 @@ TEST_F(ClearAnswersTest, SignPssIsVerifiedWithThePublicKeyAndRefusedForEc) {
   TestKey rsa = SharedKey(KeyKind::k_rsa, 1);
   TestX509 cert = ClientCert("PSS Signer", rsa.get());
   InstallFileCert(Base("b"), "rsa.pem", cert.get(), rsa.get());
-  ToolRun run({"--dir", Base("b").string(), "sign", Thumb(cert.get()), "--pss", "--hash", "sha384"});
+  ToolRun run(
+      {"--dir", Base("b").string(), "sign", Thumb(cert.get()), "--pss", "--hash", "sha384"});
   run.input = "pss message";
   const ToolResult result = RunTool(run);
   ASSERT_EQ(result.status, 0) << result.err;
@@ -218,13 +231,15 @@ TEST_F(ClearAnswersTest, SignPssIsVerifiedWithThePublicKeyAndRefusedForEc) {
   EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PSS_PADDING);
   EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha384());
   EVP_PKEY_CTX_set_rsa_pss_saltlen(ctx.get(), RSA_PSS_SALTLEN_DIGEST);
-  EXPECT_EQ(EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size()), 1);
+  EXPECT_EQ(
+      EVP_PKEY_verify(ctx.get(), signature.data(), signature.size(), digest.data(), digest.size()),
+      1);
 
   TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 ec_cert = ClientCert("EC Signer", ec.get());
   InstallFileCert(Base("b"), "ec.pem", ec_cert.get(), ec.get());
-  const ToolResult refused = RunTool({"--dir", Base("b").string(), "sign", Thumb(ec_cert.get()), "--pss",
-                                      "--in", "/dev/null"});
+  const ToolResult refused = RunTool(
+      {"--dir", Base("b").string(), "sign", Thumb(ec_cert.get()), "--pss", "--in", "/dev/null"});
   EXPECT_EQ(refused.status, 2);
   EXPECT_EQ(refused.err, "x509-auth: --pss is for RSA keys; EC Signer has an ec key\n");
 }

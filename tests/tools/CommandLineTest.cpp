@@ -42,13 +42,29 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndOneLine) {
 TEST_F(CommandLineTest, HelpForTheToolAndEveryCommandExitsWithZero) {
   const ToolResult tool = RunTool({"--help"});
   EXPECT_EQ(tool.status, 0);
-  for (const char* section :
-       {"EXIT STATUS", "THUMBPRINT", "PINS AND PASSWORDS", "SMART CARDS", "COMMANDS", "DOCTOR",
-        "not-a-certificate", "key-usage", "no-certs-directory", "does-not-match", "RSA-PSS",
-        "list", "chain", "sign", "decrypt", "show", "doctor", "--pin-env", "--module", "--add-ca"})
+  for (const char* section : {"EXIT STATUS",
+                              "THUMBPRINT",
+                              "PINS AND PASSWORDS",
+                              "SMART CARDS",
+                              "COMMANDS",
+                              "DOCTOR",
+                              "not-a-certificate",
+                              "key-usage",
+                              "no-certs-directory",
+                              "does-not-match",
+                              "RSA-PSS",
+                              "list",
+                              "chain",
+                              "sign",
+                              "decrypt",
+                              "show",
+                              "doctor",
+                              "--pin-env",
+                              "--module",
+                              "--add-ca"})
     EXPECT_NE(tool.out.find(section), std::string::npos) << section;
   const std::map<std::string, std::string> commands{
-      {"list", "--json"}, {"chain", "--pem"}, {"sign", "--hash"},
+      {"list", "--json"},       {"chain", "--pem"},     {"sign", "--hash"},
       {"decrypt", "--padding"}, {"show", "THUMBPRINT"}, {"doctor", "--json"}};
   for (const auto& [command, option] : commands) {
     const ToolResult result = RunTool({command, "--help"});

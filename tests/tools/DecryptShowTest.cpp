@@ -58,11 +58,13 @@ TEST_F(DecryptShowTest, DecryptFailuresGiveTheResultCodeAndItsMeaning) {
   wrong.input.assign(ciphertext.begin(), ciphertext.end());
   const ToolResult failed = RunTool(wrong);
   EXPECT_EQ(failed.status, 1);
-  EXPECT_EQ(ToolLines(failed.err).back().rfind(
-                "x509-auth: decrypting with Decrypter RSA failed: result code 1 (the private-key "
-                "operation failed)",
-                0),
-            0u)
+  EXPECT_EQ(
+      ToolLines(failed.err)
+          .back()
+          .rfind("x509-auth: decrypting with Decrypter RSA failed: result code 1 (the private-key "
+                 "operation failed)",
+                 0),
+      0u)
       << failed.err;
   // An EC key cannot decrypt.
   ToolRun ec({"--dir", Base("b").string(), "decrypt", HexOf(Sha1Thumbprint(ec_cert_.get())),
@@ -70,8 +72,9 @@ TEST_F(DecryptShowTest, DecryptFailuresGiveTheResultCodeAndItsMeaning) {
   ec.input = "whatever";
   const ToolResult ec_result = RunTool(ec);
   EXPECT_EQ(ec_result.status, 1);
-  EXPECT_NE(ToolLines(ec_result.err).back().find("decrypting with Decrypter EC failed: result code"),
-            std::string::npos)
+  EXPECT_NE(
+      ToolLines(ec_result.err).back().find("decrypting with Decrypter EC failed: result code"),
+      std::string::npos)
       << ec_result.err;
   // --padding is required.
   const ToolResult usage = RunTool({"decrypt", "abcdef"});
@@ -122,7 +125,8 @@ TEST_F(DecryptShowTest, ShowWithoutADisplayFailsBeforeStartingTheViewer) {
   run.env["PATH"] = bin.string() + ":/usr/bin:/bin";
   const ToolResult result = RunTool(run);
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err.rfind("x509-auth: there is no display to show a window on", 0), 0u) << result.err;
+  EXPECT_EQ(result.err.rfind("x509-auth: there is no display to show a window on", 0), 0u)
+      << result.err;
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_FALSE(std::filesystem::exists(temp_ / "started"));
 }

@@ -109,7 +109,8 @@ TEST_F(DoctorCommandTest, EveryReasonAndKeyStateOnGeneratedMaterialAgreesWithLis
   EXPECT_EQ(at("missing.pem")["tls"], Strings{});
   EXPECT_EQ(at("garbage.pem")["key"], "unreadable");
   EXPECT_EQ(at("mismatch.pem")["key"], "does-not-match");
-  for (const char* file : {"plain.pem", "encrypted.pem"}) EXPECT_EQ(at(file)["reasons"], Strings{}) << file;
+  for (const char* file : {"plain.pem", "encrypted.pem"})
+    EXPECT_EQ(at(file)["reasons"], Strings{}) << file;
   // Offered, but their keys cannot serve: said so.
   EXPECT_EQ(at("missing.pem")["reasons"], Strings{"key-missing"});
   EXPECT_EQ(at("mismatch.pem")["reasons"], Strings{"key-mismatch"});
@@ -131,8 +132,7 @@ TEST_F(DoctorCommandTest, EveryReasonAndKeyStateOnGeneratedMaterialAgreesWithLis
   EXPECT_EQ(at("future.pem")["reasons"], (Strings{"chain", "not-yet-valid"}));
   EXPECT_EQ(at("future.pem")["details"]["chain"],
             "certificate is not yet valid (OpenSSL verify error 9 at depth 0)");
-  const nlohmann::json* absent =
-      Entry(report, "path", (Base("absent") / "certs").string());
+  const nlohmann::json* absent = Entry(report, "path", (Base("absent") / "certs").string());
   ASSERT_NE(absent, nullptr);
   EXPECT_EQ((*absent)["kind"], "directory");
   EXPECT_EQ((*absent)["reasons"], Strings{"no-certs-directory"});

@@ -24,19 +24,19 @@ TEST_F(ListCommandTest, JsonEqualsTheCInterfaceForTheSameDirectoriesAndCas) {
   const nlohmann::json listed =
       ListJson({"--dir", Base("one").string(), "--dir", Base("two").string(), "--add-ca",
                 (temp_ / "root.pem").string(), "--add-ca", (temp_ / "intermediate.der").string()});
-  const nlohmann::json expected = CInterfaceRecords(
-      {Base("one").string(), Base("two").string()}, {},
-      {CertToDer(chain.root.get()), CertToDer(chain.intermediate.get())});
+  const nlohmann::json expected =
+      CInterfaceRecords({Base("one").string(), Base("two").string()}, {},
+                        {CertToDer(chain.root.get()), CertToDer(chain.intermediate.get())});
   ASSERT_EQ(expected.size(), 3u);
   EXPECT_EQ(listed, expected);
   // Exactly the promised keys, and the chain really goes up to the root.
   for (const auto& entry : listed) {
     std::vector<std::string> keys;
     for (const auto& item : entry.items()) keys.push_back(item.key());
-    EXPECT_EQ(keys, (std::vector<std::string>{"chain", "issuer", "key_algorithm", "key_path",
-                                              "not_after", "not_after_iso", "not_before",
-                                              "not_before_iso", "source", "subject",
-                                              "thumbprint"}));
+    EXPECT_EQ(keys,
+              (std::vector<std::string>{"chain", "issuer", "key_algorithm", "key_path", "not_after",
+                                        "not_after_iso", "not_before", "not_before_iso", "source",
+                                        "subject", "thumbprint"}));
   }
   const auto leaf = std::find_if(listed.begin(), listed.end(),
                                  [](const auto& e) { return e["subject"] == "Chained Leaf"; });
@@ -113,8 +113,8 @@ TEST_F(ListCommandTest, UnreadableCaFileFailsWithOneLine) {
   const ToolResult result =
       RunTool({"--add-ca", (temp_ / "junk.pem").string(), "--dir", Base("b").string(), "list"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_NE(result.err.find("x509-auth: the library did not accept " + (temp_ / "junk.pem").string() +
-                            " as a CA certificate"),
+  EXPECT_NE(result.err.find("x509-auth: the library did not accept " +
+                            (temp_ / "junk.pem").string() + " as a CA certificate"),
             std::string::npos)
       << result.err;
   const ToolResult missing = RunTool({"--add-ca", (temp_ / "none.pem").string(), "list"});

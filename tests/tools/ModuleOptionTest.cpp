@@ -75,7 +75,9 @@ TEST_F(ModuleOptionTest, WorkingDirectoryModuleIsNeverLoadedEvenWhenPlanted) {
   std::filesystem::copy_file(MARKER_MODULE_PATH, planted);
   const std::filesystem::path marker = temp_ / "marker";
   for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"list"}, {"doctor"}, {"--module", SoftHsmToken::ModulePath().string(), "list"},
+       {std::vector<std::string>{"list"},
+        {"doctor"},
+        {"--module", SoftHsmToken::ModulePath().string(), "list"},
         {"sign", "abcdef", "--in", "/dev/null"}}) {
     ToolRun run{args};
     run.cwd = elsewhere_.string();
@@ -113,9 +115,11 @@ TEST_F(ModuleOptionTest, ModuleThatIsNoModuleIsNamedAsTheUserGaveIt) {
   run.cwd = elsewhere_.string();
   const ToolResult result = RunTool(run);
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(ToolLines(result.err).at(0).rfind("x509-auth: --module " + (elsewhere_ / "hostname").string() +
-                                                  " is not a PKCS#11 module: ",
-                                              0),
+  EXPECT_EQ(ToolLines(result.err)
+                .at(0)
+                .rfind("x509-auth: --module " + (elsewhere_ / "hostname").string() +
+                           " is not a PKCS#11 module: ",
+                       0),
             0u)
       << result.err;
   // A shared object without C_GetFunctionList is said so.
@@ -139,7 +143,8 @@ TEST_F(ModuleOptionTest, SignsOnTheTokenWithThePinFromEnvOrDescriptor) {
       signature.push_back(static_cast<unsigned char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
     Bytes digest(32);
     EVP_Digest("token message", 13, digest.data(), nullptr, EVP_sha256(), nullptr);
-    EXPECT_TRUE(VerifiesWithCertificate(cert, EVP_sha256(), digest, signature.data(), signature.size()));
+    EXPECT_TRUE(
+        VerifiesWithCertificate(cert, EVP_sha256(), digest, signature.data(), signature.size()));
   }
   ToolRun by_fd = InElsewhere({"--pin-fd", "3", "sign", HexOf(Sha1Thumbprint(ec_cert_.get()))});
   by_fd.fd3 = std::string(SoftHsmToken::k_default_pin) + "\n";
@@ -156,7 +161,8 @@ TEST_F(ModuleOptionTest, WrongOrMissingPinFailsWithOneLineNamingThePrompt) {
   // A wrong PIN is said so, with what the token reports of the tries left.
   // SoftHSM2 sets CKF_USER_PIN_COUNT_LOW after a failed login.
   EXPECT_EQ(ToolLines(wrong_result.err).back(),
-            "x509-auth: signing with Token EC failed: wrong PIN for the token \"Card A\" (few tries left)")
+            "x509-auth: signing with Token EC failed: wrong PIN for the token \"Card A\" (few "
+            "tries left)")
       << wrong_result.err;
   // The library's own notice about the wrong PIN is under it.
   EXPECT_NE(wrong_result.err.find("  [notice] Smartcard error: Incorrect pin entered for: Card A"),
@@ -165,8 +171,10 @@ TEST_F(ModuleOptionTest, WrongOrMissingPinFailsWithOneLineNamingThePrompt) {
 
   const ToolResult missing = RunTool(InElsewhere({"sign", thumb}));
   EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(ToolLines(missing.err).back().find(
-                "the prompt for the PIN of the token \"Card A\" went unanswered: there is no terminal"),
+  EXPECT_NE(ToolLines(missing.err)
+                .back()
+                .find("the prompt for the PIN of the token \"Card A\" went unanswered: there is no "
+                      "terminal"),
             std::string::npos)
       << missing.err;
 }

@@ -41,9 +41,10 @@ class SignCommandTest : public ToolTest {
 TEST_F(SignCommandTest, EveryHashWithBothKeyFamiliesVerifiesWithTheCertificate) {
   const std::string message = "message to sign";
   WriteFile(temp_ / "in.txt", message);
-  const std::pair<const char*, const EVP_MD*> hashes[] = {
-      {"sha1", EVP_sha1()}, {"sha256", EVP_sha256()}, {"sha384", EVP_sha384()},
-      {"sha512", EVP_sha512()}};
+  const std::pair<const char*, const EVP_MD*> hashes[] = {{"sha1", EVP_sha1()},
+                                                          {"sha256", EVP_sha256()},
+                                                          {"sha384", EVP_sha384()},
+                                                          {"sha512", EVP_sha512()}};
   for (X509* cert : {rsa_cert_.get(), ec_cert_.get()}) {
     for (const auto& [name, md] : hashes) {
       const std::string out = (temp_ / (std::string(name) + ".sig")).string();
@@ -142,8 +143,9 @@ TEST_F(SignCommandTest, NoTerminalAndNoSourceSaysWhichPromptWentUnanswered) {
   const ToolResult unset = RunTool({"--password-env", "NO_SUCH_VARIABLE_X", "--dir",
                                     Base("locked").string(), "sign", Thumb(cert.get())});
   EXPECT_EQ(unset.status, 1);
-  EXPECT_NE(unset.err.find("the environment variable NO_SUCH_VARIABLE_X (--password-env) is not set"),
-            std::string::npos)
+  EXPECT_NE(
+      unset.err.find("the environment variable NO_SUCH_VARIABLE_X (--password-env) is not set"),
+      std::string::npos)
       << unset.err;
 }
 
@@ -154,9 +156,8 @@ TEST_F(SignCommandTest, MissingInputFileAndUnwritableOutputFail) {
   EXPECT_NE(no_input.err.find("x509-auth: cannot read " + (temp_ / "absent.txt").string()),
             std::string::npos)
       << no_input.err;
-  const ToolResult no_output =
-      RunTool({"--dir", Base("b").string(), "sign", Thumb(ec_cert_.get()), "--out",
-               (temp_ / "no-such-dir" / "sig").string()});
+  const ToolResult no_output = RunTool({"--dir", Base("b").string(), "sign", Thumb(ec_cert_.get()),
+                                        "--out", (temp_ / "no-such-dir" / "sig").string()});
   EXPECT_EQ(no_output.status, 1);
   EXPECT_NE(no_output.err.find("x509-auth: cannot write"), std::string::npos) << no_output.err;
 }

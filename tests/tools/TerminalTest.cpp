@@ -101,7 +101,8 @@ TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
   const Bytes bytes = ReadFileBytes(signature);
   Bytes digest(32);
   EVP_Digest("typed at a terminal", 19, digest.data(), nullptr, EVP_sha256(), nullptr);
-  EXPECT_TRUE(VerifiesWithCertificate(cert.get(), EVP_sha256(), digest, bytes.data(), bytes.size()));
+  EXPECT_TRUE(
+      VerifiesWithCertificate(cert.get(), EVP_sha256(), digest, bytes.data(), bytes.size()));
 }
 
 TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
@@ -164,11 +165,12 @@ TEST_F(TerminalTest, SignReadingTheTerminalSaysSoAndEndsAtCtrlD) {
   TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Typed Data", ec.get());
   InstallFileCert(Base("b"), "typed.pem", cert.get(), ec.get());
-  const std::string tool = std::string(ToolPath()) + " --dir " + Quote(Base("b").string()) + " sign " +
-                           HexOf(Sha1Thumbprint(cert.get())).substr(0, 8);
+  const std::string tool = std::string(ToolPath()) + " --dir " + Quote(Base("b").string()) +
+                           " sign " + HexOf(Sha1Thumbprint(cert.get())).substr(0, 8);
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
   ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
-  ASSERT_TRUE(WaitForScreen("x509-auth: reading the data to sign from the terminal; end it with Ctrl-D"))
+  ASSERT_TRUE(
+      WaitForScreen("x509-auth: reading the data to sign from the terminal; end it with Ctrl-D"))
       << Screen();
   Tmux("send-keys -t prompt -l hello");
   Tmux("send-keys -t prompt Enter");
@@ -176,7 +178,8 @@ TEST_F(TerminalTest, SignReadingTheTerminalSaysSoAndEndsAtCtrlD) {
   Tmux("send-keys -t prompt C-d");
   ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
   EXPECT_NE(Screen().find("EXIT=0"), std::string::npos) << Screen();
-  EXPECT_NE(Screen().find("ECDSA signature over the sha256 digest, verified"), std::string::npos) << Screen();
+  EXPECT_NE(Screen().find("ECDSA signature over the sha256 digest, verified"), std::string::npos)
+      << Screen();
 }
 
 TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
@@ -188,7 +191,9 @@ TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
                            " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
   // The shell traps SIGINT so that it survives Ctrl-C; the tool, its child,
   // starts with the default action again.
-  const std::string script = "trap : INT; " + tool + "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | sed 's/^/MODE=/'; sleep 60";
+  const std::string script = "trap : INT; " + tool +
+                             "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
+                             "sed 's/^/MODE=/'; sleep 60";
   ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   Tmux("send-keys -t prompt C-c");
@@ -200,9 +205,11 @@ TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
 
 TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {
   TestKey ec = SharedKey(KeyKind::k_ec, 1);
-  TestX509 soon = ClientCert("Soon Gone", ec.get(), "", AsnTime(std::time(nullptr) + 10 * 86400 + 3600));
+  TestX509 soon =
+      ClientCert("Soon Gone", ec.get(), "", AsnTime(std::time(nullptr) + 10 * 86400 + 3600));
   InstallFileCert(Base("b"), "soon.pem", soon.get(), ec.get());
-  const std::string list = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) + " list";
+  const std::string list =
+      std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) + " list";
   const std::string script = list + "; echo DONE1; NO_COLOR=1 " + list + "; echo DONE2; sleep 60";
   ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
   ASSERT_TRUE(WaitForScreen("DONE2")) << Screen();

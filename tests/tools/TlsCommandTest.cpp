@@ -30,7 +30,8 @@ class TlsCommandTest : public ::testing::Test {
   std::string InstallClient(KeyKind kind, const std::string& name, const char* password = nullptr) {
     Chain chain = MakeChain(kind, name);
     WriteFile(temp_ / "base" / "certs" / (name + ".pem"), CertToPem(chain.leaf.get()));
-    WriteFile(temp_ / "base" / "keys" / (name + ".pem.key"), KeyToPem(chain.leaf_key.get(), password));
+    WriteFile(temp_ / "base" / "keys" / (name + ".pem.key"),
+              KeyToPem(chain.leaf_key.get(), password));
     AddCas(chain);
     return LowerHex(Sha1Thumbprint(chain.leaf.get()));
   }
@@ -38,7 +39,8 @@ class TlsCommandTest : public ::testing::Test {
   void AddCas(const Chain& chain) {
     for (X509* ca : {chain.root.get(), chain.intermediate.get()}) {
       cas_ += CertToPem(ca);
-      const std::filesystem::path file = temp_ / ("ca-" + std::to_string(ca_files_.size()) + ".pem");
+      const std::filesystem::path file =
+          temp_ / ("ca-" + std::to_string(ca_files_.size()) + ".pem");
       WriteFile(file, CertToPem(ca));
       ca_files_.push_back(file.string());
     }
@@ -90,7 +92,8 @@ class TlsCommandTest : public ::testing::Test {
 TEST_F(TlsCommandTest, RsaFileKeysPlainAndPasswordProtectedOverTls12) {
   const std::string plain = InstallClient(KeyKind::k_rsa, "RSA Plain");
   const std::string locked = InstallClient(KeyKind::k_rsa, "RSA Locked", "s3cret");
-  for (const auto& [thumbprint, name] : {std::pair{plain, "RSA Plain"}, std::pair{locked, "RSA Locked"}}) {
+  for (const auto& [thumbprint, name] :
+       {std::pair{plain, "RSA Plain"}, std::pair{locked, "RSA Locked"}}) {
     auto server = StartServer(temp_ / "cas.pem");
     ASSERT_NE(server, nullptr);
     // A prefix, as every other command takes.
@@ -116,7 +119,8 @@ TEST_F(TlsCommandTest, EcFileKeyOverTls12AndTls13AndSendPrintsTheReply) {
     const ChildResult result = Tls(thumbprint, {}, {flag, "--send", "hello"});
     EXPECT_TRUE(Accepted(result)) << result.out << result.err;
     EXPECT_NE(result.out.find("version:          TLSv" + version), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("client signature: ECDSA with SHA256"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("client signature: ECDSA with SHA256"), std::string::npos)
+        << result.out;
     // s_server -rev answers each line reversed.
     EXPECT_NE(result.out.find("reply:            olleh"), std::string::npos) << result.out;
     EXPECT_TRUE(ServerVerified(*server, "EC Client")) << server->Output();
@@ -142,23 +146,34 @@ TEST_F(TlsCommandTest, ServerThatAsksForNoCertificateIsAFailureUnlessAllowed) {
     for (int attempt = 0; attempt < 3 && server == nullptr; ++attempt) {
       address_ = "127.0.0.1:" + std::to_string(FreeLoopbackPort());
       ChildRun run;
-      run.argv = {OpensslProgram(), "s_server", "-accept", address_, "-cert",
-                  server_.CertificateFile().string(), "-key", (temp_ / "server.key").string(),
-                  "-naccept", "1", "-rev"};
+      run.argv = {OpensslProgram(),
+                  "s_server",
+                  "-accept",
+                  address_,
+                  "-cert",
+                  server_.CertificateFile().string(),
+                  "-key",
+                  (temp_ / "server.key").string(),
+                  "-naccept",
+                  "1",
+                  "-rev"};
       server = std::make_unique<BackgroundChild>(run, (temp_ / "plain-server.log").string());
       if (!server->WaitForOutput("ACCEPT", std::chrono::seconds(10))) server.reset();
     }
     ASSERT_NE(server, nullptr);
-    const ChildResult result =
-        Tls(thumbprint, {}, allow ? std::vector<std::string>{"--allow-no-client-auth"} : std::vector<std::string>{});
+    const ChildResult result = Tls(
+        thumbprint, {},
+        allow ? std::vector<std::string>{"--allow-no-client-auth"} : std::vector<std::string>{});
     EXPECT_EQ(result.status, allow ? 0 : 1) << result.out << result.err;
-    EXPECT_NE(result.out.find("handshake:        completed, but the server asked for no client certificate"),
+    EXPECT_NE(result.out.find(
+                  "handshake:        completed, but the server asked for no client certificate"),
               std::string::npos)
         << result.out;
     if (!allow) {
-      EXPECT_NE(result.err.find("did not ask for a client certificate, so the certificate was not tried "
-                                "(--allow-no-client-auth accepts that)"),
-                std::string::npos)
+      EXPECT_NE(
+          result.err.find("did not ask for a client certificate, so the certificate was not tried "
+                          "(--allow-no-client-auth accepts that)"),
+          std::string::npos)
           << result.err;
     }
   }
@@ -168,13 +183,15 @@ TEST_F(TlsCommandTest, SuccessIsQuietAndAFailureShowsTheProvidersLinesUnderIt) {
   const std::string thumbprint = InstallClient(KeyKind::k_ec, "EC Client", "s3cret");
   auto server = StartServer(temp_ / "cas.pem");
   ASSERT_NE(server, nullptr);
-  const ChildResult ok = Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "s3cret"}});
+  const ChildResult ok =
+      Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "s3cret"}});
   EXPECT_TRUE(Accepted(ok)) << ok.out << ok.err;
   EXPECT_EQ(ok.err, "");
   server->Finish(std::chrono::seconds(5));
   auto second = StartServer(temp_ / "cas.pem");
   ASSERT_NE(second, nullptr);
-  const ChildResult wrong = Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "nope"}});
+  const ChildResult wrong =
+      Tls(thumbprint, {"--password-env", "KEY_PASSWORD"}, {}, {{"KEY_PASSWORD", "nope"}});
   EXPECT_EQ(wrong.status, 1);
   const std::vector<std::string> lines = Lines(wrong.err);
   ASSERT_GE(lines.size(), 2u) << wrong.err;
@@ -182,7 +199,8 @@ TEST_F(TlsCommandTest, SuccessIsQuietAndAFailureShowsTheProvidersLinesUnderIt) {
                           ": wrong password for the key file " +
                           (temp_ / "base" / "keys" / "EC Client.pem.key").string())
       << wrong.err;
-  EXPECT_NE(wrong.err.find("  [provider] Failed to parse private key file ["), std::string::npos) << wrong.err;
+  EXPECT_NE(wrong.err.find("  [provider] Failed to parse private key file ["), std::string::npos)
+      << wrong.err;
   for (const std::string& line : lines)
     EXPECT_TRUE(line.rfind("x509-auth: ", 0) == 0 || line.rfind("  [", 0) == 0) << line;
 }
@@ -195,7 +213,8 @@ TEST_F(TlsCommandTest, ServerThatDoesNotTrustTheIssuerRejectsAndTheToolSaysSo) {
     ASSERT_NE(server, nullptr);
     const ChildResult result = Tls(thumbprint, {}, {version});
     EXPECT_EQ(result.status, 1) << version << result.out;
-    EXPECT_NE(result.out.find("handshake:        rejected"), std::string::npos) << version << result.out;
+    EXPECT_NE(result.out.find("handshake:        rejected"), std::string::npos)
+        << version << result.out;
     EXPECT_NE(result.err.find("the handshake with 127.0.0.1:"), std::string::npos) << result.err;
     EXPECT_FALSE(ServerVerified(*server, "EC Client"));
   }
@@ -235,12 +254,14 @@ TEST_F(TlsTokenTest, TokenRsaAndEcCertificatesInBothKeyModes) {
     for (const char* mode : {"library", "export"}) {
       auto server = StartServer(temp_ / "cas.pem");
       ASSERT_NE(server, nullptr);
-      const ChildResult result = Tls(LowerHex(Sha1Thumbprint(c.chain->leaf.get())),
-                                     {"--module", SoftHsmToken::ModulePath().string(), "--pin-env", "TOKEN_PIN"},
-                                     {c.version, "--token-key", mode}, {{"TOKEN_PIN", "1234"}});
+      const ChildResult result =
+          Tls(LowerHex(Sha1Thumbprint(c.chain->leaf.get())),
+              {"--module", SoftHsmToken::ModulePath().string(), "--pin-env", "TOKEN_PIN"},
+              {c.version, "--token-key", mode}, {{"TOKEN_PIN", "1234"}});
       EXPECT_TRUE(Accepted(result)) << c.name << " " << mode << result.out << result.err;
       EXPECT_NE(result.out.find(std::string("client key:       ") +
-                                (std::string(mode) == "library" ? "x509auth provider" : "exported from the token")),
+                                (std::string(mode) == "library" ? "x509auth provider"
+                                                                : "exported from the token")),
                 std::string::npos)
           << result.out;
       EXPECT_TRUE(ServerVerified(*server, c.name)) << c.name << " " << mode << server->Output();
@@ -252,9 +273,10 @@ TEST_F(TlsTokenTest, WrongPinFailsClearlyWithoutAHandshake) {
   for (const char* mode : {"library", "export"}) {
     auto server = StartServer(temp_ / "cas.pem");
     ASSERT_NE(server, nullptr);
-    const ChildResult result = Tls(LowerHex(Sha1Thumbprint(ec_.leaf.get())),
-                                   {"--module", SoftHsmToken::ModulePath().string(), "--pin-env", "TOKEN_PIN"},
-                                   {"--tls1_3", "--token-key", mode}, {{"TOKEN_PIN", "0000"}});
+    const ChildResult result =
+        Tls(LowerHex(Sha1Thumbprint(ec_.leaf.get())),
+            {"--module", SoftHsmToken::ModulePath().string(), "--pin-env", "TOKEN_PIN"},
+            {"--tls1_3", "--token-key", mode}, {{"TOKEN_PIN", "0000"}});
     EXPECT_EQ(result.status, 1) << mode << result.out;
     EXPECT_EQ(result.out.find("handshake:"), std::string::npos) << mode << result.out;
     EXPECT_NE(result.err.find("x509-auth: tls: "), std::string::npos) << mode << result.err;

@@ -67,17 +67,18 @@ class ToolTest : public ::testing::Test {
       for (uint64_t c = 0; c < r.ca_chain_count; ++c) chain.push_back(HexOf(r.ca_chain[c], 20));
       static const char* const sources[] = {"file", "smartcard", "other"};
       static const char* const groups[] = {"other", "rsa", "ec"};
-      array.push_back({{"thumbprint", HexOf(r.thumbprint, 20)},
-                       {"subject", r.name},
-                       {"issuer", r.issuer_name},
-                       {"not_before", r.not_before},
-                       {"not_after", r.not_after},
-                       {"not_before_iso", Iso(r.not_before)},
-                       {"not_after_iso", Iso(r.not_after)},
-                       {"source", sources[r.cert_type < 3 ? r.cert_type : 2]},
-                       {"key_algorithm", groups[r.key_algorithm_group < 3 ? r.key_algorithm_group : 0]},
-                       {"key_path", r.key_path},
-                       {"chain", chain}});
+      array.push_back(
+          {{"thumbprint", HexOf(r.thumbprint, 20)},
+           {"subject", r.name},
+           {"issuer", r.issuer_name},
+           {"not_before", r.not_before},
+           {"not_after", r.not_after},
+           {"not_before_iso", Iso(r.not_before)},
+           {"not_after_iso", Iso(r.not_after)},
+           {"source", sources[r.cert_type < 3 ? r.cert_type : 2]},
+           {"key_algorithm", groups[r.key_algorithm_group < 3 ? r.key_algorithm_group : 0]},
+           {"key_path", r.key_path},
+           {"chain", chain}});
     }
     X509_Auth_Free(records);
     X509_Auth_DeInit();

@@ -18,11 +18,11 @@ using ToolResult = ChildResult;
 
 struct ToolRun {
   explicit ToolRun(std::vector<std::string> arguments = {}) : args(std::move(arguments)) {}
-  std::vector<std::string> args;  // after the program's name
-  std::string cwd;                // empty: the test's working directory
-  std::string input;              // written to standard input, then closed
+  std::vector<std::string> args;           // after the program's name
+  std::string cwd;                         // empty: the test's working directory
+  std::string input;                       // written to standard input, then closed
   std::map<std::string, std::string> env;  // added to the test's environment
-  std::optional<std::string> fd3;  // read by the tool on descriptor 3 (--pin-fd 3)
+  std::optional<std::string> fd3;          // read by the tool on descriptor 3 (--pin-fd 3)
 };
 
 ToolResult RunTool(const ToolRun& run);
