@@ -49,7 +49,8 @@ class RegularFile {
   static RegularFile Open(const std::string& path, std::uint64_t limit = k_max_file_bytes,
                           bool follow_links = true) {
     RegularFile file;
-    const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (follow_links ? 0 : O_NOFOLLOW);
+    const int flags =
+        O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (follow_links ? 0 : O_NOFOLLOW);
     const int descriptor = ::open(path.c_str(), flags);
     if (descriptor < 0) {
       file.refusal_ = Refusal::k_open_failed;
