@@ -96,7 +96,6 @@ set(CPACK_COMPONENT_PROVIDER_DESCRIPTION
     "keys of libx509auth through x509auth: URIs. It is installed into OpenSSL's\n"
     "modules directory, so 'openssl ... -provider x509auth' finds it.")
 set(CPACK_DEBIAN_PROVIDER_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_PROVIDER_PACKAGE_DEPENDS "${x509auth_deb_this_library}")
 
 set(CPACK_COMPONENT_PKCS11_DESCRIPTION
     "X.509 client certificates: PKCS#11 module\n"
@@ -104,6 +103,5 @@ set(CPACK_COMPONENT_PKCS11_DESCRIPTION
     "to PKCS#11 programs (NSS browsers, GnuTLS programs, ssh, pkcs11-tool). Its\n"
     "p11-kit module file is shipped in modules-available, for opt-in use.")
 set(CPACK_DEBIAN_PKCS11_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_PKCS11_PACKAGE_DEPENDS "${x509auth_deb_this_library}")
 
 include(CPack)

@@ -17,8 +17,6 @@
 namespace x509auth_pkcs11 {
 namespace {
 
-using SetPkcs11ModuleFunction = X509_Auth_ResultCode (*)(const char*);
-
 // The call being served; read by the library's callbacks, which run only
 // inside calls made under the module's lock.
 const Pin* g_pin = nullptr;
@@ -60,22 +58,6 @@ X509_Auth_PinEntryResult* PinEntry(const char* /*title*/, const char* /*prompt*/
 void FreeAnswer(X509_Auth_PinEntryResult* result) {
   std::unique_ptr<Answer> answer(reinterpret_cast<Answer*>(result));
   if (answer->value != nullptr) OPENSSL_secure_clear_free(answer->value, answer->size);
-}
-
-// The extensions are looked up on the library this module was linked with,
-// so that an older libx509auth.so.3 is met with a clear failure instead of
-// an unresolved symbol.
-void* LibrarySymbol(const char* name) {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&X509_Auth_Init), &info) != 0 && info.dli_fname != nullptr) {
-    if (void* handle = dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD)) {
-      void* symbol = dlsym(handle, name);
-      dlclose(handle);  // the library stays loaded: this module depends on it
-      return symbol;
-    }
-  }
-  // The library built into the program itself (the fuzzing harness).
-  return dlsym(RTLD_DEFAULT, name);
 }
 
 std::string RealPath(const std::string& path) {
@@ -170,13 +152,10 @@ std::string LibraryLink::ChooseTokenModule(const ModuleSettings& settings) {
 }
 
 bool LibraryLink::Start(const ModuleSettings& settings, std::string& failure) {
-  const auto set_module =
-      reinterpret_cast<SetPkcs11ModuleFunction>(LibrarySymbol("X509_Auth_SetPkcs11Module"));
-  if (set_module == nullptr) {
-    failure = "libx509auth has no X509_Auth_SetPkcs11Module (older than this module)";
-    return false;
-  }
-  sign_hash_pss_ = reinterpret_cast<SignHashPssFunction>(LibrarySymbol("X509_Auth_SignHashPss"));
+  // The module carries its own copy of the library, so its extensions are
+  // always there; |failure| stays for a start that can fail.
+  (void)failure;
+  sign_hash_pss_ = &X509_Auth_SignHashPss;
 
   std::vector<const char*> dirs, home_dirs;
   for (const std::string& dir : settings.dirs) dirs.push_back(dir.c_str());
@@ -186,9 +165,9 @@ bool LibraryLink::Start(const ModuleSettings& settings, std::string& failure) {
   started_ = true;
   // Never null: null would bring back the working-directory lookup.
   const std::string module = ChooseTokenModule(settings);
-  if (set_module(module.c_str()) != X509_Auth_ResultCode_Success) {
+  if (X509_Auth_SetPkcs11Module(module.c_str()) != X509_Auth_ResultCode_Success) {
     LogLine(3, "the library refused module %s; token certificates are off", module.c_str());
-    set_module("");
+    X509_Auth_SetPkcs11Module("");
   }
   for (const std::string& file : settings.ca_files) AddCaFile(file);
   return true;

@@ -1,9 +1,9 @@
 #pragma once
-// The module's link to libx509auth, used only through x509_auth.h as any
-// host uses it. The library keeps one process-wide state, so the module
-// initialises it at C_Initialize and ends it at C_Finalize; every call
-// through here runs under the module's lock (Module), which is also what
-// makes the prompt routing below safe.
+// The module's link to its own private copy of the library, used only
+// through x509_auth.h as any host uses it. The module initialises that copy
+// at C_Initialize and ends it at C_Finalize; no other component of the
+// process sees it. Every call through here runs under the module's lock
+// (Module), which is also what makes the prompt routing below safe.
 #include <string>
 
 #include "ModuleSettings.h"
@@ -25,9 +25,8 @@ using SignHashPssFunction = X509_Auth_Result (*)(const uint8_t*, X509_Auth_HashT
 class LibraryLink {
  public:
   // X509_Auth_Init with the module's callbacks, then the PKCS#11 module
-  // choice and the CA files. False, with |failure| set, when the library
-  // lacks what the module needs (X509_Auth_SetPkcs11Module: without it the
-  // library would load a module from the working directory).
+  // choice (never the working-directory lookup) and the CA files. False,
+  // with |failure| set, when the library cannot be started.
   bool Start(const ModuleSettings& settings, std::string& failure);
   // X509_Auth_DeInit, when started.
   void Stop();
@@ -43,7 +42,7 @@ class LibraryLink {
     PromptScope& operator=(const PromptScope&) = delete;
   };
 
-  // X509_Auth_SignHashPss of the library, or null when it has none.
+  // X509_Auth_SignHashPss of the library (null before Start).
   SignHashPssFunction SignHashPss() const { return sign_hash_pss_; }
 
   // The module path to give the library: the configured one, or "" when it

@@ -44,6 +44,11 @@ grep -q "x509auth" <<< "$slots" || { echo "pkcs11-tool on the installed module:"
 depends=$(dpkg-query -W -f='${Depends}' x509auth-tools)
 grep -q "libx509auth3 (= 3.0.0)" <<< "$depends" && grep -q "libc6" <<< "$depends" ||
   { echo "x509auth-tools depends on '$depends'"; exit 1; }
+# The provider and the PKCS#11 module carry their own copy of the library.
+for p in x509auth-openssl-provider x509auth-pkcs11; do
+  depends=$(dpkg-query -W -f='${Depends}' "$p")
+  ! grep -q "libx509auth3" <<< "$depends" || { echo "$p depends on '$depends'"; exit 1; }
+done
 grep -q "^libx509auth 3 libx509auth3" /var/lib/dpkg/info/libx509auth3*.shlibs ||
   { echo "libx509auth3 has no shlibs file"; exit 1; }
 
