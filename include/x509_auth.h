@@ -318,7 +318,13 @@ enum {
   /* An argument is null, out of range, or not what the function takes. */
   X509_Auth_ResultCode_InvalidArgument = 11,
   /* The token holding the key can do neither RSA-PSS nor raw RSA. */
-  X509_Auth_ResultCode_MechanismNotSupported = 12
+  X509_Auth_ResultCode_MechanismNotSupported = 12,
+  /* The call reached the library while another call was still inside it
+   * (from a host callback, from a PKCS#11 module the library loaded that
+   * leads back to it, or from a second thread at the same time): nothing
+   * was done, and an error line names the function. Functions with no
+   * result code give their failure value instead (false, 0, no effect). */
+  X509_Auth_ResultCode_Reentered = 13
 };
 
 /* X509_Auth_SetPkcs11Module chooses the PKCS#11 module the library loads,

@@ -12,6 +12,7 @@
 
 #include "base/SafeCallbacksWrapper.h"
 #include "base/X509Settings.h"
+#include "capi/CallGuard.h"
 #include "files/DirectorySnapshots.h"
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
@@ -21,6 +22,7 @@
 namespace {
 
 using quorvant::shared::x509::Algorithm;
+using quorvant::shared::x509::CallGuard;
 using quorvant::shared::x509::DecryptAlgorithm;
 using quorvant::shared::x509::DirectorySnapshots;
 using quorvant::shared::x509::KeyStore;
@@ -71,11 +73,15 @@ const EVP_MD* DigestOf(X509_Auth_HashType hash_type) {
   }
 }
 
+constexpr X509_Auth_Result k_refused{X509_Auth_ResultCode_Reentered, 0, 0};
+
 }  // namespace
 
 extern "C" {
 
 void X509_Auth_Init(const X509_Auth_Settings* settings, X509_Auth_Callbacks callbacks) {
+  const CallGuard guard("X509_Auth_Init");
+  if (!guard.Entered()) return;
   SafeCallbacksWrapper::GetInstance().Replace(callbacks);
   if (settings != nullptr) X509Settings::GetInstance().Replace(*settings);
   // The new store is installed before the old one and its results go away.
@@ -86,10 +92,14 @@ void X509_Auth_Init(const X509_Auth_Settings* settings, X509_Auth_Callbacks call
 }
 
 void X509_Auth_PostInitUpdateSettings(const X509_Auth_Settings* settings) {
+  const CallGuard guard("X509_Auth_PostInitUpdateSettings");
+  if (!guard.Entered()) return;
   if (settings != nullptr) X509Settings::GetInstance().Replace(*settings);
 }
 
 void X509_Auth_DeInit(void) {
+  const CallGuard guard("X509_Auth_DeInit");
+  if (!guard.Entered()) return;
   std::unique_ptr<KeyStore> key_store = std::move(KeyStoreOwner());
   key_store.reset();
   ContextHolder().reset();
@@ -101,17 +111,30 @@ void X509_Auth_DeInit(void) {
 int X509_Auth_GetApiVersion(void) { return X509_AUTH_API_VERSION; }
 
 bool X509_Auth_LoadClientCertificates(uint64_t* count, const X509_Auth_Certificate** certificates) {
+  const CallGuard guard("X509_Auth_LoadClientCertificates");
+  if (!guard.Entered()) {
+    if (count != nullptr) *count = 0;
+    if (certificates != nullptr) *certificates = nullptr;
+    return false;
+  }
   return KeyStoreOwner()->LoadClientCertificates(count, certificates);
 }
 
-void X509_Auth_Free(const void* p) { KeyStoreOwner()->Free(p); }
+void X509_Auth_Free(const void* p) {
+  const CallGuard guard("X509_Auth_Free");
+  if (guard.Entered()) KeyStoreOwner()->Free(p);
+}
 
 int X509_Auth_AddAdditionalCertificateAuthorityToStore(const unsigned char* data, uint64_t length) {
+  const CallGuard guard("X509_Auth_AddAdditionalCertificateAuthorityToStore");
+  if (!guard.Entered()) return 0;
   return KeyStoreOwner()->AddAdditionalCertificateAuthorityToStore(data, length) ? 1 : 0;
 }
 
 int32_t X509_Auth_GetChainedCAsForCertificate(const X509_Auth_Certificate* certificate,
                                               uint64_t* count, X509_Auth_ASN_1** asn1) {
+  const CallGuard guard("X509_Auth_GetChainedCAsForCertificate");
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
   return KeyStoreOwner()->GetChainedCAsForCertificate(certificate, count, asn1);
 }
 
@@ -119,6 +142,11 @@ X509_Auth_Result X509_Auth_SignHash(const uint8_t* thumbprint, uint64_t algorith
                                     const uint32_t* algorithms, X509_Auth_HashType hash_type,
                                     const unsigned char* hash,
                                     const X509_Auth_Signature** signature) {
+  const CallGuard guard("X509_Auth_SignHash");
+  if (!guard.Entered()) {
+    if (signature != nullptr) *signature = nullptr;
+    return k_refused;
+  }
   const Thumbprint wanted = CopyThumbprint(thumbprint);
   std::vector<Algorithm> accepted;
   for (uint64_t i = 0; i < algorithm_count; ++i) {
@@ -136,6 +164,11 @@ X509_Auth_Result X509_Auth_SignHash(const uint8_t* thumbprint, uint64_t algorith
 X509_Auth_Result X509_Auth_Decrypt(const uint8_t* thumbprint, uint32_t decrypt_algorithm,
                                    uint64_t length, const unsigned char* data,
                                    const X509_Auth_ASN_1** plaintext) {
+  const CallGuard guard("X509_Auth_Decrypt");
+  if (!guard.Entered()) {
+    if (plaintext != nullptr) *plaintext = nullptr;
+    return k_refused;
+  }
   const Thumbprint wanted = CopyThumbprint(thumbprint);
   if (decrypt_algorithm > 2) throw std::invalid_argument("Unimplemented");
   const std::vector<unsigned char> ciphertext =
@@ -148,14 +181,20 @@ X509_Auth_Result X509_Auth_Decrypt(const uint8_t* thumbprint, uint32_t decrypt_a
 
 X509_Auth_ResultCode X509_Auth_GetPrivateKeyForCertificate(const X509_Auth_Certificate* certificate,
                                                            void** key) {
+  const CallGuard guard("X509_Auth_GetPrivateKeyForCertificate");
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
   return KeyStoreOwner()->GetPrivateKeyForCertificate(certificate, key);
 }
 
 bool X509_Auth_ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) {
+  const CallGuard guard("X509_Auth_ShowCertificateDialog");
+  if (!guard.Entered()) return false;
   return KeyStoreOwner()->ShowCertificateDialog(certificate, parent);
 }
 
 X509_Auth_ResultCode X509_Auth_SetPkcs11Module(const char* path) {
+  const CallGuard guard("X509_Auth_SetPkcs11Module");
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
   if (!Pkcs11ModuleChoice::GetInstance().Choose(path)) return X509_Auth_ResultCode_InvalidArgument;
   return X509_Auth_ResultCode_Success;
 }
@@ -164,6 +203,8 @@ X509_Auth_Result X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_Hash
                                        const unsigned char* hash, int32_t salt_length,
                                        const X509_Auth_Signature** signature) {
   if (signature != nullptr) *signature = nullptr;
+  const CallGuard guard("X509_Auth_SignHashPss");
+  if (!guard.Entered()) return k_refused;
   const EVP_MD* digest = DigestOf(hash_type);
   if (thumbprint == nullptr || hash == nullptr || signature == nullptr || digest == nullptr ||
       salt_length < X509_AUTH_PSS_SALT_MAX) {
