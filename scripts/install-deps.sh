@@ -16,7 +16,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev tmux
   bash-completion man-db lintian dpkg-dev file
   clang-14 libclang-rt-14-dev clang-format
-  gnutls-bin libnss3-tools openssh-client openssh-server hyperfine
+  gnutls-bin libnss3-tools openssh-client openssh-server hyperfine wget
   p11-kit p11-kit-modules
 )
 

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "base/SafeCallbacksWrapper.h"
+#include "smartcard/OwnModuleCheck.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
 
 namespace quorvant::shared::x509 {
@@ -97,6 +98,7 @@ void Libp11Context::InitialiseContextAndSlots() {
   }
   module_loaded_ = true;
   LogAllOpenSslErrors();
+  if (RefuseOwnModule(*module_path)) return;
   // Without the probe no slot is ever treated as usable, so a failure here
   // shows up as tokens that cannot be enumerated, never as a hang.
   session_probe_.Attach(*module_path);
@@ -111,9 +113,25 @@ void Libp11Context::InitialiseContextAndSlots() {
 
   if (PKCS11_enumerate_slots(pkcs11_ctx_, &slots_, &slot_count_) == 0) {
     LogAllOpenSslErrors();
+    if (RefuseOwnModule(*module_path)) {
+      PKCS11_release_all_slots(pkcs11_ctx_, slots_, slot_count_);
+      slots_ = nullptr;
+      slot_count_ = 0;
+    }
     return;
   }
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error enumerating slots");
+}
+
+bool Libp11Context::RefuseOwnModule(const std::string& module_path) const {
+  const std::string reason = OwnModuleCheck::LeadsBackToX509Auth(pkcs11_ctx_, slots_, slot_count_);
+  if (reason.empty()) return false;
+  // The module stays loaded, without slots, until this context goes, as a
+  // module whose slots cannot be enumerated does.
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                            "PKCS#11 module %s refused: %s; no smart cards", module_path.c_str(),
+                            reason.c_str());
+  return true;
 }
 
 int Libp11Context::PinEntryUiWriter(UI* ui, UI_STRING* uis) {

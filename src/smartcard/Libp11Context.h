@@ -92,6 +92,10 @@ class Libp11Context {
   static std::weak_ptr<Libp11Context> instance_;
   static std::mutex instance_mutex_;
 
+  // True, after one error line, when the loaded module is x509auth's own or
+  // shows its token (OwnModuleCheck): it is then used for nothing.
+  bool RefuseOwnModule(const std::string& module_path) const;
+
   Libp11LoginHandler login_handler_{
       [this](const PKCS11_slot_st* slot) { return ProbeSession(slot); }};
   UiMethodPtr ui_method_;

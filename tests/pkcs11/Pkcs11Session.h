@@ -13,7 +13,9 @@ namespace x509auth_test {
 
 class ModuleSession {
  public:
-  explicit ModuleSession(const LoadedModule& module) : f_(module.get()) {
+  explicit ModuleSession(const LoadedModule& module) : ModuleSession(module.get()) {}
+  // A module loaded by other means (a second copy of it).
+  explicit ModuleSession(CK_FUNCTION_LIST* functions) : f_(functions) {
     EXPECT_EQ(f_->C_Initialize(nullptr), CKR_OK);
     CK_ULONG count = 1;
     EXPECT_EQ(f_->C_GetSlotList(CK_TRUE, &slot_, &count), CKR_OK);
