@@ -261,6 +261,25 @@ TEST_F(Pkcs11RegisteredTest, TwoRegistrationsOfTheModuleServeP11toolAndWget) {
   EXPECT_EQ(fetched.status, 4) << fetched.err;
 }
 
+TEST_F(Pkcs11RegisteredTest, ProxyThatLeadsBackToTheModuleIsRefusedAsTheProvidersTokenModule) {
+  if (!CanUnshare()) GTEST_SKIP() << "needs unshare -m";
+  Install(KeyKind::k_ec, "Provider Behind The Proxy");
+  Register({ModulePath()});
+  const std::string storeutl = "X509AUTH_MODULE=/usr/lib/x86_64-linux-gnu/p11-kit-proxy.so " +
+                               OpensslProgram() + " storeutl -provider-path '" +
+                               X509AUTH_PROVIDER_DIR +
+                               "' -provider x509auth -provider default -noout x509auth:";
+  const ChildResult listed = InNamespace(storeutl);
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  // The file certificate, once: not again through the proxy as a card's.
+  EXPECT_NE(listed.out.find("Total found: 1"), std::string::npos) << listed.out;
+  const ChildResult told = InNamespace("X509AUTH_LOG=error " + storeutl);
+  EXPECT_NE(told.err.find("PKCS#11 module /usr/lib/x86_64-linux-gnu/p11-kit-proxy.so refused: it "
+                          "leads back to x509auth's own PKCS#11 module"),
+            std::string::npos)
+      << told.err;
+}
+
 #ifdef X509_AUTH_TOOL_PATH
 TEST_F(Pkcs11RegisteredTest, ProxyThatLeadsBackToTheModuleIsRefusedAsTheToolsTokenModule) {
   if (!CanUnshare()) GTEST_SKIP() << "needs unshare -m";
