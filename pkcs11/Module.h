@@ -8,10 +8,10 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "LibraryLink.h"
+#include "ModuleLock.h"
 #include "ModuleSettings.h"
 #include "ObjectCatalog.h"
 #include "Pin.h"
@@ -26,7 +26,7 @@ class Module {
 
   // The process's module object; never destroyed (see GetInstance()).
   static Module& GetInstance();
-  std::mutex& Lock() { return mutex_; }
+  ModuleLock& Lock() { return lock_; }
 
   CK_RV Initialize(CK_VOID_PTR init_args);
   CK_RV Finalize(CK_VOID_PTR reserved);
@@ -80,7 +80,7 @@ class Module {
   CK_RV TryPin();
   void LogoutAll();
 
-  std::mutex mutex_;
+  ModuleLock lock_;
   bool initialized_ = false;
   pid_t pid_ = 0;
   ModuleSettings settings_;
