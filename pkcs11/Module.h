@@ -75,9 +75,9 @@ class Module {
   // The PKCS#11 answer to a refusal of the library, from its code and the
   // prompts it made meanwhile.
   CK_RV LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prompts, bool decrypting);
-  // Checks the PIN against a key that asks for one; CKR_OK when no key
-  // answers either way.
-  CK_RV TryPin();
+  // Checks the PIN against |keys|, which ask for one; CKR_OK when one opens
+  // or none answers either way.
+  CK_RV TryPin(const std::vector<Thumbprint>& keys);
   void LogoutAll();
 
   ModuleLock lock_;
@@ -87,6 +87,10 @@ class Module {
   LibraryLink link_;
   ObjectCatalog catalog_;
   Pin pin_;
+  // Whether the login PIN is the card's: checked against token keys at
+  // C_Login because no key file asked. Only then does it answer a token's
+  // PIN prompt.
+  bool pin_for_tokens_ = false;
   bool prompted_without_pin_ = false;
   std::string serial_;
   std::map<CK_SESSION_HANDLE, std::unique_ptr<Session>> sessions_;
