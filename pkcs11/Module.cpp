@@ -72,7 +72,7 @@ CK_RV Module::Initialize(CK_VOID_PTR init_args) {
   }
   // A forked child starts over: the parent's sessions and login are not its.
   sessions_.clear();
-  pin_.Clear();
+  LogoutAll();
   catalog_.Clear();
   prompted_without_pin_ = false;
 
@@ -99,7 +99,7 @@ CK_RV Module::Finalize(CK_VOID_PTR reserved) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
   sessions_.clear();
-  pin_.Clear();
+  LogoutAll();
   catalog_.Clear();
   link_.Stop();
   initialized_ = false;
