@@ -15,12 +15,10 @@ using x509auth_pkcs11::ModuleLock;
 
 namespace {
 
-// Every way out of a call: the program's OpenSSL errors as they were, and
-// an exception turned into a result code.
+// No exception crosses into the program: each ends as a result code.
 template <typename Call>
 CK_RV Guarded(Call&& call) noexcept {
   try {
-    const HostErrorQueue host_errors;
     return call();
   } catch (const std::bad_alloc&) {
     return CKR_HOST_MEMORY;
@@ -37,6 +35,10 @@ CK_RV Locked(Call&& call) noexcept {
   return Guarded([&] {
     Module& module = Module::GetInstance();
     const ModuleLock::Hold hold(module.Lock());
+    // The program's OpenSSL errors as they were, on every way out. Under
+    // the lock, so that a fork() never meets another thread of the module
+    // inside OpenSSL.
+    const HostErrorQueue host_errors;
     return call(module);
   });
 }
