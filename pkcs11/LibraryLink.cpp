@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "Log.h"
@@ -45,9 +46,16 @@ struct Answer {
   std::size_t size = 0;
 };
 
-X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) {
-  auto answer = std::make_unique<Answer>();
+// Called from inside the library, so it lets no exception out: without
+// memory for the answer the prompt gets none, as a cancelled one.
+X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) noexcept {
   if (g_record != nullptr) ++g_record->asked;
+  std::unique_ptr<Answer> answer;
+  try {
+    answer = std::make_unique<Answer>();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
   const bool key_file = title != nullptr && std::strcmp(title, k_key_file_title) == 0;
   const bool have_pin = g_pin != nullptr && g_pin->Present();
   if (have_pin && !key_file && !g_pin_for_tokens) {
