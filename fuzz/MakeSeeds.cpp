@@ -146,6 +146,9 @@ void Pkcs11Seeds(const fs::path& root) {
   seeds.Add(std::string("\x03\x01\x01\x06\x01\x06\x08\x01pin\x0a\x01\x0b\x08\x12\x00\x13", 19));
   seeds.Add(std::string(64, '\x0e'));
   seeds.Add(std::string(64, '\x0d'));
+  // A second thread (step 22), then forks (step 23), read from the end.
+  seeds.Add(std::string("\x0b\x0a\x06\x17\x16", 5));
+  seeds.Add(std::string(16, '\x17') + std::string(16, '\x16'));
 }
 
 int main(int argc, char** argv) {

@@ -3,11 +3,22 @@
 // null pointers all come from the bytes. Each input starts with
 // C_Initialize and ends with C_Finalize, so nothing carries over. Any
 // return value is fine; a crash, a leak or a sanitizer report is not.
+// Steps may start a second thread that lists and signs on its own session
+// meanwhile, and fork (at most twice, never in a child): the child must find
+// the module uninitialised, initialise it within 10 s and run the rest of
+// the input; its hang, crash or sanitizer report is the parent's finding.
 #include <fuzzer/FuzzedDataProvider.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <thread>
 #include <vector>
 
 #include "TestPki.h"
@@ -79,11 +90,88 @@ class Driver {
 
   void Run() {
     f_->C_Initialize(nullptr);
-    for (int steps = 0; steps < 64 && in_.remaining_bytes() > 0; ++steps) Step();
+    RunSteps();
+    if (helper_.joinable()) {
+      stop_ = true;
+      helper_.join();
+    }
     f_->C_Finalize(nullptr);
   }
 
  private:
+  static constexpr int k_steps = 64;
+  static constexpr int k_forks = 2;
+
+  void RunSteps() {
+    for (; steps_ < k_steps && in_.remaining_bytes() > 0; ++steps_) Step();
+  }
+
+  // Calls beside the input's, on a session of its own: a program's other
+  // thread. It touches only the module, never the input.
+  void StartHelper() {
+    if (in_child_ || helper_.joinable()) return;
+    std::atomic<bool> started{false};
+    helper_ = std::thread([f = f_, &stop = stop_, &started] {
+      started = true;
+      while (!stop) {
+        CK_SESSION_HANDLE session = 0;
+        if (f->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK) {
+          std::this_thread::yield();
+          continue;
+        }
+        CK_OBJECT_HANDLE found[4];
+        CK_ULONG count = 0;
+        f->C_FindObjectsInit(session, nullptr, 0);
+        f->C_FindObjects(session, found, 4, &count);
+        f->C_FindObjectsFinal(session);
+        for (CK_ULONG i = 0; i < count && i < 4; ++i) {
+          CK_MECHANISM mechanism{i % 2 == 0 ? CKM_ECDSA_SHA256 : CKM_SHA256_RSA_PKCS, nullptr, 0};
+          unsigned char data[] = "data";
+          unsigned char signature[512];
+          CK_ULONG length = sizeof(signature);
+          if (f->C_SignInit(session, &mechanism, found[i]) == CKR_OK)
+            f->C_Sign(session, data, 4, signature, &length);
+        }
+        f->C_CloseSession(session);
+      }
+    });
+    // A thread still starting may hold the sanitizer's allocator lock, which
+    // a child forked then would inherit locked (clang 14's runtime does not
+    // guard fork); the module's own calls are what the forks are about.
+    while (!started) std::this_thread::yield();
+  }
+
+  // The child runs the rest of the input on its own module and ends with
+  // _exit: the helper thread is not there, and nothing of the parent's may
+  // be torn down twice.
+  void Fork() {
+    if (in_child_ || forks_ >= k_forks) return;
+    ++forks_;
+    const pid_t child = fork();
+    if (child < 0) return;
+    if (child == 0) {
+      in_child_ = true;
+      signal(SIGALRM, SIG_DFL);  // libFuzzer's timeout handler is the parent's
+      alarm(10);
+      CK_INFO info;
+      if (f_->C_GetInfo(&info) != CKR_CRYPTOKI_NOT_INITIALIZED) __builtin_trap();
+      if (f_->C_Initialize(nullptr) != CKR_OK) __builtin_trap();
+      sessions_.clear();
+      objects_.clear();
+      ++steps_;
+      RunSteps();
+      f_->C_Finalize(nullptr);
+      _exit(0);
+    }
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0)
+      if (errno != EINTR) __builtin_trap();
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      std::fprintf(stderr, "fuzz_pkcs11: the forked child ended with wait status %d\n", status);
+      __builtin_trap();
+    }
+  }
+
   CK_SESSION_HANDLE Session() {
     if (!sessions_.empty() && in_.ConsumeBool())
       return sessions_[in_.ConsumeIntegralInRange<std::size_t>(0, sessions_.size() - 1)];
@@ -153,7 +241,7 @@ class Driver {
   }
 
   void Step() {
-    switch (in_.ConsumeIntegralInRange<int>(0, 22)) {
+    switch (in_.ConsumeIntegralInRange<int>(0, 24)) {
       case 0: {
         CK_INFO info;
         f_->C_GetInfo(in_.ConsumeBool() ? &info : nullptr);
@@ -288,6 +376,8 @@ class Driver {
         f_->C_CloseAllSessions(in_.ConsumeIntegralInRange<CK_SLOT_ID>(0, 2));
         sessions_.clear();
         break;
+      case 22: StartHelper(); break;
+      case 23: Fork(); break;
       default:
         f_->C_Finalize(nullptr);
         f_->C_Initialize(nullptr);
@@ -301,6 +391,11 @@ class Driver {
   FuzzedDataProvider& in_;
   std::vector<CK_SESSION_HANDLE> sessions_;
   std::vector<CK_OBJECT_HANDLE> objects_;
+  int steps_ = 0;
+  int forks_ = 0;
+  bool in_child_ = false;
+  std::thread helper_;
+  std::atomic<bool> stop_{false};
 };
 
 }  // namespace

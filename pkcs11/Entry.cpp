@@ -3,22 +3,23 @@
 // C_GetFunctionList is exported (x509auth-pkcs11.map); programs reach the
 // rest through the function list.
 #include <exception>
-#include <mutex>
 #include <new>
 
+#include "HostErrorQueue.h"
 #include "Log.h"
 #include "Module.h"
 
+using x509auth_pkcs11::HostErrorQueue;
 using x509auth_pkcs11::Module;
+using x509auth_pkcs11::ModuleLock;
 
 namespace {
 
+// No exception crosses into the program: each ends as a result code.
 template <typename Call>
-CK_RV Locked(Call&& call) {
+CK_RV Guarded(Call&& call) noexcept {
   try {
-    Module& module = Module::GetInstance();
-    std::lock_guard<std::mutex> lock(module.Lock());
-    return call(module);
+    return call();
   } catch (const std::bad_alloc&) {
     return CKR_HOST_MEMORY;
   } catch (const std::exception& error) {
@@ -27,6 +28,19 @@ CK_RV Locked(Call&& call) {
   } catch (...) {
     return CKR_GENERAL_ERROR;
   }
+}
+
+template <typename Call>
+CK_RV Locked(Call&& call) noexcept {
+  return Guarded([&] {
+    Module& module = Module::GetInstance();
+    const ModuleLock::Hold hold(module.Lock());
+    // The program's OpenSSL errors as they were, on every way out. Under
+    // the lock, so that a fork() never meets another thread of the module
+    // inside OpenSSL.
+    const HostErrorQueue host_errors;
+    return call(module);
+  });
 }
 
 CK_RV C_Initialize(CK_VOID_PTR args) {
@@ -304,9 +318,14 @@ CK_FUNCTION_LIST k_functions = {{CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR}
                                 C_WaitForSlotEvent};
 
 CK_RV C_GetFunctionListInternal(CK_FUNCTION_LIST_PTR_PTR list) {
-  if (list == nullptr) return CKR_ARGUMENTS_BAD;
-  *list = &k_functions;
-  return CKR_OK;
+  return Guarded([&] {
+    if (list == nullptr) return CKR_ARGUMENTS_BAD;
+    // Made now, so that its lock watches for fork() from the program's
+    // first call on.
+    Module::GetInstance();
+    *list = &k_functions;
+    return CKR_OK;
+  });
 }
 
 }  // namespace

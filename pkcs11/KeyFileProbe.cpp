@@ -1,19 +1,18 @@
 #include "KeyFileProbe.h"
 
-#include <fcntl.h>
+#include <errno.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <string>
+#include <vector>
 
+#include "Log.h"
 #include "OpenSslPtr.h"
+#include "x509auth/RegularFile.h"
 
 namespace x509auth_pkcs11 {
 namespace {
-
-constexpr std::size_t k_max_key_file = 1 << 20;
 
 bool LooksEncrypted(const std::string& bytes) {
   if (bytes.find("-----BEGIN ") != std::string::npos)
@@ -27,18 +26,26 @@ bool LooksEncrypted(const std::string& bytes) {
 }  // namespace
 
 bool KeyFileProbe::IsEncrypted(const std::string& path) {
-  // O_NONBLOCK: a FIFO planted as a key file must not stall the listing.
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) {
+  // Opened without blocking and checked on the descriptor: a FIFO or a
+  // device planted as a key file must not stall or flood the listing.
+  x509auth_common::RegularFile file = x509auth_common::RegularFile::Open(path);
+  if (!file.IsOpen()) {
     known_.erase(path);
+    // A key file that is not there is the library's to report; anything
+    // else is said once, not at every listing.
+    if (file.WhyRefused() == x509auth_common::RegularFile::Refusal::k_open_failed &&
+        file.Error() == ENOENT) {
+      refused_.erase(path);
+      return false;
+    }
+    const std::string reason = file.Reason();
+    std::string& said = refused_[path];
+    if (reason != said) LogLine(2, "key file %s skipped: %s", path.c_str(), reason.c_str());
+    said = reason;
     return false;
   }
-  struct stat status {};
-  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
-      static_cast<std::size_t>(status.st_size) > k_max_key_file) {
-    close(fd);
-    return false;
-  }
+  refused_.erase(path);
+  const struct stat& status = file.Status();
   Entry entry;
   entry.device = status.st_dev;
   entry.inode = status.st_ino;
@@ -49,20 +56,14 @@ bool KeyFileProbe::IsEncrypted(const std::string& path) {
   if (found != known_.end() && found->second.device == entry.device &&
       found->second.inode == entry.inode && found->second.size == entry.size &&
       found->second.modified_ns == entry.modified_ns &&
-      found->second.changed_ns == entry.changed_ns) {
-    close(fd);
+      found->second.changed_ns == entry.changed_ns)
     return found->second.encrypted;
+  std::vector<unsigned char> bytes;
+  if (!file.ReadAll(bytes)) {
+    known_.erase(path);
+    return false;
   }
-  std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t got = read(fd, bytes.data() + done, bytes.size() - done);
-    if (got <= 0) break;
-    done += static_cast<std::size_t>(got);
-  }
-  close(fd);
-  bytes.resize(done);
-  entry.encrypted = LooksEncrypted(bytes);
+  entry.encrypted = LooksEncrypted(std::string(bytes.begin(), bytes.end()));
   known_[path] = entry;
   return entry.encrypted;
 }

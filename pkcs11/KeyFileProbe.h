@@ -16,7 +16,8 @@ class KeyFileProbe {
   // True for a PEM key marked encrypted ("ENCRYPTED PRIVATE KEY", or a
   // traditional key with "Proc-Type: 4,ENCRYPTED") and for DER holding an
   // encrypted PKCS#8 structure. False for anything else, a missing file
-  // included (signing then fails without asking).
+  // included (signing then fails without asking), and for a FIFO, a device
+  // or a file over 4 MiB, which is skipped with one log line.
   bool IsEncrypted(const std::string& path);
 
  private:
@@ -29,6 +30,8 @@ class KeyFileProbe {
     bool encrypted = false;
   };
   std::map<std::string, Entry> known_;
+  // Why each refused path was refused, as last logged.
+  std::map<std::string, std::string> refused_;
 };
 
 }  // namespace x509auth_pkcs11

@@ -7,12 +7,13 @@
 
 #include <climits>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
+#include <new>
+#include <vector>
 
 #include "Log.h"
 #include "OpenSslPtr.h"
+#include "x509auth/RegularFile.h"
 
 namespace x509auth_pkcs11 {
 namespace {
@@ -20,7 +21,12 @@ namespace {
 // The call being served; read by the library's callbacks, which run only
 // inside calls made under the module's lock.
 const Pin* g_pin = nullptr;
+bool g_pin_for_tokens = false;
 PromptRecord* g_record = nullptr;
+
+// The title the library gives a key file's password prompt; a token's PIN
+// prompts (its login and libp11's own) are titled "Enter pin".
+constexpr const char* k_key_file_title = "Enter password";
 
 void LibraryLog(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
   LogLineV(static_cast<int>(priority), format, arguments);
@@ -38,10 +44,23 @@ struct Answer {
   std::size_t size = 0;
 };
 
-X509_Auth_PinEntryResult* PinEntry(const char* /*title*/, const char* /*prompt*/) {
-  auto answer = std::make_unique<Answer>();
+// Called from inside the library, so it lets no exception out: without
+// memory for the answer the prompt gets none, as a cancelled one.
+X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) noexcept {
   if (g_record != nullptr) ++g_record->asked;
-  if (g_pin != nullptr && g_pin->Present()) {
+  std::unique_ptr<Answer> answer;
+  try {
+    answer = std::make_unique<Answer>();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  const bool key_file = title != nullptr && std::strcmp(title, k_key_file_title) == 0;
+  const bool have_pin = g_pin != nullptr && g_pin->Present();
+  if (have_pin && !key_file && !g_pin_for_tokens) {
+    if (g_record != nullptr) ++g_record->withheld;
+    LogLine(2, "%s: not answered, the login PIN is a key file's password and never goes to a token",
+            prompt != nullptr ? prompt : "");
+  } else if (have_pin) {
     answer->size = std::strlen(g_pin->Value()) + 1;
     answer->value = static_cast<char*>(OPENSSL_secure_zalloc(answer->size));
     if (answer->value != nullptr) {
@@ -76,15 +95,16 @@ bool IsP11KitProxy(const std::string& path) {
 }
 
 // Adds every certificate of a PEM file (one or many) or a DER file as a CA
-// the library builds chains with.
+// the library builds chains with. A FIFO, a device or a huge file named
+// there is skipped: reading it would block C_Initialize or fill the memory.
 void AddCaFile(const std::string& file) {
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream) {
-    LogLine(3, "CA file %s cannot be read", file.c_str());
+  std::vector<unsigned char> content;
+  std::string reason;
+  if (!x509auth_common::RegularFile::ReadFile(file, content, reason)) {
+    LogLine(3, "CA file %s skipped: %s", file.c_str(), reason.c_str());
     return;
   }
-  const std::string bytes((std::istreambuf_iterator<char>(stream)),
-                          std::istreambuf_iterator<char>());
+  const std::string bytes(content.begin(), content.end());
   int added = 0;
   if (bytes.find("-----BEGIN CERTIFICATE-----") != std::string::npos) {
     std::size_t at = 0;
@@ -109,13 +129,15 @@ void AddCaFile(const std::string& file) {
 
 }  // namespace
 
-LibraryLink::PromptScope::PromptScope(const Pin* pin, PromptRecord& record) {
+LibraryLink::PromptScope::PromptScope(const Pin* pin, bool pin_for_tokens, PromptRecord& record) {
   g_pin = pin;
+  g_pin_for_tokens = pin_for_tokens;
   g_record = &record;
 }
 
 LibraryLink::PromptScope::~PromptScope() {
   g_pin = nullptr;
+  g_pin_for_tokens = false;
   g_record = nullptr;
 }
 

@@ -16,6 +16,7 @@ namespace x509auth_pkcs11 {
 struct PromptRecord {
   int asked = 0;     // prompts the library made
   int answered = 0;  // of which answered with the login PIN
+  int withheld = 0;  // token PIN prompts refused: the login PIN was a key file's
 };
 
 using SignHashPssFunction = X509_Auth_Result (*)(const uint8_t*, X509_Auth_HashType,
@@ -32,11 +33,14 @@ class LibraryLink {
   void Stop();
   bool Started() const { return started_; }
 
-  // Routes the prompts made while it lives to |pin| (null: each prompt is
-  // cancelled) and counts them in |record|. One at a time, under the lock.
+  // Routes the prompts made while it lives and counts them in |record|. A
+  // key file's password prompt gets |pin|; a token's PIN prompt gets it only
+  // when |pin_for_tokens| (the login PIN was the card's), so that a key
+  // file's password never reaches a card or its module. Without |pin| every
+  // prompt is cancelled. One at a time, under the lock.
   class PromptScope {
    public:
-    PromptScope(const Pin* pin, PromptRecord& record);
+    PromptScope(const Pin* pin, bool pin_for_tokens, PromptRecord& record);
     ~PromptScope();
     PromptScope(const PromptScope&) = delete;
     PromptScope& operator=(const PromptScope&) = delete;

@@ -72,12 +72,13 @@ CK_RV Module::Initialize(CK_VOID_PTR init_args) {
   }
   // A forked child starts over: the parent's sessions and login are not its.
   sessions_.clear();
-  pin_.Clear();
+  LogoutAll();
   catalog_.Clear();
   prompted_without_pin_ = false;
 
   settings_ = ModuleSettings::Load();
   SetLogThreshold(settings_.log_threshold);
+  if (!settings_.file_refusal.empty()) LogLine(3, "%s", settings_.file_refusal.c_str());
   for (const std::string& problem : settings_.problems) LogLine(2, "%s", problem.c_str());
   if (!settings_.config_file.empty()) LogLine(1, "settings from %s", settings_.config_file.c_str());
   std::string failure;
@@ -98,7 +99,7 @@ CK_RV Module::Finalize(CK_VOID_PTR reserved) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (reserved != nullptr) return CKR_ARGUMENTS_BAD;
   sessions_.clear();
-  pin_.Clear();
+  LogoutAll();
   catalog_.Clear();
   link_.Stop();
   initialized_ = false;
@@ -224,7 +225,10 @@ CK_RV Module::OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE_PTR
   return CKR_OK;
 }
 
-void Module::LogoutAll() { pin_.Clear(); }
+void Module::LogoutAll() {
+  pin_.Clear();
+  pin_for_tokens_ = false;
+}
 
 CK_RV Module::CloseSession(CK_SESSION_HANDLE session) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
@@ -256,7 +260,7 @@ CK_RV Module::GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info
   return CKR_OK;
 }
 
-CK_RV Module::TryPin() {
+CK_RV Module::TryPin(const std::vector<Thumbprint>& keys) {
   // The PIN is right when it opens some key that asks for one: with keys of
   // different passwords the user may mean any of them. Wrong only when a
   // key asked, was given the PIN and did not open; a key file gone
@@ -264,12 +268,12 @@ CK_RV Module::TryPin() {
   static const unsigned char digest[32] = {};
   const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
   bool refused = false;
-  for (const Thumbprint& thumbprint : catalog_.KeysAsking()) {
+  for (const Thumbprint& thumbprint : keys) {
     PromptRecord prompts;
     const X509_Auth_Signature* signature = nullptr;
     X509_Auth_Result result{};
     {
-      LibraryLink::PromptScope scope(&pin_, prompts);
+      LibraryLink::PromptScope scope(&pin_, pin_for_tokens_, prompts);
       result = X509_Auth_SignHash(thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256,
                                   digest, &signature);
     }
@@ -291,10 +295,17 @@ CK_RV Module::Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PT
   if (LoggedIn()) return CKR_USER_ALREADY_LOGGED_IN;
   if (pin_length > 1024) return CKR_PIN_LEN_RANGE;
   pin_.Set(pin, pin_length);
+  pin_for_tokens_ = false;
   Refresh();
   if (!LoginRequired()) return CKR_OK;  // no key asks: any PIN will do
-  const CK_RV tried = TryPin();
-  if (tried != CKR_OK) pin_.Clear();
+  // A password typed for a key file must never reach a card: a wrong one
+  // would cost the card one of its few tries, and a card's module would
+  // see it. While some key file asks, the PIN is checked against key files
+  // only; only when no key file asks is it the card's PIN.
+  const std::vector<Thumbprint>& files = catalog_.KeyFilesAsking();
+  pin_for_tokens_ = files.empty() && !catalog_.TokenKeysAsking().empty();
+  const CK_RV tried = TryPin(files.empty() ? catalog_.TokenKeysAsking() : files);
+  if (tried != CKR_OK) LogoutAll();
   return tried;
 }
 
@@ -400,6 +411,9 @@ CK_RV Module::SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
 
 CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prompts,
                              bool decrypting) {
+  // A token key after a login whose PIN was a key file's: that PIN is not
+  // this key's secret, as with two key files of different passwords.
+  if (prompts.withheld > 0) return CKR_PIN_INCORRECT;
   if (prompts.asked > prompts.answered) {
     // A key asked while nobody was logged in: from now on the token says
     // that a login is needed.
@@ -432,7 +446,7 @@ CK_RV Module::FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR s
   PromptRecord prompts;
   CK_RV rv;
   {
-    LibraryLink::PromptScope scope(LoggedIn() ? &pin_ : nullptr, prompts);
+    LibraryLink::PromptScope scope(LoggedIn() ? &pin_ : nullptr, pin_for_tokens_, prompts);
     rv = operation->Sign(made, code);
   }
   if (rv == CKR_FUNCTION_FAILED && code != X509_Auth_ResultCode_Success)
@@ -508,7 +522,7 @@ CK_RV Module::Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG
   PromptRecord prompts;
   CK_RV rv;
   {
-    LibraryLink::PromptScope scope(LoggedIn() ? &pin_ : nullptr, prompts);
+    LibraryLink::PromptScope scope(LoggedIn() ? &pin_ : nullptr, pin_for_tokens_, prompts);
     rv = found->decrypt->Decrypt(encrypted, encrypted_length, code);
   }
   if (rv != CKR_OK) {

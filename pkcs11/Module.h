@@ -8,10 +8,10 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "LibraryLink.h"
+#include "ModuleLock.h"
 #include "ModuleSettings.h"
 #include "ObjectCatalog.h"
 #include "Pin.h"
@@ -26,7 +26,7 @@ class Module {
 
   // The process's module object; never destroyed (see GetInstance()).
   static Module& GetInstance();
-  std::mutex& Lock() { return mutex_; }
+  ModuleLock& Lock() { return lock_; }
 
   CK_RV Initialize(CK_VOID_PTR init_args);
   CK_RV Finalize(CK_VOID_PTR reserved);
@@ -75,18 +75,22 @@ class Module {
   // The PKCS#11 answer to a refusal of the library, from its code and the
   // prompts it made meanwhile.
   CK_RV LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prompts, bool decrypting);
-  // Checks the PIN against a key that asks for one; CKR_OK when no key
-  // answers either way.
-  CK_RV TryPin();
+  // Checks the PIN against |keys|, which ask for one; CKR_OK when one opens
+  // or none answers either way.
+  CK_RV TryPin(const std::vector<Thumbprint>& keys);
   void LogoutAll();
 
-  std::mutex mutex_;
+  ModuleLock lock_;
   bool initialized_ = false;
   pid_t pid_ = 0;
   ModuleSettings settings_;
   LibraryLink link_;
   ObjectCatalog catalog_;
   Pin pin_;
+  // Whether the login PIN is the card's: checked against token keys at
+  // C_Login because no key file asked. Only then does it answer a token's
+  // PIN prompt.
+  bool pin_for_tokens_ = false;
   bool prompted_without_pin_ = false;
   std::string serial_;
   std::map<CK_SESSION_HANDLE, std::unique_ptr<Session>> sessions_;

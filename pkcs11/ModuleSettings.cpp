@@ -1,10 +1,12 @@
 #include "ModuleSettings.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
+
+#include "x509auth/RegularFile.h"
 
 namespace x509auth_pkcs11 {
 namespace {
@@ -110,12 +112,18 @@ ModuleSettings ModuleSettings::Load() {
   ModuleSettings settings;
   if (access(k_default_opensc_module, R_OK) == 0) settings.module = k_default_opensc_module;
   const std::string path = ConfigFilePath();
-  std::ifstream file(path);
-  if (file) {
+  // A FIFO or a device named as the settings file would block or fill the
+  // memory of the program loading the module; it is skipped like a file
+  // that is not there, but said.
+  x509auth_common::RegularFile file = x509auth_common::RegularFile::Open(path);
+  std::vector<unsigned char> bytes;
+  if (file.IsOpen() && file.ReadAll(bytes)) {
     settings.config_file = path;
-    std::stringstream text;
-    text << file.rdbuf();
-    ParseText(text.str(), settings);
+    ParseText(std::string(bytes.begin(), bytes.end()), settings);
+  } else if (file.WhyRefused() != x509auth_common::RegularFile::Refusal::k_open_failed ||
+             file.Error() != ENOENT) {
+    settings.file_refusal =
+        "settings file " + path + " skipped: " + file.Reason() + "; defaults used";
   }
   const struct {
     const char* variable;

@@ -24,6 +24,10 @@ struct ModuleSettings {
   int log_threshold = 4;
   // The settings file that was read, or empty.
   std::string config_file;
+  // Why the settings file was not read (it is not a regular file, is too
+  // large or cannot be opened), or empty; a file that is not there is no
+  // refusal.
+  std::string file_refusal;
   // Lines about the settings themselves (an unknown key, a bad value), logged
   // once the threshold is known.
   std::vector<std::string> problems;

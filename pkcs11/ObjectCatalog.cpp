@@ -46,7 +46,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
 
   std::vector<const X509_Auth_Certificate*> offered;
   bool needs_login = false;
-  std::vector<Thumbprint> asking;
+  std::vector<Thumbprint> files_asking, tokens_asking;
   for (uint64_t i = 0; i < count; ++i) {
     const X509_Auth_Certificate& record = certificates[i];
     if (record.thumbprint == nullptr || record.encoded == nullptr) continue;
@@ -54,13 +54,14 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     offered.push_back(&record);
     Thumbprint thumbprint{};
     std::memcpy(thumbprint.data(), record.thumbprint, thumbprint.size());
-    const bool asks =
-        record.smart_card != 0 ||
-        (record.cert_type == X509_Auth_CertificateType_FileBased && record.key_path != nullptr &&
-         *record.key_path != '\0' && probe_.IsEncrypted(record.key_path));
-    if (asks) {
+    if (record.smart_card != 0) {
       needs_login = true;
-      asking.push_back(thumbprint);
+      tokens_asking.push_back(thumbprint);
+    } else if (record.cert_type == X509_Auth_CertificateType_FileBased &&
+               record.key_path != nullptr && *record.key_path != '\0' &&
+               probe_.IsEncrypted(record.key_path)) {
+      needs_login = true;
+      files_asking.push_back(thumbprint);
     }
   }
 
@@ -126,7 +127,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
 
   current_ = std::move(current);
   needs_login_ = needs_login;
-  asking_ = std::move(asking);
+  files_asking_ = std::move(files_asking);
+  tokens_asking_ = std::move(tokens_asking);
   LogLine(0, "listing: %zu certificate(s), %zu object(s)", offered.size(), current_.size());
   return true;
 }
@@ -151,7 +153,8 @@ void ObjectCatalog::Clear() {
   authorities_.clear();
   current_.clear();
   needs_login_ = false;
-  asking_.clear();
+  files_asking_.clear();
+  tokens_asking_.clear();
 }
 
 }  // namespace x509auth_pkcs11

@@ -32,8 +32,11 @@ class ObjectCatalog {
   // Whether some listed key asks for a PIN or password: an encrypted key
   // file, or a token key.
   bool NeedsLogin() const { return needs_login_; }
-  // Thumbprints of the certificates whose keys ask, in listing order.
-  const std::vector<Thumbprint>& KeysAsking() const { return asking_; }
+  // Thumbprints of the certificates whose keys ask, in listing order: key
+  // files (a password) and token keys (the card's PIN) apart, since a
+  // secret meant for one must not be tried on the other.
+  const std::vector<Thumbprint>& KeyFilesAsking() const { return files_asking_; }
+  const std::vector<Thumbprint>& TokenKeysAsking() const { return tokens_asking_; }
   std::size_t Size() const { return current_.size(); }
   void Clear();
 
@@ -51,7 +54,8 @@ class ObjectCatalog {
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current_;
   KeyFileProbe probe_;
   bool needs_login_ = false;
-  std::vector<Thumbprint> asking_;
+  std::vector<Thumbprint> files_asking_;
+  std::vector<Thumbprint> tokens_asking_;
 };
 
 }  // namespace x509auth_pkcs11
