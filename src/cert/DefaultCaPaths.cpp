@@ -37,10 +37,11 @@ struct FileIdentity {
 };
 
 // The file OpenSSL's default file lookup reads: the environment's override,
-// else the built-in default.
+// else the built-in default. Like OpenSSL's own lookup, a set-user-ID host
+// takes no override from its caller.
 FileIdentity CurrentCaFile() {
   FileIdentity identity;
-  const char* from_environment = std::getenv(X509_get_default_cert_file_env());
+  const char* from_environment = secure_getenv(X509_get_default_cert_file_env());
   identity.path = from_environment != nullptr ? from_environment : X509_get_default_cert_file();
   struct stat status {};
   if (stat(identity.path.c_str(), &status) == 0) {
