@@ -243,7 +243,12 @@ EvpPkeyPtr GetPrivateKeyForX509Cert(X509* cert, const std::filesystem::path& cer
                                 key_path.c_str());
       return EvpPkeyPtr();
     }
-    EvpPkeyPtr key = ReadCheckedKeyFile(key_path);
+    // A FIFO or a device would block the read or never end it: such a file
+    // is not a key file and is not even opened. Put in place after this
+    // look, it is refused on the opened descriptor instead.
+    const bool readable = type == std::filesystem::file_type::regular ||
+                          type == std::filesystem::file_type::directory;
+    EvpPkeyPtr key = readable ? ReadCheckedKeyFile(key_path) : EvpPkeyPtr();
     if (!key) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "Failed to parse private key file [%s]", key_path.c_str());
