@@ -1,6 +1,7 @@
 #include "cert/DefaultCaPaths.h"
 
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
 
@@ -12,7 +13,9 @@
 #include <vector>
 
 #include "base/OpenSslPtr.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/X509StoreBatch.h"
+#include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
 
@@ -37,10 +40,11 @@ struct FileIdentity {
 };
 
 // The file OpenSSL's default file lookup reads: the environment's override,
-// else the built-in default.
+// else the built-in default. Like OpenSSL's own lookup, a set-user-ID host
+// takes no override from its caller.
 FileIdentity CurrentCaFile() {
   FileIdentity identity;
-  const char* from_environment = std::getenv(X509_get_default_cert_file_env());
+  const char* from_environment = secure_getenv(X509_get_default_cert_file_env());
   identity.path = from_environment != nullptr ? from_environment : X509_get_default_cert_file();
   struct stat status {};
   if (stat(identity.path.c_str(), &status) == 0) {
@@ -67,18 +71,39 @@ CaFileCache& Cache() {
   return cache;
 }
 
-// Parses the CA file through OpenSSL's own default file lookup, into a
-// scratch store, and keeps a reference to everything it loaded.
+void FreeInfos(STACK_OF(X509_INFO) * infos) { sk_X509_INFO_pop_free(infos, X509_INFO_free); }
+using X509InfosPtr =
+    std::unique_ptr<STACK_OF(X509_INFO), OpenSslDeleter<STACK_OF(X509_INFO), FreeInfos>>;
+
+// Parses the CA file as OpenSSL's default file lookup does (every PEM
+// certificate and CRL in it, no password), into a scratch store that drops
+// duplicates, and keeps a reference to everything it loaded. The file is
+// opened without blocking and checked on the descriptor first: a FIFO or a
+// device named by SSL_CERT_FILE adds nothing, and a file too large is named.
 void Reload(CaFileCache& cache, const FileIdentity& identity) {
   cache.certs.clear();
   cache.crls.clear();
   cache.identity = identity;
   cache.loaded = true;
+  x509auth_common::RegularFile file = x509auth_common::RegularFile::Open(identity.path);
+  std::vector<unsigned char> bytes;
+  if (!file.IsOpen() || !file.ReadAll(bytes) || bytes.empty()) {
+    if (file.WhyRefused() == x509auth_common::RegularFile::Refusal::k_too_large)
+      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Skipping CA file [%s]: %s",
+                                identity.path.c_str(), file.Reason().c_str());
+    return;
+  }
   X509StorePtr scratch(X509_STORE_new());
-  if (!scratch) return;
-  X509_LOOKUP* file = X509_STORE_add_lookup(scratch.get(), X509_LOOKUP_file());
-  if (file == nullptr) return;
-  X509_LOOKUP_load_file(file, nullptr, X509_FILETYPE_DEFAULT);
+  BioPtr bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+  if (!scratch || !bio) return;
+  const X509InfosPtr infos(
+      PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, const_cast<char*>("")));
+  if (!infos) return;
+  for (int i = 0; i < sk_X509_INFO_num(infos.get()); ++i) {
+    const X509_INFO* info = sk_X509_INFO_value(infos.get(), i);
+    if (info->x509 != nullptr) X509_STORE_add_cert(scratch.get(), info->x509);
+    if (info->crl != nullptr) X509_STORE_add_crl(scratch.get(), info->crl);
+  }
   const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(scratch.get());
   for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
     X509_OBJECT* object = sk_X509_OBJECT_value(objects, i);

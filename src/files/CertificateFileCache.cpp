@@ -111,7 +111,7 @@ std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory,
   // the open directory the lookup costs less than walking the whole path.
   if (!TakeStatus(directory, name, facts, &identity.device, &identity.inode, &identity.size,
                   &identity.modified_ns, &identity.changed_ns)) {
-    X509Ptr cert = ReadX509FromDerOrPemFile(cert_path);
+    X509Ptr cert = ReadX509FromDerOrPemFile(cert_path, &facts->refusal, &facts->reason);
     if (!cert) return nullptr;
     return MakeRecord(std::move(cert), cert_path, key_path);
   }
@@ -140,12 +140,19 @@ std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory,
   // Read outside the lock; the identity taken before the read can only be
   // older than the contents, so a later change is still noticed.
   errno = 0;
-  X509Ptr cert = ReadX509FromDerOrPemFile(cert_path);
+  X509Ptr cert = ReadX509FromDerOrPemFile(cert_path, &facts->refusal, &facts->reason);
   // A file that could not be opened for want of descriptors or memory says
   // nothing about its contents: not kept, and the caller still sees errno.
   const int read_errno = errno;
   if (!cert && (read_errno == EMFILE || read_errno == ENFILE || read_errno == ENOMEM))
     return nullptr;
+  // What was opened was not the file identified (a FIFO or a device renamed
+  // in between), or is too large to read: nothing is known of its contents.
+  using Refusal = x509auth_common::RegularFile::Refusal;
+  if (facts->refusal == Refusal::k_not_regular || facts->refusal == Refusal::k_too_large) {
+    errno = read_errno;
+    return nullptr;
+  }
   std::shared_ptr<const CertificateFile> file =
       cert ? MakeRecord(std::move(cert), cert_path, key_path) : nullptr;
   timespec now{};

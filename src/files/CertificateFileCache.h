@@ -11,6 +11,7 @@
 
 #include "base/OpenSslPtr.h"
 #include "files/CertificateFile.h"
+#include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
 
@@ -42,6 +43,9 @@ class CertificateFileCache {
     std::uint64_t links = 0;  // hard links to it
     bool mount_known = false;
     std::uint64_t mount_id = 0;  // the mount it was found on
+    // Why the file was not read at all, and the text for a log line.
+    x509auth_common::RegularFile::Refusal refusal = x509auth_common::RegularFile::Refusal::k_none;
+    std::string reason;
   };
 
   // The record of the certificate file |name| in the directory open as
@@ -50,7 +54,9 @@ class CertificateFileCache {
   // ReadX509FromDerOrPemFile(cert_path) returns now: the kept record when the
   // file is unchanged, else one made from the file read again. Null when the
   // file holds no certificate, which is kept as such too; errno then tells
-  // whether the file could not be opened for want of descriptors.
+  // whether the file could not be opened for want of descriptors. A file
+  // found on its descriptor to be no regular file, or too large, is never
+  // kept: it is looked at again (opened and refused) on every read.
   // |facts|, when given, receives what was learnt of the file.
   std::shared_ptr<const CertificateFile> Read(int directory, const char* name,
                                               const std::string& cert_path,

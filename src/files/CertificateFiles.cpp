@@ -2,22 +2,47 @@
 
 #include <openssl/pem.h>
 
-#include <cstdio>
+#include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <system_error>
 
 #include "base/SafeCallbacksWrapper.h"
-#include "files/ReadAllBytes.h"
 
 namespace quorvant::shared::x509 {
 
 namespace {
 
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+using x509auth_common::RegularFile;
+
+// The whole file, when it is a regular file within the size limit: opened
+// without blocking and checked on the descriptor, so that a FIFO, a device
+// or a huge file put in its place is refused before a byte is read. An open
+// that fails leaves its errno for the caller.
+bool ReadCertificateFile(const std::filesystem::path& path, std::vector<unsigned char>& bytes,
+                         RegularFile::Refusal* refusal, std::string* reason) {
+  RegularFile file = RegularFile::Open(path.native());
+  const bool read = file.IsOpen() && file.ReadAll(bytes);
+  if (refusal != nullptr) *refusal = file.WhyRefused();
+  if (reason != nullptr) *reason = read ? std::string() : file.Reason();
+  if (!read && file.Error() != 0) errno = file.Error();
+  return read;
+}
+
+// A BIO over no bytes needs a valid pointer all the same.
+const unsigned char* DataOf(const std::vector<unsigned char>& bytes) {
+  static const unsigned char k_nothing = 0;
+  return bytes.empty() ? &k_nothing : bytes.data();
+}
+
+X509Ptr PemCertificate(const std::vector<unsigned char>& bytes) {
+  BioPtr bio(BIO_new_mem_buf(DataOf(bytes), static_cast<int>(bytes.size())));
+  if (!bio) return X509Ptr();
+  return X509Ptr(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+}
+
+X509Ptr DerCertificate(const std::vector<unsigned char>& bytes) {
+  const unsigned char* cursor = DataOf(bytes);
+  return X509Ptr(d2i_X509(nullptr, &cursor, static_cast<int>(bytes.size())));
+}
 
 }  // namespace
 
@@ -33,26 +58,29 @@ bool GetThumbprintForX509Cert(const X509* cert, Thumbprint* thumbprint) {
 }
 
 X509Ptr ReadX509FromPemFile(const std::filesystem::path& path) {
-  FilePtr file(std::fopen(path.c_str(), "r"));
-  if (!file) return X509Ptr();
-  return X509Ptr(PEM_read_X509(file.get(), nullptr, nullptr, nullptr));
+  std::vector<unsigned char> bytes;
+  if (!ReadCertificateFile(path, bytes, nullptr, nullptr)) return X509Ptr();
+  return PemCertificate(bytes);
 }
 
 X509Ptr ReadX509FromDerFile(const std::filesystem::path& path) {
-  // A directory opens as a stream on Linux, and seeking to its end reports a
-  // huge size on ext4, so it is refused before anything is allocated.
-  std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) return X509Ptr();
-  std::ifstream stream(path, std::ios::in | std::ios::binary);
-  if (!stream.is_open()) return X509Ptr();
-  const std::vector<unsigned char> bytes = ReadAllBytes(stream);
-  const unsigned char* cursor = bytes.data();
-  return X509Ptr(d2i_X509(nullptr, &cursor, static_cast<int>(bytes.size())));
+  std::vector<unsigned char> bytes;
+  if (!ReadCertificateFile(path, bytes, nullptr, nullptr)) return X509Ptr();
+  return DerCertificate(bytes);
 }
 
 X509Ptr ReadX509FromDerOrPemFile(const std::filesystem::path& path) {
-  if (X509Ptr pem = ReadX509FromPemFile(path)) return pem;
-  return ReadX509FromDerFile(path);
+  return ReadX509FromDerOrPemFile(path, nullptr, nullptr);
+}
+
+X509Ptr ReadX509FromDerOrPemFile(const std::filesystem::path& path,
+                                 x509auth_common::RegularFile::Refusal* refusal,
+                                 std::string* reason) {
+  // Read once, tried as PEM and then as DER: the form is never sniffed.
+  std::vector<unsigned char> bytes;
+  if (!ReadCertificateFile(path, bytes, refusal, reason)) return X509Ptr();
+  if (X509Ptr pem = PemCertificate(bytes)) return pem;
+  return DerCertificate(bytes);
 }
 
 bool ConvertPemDataToDer(const unsigned char* pem, std::uint64_t length,

@@ -3,18 +3,18 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include "base/SafeCallbacksWrapper.h"
 #include "base/WipeOnExit.h"
-#include "files/ReadAllBytes.h"
+#include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
 
@@ -106,53 +106,127 @@ int PemPasswordCallback(char* buffer, int size, int /*rwflag*/, void* user_data)
   return outcome;
 }
 
-}  // namespace
+using x509auth_common::RegularFile;
 
-EvpPkeyPtr ReadPrivateKeyFromPemFile(const std::filesystem::path& path) {
-  // stdio reads the key text through this buffer instead of one of its own,
-  // so that it can be wiped once the file is closed (declared first).
-  std::vector<unsigned char> stdio_buffer(BUFSIZ);
-  const WipeOnExit wipe(stdio_buffer);
-  FilePtr file(std::fopen(path.c_str(), "r"));
-  if (file)
-    std::setvbuf(file.get(), reinterpret_cast<char*>(stdio_buffer.data()), _IOFBF,
-                 stdio_buffer.size());
-  if (!file) {
-    const int error = errno;
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Could not open private key file [%s]. Error message [%s]",
-                              path.c_str(), std::strerror(error));
-    return EvpPkeyPtr();
+void LogCannotOpen(const std::filesystem::path& path, const char* reason) {
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                            "Could not open private key file [%s]. Error message [%s]",
+                            path.c_str(), reason);
+}
+
+// Opens a key file for one reader: without blocking, checked on the
+// descriptor (regular, within the size limit); a refusal is logged. The PEM
+// reader says nothing of a directory, in which it merely finds no PEM.
+RegularFile OpenKeyFile(const std::filesystem::path& path, bool report_directory) {
+  RegularFile file = RegularFile::Open(path.native());
+  if (file.IsOpen()) return file;
+  if (file.WhyRefused() != RegularFile::Refusal::k_not_regular || !S_ISDIR(file.Status().st_mode))
+    LogCannotOpen(path, file.Reason().c_str());
+  else if (report_directory)
+    LogCannotOpen(path, std::strerror(EISDIR));
+  return file;
+}
+
+// A checked key file read through stdio, with a buffer of its own instead
+// of one of stdio's, wiped once the stream is closed.
+class KeyFileStream {
+ public:
+  explicit KeyFileStream(RegularFile file) : buffer_(BUFSIZ), wipe_(buffer_) {
+    const int descriptor = file.Release();
+    stream_.reset(::fdopen(descriptor, "r"));
+    if (!stream_) {
+      error_ = errno;
+      ::close(descriptor);
+      return;
+    }
+    std::setvbuf(stream_.get(), reinterpret_cast<char*>(buffer_.data()), _IOFBF, buffer_.size());
   }
+  KeyFileStream(const KeyFileStream&) = delete;
+  KeyFileStream& operator=(const KeyFileStream&) = delete;
+
+  bool IsOpen() const { return stream_ != nullptr; }
+  int Error() const { return error_; }
+  std::FILE* get() const { return stream_.get(); }
+
+ private:
+  // In this order, so that the stream is closed before its buffer is wiped.
+  std::vector<unsigned char> buffer_;
+  const WipeOnExit wipe_;
+  FilePtr stream_;
+  int error_ = 0;
+};
+
+EvpPkeyPtr PemKey(std::FILE* stream, const std::filesystem::path& path) {
   // The callback runs only for an encrypted key.
   PasswordRequest request;
   const PasswordRequestScope scope(&request);
-  return EvpPkeyPtr(PEM_read_PrivateKey(file.get(), nullptr, PemPasswordCallback,
-                                        const_cast<char*>(path.c_str())));
+  return EvpPkeyPtr(
+      PEM_read_PrivateKey(stream, nullptr, PemPasswordCallback, const_cast<char*>(path.c_str())));
+}
+
+EvpPkeyPtr DerKey(const std::vector<unsigned char>& bytes) {
+  static const unsigned char k_nothing = 0;
+  const unsigned char* cursor = bytes.empty() ? &k_nothing : bytes.data();
+  return EvpPkeyPtr(d2i_AutoPrivateKey(nullptr, &cursor, static_cast<int>(bytes.size())));
+}
+
+// PEM, then DER, from one opened and checked file: what is parsed is what
+// was checked, with no second open for another file to be put in its place.
+EvpPkeyPtr ReadKeyFromOpenFile(RegularFile file, const std::filesystem::path& path) {
+  const auto size = static_cast<std::size_t>(file.Status().st_size);
+  KeyFileStream stream(std::move(file));
+  if (!stream.IsOpen()) {
+    LogCannotOpen(path, std::strerror(stream.Error()));
+    return EvpPkeyPtr();
+  }
+  if (EvpPkeyPtr pem = PemKey(stream.get(), path)) return pem;
+  std::vector<unsigned char> bytes(size);
+  const WipeOnExit wipe(bytes);
+  std::rewind(stream.get());
+  bytes.resize(std::fread(bytes.data(), 1, bytes.size(), stream.get()));
+  return DerKey(bytes);
+}
+
+// The key in |key_path|, read only when it is, once opened, a regular file
+// within the size limit. A FIFO or a device (which would block the read or
+// never end it) is no key file and is not read; a file too large is named
+// in one line; a directory and a file that cannot be opened are reported
+// by each reader, as they always were.
+EvpPkeyPtr ReadCheckedKeyFile(const std::filesystem::path& key_path) {
+  RegularFile file = RegularFile::Open(key_path.native());
+  if (file.IsOpen()) return ReadKeyFromOpenFile(std::move(file), key_path);
+  switch (file.WhyRefused()) {
+    case RegularFile::Refusal::k_too_large:
+      LogCannotOpen(key_path, file.Reason().c_str());
+      return EvpPkeyPtr();
+    case RegularFile::Refusal::k_not_regular:
+      if (!S_ISDIR(file.Status().st_mode)) return EvpPkeyPtr();
+      break;
+    default: break;
+  }
+  return ReadPrivateKeyFromDerOrPemFile(key_path);
+}
+
+}  // namespace
+
+EvpPkeyPtr ReadPrivateKeyFromPemFile(const std::filesystem::path& path) {
+  RegularFile file = OpenKeyFile(path, false);
+  if (!file.IsOpen()) return EvpPkeyPtr();
+  KeyFileStream stream(std::move(file));
+  if (!stream.IsOpen()) {
+    LogCannotOpen(path, std::strerror(stream.Error()));
+    return EvpPkeyPtr();
+  }
+  return PemKey(stream.get(), path);
 }
 
 EvpPkeyPtr ReadPrivateKeyFromDerFile(const std::filesystem::path& path) {
-  // A directory opens as a stream on Linux, and seeking to its end reports a
-  // huge size on ext4, so it is refused before anything is allocated.
-  std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Could not open private key file [%s]. Error message [%s]",
-                              path.c_str(), std::strerror(EISDIR));
-    return EvpPkeyPtr();
-  }
-  std::ifstream stream(path, std::ios::in | std::ios::binary);
-  if (!stream.is_open()) {
-    const int error = errno;
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Could not open private key file [%s]. Error message [%s]",
-                              path.c_str(), std::strerror(error));
-    return EvpPkeyPtr();
-  }
-  std::vector<unsigned char> bytes = ReadAllBytes(stream);
+  RegularFile file = OpenKeyFile(path, true);
+  if (!file.IsOpen()) return EvpPkeyPtr();
+  std::vector<unsigned char> bytes;
   const WipeOnExit wipe(bytes);
-  const unsigned char* cursor = bytes.data();
-  return EvpPkeyPtr(d2i_AutoPrivateKey(nullptr, &cursor, static_cast<int>(bytes.size())));
+  if (!file.ReadAll(bytes)) return EvpPkeyPtr();
+  return DerKey(bytes);
 }
 
 EvpPkeyPtr ReadPrivateKeyFromDerOrPemFile(const std::filesystem::path& path) {
@@ -170,10 +244,11 @@ EvpPkeyPtr GetPrivateKeyForX509Cert(X509* cert, const std::filesystem::path& cer
       return EvpPkeyPtr();
     }
     // A FIFO or a device would block the read or never end it: such a file
-    // is not a key file, and nothing is read from it.
+    // is not a key file and is not even opened. Put in place after this
+    // look, it is refused on the opened descriptor instead.
     const bool readable = type == std::filesystem::file_type::regular ||
                           type == std::filesystem::file_type::directory;
-    EvpPkeyPtr key = readable ? ReadPrivateKeyFromDerOrPemFile(key_path) : EvpPkeyPtr();
+    EvpPkeyPtr key = readable ? ReadCheckedKeyFile(key_path) : EvpPkeyPtr();
     if (!key) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "Failed to parse private key file [%s]", key_path.c_str());

@@ -154,7 +154,8 @@ std::uint32_t CertStore::OpenFileStore() {
   const X509Settings& settings = X509Settings::GetInstance();
   for (const fs::path& base : settings.CertificateDirectories()) LoadFileStoreCertsFromPath(base);
 
-  const char* home = std::getenv("HOME");
+  // A set-user-ID host takes no directory from its caller's environment.
+  const char* home = secure_getenv("HOME");
   if (home == nullptr) {
     // Not a failure: the directories loaded so far stay.
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -224,15 +225,24 @@ bool MountOf(int directory, std::uint64_t* mount) {
 std::shared_ptr<const CertStore::X509CertFromFileSystem> CertStore::TakeFile(
     int directory, const char* name, const std::string& path, const std::string& key_file,
     CertificateFileCache::Facts* facts) {
+  CertificateFileCache::Facts ignored;
+  if (facts == nullptr) facts = &ignored;
   // Unchanged files come from the cache, record and all.
   errno = 0;
   std::shared_ptr<const X509CertFromFileSystem> file =
       CertificateFileCache::GetInstance().Read(directory, name, path, key_file, facts);
+  const int read_errno = errno;
+  // A file too large to be a certificate is named, once per listing; one
+  // that turned out no regular file once opened is skipped as the scan
+  // skips every such entry.
+  if (facts->refusal == x509auth_common::RegularFile::Refusal::k_too_large)
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Skipping certificate file [%s]: %s",
+                              path.c_str(), facts->reason.c_str());
   // Out of descriptors every later file fails too: that ends this base
   // directory like any other file-system error, instead of silently.
-  if (!file && (errno == EMFILE || errno == ENFILE))
+  if (!file && (read_errno == EMFILE || read_errno == ENFILE))
     throw fs::filesystem_error("cannot open certificate file", fs::path(path),
-                               std::error_code(errno, std::generic_category()));
+                               std::error_code(read_errno, std::generic_category()));
   if (!file) return file;
   // A certificate already in the store is no failure, so ignore the result.
   DeferHeld(file->x509.get());

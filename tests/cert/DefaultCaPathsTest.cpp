@@ -4,13 +4,18 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <set>
 #include <thread>
 
+#include "ForkedChild.h"
+#include "RecordingCallbacks.h"
 #include "TestPki.h"
+#include "base/SafeCallbacksWrapper.h"
 #include "cert/DefaultCaPaths.h"
+#include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -104,6 +109,51 @@ TEST_F(DefaultCaPathsTest, MissingCaFileIsNoFailureAndAddsNothing) {
   EXPECT_EQ(SetAll(store.get()), 1);
   EXPECT_TRUE(Certificates(store.get()).empty());
   EXPECT_EQ(ERR_peek_last_error(), 0u);
+}
+
+TEST_F(DefaultCaPathsTest, CaFileThatIsAFifoOrADeviceAddsNothingWithoutBlocking) {
+  TempDir dir;
+  ASSERT_EQ(mkfifo((dir.path() / "fifo").c_str(), 0600), 0);
+  // Opening a FIFO for reading waits for a writer; the child's alarm would
+  // end such a wait.
+  const std::string report = RunInChild(
+      [&] {
+        std::string counts;
+        for (const std::string path : {(dir.path() / "fifo").string(), std::string("/dev/zero")}) {
+          setenv("SSL_CERT_FILE", path.c_str(), 1);
+          X509StorePtr store(X509_STORE_new());
+          counts += std::to_string(SetAll(store.get())) + " " +
+                    std::to_string(Certificates(store.get()).size()) + "\n";
+        }
+        return counts;
+      },
+      ChildOptions{false, 20});
+  EXPECT_EQ(report, "1 0\n1 0\n");
+}
+
+TEST_F(DefaultCaPathsTest, CaFileLargerThanFourMebibytesIsNamedInOneLineAndAddsNothing) {
+  TempDir dir;
+  Chain chain = MakeChain(KeyKind::k_ec, "Leaf");
+  const auto bundle = dir.path() / "bundle.pem";
+  const std::string pem = CertToPem(chain.root.get());
+  WriteFile(bundle, pem + std::string(x509auth_common::k_max_file_bytes + 1 - pem.size(), '\n'));
+  setenv("SSL_CERT_FILE", bundle.c_str(), 1);
+  RecordingCallbacks& rec = RecordingCallbacks::GetInstance();
+  rec.Reset();
+  SafeCallbacksWrapper::GetInstance().Replace(rec.Callbacks());
+  X509StorePtr store(X509_STORE_new());
+  EXPECT_EQ(SetAll(store.get()), 1);
+  EXPECT_TRUE(Certificates(store.get()).empty());
+  ASSERT_EQ(rec.Logs().size(), 1u) << rec.Dump();
+  EXPECT_TRUE(
+      rec.Has(X509_Auth_LogPriority_Warning, "Skipping CA file [%s]: %s",
+              "Skipping CA file [" + bundle.string() + "]: larger than 4 MiB (4194305 bytes)"));
+  // One byte less, and the same file is read.
+  WriteFile(bundle, pem + std::string(x509auth_common::k_max_file_bytes - pem.size(), '\n'));
+  X509StorePtr again(X509_STORE_new());
+  EXPECT_EQ(SetAll(again.get()), 1);
+  EXPECT_EQ(Certificates(again.get()), std::set<Bytes>{CertToDer(chain.root.get())});
+  SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
 }
 
 }  // namespace

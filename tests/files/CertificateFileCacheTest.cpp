@@ -221,5 +221,31 @@ TEST_F(CertificateFileCacheTest, AFileNotOpenedForWantOfDescriptorsIsNotKept) {
   EXPECT_EQ(cache.Size(), 1u);
 }
 
+TEST_F(CertificateFileCacheTest, AFileTooLargeOrNoRegularFileOnceOpenedIsNeverKept) {
+  CertificateFileCache cache;
+  const int file = open((dir_ / "huge.pem").c_str(), O_WRONLY | O_CREAT, 0600);
+  ASSERT_GE(file, 0);
+  ASSERT_EQ(ftruncate(file, 5 * 1024 * 1024), 0);
+  close(file);
+  std::filesystem::create_symlink("/dev/zero", dir_ / "zero.pem");
+  WaitUntilSettled();
+  for (int i = 0; i < 2; ++i) {
+    CertificateFileCache::Facts facts;
+    EXPECT_EQ(cache.Read(AT_FDCWD, (dir_ / "huge.pem").c_str(), (dir_ / "huge.pem").string(),
+                         std::string(), &facts),
+              nullptr);
+    EXPECT_EQ(facts.refusal, x509auth_common::RegularFile::Refusal::k_too_large);
+    EXPECT_EQ(facts.reason, "larger than 4 MiB (5242880 bytes)");
+    EXPECT_FALSE(facts.settled);
+    EXPECT_EQ(cache.Read(AT_FDCWD, (dir_ / "zero.pem").c_str(), (dir_ / "zero.pem").string(),
+                         std::string(), &facts),
+              nullptr);
+    EXPECT_EQ(facts.refusal, x509auth_common::RegularFile::Refusal::k_not_regular);
+    EXPECT_FALSE(facts.settled);
+  }
+  EXPECT_EQ(cache.Size(), 0u);
+  EXPECT_EQ(cache.Hits(), 0u);
+}
+
 }  // namespace
 }  // namespace quorvant::shared::x509

@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "ForkedChild.h"
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
@@ -189,17 +191,70 @@ TEST_F(CertificateFilesTest, DirectoryYieldsEmptyHandleWithoutExceptionOrLog) {
   EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
 }
 
-TEST_F(CertificateFilesTest, UnseekableFileRaisesLengthErrorFromDerReader) {
-  // A FIFO opens but cannot seek: the size is -1, and sizing the buffer from
-  // it raises std::length_error.
+// What each reader and the reporting overload make of |path|: "cert" or
+// "none" for each, then the refusal's text.
+std::string ReadEveryWay(const std::filesystem::path& path) {
+  std::string report;
+  report += ReadX509FromPemFile(path) ? "cert " : "none ";
+  report += ReadX509FromDerFile(path) ? "cert " : "none ";
+  report += ReadX509FromDerOrPemFile(path) ? "cert " : "none ";
+  x509auth_common::RegularFile::Refusal refusal = x509auth_common::RegularFile::Refusal::k_none;
+  std::string reason = "unchanged";
+  report += ReadX509FromDerOrPemFile(path, &refusal, &reason) ? "cert" : "none";
+  report += refusal == x509auth_common::RegularFile::Refusal::k_none ? "" : " [" + reason + "]";
+  return report;
+}
+
+void MakeSparseFile(const std::filesystem::path& path, off_t size) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(ftruncate(fd, size), 0);
+  close(fd);
+}
+
+TEST_F(CertificateFilesTest, FifoIsRefusedByEveryReaderWithoutWaitingForAWriter) {
+  // Opening a FIFO for reading waits for a writer, and none comes: the
+  // readers run in a child whose alarm would end such a wait.
   const std::filesystem::path fifo = dir_ / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  std::thread writer([fifo] {
-    const int fd = open(fifo.c_str(), O_WRONLY);
-    if (fd >= 0) close(fd);
-  });
-  EXPECT_THROW(ReadX509FromDerFile(fifo), std::length_error);
-  writer.join();
+  EXPECT_EQ(x509auth_test::RunInChild([&] { return ReadEveryWay(fifo); }, {false, 20}),
+            "none none none none [not a regular file]");
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, LinkToDevZeroIsRefusedByEveryReader) {
+  std::filesystem::create_symlink("/dev/zero", dir_ / "zero.pem");
+  EXPECT_EQ(x509auth_test::RunInChild([&] { return ReadEveryWay(dir_ / "zero.pem"); }, {false, 20}),
+            "none none none none [not a regular file]");
+}
+
+TEST_F(CertificateFilesTest, TwoGigabyteFileIsRefusedByEveryReaderWithItsSize) {
+  MakeSparseFile(dir_ / "huge.pem", 2LL * 1024 * 1024 * 1024);
+  EXPECT_EQ(ReadEveryWay(dir_ / "huge.pem"),
+            "none none none none [larger than 4 MiB (2147483648 bytes)]");
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+}
+
+TEST_F(CertificateFilesTest, FileOfExactlyFourMebibytesIsReadAndOneByteMoreIsRefused) {
+  const std::string pem = CertToPem(cert_.get());
+  std::string content = pem + std::string(x509auth_common::k_max_file_bytes - pem.size(), '\n');
+  WriteFile(dir_ / "padded.pem", content);
+  EXPECT_EQ(ReadEveryWay(dir_ / "padded.pem"), "cert none cert cert");
+  EXPECT_TRUE(Same(ReadX509FromDerOrPemFile(dir_ / "padded.pem"), cert_.get()));
+  content += '\n';
+  WriteFile(dir_ / "padded.pem", content);
+  EXPECT_EQ(ReadEveryWay(dir_ / "padded.pem"),
+            "none none none none [larger than 4 MiB (4194305 bytes)]");
+}
+
+TEST_F(CertificateFilesTest, MissingFileIsReportedWithTheSystemsReasonAndErrno) {
+  x509auth_common::RegularFile::Refusal refusal = x509auth_common::RegularFile::Refusal::k_none;
+  std::string reason;
+  errno = 0;
+  EXPECT_FALSE(ReadX509FromDerOrPemFile(dir_ / "missing.pem", &refusal, &reason));
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(refusal, x509auth_common::RegularFile::Refusal::k_open_failed);
+  EXPECT_EQ(reason, std::strerror(ENOENT));
 }
 
 // ---- ConvertPemDataToDer ----

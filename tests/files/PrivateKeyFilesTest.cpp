@@ -9,12 +9,13 @@
 
 #include <stdexcept>
 #include <string>
-#include <thread>
 
+#include "ForkedChild.h"
 #include "RecordingCallbacks.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/PrivateKeyFiles.h"
+#include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
 namespace {
@@ -444,16 +445,83 @@ TEST_F(PrivateKeyFilesTest, DirectoryAsKeyFileGivesEmptyHandleWithoutException) 
   EXPECT_EQ(rec().WithFormat(k_cannot_open).size(), 1u) << rec().Dump();
 }
 
-TEST_F(PrivateKeyFilesTest, UnseekableKeyFileRaisesLengthErrorFromDerReader) {
-  // A FIFO opens but cannot seek: the size is -1, and sizing the buffer from
-  // it raises std::length_error, which is not a file-system error.
+TEST_F(PrivateKeyFilesTest, FifoIsRefusedByEachReaderWithoutWaitingForAWriter) {
+  // Opening a FIFO for reading waits for a writer, and none comes: the
+  // readers run in a child whose alarm would end such a wait.
   ASSERT_EQ(mkfifo(key_path_.c_str(), 0600), 0);
-  std::thread writer([path = key_path_] {
-    const int fd = open(path.c_str(), O_WRONLY);
-    if (fd >= 0) close(fd);
-  });
-  EXPECT_THROW(ReadPrivateKeyFromDerFile(key_path_), std::length_error);
-  writer.join();
+  const std::string report = x509auth_test::RunInChild(
+      [&] {
+        rec().Reset();
+        std::string outcome = ReadPrivateKeyFromPemFile(key_path_) ? "key " : "none ";
+        outcome += ReadPrivateKeyFromDerFile(key_path_) ? "key\n" : "none\n";
+        for (const auto& entry : rec().Logs())
+          outcome += std::to_string(entry.priority) + " " + entry.text + "\n";
+        return outcome;
+      },
+      {false, 20});
+  const std::string line = std::to_string(X509_Auth_LogPriority_Error) +
+                           " Could not open private key file [" + KeyPath() +
+                           "]. Error message [not a regular file]\n";
+  EXPECT_EQ(report, "none none\n" + line + line);
+}
+
+void MakeSparseFile(const std::filesystem::path& path, off_t size) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(ftruncate(fd, size), 0);
+  close(fd);
+}
+
+TEST_F(PrivateKeyFilesTest, TwoGigabyteKeyFileIsNamedInOneLineAndNeverRead) {
+  MakeSparseFile(key_path_, 2LL * 1024 * 1024 * 1024);
+  EXPECT_FALSE(GetPrivateKeyForX509Cert(cert_.get(), cert_path_, key_path_));
+  ASSERT_EQ(rec().Logs().size(), 2u) << rec().Dump();
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_cannot_open,
+                        "Could not open private key file [" + KeyPath() +
+                            "]. Error message [larger than 4 MiB (2147483648 bytes)]"));
+  EXPECT_EQ(rec().Logs()[1].format, k_failed_to_parse);
+  EXPECT_EQ(rec().Logs()[1].text, "Failed to parse private key file [" + KeyPath() + "]");
+  EXPECT_TRUE(rec().Prompts().empty());
+}
+
+TEST_F(PrivateKeyFilesTest, EachReaderNamesAKeyFileTooLarge) {
+  MakeSparseFile(key_path_, 2LL * 1024 * 1024 * 1024);
+  EXPECT_FALSE(ReadPrivateKeyFromDerOrPemFile(key_path_));
+  const std::string text = "Could not open private key file [" + KeyPath() +
+                           "]. Error message [larger than 4 MiB (2147483648 bytes)]";
+  ASSERT_EQ(rec().WithFormat(k_cannot_open).size(), 2u) << rec().Dump();
+  EXPECT_EQ(rec().WithFormat(k_cannot_open)[0].text, text);
+  EXPECT_EQ(rec().WithFormat(k_cannot_open)[1].text, text);
+}
+
+TEST_F(PrivateKeyFilesTest, LinkToDevZeroAsKeyFileIsNotReadAndFailsToParse) {
+  std::filesystem::create_symlink("/dev/zero", key_path_);
+  const std::string report = x509auth_test::RunInChild(
+      [&] {
+        rec().Reset();
+        std::string outcome =
+            GetPrivateKeyForX509Cert(cert_.get(), cert_path_, key_path_) ? "key\n" : "none\n";
+        for (const auto& entry : rec().Logs()) outcome += entry.text + "\n";
+        return outcome;
+      },
+      {false, 20});
+  EXPECT_EQ(report, "none\nFailed to parse private key file [" + KeyPath() + "]\n");
+}
+
+TEST_F(PrivateKeyFilesTest, KeyFileOfExactlyFourMebibytesIsReadAndOneByteMoreIsRefused) {
+  const std::string pem = KeyToPem(key_.get());
+  std::string content = pem + std::string(x509auth_common::k_max_file_bytes - pem.size(), '\n');
+  WriteFile(key_path_, content);
+  EXPECT_TRUE(Same(GetPrivateKeyForX509Cert(cert_.get(), cert_path_, key_path_), key_.get()))
+      << rec().Dump();
+  EXPECT_TRUE(rec().Logs().empty()) << rec().Dump();
+  content += '\n';
+  WriteFile(key_path_, content);
+  EXPECT_FALSE(GetPrivateKeyForX509Cert(cert_.get(), cert_path_, key_path_));
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_cannot_open,
+                        "Could not open private key file [" + KeyPath() +
+                            "]. Error message [larger than 4 MiB (4194305 bytes)]"))
+      << rec().Dump();
 }
 
 TEST_F(PrivateKeyFilesTest, KeyPathThatIsAFifoIsRefusedWithoutWaitingForAWriter) {

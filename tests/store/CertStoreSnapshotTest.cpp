@@ -230,5 +230,39 @@ TEST_F(SnapshotTest, ClearingStopsWatchingAndTheNextScanReadsEverything) {
   EXPECT_EQ(CertificateFileCache::GetInstance().Hits(), hits + 2) << "both files looked up";
 }
 
+TEST_F(SnapshotTest, AFileTooLargeIsNamedOnEveryScanAlsoFromTheSnapshot) {
+  WriteFile(base_ / "certs" / "a.pem", pem_["Alpha"]);
+  const int file = open((base_ / "certs" / "huge.pem").c_str(), O_WRONLY | O_CREAT, 0600);
+  ASSERT_GE(file, 0);
+  ASSERT_EQ(ftruncate(file, 5 * 1024 * 1024), 0);
+  close(file);
+  Settle();
+  const std::string first = Scan();
+  const std::string line = "2 | Skipping certificate file [" +
+                           (base_ / "certs" / "huge.pem").string() +
+                           "]: larger than 4 MiB (5242880 bytes)";
+  EXPECT_NE(first.find("Alpha a.pem"), std::string::npos) << first;
+  EXPECT_NE(first.find(line), std::string::npos) << first;
+  EXPECT_EQ(first.find(line), first.rfind(line)) << first;
+  ASSERT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
+  // Looked at again, opened and refused, and named again.
+  EXPECT_EQ(Scan(), first);
+  EXPECT_EQ(first, FullScan());
+}
+
+TEST_F(SnapshotTest, AFifoRenamedOverAKeptFileIsSkippedAndTheFileFoundAgainWhenBack) {
+  Start();
+  const fs::path fifo = tmp_ / "outside" / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  ASSERT_EQ(rename((base_ / "certs" / "a.pem").c_str(), (tmp_ / "outside" / "a.pem").c_str()), 0);
+  ASSERT_EQ(rename(fifo.c_str(), (base_ / "certs" / "a.pem").c_str()), 0);
+  const std::string with_fifo =
+      x509auth_test::RunInChild([&] { return Scan(); }, x509auth_test::ChildOptions{false, 20});
+  EXPECT_EQ(with_fifo.find("Alpha"), std::string::npos) << with_fifo;
+  EXPECT_NE(with_fifo.find("Bravo b.pem"), std::string::npos) << with_fifo;
+  ASSERT_EQ(rename((tmp_ / "outside" / "a.pem").c_str(), (base_ / "certs" / "a.pem").c_str()), 0);
+  ExpectSeen("Alpha a.pem");
+}
+
 }  // namespace
 }  // namespace quorvant::shared::x509
