@@ -183,17 +183,17 @@ int Encrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
 }  // namespace
 
 const OSSL_DISPATCH k_rsa_asym_cipher_functions[] = {
-    {OSSL_FUNC_ASYM_CIPHER_NEWCTX, DispatchCast(NewContext)},
-    {OSSL_FUNC_ASYM_CIPHER_FREECTX, DispatchCast(FreeContext)},
-    {OSSL_FUNC_ASYM_CIPHER_DUPCTX, DispatchCast(DupContext)},
-    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT_INIT, DispatchCast(Init)},
-    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT, DispatchCast(Encrypt)},
-    {OSSL_FUNC_ASYM_CIPHER_DECRYPT_INIT, DispatchCast(Init)},
-    {OSSL_FUNC_ASYM_CIPHER_DECRYPT, DispatchCast(Decrypt)},
-    {OSSL_FUNC_ASYM_CIPHER_GET_CTX_PARAMS, DispatchCast(GetParams)},
-    {OSSL_FUNC_ASYM_CIPHER_GETTABLE_CTX_PARAMS, DispatchCast(GettableParams)},
-    {OSSL_FUNC_ASYM_CIPHER_SET_CTX_PARAMS, DispatchCast(SetParams)},
-    {OSSL_FUNC_ASYM_CIPHER_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)},
+    {OSSL_FUNC_ASYM_CIPHER_NEWCTX, DispatchCast<NewContext>()},
+    {OSSL_FUNC_ASYM_CIPHER_FREECTX, DispatchCast<FreeContext>()},
+    {OSSL_FUNC_ASYM_CIPHER_DUPCTX, DispatchCast<DupContext>()},
+    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT, DispatchCast<Encrypt>()},
+    {OSSL_FUNC_ASYM_CIPHER_DECRYPT_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_ASYM_CIPHER_DECRYPT, DispatchCast<Decrypt>()},
+    {OSSL_FUNC_ASYM_CIPHER_GET_CTX_PARAMS, DispatchCast<GetParams>()},
+    {OSSL_FUNC_ASYM_CIPHER_GETTABLE_CTX_PARAMS, DispatchCast<GettableParams>()},
+    {OSSL_FUNC_ASYM_CIPHER_SET_CTX_PARAMS, DispatchCast<SetParams>()},
+    {OSSL_FUNC_ASYM_CIPHER_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()},
     {0, nullptr}};
 
 }  // namespace x509auth_provider

@@ -417,27 +417,27 @@ int DigestVerifyFinal(void* opaque, const unsigned char* sig, size_t siglen) {
   return VerifyHash(context, sig, siglen, hash, length);
 }
 
-#define X509AUTH_SIGNATURE_TABLE(new_function)                                      \
-  {                                                                                 \
-    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast(new_function)},                       \
-        {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast(FreeContext)},                   \
-        {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast(DupContext)},                     \
-        {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast(Init)},                        \
-        {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast(Sign)},                             \
-        {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast(Init)},                      \
-        {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast(Verify)},                         \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast(DigestInit)},           \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast(DigestUpdate)},       \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast(DigestSignFinal)},     \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast(DigestInit)},         \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast(DigestUpdate)},     \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast(DigestVerifyFinal)}, \
-        {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast(GetParams)},              \
-        {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast(GettableParams)},    \
-        {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast(SetParams)},              \
-        {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)}, {  \
-      0, nullptr                                                                    \
-    }                                                                               \
+#define X509AUTH_SIGNATURE_TABLE(new_function)                                        \
+  {                                                                                   \
+    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast<new_function>()},                       \
+        {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast<FreeContext>()},                   \
+        {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast<DupContext>()},                     \
+        {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast<Init>()},                        \
+        {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast<Sign>()},                             \
+        {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast<Init>()},                      \
+        {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast<Verify>()},                         \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast<DigestInit>()},           \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast<DigestUpdate>()},       \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast<DigestSignFinal>()},     \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast<DigestInit>()},         \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast<DigestUpdate>()},     \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast<DigestVerifyFinal>()}, \
+        {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast<GetParams>()},              \
+        {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast<GettableParams>()},    \
+        {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast<SetParams>()},              \
+        {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()}, {  \
+      0, nullptr                                                                      \
+    }                                                                                 \
   }
 
 }  // namespace
