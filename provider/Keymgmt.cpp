@@ -11,6 +11,7 @@
 
 #include "Dispatch.h"
 #include "DispatchCast.h"
+#include "ErrorMark.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
@@ -89,6 +90,8 @@ int ImportKey(void* keydata, int selection, const OSSL_PARAM params[], const cha
       OSSL_PARAM_locate_const(params, OSSL_PKEY_PARAM_PRIV_KEY) != nullptr ||
       (selection & OSSL_KEYMGMT_SELECT_PUBLIC_KEY) == 0)
     return 0;
+  // Refused without an error: OpenSSL tries imports routinely, comparing keys.
+  const ErrorMark mark;
   EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(data->provider->Crypto(), type, nullptr));
   EVP_PKEY* made = nullptr;
   if (context == nullptr || EVP_PKEY_fromdata_init(context.get()) <= 0 ||
