@@ -111,7 +111,8 @@ TEST_F(ProviderHostSafetyTest, RunningOutOfMemoryInAStoreLoadFailsTheLoadAndTheH
   // A CA file the provider may read (4 MiB, the most it reads), and the
   // real CAs after it.
   const std::filesystem::path large = temp_ / "large-ca.der";
-  WriteFile(large, Bytes(4 * 1024 * 1024, 0x30));
+  WriteFile(large, std::string());
+  std::filesystem::resize_file(large, 4 * 1024 * 1024);
   const std::string report = RunInChild([&]() -> std::string {
     // The library session and OpenSSL's tables are set up by a first
     // context, so that the second one's first load allocates little but the
@@ -129,7 +130,16 @@ TEST_F(ProviderHostSafetyTest, RunningOutOfMemoryInAStoreLoadFailsTheLoadAndTheH
     const rlim_t unlimited = limit.rlim_cur;
     limit.rlim_cur = AddressSpaceBytes() + 2 * 1024 * 1024;
     if (setrlimit(RLIMIT_AS, &limit) != 0) return "setrlimit failed";
+    // Free blocks of 4 MiB that earlier work left in the heap would serve
+    // the read without new address space: taken first.
+    std::vector<Bytes> held;
+    held.reserve(256);
+    try {
+      while (held.size() < held.capacity()) held.emplace_back(4 * 1024 * 1024);
+    } catch (const std::bad_alloc&) {
+    }
     OsslStoreInfoPtr info(OSSL_STORE_load(store.get()));
+    held.clear();
     limit.rlim_cur = unlimited;
     setrlimit(RLIMIT_AS, &limit);
     if (info != nullptr) return "the load succeeded with 2 MiB to spare";
@@ -309,7 +319,8 @@ TEST_F(ProviderCaFilesTest, AFifoADeviceAndAnOversizedCaFileAreSkippedWithOneLin
   const std::filesystem::path fifo = temp_ / "ca.fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::filesystem::path oversized = temp_ / "oversized.pem";
-  WriteFile(oversized, std::string(5 * 1024 * 1024, 'A'));
+  WriteFile(oversized, std::string());
+  std::filesystem::resize_file(oversized, 5 * 1024 * 1024);
   env_override_["X509AUTH_CA_FILES"] =
       fifo.string() + ":/dev/zero:" + oversized.string() + ":" + CasFile().string();
   env_override_["X509AUTH_LOG"] = "error";
