@@ -13,6 +13,7 @@
 
 #include "Dispatch.h"
 #include "DispatchCast.h"
+#include "ErrorMark.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
@@ -54,7 +55,12 @@ void* DupContext(void* context) {
 bool IsSha1(CipherContext* context, const OSSL_PARAM* p) {
   const char* name = nullptr;
   if (!OSSL_PARAM_get_utf8_string_ptr(p, &name)) return false;
-  EvpMdPtr md(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
+  EvpMdPtr md;
+  {
+    // An unknown name is reported by the one error below.
+    const ErrorMark mark;
+    md.reset(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
+  }
   if (md != nullptr && EVP_MD_is_a(md.get(), "SHA1")) return true;
   X509AUTH_RAISE(context->provider, k_reason_unsupported_digest,
                  "OAEP digest %s: x509auth decrypts OAEP with SHA-1 only", name);
@@ -168,14 +174,23 @@ int Decrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
 int Encrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
             const unsigned char* in, size_t inlen) {
   CipherContext* context = AsContext(opaque);
-  EvpPkeyCtxPtr encrypter(
-      EVP_PKEY_CTX_new_from_pkey(context->provider->Crypto(), context->key->PublicKey(), nullptr));
-  if (encrypter == nullptr || EVP_PKEY_encrypt_init(encrypter.get()) <= 0 ||
-      EVP_PKEY_CTX_set_rsa_padding(encrypter.get(), context->padding) <= 0)
-    return 0;
   std::size_t length = outsize;
-  if (out == nullptr) return EVP_PKEY_encrypt(encrypter.get(), nullptr, outlen, in, inlen) == 1;
-  if (EVP_PKEY_encrypt(encrypter.get(), out, &length, in, inlen) != 1) return 0;
+  bool encrypted = false;
+  {
+    // OpenSSL's lines give way to the provider's one error.
+    const ErrorMark mark;
+    EvpPkeyCtxPtr encrypter(EVP_PKEY_CTX_new_from_pkey(context->provider->Crypto(),
+                                                       context->key->PublicKey(), nullptr));
+    encrypted = encrypter != nullptr && EVP_PKEY_encrypt_init(encrypter.get()) > 0 &&
+                EVP_PKEY_CTX_set_rsa_padding(encrypter.get(), context->padding) > 0 &&
+                EVP_PKEY_encrypt(encrypter.get(), out, &length, in, inlen) == 1;
+  }
+  if (!encrypted) {
+    X509AUTH_RAISE(context->provider, k_reason_bad_argument,
+                   "%zu bytes could not be encrypted with the certificate's %d-byte key", inlen,
+                   EVP_PKEY_get_size(context->key->PublicKey()));
+    return 0;
+  }
   *outlen = length;
   return 1;
 }
@@ -183,17 +198,17 @@ int Encrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
 }  // namespace
 
 const OSSL_DISPATCH k_rsa_asym_cipher_functions[] = {
-    {OSSL_FUNC_ASYM_CIPHER_NEWCTX, DispatchCast(NewContext)},
-    {OSSL_FUNC_ASYM_CIPHER_FREECTX, DispatchCast(FreeContext)},
-    {OSSL_FUNC_ASYM_CIPHER_DUPCTX, DispatchCast(DupContext)},
-    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT_INIT, DispatchCast(Init)},
-    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT, DispatchCast(Encrypt)},
-    {OSSL_FUNC_ASYM_CIPHER_DECRYPT_INIT, DispatchCast(Init)},
-    {OSSL_FUNC_ASYM_CIPHER_DECRYPT, DispatchCast(Decrypt)},
-    {OSSL_FUNC_ASYM_CIPHER_GET_CTX_PARAMS, DispatchCast(GetParams)},
-    {OSSL_FUNC_ASYM_CIPHER_GETTABLE_CTX_PARAMS, DispatchCast(GettableParams)},
-    {OSSL_FUNC_ASYM_CIPHER_SET_CTX_PARAMS, DispatchCast(SetParams)},
-    {OSSL_FUNC_ASYM_CIPHER_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)},
+    {OSSL_FUNC_ASYM_CIPHER_NEWCTX, DispatchCast<NewContext>()},
+    {OSSL_FUNC_ASYM_CIPHER_FREECTX, DispatchCast<FreeContext>()},
+    {OSSL_FUNC_ASYM_CIPHER_DUPCTX, DispatchCast<DupContext>()},
+    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_ASYM_CIPHER_ENCRYPT, DispatchCast<Encrypt>()},
+    {OSSL_FUNC_ASYM_CIPHER_DECRYPT_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_ASYM_CIPHER_DECRYPT, DispatchCast<Decrypt>()},
+    {OSSL_FUNC_ASYM_CIPHER_GET_CTX_PARAMS, DispatchCast<GetParams>()},
+    {OSSL_FUNC_ASYM_CIPHER_GETTABLE_CTX_PARAMS, DispatchCast<GettableParams>()},
+    {OSSL_FUNC_ASYM_CIPHER_SET_CTX_PARAMS, DispatchCast<SetParams>()},
+    {OSSL_FUNC_ASYM_CIPHER_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()},
     {0, nullptr}};
 
 }  // namespace x509auth_provider

@@ -2,6 +2,8 @@
 
 #include <openssl/err.h>
 
+#include <new>
+
 namespace x509auth_provider {
 
 ErrorQueueGuard::ErrorQueueGuard() {
@@ -11,14 +13,21 @@ ErrorQueueGuard::ErrorQueueGuard() {
   int line = 0;
   int flags = 0;
   unsigned long code = 0;
+  // Room for a full queue before anything is taken off it: running out of
+  // memory below costs an error its place or data, never the error.
+  saved_.reserve(ERR_NUM_ERRORS);
   while ((code = ERR_get_error_all(&file, &line, &function, &data, &flags)) != 0) {
     SavedError saved;
     saved.code = code;
-    saved.file = file != nullptr ? file : "";
-    saved.function = function != nullptr ? function : "";
     saved.line = line;
-    saved.has_data = data != nullptr && (flags & ERR_TXT_STRING) != 0;
-    if (saved.has_data) saved.data = data;
+    try {
+      saved.file = file != nullptr ? file : "";
+      saved.function = function != nullptr ? function : "";
+      saved.has_data = data != nullptr && (flags & ERR_TXT_STRING) != 0;
+      if (saved.has_data) saved.data = data;
+    } catch (const std::bad_alloc&) {
+      saved.has_data = false;
+    }
     saved_.push_back(std::move(saved));
   }
 }

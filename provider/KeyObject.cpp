@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <exception>
 
+#include "ErrorMark.h"
+
 namespace x509auth_provider {
 namespace {
 
@@ -29,11 +31,15 @@ std::shared_ptr<const KeyObject> KeyObject::ForCertificate(
   // Parsed into an object of the provider's own library context, so that its
   // public key is one of OpenSSL's default implementation.
   X509Ptr cert(X509_new_ex(provider->Crypto(), nullptr));
-  const unsigned char* cursor = der.data();
   X509* raw = cert.get();
-  if (raw != nullptr && d2i_X509(&raw, &cursor, static_cast<long>(der.size())) == nullptr) {
-    // A failed d2i into an existing object frees that object.
-    (void)cert.release();
+  {
+    // A certificate that does not parse is reported by the one error below.
+    const ErrorMark mark;
+    const unsigned char* cursor = der.data();
+    if (raw != nullptr && d2i_X509(&raw, &cursor, static_cast<long>(der.size())) == nullptr) {
+      // A failed d2i into an existing object frees that object.
+      (void)cert.release();
+    }
   }
   if (raw == nullptr) {
     X509AUTH_RAISE(provider, k_reason_unsupported_key,

@@ -11,6 +11,7 @@
 
 #include "Dispatch.h"
 #include "DispatchCast.h"
+#include "ErrorMark.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
@@ -89,6 +90,8 @@ int ImportKey(void* keydata, int selection, const OSSL_PARAM params[], const cha
       OSSL_PARAM_locate_const(params, OSSL_PKEY_PARAM_PRIV_KEY) != nullptr ||
       (selection & OSSL_KEYMGMT_SELECT_PUBLIC_KEY) == 0)
     return 0;
+  // Refused without an error: OpenSSL tries imports routinely, comparing keys.
+  const ErrorMark mark;
   EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(data->provider->Crypto(), type, nullptr));
   EVP_PKEY* made = nullptr;
   if (context == nullptr || EVP_PKEY_fromdata_init(context.get()) <= 0 ||
@@ -173,33 +176,33 @@ const char* EcOperationName(int operation_id) {
 }  // namespace
 
 const OSSL_DISPATCH k_rsa_keymgmt_functions[] = {
-    {OSSL_FUNC_KEYMGMT_NEW, DispatchCast(NewKey)},
-    {OSSL_FUNC_KEYMGMT_FREE, DispatchCast(FreeKey)},
-    {OSSL_FUNC_KEYMGMT_LOAD, DispatchCast(LoadRsa)},
-    {OSSL_FUNC_KEYMGMT_HAS, DispatchCast(HasKey)},
-    {OSSL_FUNC_KEYMGMT_MATCH, DispatchCast(MatchKeys)},
-    {OSSL_FUNC_KEYMGMT_IMPORT, DispatchCast(ImportRsa)},
-    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, DispatchCast(RsaTypes)},
-    {OSSL_FUNC_KEYMGMT_EXPORT, DispatchCast(ExportKey)},
-    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, DispatchCast(RsaTypes)},
-    {OSSL_FUNC_KEYMGMT_GET_PARAMS, DispatchCast(GetParams)},
-    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, DispatchCast(RsaGettable)},
-    {OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, DispatchCast(RsaOperationName)},
+    {OSSL_FUNC_KEYMGMT_NEW, DispatchCast<NewKey>()},
+    {OSSL_FUNC_KEYMGMT_FREE, DispatchCast<FreeKey>()},
+    {OSSL_FUNC_KEYMGMT_LOAD, DispatchCast<LoadRsa>()},
+    {OSSL_FUNC_KEYMGMT_HAS, DispatchCast<HasKey>()},
+    {OSSL_FUNC_KEYMGMT_MATCH, DispatchCast<MatchKeys>()},
+    {OSSL_FUNC_KEYMGMT_IMPORT, DispatchCast<ImportRsa>()},
+    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, DispatchCast<RsaTypes>()},
+    {OSSL_FUNC_KEYMGMT_EXPORT, DispatchCast<ExportKey>()},
+    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, DispatchCast<RsaTypes>()},
+    {OSSL_FUNC_KEYMGMT_GET_PARAMS, DispatchCast<GetParams>()},
+    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, DispatchCast<RsaGettable>()},
+    {OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, DispatchCast<RsaOperationName>()},
     {0, nullptr}};
 
 const OSSL_DISPATCH k_ec_keymgmt_functions[] = {
-    {OSSL_FUNC_KEYMGMT_NEW, DispatchCast(NewKey)},
-    {OSSL_FUNC_KEYMGMT_FREE, DispatchCast(FreeKey)},
-    {OSSL_FUNC_KEYMGMT_LOAD, DispatchCast(LoadEc)},
-    {OSSL_FUNC_KEYMGMT_HAS, DispatchCast(HasKey)},
-    {OSSL_FUNC_KEYMGMT_MATCH, DispatchCast(MatchKeys)},
-    {OSSL_FUNC_KEYMGMT_IMPORT, DispatchCast(ImportEc)},
-    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, DispatchCast(EcTypes)},
-    {OSSL_FUNC_KEYMGMT_EXPORT, DispatchCast(ExportKey)},
-    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, DispatchCast(EcTypes)},
-    {OSSL_FUNC_KEYMGMT_GET_PARAMS, DispatchCast(GetParams)},
-    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, DispatchCast(EcGettable)},
-    {OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, DispatchCast(EcOperationName)},
+    {OSSL_FUNC_KEYMGMT_NEW, DispatchCast<NewKey>()},
+    {OSSL_FUNC_KEYMGMT_FREE, DispatchCast<FreeKey>()},
+    {OSSL_FUNC_KEYMGMT_LOAD, DispatchCast<LoadEc>()},
+    {OSSL_FUNC_KEYMGMT_HAS, DispatchCast<HasKey>()},
+    {OSSL_FUNC_KEYMGMT_MATCH, DispatchCast<MatchKeys>()},
+    {OSSL_FUNC_KEYMGMT_IMPORT, DispatchCast<ImportEc>()},
+    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, DispatchCast<EcTypes>()},
+    {OSSL_FUNC_KEYMGMT_EXPORT, DispatchCast<ExportKey>()},
+    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, DispatchCast<EcTypes>()},
+    {OSSL_FUNC_KEYMGMT_GET_PARAMS, DispatchCast<GetParams>()},
+    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, DispatchCast<EcGettable>()},
+    {OSSL_FUNC_KEYMGMT_QUERY_OPERATION_NAME, DispatchCast<EcOperationName>()},
     {0, nullptr}};
 
 }  // namespace x509auth_provider

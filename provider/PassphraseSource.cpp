@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "ProcessLocks.h"
+
 namespace x509auth_provider {
 namespace {
 
@@ -25,7 +27,7 @@ std::string InfoOf(const std::string& prompt) {
 PassphraseSource::~PassphraseSource() { Forget(); }
 
 long PassphraseSource::Ask(const std::string& prompt, char* buffer, std::size_t size) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Passphrases());
   if (answer_ != nullptr) {
     if (answer_length_ > size) return -1;
     std::memcpy(buffer, answer_, answer_length_);
@@ -54,20 +56,20 @@ void PassphraseSource::Keep(const char* answer, std::size_t length) const {
 }
 
 void PassphraseSource::Forget() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Passphrases());
   if (answer_ != nullptr) OPENSSL_secure_clear_free(answer_, answer_length_ + 1);
   answer_ = nullptr;
   answer_length_ = 0;
 }
 
 void PassphraseSource::Invalidate() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Passphrases());
   callback_ = nullptr;
   argument_ = nullptr;
 }
 
 bool PassphraseSource::Valid() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Passphrases());
   return callback_ != nullptr || answer_ != nullptr;
 }
 

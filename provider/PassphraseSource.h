@@ -6,10 +6,11 @@
 // that every later operation of such a key (a key file is read again for
 // each signature) is served without asking again. The answer lives in
 // OpenSSL's secure heap, is never logged, and is wiped when the source goes.
+// One process-wide lock (ProcessLocks::Passphrases) covers every source: a
+// prompt runs inside a library call, and those are made one at a time.
 #include <openssl/core.h>
 
 #include <cstddef>
-#include <mutex>
 #include <string>
 
 namespace x509auth_provider {
@@ -36,7 +37,6 @@ class PassphraseSource {
  private:
   void Keep(const char* answer, std::size_t length) const;
 
-  mutable std::mutex mutex_;
   OSSL_PASSPHRASE_CALLBACK* callback_;
   void* argument_;
   mutable char* answer_ = nullptr;  // OPENSSL_secure_malloc'd, or null

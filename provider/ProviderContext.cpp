@@ -6,6 +6,7 @@
 #include <openssl/pem.h>
 #include <openssl/provider.h>
 #include <stdlib.h>
+#include <sys/auxv.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,8 +20,10 @@
 #include "Dispatch.h"
 #include "DispatchCast.h"
 #include "ErrorQueueGuard.h"
+#include "ProcessLocks.h"
 #include "x509_auth.h"
 #include "x509auth/LogLevel.h"
+#include "x509auth/RegularFile.h"
 
 namespace x509auth_provider {
 namespace {
@@ -73,6 +76,7 @@ const OSSL_ITEM k_reason_strings[] = {
     {k_reason_unsupported_key, const_cast<char*>("the certificate's key is neither RSA nor EC")},
     {k_reason_bad_argument, const_cast<char*>("invalid argument")},
     {k_reason_setup_failed, const_cast<char*>("the x509auth provider could not start")},
+    {k_reason_unexpected, const_cast<char*>("the x509auth provider failed unexpectedly")},
     {0, nullptr}};
 
 std::vector<std::string> SplitColons(const std::string& text) {
@@ -124,18 +128,38 @@ const OSSL_ALGORITHM* QueryOperation(void*, int operation_id, int* no_cache) {
 
 const OSSL_ITEM* GetReasonStrings(void*) { return k_reason_strings; }
 
+// The wrapped function's name in a compiler's description of Guarded<F>::Call,
+// where F comes last: "[with ... = x509auth_provider::{anonymous}::Load]".
+std::string_view WrappedName(std::string_view entry) {
+  entry = entry.substr(0, entry.rfind(']'));
+  const std::size_t value = entry.rfind(" = ");
+  if (value == std::string_view::npos) return entry;
+  entry.remove_prefix(value + 3);
+  const std::size_t scope = entry.rfind("::");
+  if (scope != std::string_view::npos) entry.remove_prefix(scope + 2);
+  return entry;
+}
+
 const OSSL_DISPATCH k_provider_functions[] = {
-    {OSSL_FUNC_PROVIDER_TEARDOWN, DispatchCast(Teardown)},
-    {OSSL_FUNC_PROVIDER_GETTABLE_PARAMS, DispatchCast(GettableParams)},
-    {OSSL_FUNC_PROVIDER_GET_PARAMS, DispatchCast(GetParams)},
-    {OSSL_FUNC_PROVIDER_QUERY_OPERATION, DispatchCast(QueryOperation)},
-    {OSSL_FUNC_PROVIDER_GET_REASON_STRINGS, DispatchCast(GetReasonStrings)},
+    {OSSL_FUNC_PROVIDER_TEARDOWN, DispatchCast<Teardown>()},
+    {OSSL_FUNC_PROVIDER_GETTABLE_PARAMS, DispatchCast<GettableParams>()},
+    {OSSL_FUNC_PROVIDER_GET_PARAMS, DispatchCast<GetParams>()},
+    {OSSL_FUNC_PROVIDER_QUERY_OPERATION, DispatchCast<QueryOperation>()},
+    {OSSL_FUNC_PROVIDER_GET_REASON_STRINGS, DispatchCast<GetReasonStrings>()},
     {0, nullptr}};
 
 }  // namespace
 
+ProviderContext* ProviderContext::newest_ = nullptr;
+
 ProviderContext::ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in)
     : handle_(handle) {
+  {
+    const std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Contexts());
+    older_ = newest_;
+    if (older_ != nullptr) older_->newer_ = this;
+    newest_ = this;
+  }
   for (; in != nullptr && in->function_id != 0; ++in) {
     switch (in->function_id) {
       case OSSL_FUNC_CORE_GET_PARAMS: get_params_ = OSSL_FUNC_core_get_params(in); break;
@@ -150,7 +174,15 @@ ProviderContext::ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISP
   }
 }
 
-ProviderContext::~ProviderContext() { session_.reset(); }
+ProviderContext::~ProviderContext() {
+  {
+    const std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Contexts());
+    if (older_ != nullptr) older_->newer_ = newer_;
+    if (newer_ != nullptr) newer_->older_ = older_;
+    if (newest_ == this) newest_ = older_;
+  }
+  session_.reset();
+}
 
 bool ProviderContext::ChooseModule() {
   // "module" is OpenSSL's own key in a provider section (the provider's
@@ -184,7 +216,9 @@ std::string ProviderContext::Parameter(const char* name, const char* environment
   OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_ptr(name, &value, 0),
                          OSSL_PARAM_construct_end()};
   if (get_params_ != nullptr && get_params_(handle_, params) && value != nullptr) return value;
-  const char* from_environment = std::getenv(environment);
+  // Not in a set-user-ID or set-group-ID program: there the environment is
+  // the caller's, who would name the module the privileged process loads.
+  const char* from_environment = secure_getenv(environment);
   return from_environment != nullptr ? from_environment : "";
 }
 
@@ -199,6 +233,8 @@ bool ProviderContext::Start() {
   settings_.home_dirs = SplitColons(Parameter("home_dirs", "X509AUTH_HOME_DIRS"));
   // The same default as the x509-auth tool's, so both see one set of files.
   if (settings_.home_dirs.empty()) settings_.home_dirs.push_back(k_default_home_dir);
+  // They lie below $HOME, which a set-user-ID program's caller chooses.
+  if (getauxval(AT_SECURE) != 0) settings_.home_dirs.clear();
   const std::string level = Parameter("log_level", "X509AUTH_LOG");
   settings_.log_threshold = level.empty() ? 4 : x509auth_common::ParseLogLevel(level);
   if (settings_.log_threshold < 0) {
@@ -235,28 +271,24 @@ SharedLibrarySession& ProviderContext::Session() {
   // Joined on first use, not in the init function: the library parses
   // certificates, and OpenSSL cannot decode their keys while a provider of
   // the same library context is still being activated.
-  std::lock_guard<std::mutex> lock(session_mutex_);
+  const std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Joining());
   if (session_ == nullptr) {
-    session_ = SharedLibrarySession::Acquire(settings_);
-    AddCertificateAuthorities(ca_files_);
+    // Joined only once the CAs are in: a call that failed half way (out of
+    // memory) leaves the next one to try again.
+    std::shared_ptr<SharedLibrarySession> session = SharedLibrarySession::Acquire(settings_);
+    AddCertificateAuthorities(*session);
+    session_ = std::move(session);
   }
   return *session_;
 }
 
 namespace {
 
-// The DER encodings of the certificates in |file|: every certificate of a
+// The DER encodings of the certificates in |content|: every certificate of a
 // PEM file, or the file itself when it is not PEM (DER is checked by the
 // library when it is added).
-std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) {
+std::vector<std::vector<unsigned char>> CertificatesIn(std::vector<unsigned char> content) {
   std::vector<std::vector<unsigned char>> found;
-  BioPtr bio(BIO_new_file(file.c_str(), "rb"));
-  if (bio == nullptr) return found;
-  std::vector<unsigned char> content;
-  unsigned char chunk[4096];
-  int read = 0;
-  while ((read = BIO_read(bio.get(), chunk, sizeof(chunk))) > 0)
-    content.insert(content.end(), chunk, chunk + read);
   static const std::string k_pem_marker = "-----BEGIN";
   if (std::search(content.begin(), content.end(), k_pem_marker.begin(), k_pem_marker.end()) ==
       content.end()) {
@@ -278,20 +310,29 @@ std::vector<std::vector<unsigned char>> CertificatesIn(const std::string& file) 
 
 }  // namespace
 
-void ProviderContext::AddCertificateAuthorities(const std::vector<std::string>& files) {
+void ProviderContext::AddCertificateAuthorities(SharedLibrarySession& session) const {
   // The library offers a certificate only when it can build its chain from
   // the CAs a host added (or the system's); these files are such CAs.
-  for (const std::string& file : files) {
+  for (const std::string& file : ca_files_) {
+    // A FIFO would block the host for ever and /dev/zero would never end:
+    // regular files of sensible size only, each refusal told once.
+    std::vector<unsigned char> content;
+    std::string reason;
+    if (!x509auth_common::RegularFile::ReadFile(file, content, reason)) {
+      if (settings_.log_threshold <= 3)
+        std::fprintf(stderr, "x509auth: ca_files: skipping %s: %s\n", file.c_str(), reason.c_str());
+      continue;
+    }
     std::vector<std::vector<unsigned char>> certificates;
     {
       // Reading to the end of a PEM file queues an error.
       const ErrorQueueGuard errors;
-      certificates = CertificatesIn(file);
+      certificates = CertificatesIn(std::move(content));
     }
     int added = 0;
     for (const std::vector<unsigned char>& der : certificates) {
       const Request request{&settings_, nullptr};
-      added += session_->Run(request, [&] {
+      added += session.Run(request, [&] {
         return X509_Auth_AddAdditionalCertificateAuthorityToStore(der.data(), der.size());
       });
     }
@@ -314,14 +355,43 @@ void ProviderContext::RaiseAt(const char* file, int line, const char* function, 
   va_end(arguments);
 }
 
-extern "C" int X509AuthProviderInit(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in,
-                                    const OSSL_DISPATCH** out, void** provctx) {
+void RaiseUnexpected(std::string_view entry, const char* what) noexcept {
+  try {
+    const std::string_view name = WrappedName(entry);
+    const std::lock_guard<ProcessLocks::Mutex> lock(ProcessLocks::Contexts());
+    if (ProviderContext::newest_ != nullptr) {
+      // Any live context raises the provider's error; the newest is as
+      // good as the one the call came through.
+      ProviderContext::newest_->RaiseAt(OPENSSL_FILE, OPENSSL_LINE, OPENSSL_FUNC,
+                                        k_reason_unexpected, "%.*s: %s",
+                                        static_cast<int>(name.size()), name.data(), what);
+      return;
+    }
+    // Only the init function runs without one (its context is gone).
+    ERR_raise_data(ERR_LIB_PROV, ERR_R_INTERNAL_ERROR, "x509auth provider: %.*s: %s",
+                   static_cast<int>(name.size()), name.data(), what);
+  } catch (...) {
+    // Nothing more can be told.
+  }
+}
+
+namespace {
+
+int StartProvider(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in,
+                  const OSSL_DISPATCH** out, void** provctx) {
   auto context = std::make_unique<ProviderContext>(handle, in);
   if (!context->Start()) return 0;
   *out = k_provider_functions;
   // OpenSSL owns it from here and hands it back to Teardown.
   *provctx = context.release();
   return 1;
+}
+
+}  // namespace
+
+extern "C" int X509AuthProviderInit(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in,
+                                    const OSSL_DISPATCH** out, void** provctx) {
+  return Guarded<StartProvider>::Call(handle, in, out, provctx);
 }
 
 }  // namespace x509auth_provider

@@ -9,8 +9,8 @@
 #include <openssl/provider.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ProviderPtr.h"
@@ -34,6 +34,7 @@ enum Reason {
   k_reason_unsupported_key,
   k_reason_bad_argument,
   k_reason_setup_failed,
+  k_reason_unexpected,
 };
 
 // Raises an error of |provider| (a ProviderContext*) that points at the
@@ -43,6 +44,7 @@ enum Reason {
 
 class ProviderContext {
  public:
+  // Listed among the live contexts until destroyed (see RaiseUnexpected).
   ProviderContext(const OSSL_CORE_HANDLE* handle, const OSSL_DISPATCH* in);
   ~ProviderContext();
   ProviderContext(const ProviderContext&) = delete;
@@ -88,7 +90,7 @@ class ProviderContext {
   // Settles the PKCS#11 module setting; false after raising an error.
   bool ChooseModule();
   SharedLibrarySession& Session();
-  void AddCertificateAuthorities(const std::vector<std::string>& files);
+  void AddCertificateAuthorities(SharedLibrarySession& session) const;
 
   const OSSL_CORE_HANDLE* handle_;
   OSSL_FUNC_core_get_params_fn* get_params_ = nullptr;
@@ -99,8 +101,16 @@ class ProviderContext {
   ProviderSettings settings_;
   LibCtxPtr crypto_;
   std::vector<std::string> ca_files_;
-  std::mutex session_mutex_;
   std::shared_ptr<SharedLibrarySession> session_;  // joined on first use
+
+  // The contexts not yet torn down, newest first, under
+  // ProcessLocks::Contexts: an exception caught in an entry point is raised
+  // through one of them. A list without storage of its own, so that a
+  // teardown after the static objects are gone (OPENSSL_cleanup) still works.
+  static ProviderContext* newest_;
+  ProviderContext* older_ = nullptr;
+  ProviderContext* newer_ = nullptr;
+  friend void RaiseUnexpected(std::string_view entry, const char* what) noexcept;
 };
 
 // The provider's init function, shared by the module's OSSL_provider_init and

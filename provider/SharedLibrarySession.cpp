@@ -98,20 +98,16 @@ void FreePinEntry(X509_Auth_PinEntryResult* result) {
 
 }  // namespace
 
-std::mutex& SharedLibrarySession::Mutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+ProcessLocks::Mutex& SharedLibrarySession::Mutex() { return ProcessLocks::Library(); }
 
 std::shared_ptr<SharedLibrarySession> SharedLibrarySession::Acquire(
     const ProviderSettings& settings) {
-  static std::mutex acquire_mutex;
   static std::weak_ptr<SharedLibrarySession> instance;
-  std::lock_guard<std::mutex> acquire_lock(acquire_mutex);
+  std::lock_guard<ProcessLocks::Mutex> acquire_lock(ProcessLocks::Acquiring());
   if (std::shared_ptr<SharedLibrarySession> session = instance.lock()) return session;
   std::shared_ptr<SharedLibrarySession> session(new SharedLibrarySession());
   {
-    std::lock_guard<std::mutex> lock(Mutex());
+    std::lock_guard<ProcessLocks::Mutex> lock(Mutex());
     const Request request{&settings, nullptr};
     const Scope scope(request);
     g_idle_threshold = settings.log_threshold;
@@ -135,7 +131,7 @@ std::shared_ptr<SharedLibrarySession> SharedLibrarySession::Acquire(
 }
 
 void SharedLibrarySession::DeinitialiseAtExit() {
-  std::lock_guard<std::mutex> lock(Mutex());
+  std::lock_guard<ProcessLocks::Mutex> lock(Mutex());
   if (g_live != nullptr && !g_finished) {
     X509_Auth_DeInit();
     g_finished = true;
@@ -152,7 +148,7 @@ SharedLibrarySession::ExitHandlerAfterLoad::~ExitHandlerAfterLoad() {
 }
 
 SharedLibrarySession::~SharedLibrarySession() {
-  std::lock_guard<std::mutex> lock(Mutex());
+  std::lock_guard<ProcessLocks::Mutex> lock(Mutex());
   if (!g_finished) X509_Auth_DeInit();
   g_finished = true;
   g_live = nullptr;

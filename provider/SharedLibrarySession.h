@@ -14,6 +14,7 @@
 
 #include "ErrorQueueGuard.h"
 #include "PassphraseSource.h"
+#include "ProcessLocks.h"
 
 namespace x509auth_provider {
 
@@ -54,7 +55,7 @@ class SharedLibrarySession {
   // off again: its failures reach the caller as results and evidence.
   template <typename Call>
   auto Run(const Request& request, Call&& call) {
-    std::lock_guard<std::mutex> lock(Mutex());
+    std::lock_guard<ProcessLocks::Mutex> lock(Mutex());
     const ExitHandlerAfterLoad exit_handler;
     const Scope scope(request);
     return call();
@@ -62,7 +63,7 @@ class SharedLibrarySession {
 
  private:
   SharedLibrarySession() = default;
-  static std::mutex& Mutex();
+  static ProcessLocks::Mutex& Mutex();
   // Deinitialises the library at process exit, once, if a session is live.
   static void DeinitialiseAtExit();
 

@@ -15,6 +15,7 @@
 
 #include "Dispatch.h"
 #include "DispatchCast.h"
+#include "ErrorMark.h"
 #include "KeyObject.h"
 
 namespace x509auth_provider {
@@ -138,7 +139,12 @@ void* DupContext(void* context) {
 // A digest the library can sign, fetched from the provider's own library
 // context; null after raising an error.
 EvpMdPtr FetchDigest(const SignatureContext* context, const char* name) {
-  EvpMdPtr md(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
+  EvpMdPtr md;
+  {
+    // An unknown name is reported by the one error below.
+    const ErrorMark mark;
+    md.reset(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
+  }
   if (md == nullptr || HashTypeOf(md.get()) < 0) {
     X509AUTH_RAISE(context->provider, k_reason_unsupported_digest, "digest %s", name);
     return nullptr;
@@ -345,6 +351,8 @@ int Sign(void* opaque, unsigned char* sig, size_t* siglen, size_t sigsize, const
 
 int VerifyHash(SignatureContext* context, const unsigned char* sig, size_t siglen,
                const unsigned char* hash, size_t length) {
+  // A signature that does not verify is an answer, not an error.
+  const ErrorMark mark;
   EvpPkeyCtxPtr verifier(
       EVP_PKEY_CTX_new_from_pkey(context->provider->Crypto(), context->key->PublicKey(), nullptr));
   if (verifier == nullptr || EVP_PKEY_verify_init(verifier.get()) <= 0) return 0;
@@ -417,27 +425,27 @@ int DigestVerifyFinal(void* opaque, const unsigned char* sig, size_t siglen) {
   return VerifyHash(context, sig, siglen, hash, length);
 }
 
-#define X509AUTH_SIGNATURE_TABLE(new_function)                                      \
-  {                                                                                 \
-    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast(new_function)},                       \
-        {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast(FreeContext)},                   \
-        {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast(DupContext)},                     \
-        {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast(Init)},                        \
-        {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast(Sign)},                             \
-        {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast(Init)},                      \
-        {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast(Verify)},                         \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast(DigestInit)},           \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast(DigestUpdate)},       \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast(DigestSignFinal)},     \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast(DigestInit)},         \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast(DigestUpdate)},     \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast(DigestVerifyFinal)}, \
-        {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast(GetParams)},              \
-        {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast(GettableParams)},    \
-        {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast(SetParams)},              \
-        {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)}, {  \
-      0, nullptr                                                                    \
-    }                                                                               \
+#define X509AUTH_SIGNATURE_TABLE(new_function)                                        \
+  {                                                                                   \
+    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast<new_function>()},                       \
+        {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast<FreeContext>()},                   \
+        {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast<DupContext>()},                     \
+        {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast<Init>()},                        \
+        {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast<Sign>()},                             \
+        {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast<Init>()},                      \
+        {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast<Verify>()},                         \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast<DigestInit>()},           \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast<DigestUpdate>()},       \
+        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast<DigestSignFinal>()},     \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast<DigestInit>()},         \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast<DigestUpdate>()},     \
+        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast<DigestVerifyFinal>()}, \
+        {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast<GetParams>()},              \
+        {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast<GettableParams>()},    \
+        {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast<SetParams>()},              \
+        {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()}, {  \
+      0, nullptr                                                                      \
+    }                                                                                 \
   }
 
 }  // namespace

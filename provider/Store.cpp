@@ -188,12 +188,12 @@ int Load(void* opaque, OSSL_CALLBACK* object_cb, void* object_cbarg,
          OSSL_PASSPHRASE_CALLBACK* pw_cb, void* pw_cbarg) {
   StoreContext* context = AsContext(opaque);
   if (context->done) return 0;
+  // Finished unless an object is given: a load that fails, or throws (which
+  // the entry point's guard turns into a failure), ends the listing.
+  context->done = true;
   if (context->passphrase == nullptr)
     context->passphrase = std::make_shared<PassphraseSource>(pw_cb, pw_cbarg);
-  if (!context->listed && !List(context)) {
-    context->done = true;
-    return 0;
-  }
+  if (!context->listed && !List(context)) return 0;
   const bool want_certs = context->expect == 0 || context->expect == OSSL_STORE_INFO_CERT;
   const bool want_keys = WantKeys(context);
   while (context->next < context->entries.size()) {
@@ -201,17 +201,19 @@ int Load(void* opaque, OSSL_CALLBACK* object_cb, void* object_cbarg,
     // Each certificate first, then (for a single one) its key.
     if (!context->key_pending) {
       context->key_pending = true;
-      if (want_certs) return GiveCertificate(entry, object_cb, object_cbarg);
+      if (want_certs) {
+        context->done = false;
+        return GiveCertificate(entry, object_cb, object_cbarg);
+      }
     }
     context->key_pending = false;
     ++context->next;
     if (want_keys) {
       const int given = GiveKey(context, entry, object_cb, object_cbarg);
-      if (!given) context->done = true;
+      context->done = !given;
       return given;
     }
   }
-  context->done = true;
   return 0;
 }
 
@@ -234,12 +236,12 @@ int Close(void* opaque) {
 }  // namespace
 
 const OSSL_DISPATCH k_store_functions[] = {
-    {OSSL_FUNC_STORE_OPEN, DispatchCast(Open)},
-    {OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, DispatchCast(SettableParams)},
-    {OSSL_FUNC_STORE_SET_CTX_PARAMS, DispatchCast(SetParams)},
-    {OSSL_FUNC_STORE_LOAD, DispatchCast(Load)},
-    {OSSL_FUNC_STORE_EOF, DispatchCast(Eof)},
-    {OSSL_FUNC_STORE_CLOSE, DispatchCast(Close)},
+    {OSSL_FUNC_STORE_OPEN, DispatchCast<Open>()},
+    {OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()},
+    {OSSL_FUNC_STORE_SET_CTX_PARAMS, DispatchCast<SetParams>()},
+    {OSSL_FUNC_STORE_LOAD, DispatchCast<Load>()},
+    {OSSL_FUNC_STORE_EOF, DispatchCast<Eof>()},
+    {OSSL_FUNC_STORE_CLOSE, DispatchCast<Close>()},
     {0, nullptr}};
 
 }  // namespace x509auth_provider
