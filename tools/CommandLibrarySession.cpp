@@ -3,8 +3,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "Evidence.h"
 #include "Formatting.h"
@@ -12,6 +10,7 @@
 #include "PinPrompt.h"
 #include "Report.h"
 #include "ThumbprintArgument.h"
+#include "x509auth/RegularFile.h"
 
 namespace x509auth_tool {
 namespace {
@@ -87,10 +86,12 @@ X509_Auth_Settings CommandLibrarySession::Settings() {
 
 std::optional<std::vector<unsigned char>> CommandLibrarySession::ReadCaFile(
     const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return FailPlain("cannot read the CA certificate " + path), std::nullopt;
-  return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)),
-                                    std::istreambuf_iterator<char>());
+  // Never blocking on a FIFO, never reading a device or a huge file.
+  std::vector<unsigned char> bytes;
+  std::string reason;
+  if (!x509auth_common::RegularFile::ReadFile(path, bytes, reason))
+    return FailPlain("cannot read the CA certificate " + path + ": " + reason), std::nullopt;
+  return bytes;
 }
 
 bool CommandLibrarySession::Start() {

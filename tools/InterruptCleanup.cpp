@@ -3,7 +3,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <initializer_list>
+#include <iterator>
+#include <vector>
 
 namespace x509auth_tool {
 namespace {
@@ -31,10 +32,20 @@ void InterruptCleanup::Install() {
   struct sigaction action {};
   action.sa_handler = OnSignal;
   sigemptyset(&action.sa_mask);
-  for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
-    // A signal the parent chose to ignore (nohup, a background job) stays so.
+  // Every signal whose default action ends the process and that can be
+  // caught: the keyboard's (Ctrl-C, Ctrl-\\), kill's, timers', a closed pipe,
+  // exceeded limits, faults, and the real-time ones.
+  static const int k_ending[] = {SIGHUP,  SIGINT,  SIGQUIT,   SIGILL,  SIGTRAP, SIGABRT,
+                                 SIGBUS,  SIGFPE,  SIGUSR1,   SIGSEGV, SIGUSR2, SIGPIPE,
+                                 SIGALRM, SIGTERM, SIGSTKFLT, SIGXCPU, SIGXFSZ, SIGVTALRM,
+                                 SIGPROF, SIGIO,   SIGPWR,    SIGSYS};
+  std::vector<int> signals(std::begin(k_ending), std::end(k_ending));
+  for (int real_time = SIGRTMIN; real_time <= SIGRTMAX; ++real_time) signals.push_back(real_time);
+  for (const int signal_number : signals) {
+    // A signal the parent chose to ignore (nohup, a background job) stays
+    // so, and so does one a library already handles.
     struct sigaction previous {};
-    if (sigaction(signal_number, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN)
+    if (sigaction(signal_number, nullptr, &previous) != 0 || previous.sa_handler != SIG_DFL)
       continue;
     sigaction(signal_number, &action, nullptr);
   }

@@ -13,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "Formatting.h"
 #include "InterruptCleanup.h"
 #include "p11-kit/pkcs11.h"
 
@@ -183,8 +184,9 @@ X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* p
     if (!answered)
       why = std::string("nothing to read from ") + fd_option + " " + std::to_string(fd);
   } else {
-    std::string question =
-        is_pin ? "PIN for the token \"" + subject + "\"" : "Password for the key file " + subject;
+    // The label and the path are anyone's text: shown escaped on the terminal.
+    std::string question = is_pin ? "PIN for the token \"" + Printable(subject) + "\""
+                                  : "Password for the key file " + Printable(subject);
     if (is_pin) {
       const std::string tries = TriesLeft();
       if (!tries.empty()) question += " (" + tries + ")";

@@ -26,6 +26,7 @@
 #include "CommandLibrarySession.h"
 #include "Evidence.h"
 #include "Formatting.h"
+#include "InputOutput.h"
 #include "OpenSslHandles.h"
 #include "PinPrompt.h"
 #include "ProviderContext.h"
@@ -417,36 +418,42 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
     ERR_clear_error();
   }
 
+  // What the server sent (its name, its reply) is shown through Printable.
+  const auto line = [](const char* label, const std::string& value) {
+    PrintOut(std::string(label) + value + "\n");
+  };
   const char* version_name = SSL_get_version(ssl.get());
-  std::printf("version:          %s\n", connected ? version_name : "(none)");
-  std::printf("cipher:           %s\n", connected ? SSL_get_cipher_name(ssl.get()) : "(none)");
+  line("version:          ", connected ? version_name : "(none)");
+  line("cipher:           ", connected ? SSL_get_cipher_name(ssl.get()) : "(none)");
   int type = NID_undef, md = NID_undef;
-  std::printf("client signature: %s\n", connected &&
-                                                SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
-                                                SSL_get_signature_nid(ssl.get(), &md) == 1
-                                            ? SchemeName(type, md).c_str()
-                                            : "(none)");
+  line("client signature: ", connected && SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
+                                     SSL_get_signature_nid(ssl.get(), &md) == 1
+                                 ? SchemeName(type, md)
+                                 : "(none)");
   X509* server = SSL_get0_peer_certificate(ssl.get());
   char subject[512] = "(none)";
   if (server != nullptr) X509_NAME_oneline(X509_get_subject_name(server), subject, sizeof subject);
-  std::printf("server:           %s\n", subject);
+  line("server:           ", Printable(subject));
   const long verify = SSL_get_verify_result(ssl.get());
-  std::printf("server verified:  %s\n", server == nullptr ? "no"
-                                        : verify == X509_V_OK
-                                            ? "yes"
-                                            : X509_verify_cert_error_string(verify));
-  std::printf("client key:       %s\n",
-              options.token_key == "export" ? "exported from the token" : "x509auth provider");
+  line("server verified:  ", server == nullptr     ? "no"
+                             : verify == X509_V_OK ? "yes"
+                                                   : X509_verify_cert_error_string(verify));
+  line("client key:       ",
+       options.token_key == "export" ? "exported from the token" : "x509auth provider");
   provider_log.reset();
   const bool asked = accepted && requested;
-  std::printf("handshake:        %s\n",
-              !accepted ? ("rejected: " + failure).c_str()
-              : asked   ? "accepted"
-                        : "completed, but the server asked for no client certificate");
-  if (!reply.empty())
-    std::printf("reply:            %s",
-                reply.back() == '\n' ? reply.c_str() : (reply + "\n").c_str());
-  std::fflush(stdout);
+  line("handshake:        ", !accepted ? "rejected: " + Printable(failure)
+                             : asked   ? "accepted"
+                                     : "completed, but the server asked for no client certificate");
+  if (!reply.empty()) {
+    if (reply.back() == '\n') reply.pop_back();
+    line("reply:            ", Printable(reply));
+  }
+  if (!FlushStandardOutput()) {
+    if (connected) SSL_shutdown(ssl.get());
+    close(fd);
+    return k_exit_failed;
+  }
   if (connected) SSL_shutdown(ssl.get());
   close(fd);
   if (!accepted) {
