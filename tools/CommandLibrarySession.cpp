@@ -15,20 +15,29 @@
 namespace x509auth_tool {
 namespace {
 
+// The callbacks run inside the library's calls: an exception (no memory
+// for one more line) must not cross its C interface, where it would end the
+// process with std::terminate. A line that cannot be kept is dropped.
 __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority, const char* format,
-                                                 va_list arguments) {
-  va_list copy;
-  va_copy(copy, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  Evidence::AddLog(priority, format, text);
+                                                 va_list arguments) noexcept {
+  try {
+    va_list copy;
+    va_copy(copy, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    Evidence::AddLog(priority, format, text);
+  } catch (...) {
+  }
 }
 
-void OnMessage(const char* message, const char* title) {
-  Evidence::AddNotice(title != nullptr ? title : "", message != nullptr ? message : "");
+void OnMessage(const char* message, const char* title) noexcept {
+  try {
+    Evidence::AddNotice(title != nullptr ? title : "", message != nullptr ? message : "");
+  } catch (...) {
+  }
 }
 
 }  // namespace

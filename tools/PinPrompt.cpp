@@ -80,7 +80,15 @@ TerminalAnswer ReadFromTerminal(const std::string& question, std::string& answer
   quiet.c_lflag |= ECHONL;
   InterruptCleanup::SetTerminal(fd, saved);
   tcsetattr(fd, TCSAFLUSH, &quiet);
-  const bool got = ReadLine(fd, answer);
+  bool got = false;
+  try {
+    got = ReadLine(fd, answer);
+  } catch (...) {
+    tcsetattr(fd, TCSAFLUSH, &saved);
+    InterruptCleanup::ClearTerminal();
+    close(fd);
+    throw;
+  }
   tcsetattr(fd, TCSAFLUSH, &saved);
   InterruptCleanup::ClearTerminal();
   close(fd);
@@ -142,7 +150,17 @@ std::string PinPrompt::TriesLeft() {
   return "";
 }
 
-X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* prompt) {
+X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* prompt) noexcept {
+  // Inside the library's call: no exception may cross its C interface. No
+  // answer (null) cancels the prompt.
+  try {
+    return Ask(title, prompt);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+X509_Auth_PinEntryResult* PinPrompt::Ask(const char* title, const char* prompt) {
   title = title != nullptr ? title : "";
   prompt = prompt != nullptr ? prompt : "";
   // The library titles token logins "Enter pin" and key files "Enter password".
@@ -216,7 +234,7 @@ X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* p
   return &held.release()->result;
 }
 
-void PinPrompt::OnFree(X509_Auth_PinEntryResult* result) {
+void PinPrompt::OnFree(X509_Auth_PinEntryResult* result) noexcept {
   // |result| is the first member of a HeldAnswer made above.
   std::unique_ptr<HeldAnswer> held(reinterpret_cast<HeldAnswer*>(result));
 }

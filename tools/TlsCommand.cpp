@@ -108,7 +108,7 @@ std::string Join(const std::vector<std::string>& parts) {
 // info, which OpenSSL wraps as "Enter pass phrase for INFO:"; the library's
 // own prompt is made again from it and answered by the tool's prompt
 // sources, as for the other commands.
-int ReadFromPrompt(UI* ui, UI_STRING* uis) {
+int AnswerPrompt(UI* ui, UI_STRING* uis) {
   if (UI_get_string_type(uis) != UIT_PROMPT && UI_get_string_type(uis) != UIT_VERIFY) return 1;
   std::string info = UI_get0_output_string(uis);
   static const std::string k_wrapper = "Enter pass phrase for ";
@@ -123,6 +123,16 @@ int ReadFromPrompt(UI* ui, UI_STRING* uis) {
     ok = UI_set_result(ui, uis, answer->value) == 0;
   if (answer != nullptr) PinPrompt::OnFree(answer);
   return ok ? 1 : 0;
+}
+
+// OpenSSL calls it: no exception may cross into its C code. A prompt that
+// cannot be answered is cancelled.
+int ReadFromPrompt(UI* ui, UI_STRING* uis) noexcept {
+  try {
+    return AnswerPrompt(ui, uis);
+  } catch (...) {
+    return 0;
+  }
 }
 
 // A TCP connection with a time limit on connecting, reading and writing.

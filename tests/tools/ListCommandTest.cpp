@@ -153,5 +153,35 @@ TEST_F(ListCommandTest, CaFileThatIsAFifoADeviceOrTooLargeIsRefusedAtOnce) {
   }
 }
 
+TEST_F(ListCommandTest, OutOfMemoryIsSaidInWordsWithWhatTheToolWasDoing) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "AddressSanitizer cannot run under an address-space limit";
+#endif
+  // A CA file just under the 4 MiB the tool reads: with limits rising from
+  // too little to start, some limit leaves room for everything before the
+  // file but not for the file. Whatever the limit, no bare "std::bad_alloc".
+  std::filesystem::create_directories(Base("b") / "certs");
+  const std::filesystem::path ca = temp_ / "large-ca.pem";
+  WriteFile(ca, "-----BEGIN CERTIFICATE-----\n" + std::string(4000000, 'A') +
+                    "\n-----END CERTIFICATE-----\n");
+  bool said = false;
+  for (int kib = 8 * 1024; kib <= 96 * 1024 && !said; kib += 256) {
+    ToolRun run{{"--module", "none", "--add-ca", ca.string(), "--dir", Base("b").string(), "list"}};
+    run.shell = "ulimit -v " + std::to_string(kib);
+    const ToolResult result = RunTool(run);
+    EXPECT_EQ(result.err.find("x509-auth: std::bad_alloc"), std::string::npos)
+        << kib << " KiB: " << result.err;
+    said =
+        result.err.find("x509-auth: out of memory while running 'list'; nothing more was done") !=
+        std::string::npos;
+    if (said) {
+      EXPECT_EQ(result.status, 1) << kib << " KiB";
+      EXPECT_EQ(ToolLines(result.err).size(), 1u) << kib << " KiB: " << result.err;
+      EXPECT_EQ(result.out, "");
+    }
+  }
+  EXPECT_TRUE(said) << "no limit ran out of memory at the CA file";
+}
+
 }  // namespace
 }  // namespace x509auth_test
