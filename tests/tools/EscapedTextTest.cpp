@@ -5,6 +5,7 @@
 // escapes in its own way).
 #include <algorithm>
 
+#include "SoftHsmToken.h"
 #include "ToolFixture.h"
 
 namespace x509auth_test {
@@ -115,6 +116,64 @@ TEST_F(EscapedTextTest, ChainAndFailureLinesShowNamesEscaped) {
                              " does not exist"),
             std::string::npos)
       << missing.err;
+}
+
+TEST_F(EscapedTextTest, TokenLabelIsShownEscapedInDoctorAndInThePromptsFailure) {
+  X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+  SoftHsmToken hsm;
+  const std::string label = "Card\x1b[2J\nTwo";
+  const std::string shown = "Card\\x1b[2J\\nTwo";
+  hsm.InitToken(label);
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  TestX509 cert = ClientCert("On The Card", ec.get());
+  hsm.ImportCertAndKey(label, cert.get(), ec.get(), "01", "ec");
+  const std::string module = SoftHsmToken::ModulePath().string();
+
+  const ToolResult doctor = RunTool({"--module", module, "doctor"});
+  ASSERT_EQ(doctor.status, 0) << doctor.err;
+  ExpectNoControl(doctor.out, "doctor");
+  EXPECT_NE(doctor.out.find("token \"" + shown + "\"\n  subject     On The Card\n"),
+            std::string::npos)
+      << doctor.out;
+  // No terminal and no PIN source: the failure names the token, escaped.
+  const ToolResult sign =
+      RunTool({"--module", module, "sign", HexOf(Sha1Thumbprint(cert.get())), "--in", "/dev/null"});
+  EXPECT_EQ(sign.status, 1);
+  ExpectNoControl(sign.err, "sign's failure");
+  EXPECT_NE(sign.err.find("the prompt for the PIN of the token \"" + shown + "\" went unanswered"),
+            std::string::npos)
+      << sign.err;
+}
+
+TEST_F(EscapedTextTest, LettersOfAnyScriptStayAndReorderingMarksAndC1ControlsAreEscaped) {
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  // U+202E turns what follows right to left; U+009B is a CSI to terminals
+  // that read C1 controls.
+  TestX509 letters = ClientCert("J\u00fcrgen \u00d8deg\u00e5rd \u5c71\u7530", ec.get());
+  TestX509 marks = ClientCert("abc\u202egpj.exe \u009b31m", ec.get());
+  InstallFileCert(Base("u"), "letters.pem", letters.get(), ec.get());
+  InstallFileCert(Base("u"), "marks.pem", marks.get(), ec.get());
+  // A file name that is not UTF-8.
+  InstallFileCert(Base("u"), "bytes\xff.pem", letters.get(), ec.get());
+
+  const ToolResult list = RunTool({"--dir", Base("u").string(), "list"});
+  ASSERT_EQ(list.status, 0) << list.err;
+  EXPECT_NE(list.out.find("J\u00fcrgen \u00d8deg\u00e5rd \u5c71\u7530"), std::string::npos)
+      << list.out;
+  EXPECT_NE(list.out.find("abc\\u202egpj.exe \\xc2\\x9b31m"), std::string::npos) << list.out;
+
+  const ToolResult doctor = RunTool({"--dir", Base("u").string(), "doctor"});
+  ASSERT_EQ(doctor.status, 0) << doctor.err;
+  EXPECT_NE(doctor.out.find((Base("u") / "certs").string() + "/bytes\\xff.pem\n"),
+            std::string::npos)
+      << doctor.out;
+  // JSON cannot carry the byte: it becomes U+FFFD, and the report is still made.
+  const ToolResult json = RunTool({"--dir", Base("u").string(), "doctor", "--json"});
+  ASSERT_EQ(json.status, 0) << json.err;
+  bool found = false;
+  for (const auto& entry : nlohmann::json::parse(json.out))
+    found = found || entry["path"] == (Base("u") / "certs").string() + "/bytes\ufffd.pem";
+  EXPECT_TRUE(found) << json.out;
 }
 
 }  // namespace

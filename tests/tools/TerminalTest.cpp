@@ -251,6 +251,29 @@ TEST_F(TerminalTest, EverySignalThatEndsThePromptRestoresEchoAndEndsByThatSignal
   }
 }
 
+TEST_F(TerminalTest, PromptShowsAKeyFileNameWithEscapesAsText) {
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  TestX509 cert = ClientCert("Painted", ec.get());
+  // A colour sequence and a screen clear in the file name.
+  const std::string name = "paint\x1b[31m\x1b[2J.pem";
+  WriteFile(Base("b") / "certs" / name, CertToPem(cert.get()));
+  WriteFile(Base("b") / "keys" / (name + ".key"), KeyToPem(ec.get(), "pw"));
+  const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
+                           " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
+  const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  const std::string key_path = (Base("b") / "keys").string() + "/paint\\x1b[31m\\x1b[2J.pem.key";
+  EXPECT_NE(Screen().find("Password for the key file " + key_path + " (input hidden):"),
+            std::string::npos)
+      << Screen();
+  // Nothing on the screen turned red.
+  EXPECT_EQ(Tmux("capture-pane -e -p -t prompt").find("\033[31m"), std::string::npos);
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+  EXPECT_NE(Screen().find("went unanswered: nothing was entered"), std::string::npos) << Screen();
+}
+
 TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {
   TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 soon =
