@@ -78,7 +78,7 @@ TerminalAnswer ReadFromTerminal(const std::string& question, std::string& answer
   termios quiet = saved;
   quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   quiet.c_lflag |= ECHONL;
-  InterruptCleanup::SetTerminal(fd, saved);
+  InterruptCleanup::SetTerminal(fd, saved, quiet);
   tcsetattr(fd, TCSAFLUSH, &quiet);
   bool got = false;
   try {

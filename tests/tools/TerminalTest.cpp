@@ -251,6 +251,50 @@ TEST_F(TerminalTest, EverySignalThatEndsThePromptRestoresEchoAndEndsByThatSignal
   }
 }
 
+TEST_F(TerminalTest, CtrlZAtThePromptGivesEchoBackUntilTheToolGoesOn) {
+  constexpr const char* k_password = "Zq7Xv9";
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  TestX509 cert = ClientCert("Stopped", ec.get());
+  WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
+  WriteFile(Base("b") / "keys" / "locked.pem.key", KeyToPem(ec.get(), k_password));
+  const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
+                           " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
+  // With job control (set -m) the shell gets the terminal back when Ctrl-Z
+  // stops the tool, shows its mode, and brings the tool back with fg.
+  const std::string script =
+      "set -m; " + tool +
+      "; echo \"STOPPED=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
+      "sed 's/^/MODE=/'; fg; echo \"EXIT=$?\"; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  Tmux("send-keys -t prompt C-z");
+  ASSERT_TRUE(WaitForScreen("MODE=")) << Screen();
+  EXPECT_NE(Screen().find("STOPPED=" + std::to_string(128 + SIGTSTP)), std::string::npos)
+      << Screen();
+  EXPECT_NE(Screen().find("MODE=echo"), std::string::npos) << Screen();
+  // Back at the prompt: echo is off again (the pane's terminal, read from
+  // outside), and the password stays hidden.
+  std::string tty = Tmux("display -p -t prompt '#{pane_tty}'");
+  while (!tty.empty() && tty.back() == '\n') tty.pop_back();
+  bool hidden = false;
+  for (int i = 0; i < 200 && !hidden; ++i) {
+    std::string modes;
+    if (FILE* pipe = popen(("stty -a -F " + Quote(tty) + " 2>&1").c_str(), "r")) {
+      char buffer[4096];
+      while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) modes += buffer;
+      pclose(pipe);
+    }
+    hidden = modes.find(" -echo ") != std::string::npos;
+    if (!hidden) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_TRUE(hidden) << Screen();
+  Tmux(std::string("send-keys -t prompt -l ") + k_password);
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+  EXPECT_NE(Screen().find("EXIT=0"), std::string::npos) << Screen();
+  EXPECT_EQ(Screen().find(k_password), std::string::npos) << "echoed:\n" << Screen();
+}
+
 TEST_F(TerminalTest, PromptShowsAKeyFileNameWithEscapesAsText) {
   TestKey ec = SharedKey(KeyKind::k_ec, 1);
   TestX509 cert = ClientCert("Painted", ec.get());
