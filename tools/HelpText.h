@@ -34,7 +34,9 @@ COMMANDS
                      with the certificate's public key; hex on stdout, or
                      raw to --out.
   decrypt THUMBPRINT --padding pkcs1|oaep [--in FILE|-] [--out FILE]
-                     Decrypts with the certificate's RSA key.
+                     Decrypts with the certificate's RSA key. The input is
+                     one ciphertext (an input over 64 KiB is refused); a new
+                     --out file is made readable by its owner only.
   show THUMBPRINT    Opens the certificate in the desktop's viewer
                      (gcr-viewer); fails when there is no display.
   doctor [--json]    One report per entry of every certs directory and per
