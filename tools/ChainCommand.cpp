@@ -7,6 +7,7 @@
 #include "CommandLibrarySession.h"
 #include "Evidence.h"
 #include "Formatting.h"
+#include "InputOutput.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 
@@ -37,10 +38,10 @@ int RunChain(const GlobalOptions& global, const ChainOptions& options) {
 
   if (options.pem) {
     X509Ptr leaf = RecordCertificate(*record);
-    if (leaf) std::fputs(ToPem(leaf.get()).c_str(), stdout);
+    if (leaf) PrintOut(ToPem(leaf.get()));
     for (uint64_t i = 0; i < record->ca_chain_count; ++i) {
       const auto found = handed_out.find(Hex(record->ca_chain[i], X509_AUTH_THUMBPRINT_LENGTH));
-      if (found != handed_out.end()) std::fputs(ToPem(found->second.get()).c_str(), stdout);
+      if (found != handed_out.end()) PrintOut(ToPem(found->second.get()));
     }
     return k_exit_ok;
   }
@@ -55,7 +56,7 @@ int RunChain(const GlobalOptions& global, const ChainOptions& options) {
       // Trusted through the system's CA store: the library does not hand it out.
       subject = "(a system CA; not handed out by the library)";
     }
-    std::printf("%llu  %s  %s\n", static_cast<unsigned long long>(i), hex.c_str(), subject.c_str());
+    PrintOut(std::to_string(i) + "  " + hex + "  " + Printable(subject) + "\n");
   }
   return k_exit_ok;
 }

@@ -3,8 +3,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "Evidence.h"
 #include "Formatting.h"
@@ -12,24 +10,34 @@
 #include "PinPrompt.h"
 #include "Report.h"
 #include "ThumbprintArgument.h"
+#include "x509auth/RegularFile.h"
 
 namespace x509auth_tool {
 namespace {
 
+// The callbacks run inside the library's calls: an exception (no memory
+// for one more line) must not cross its C interface, where it would end the
+// process with std::terminate. A line that cannot be kept is dropped.
 __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority, const char* format,
-                                                 va_list arguments) {
-  va_list copy;
-  va_copy(copy, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-  if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  Evidence::AddLog(priority, format, text);
+                                                 va_list arguments) noexcept {
+  try {
+    va_list copy;
+    va_copy(copy, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    Evidence::AddLog(priority, format, text);
+  } catch (...) {
+  }
 }
 
-void OnMessage(const char* message, const char* title) {
-  Evidence::AddNotice(title != nullptr ? title : "", message != nullptr ? message : "");
+void OnMessage(const char* message, const char* title) noexcept {
+  try {
+    Evidence::AddNotice(title != nullptr ? title : "", message != nullptr ? message : "");
+  } catch (...) {
+  }
 }
 
 }  // namespace
@@ -87,10 +95,12 @@ X509_Auth_Settings CommandLibrarySession::Settings() {
 
 std::optional<std::vector<unsigned char>> CommandLibrarySession::ReadCaFile(
     const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return FailPlain("cannot read the CA certificate " + path), std::nullopt;
-  return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)),
-                                    std::istreambuf_iterator<char>());
+  // Never blocking on a FIFO, never reading a device or a huge file.
+  std::vector<unsigned char> bytes;
+  std::string reason;
+  if (!x509auth_common::RegularFile::ReadFile(path, bytes, reason))
+    return FailPlain("cannot read the CA certificate " + path + ": " + reason), std::nullopt;
+  return bytes;
 }
 
 bool CommandLibrarySession::Start() {

@@ -10,6 +10,14 @@
 #include "Report.h"
 
 namespace x509auth_tool {
+namespace {
+
+// Far above the ciphertext of the largest RSA key in use (16384 bits: 2 KiB),
+// so that a mistaken input (a device, a large file) is refused at once
+// instead of read into memory.
+constexpr std::size_t k_max_ciphertext = 64 * 1024;
+
+}  // namespace
 
 int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   const uint32_t padding = options.padding == "oaep" ? X509_Auth_DecryptAlgorithm_RsaOaep
@@ -18,7 +26,8 @@ int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;
-  const std::optional<std::vector<unsigned char>> input = ReadInput(options.in);
+  const std::optional<std::vector<unsigned char>> input =
+      ReadInput(options.in, k_max_ciphertext, "an RSA ciphertext");
   if (!input) return k_exit_failed;
 
   const X509_Auth_ASN_1* plaintext = nullptr;
@@ -28,8 +37,9 @@ int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr)
     return Fail(
         CommandLibrarySession::KeyFailure("decrypting with " + std::string(record->name), result));
+  // A new plaintext file is the user's alone.
   const bool written =
-      WriteOutput(options.out, plaintext->data, static_cast<std::size_t>(plaintext->length));
+      WriteOutput(options.out, plaintext->data, static_cast<std::size_t>(plaintext->length), 0600);
   const std::size_t length = static_cast<std::size_t>(plaintext->length);
   X509_Auth_Free(plaintext);
   if (!written) return k_exit_failed;

@@ -7,39 +7,53 @@
 #include <vector>
 
 #include "CommandLibrarySession.h"
+#include "Formatting.h"
+#include "InputOutput.h"
 #include "OfferingReport.h"
 
 namespace x509auth_tool {
 namespace {
 
 nlohmann::json ToJson(const Finding& f) {
-  return nlohmann::json{{"kind", f.kind},       {"path", f.path},
-                        {"token", f.token},     {"thumbprint", f.thumbprint},
-                        {"subject", f.subject}, {"offered", f.offered},
-                        {"reasons", f.reasons}, {"details", f.details},
-                        {"key", f.key},         {"key_path", f.key_path},
-                        {"tls", f.tls},         {"tls_note", f.tls_note}};
+  return nlohmann::json{{"kind", f.kind},        {"path", f.path},
+                        {"token", f.token},      {"thumbprint", f.thumbprint},
+                        {"subject", f.subject},  {"offered", f.offered},
+                        {"reasons", f.reasons},  {"details", f.details},
+                        {"key", f.key},          {"key_path", f.key_path},
+                        {"tls", f.tls},          {"tls_note", f.tls_note},
+                        {"warnings", f.warnings}};
 }
 
+// A folder reported only for a warning: not an entry that could be offered.
+bool WarningOnly(const Finding& f) { return f.kind == "directory" && f.reasons.empty(); }
+
 void PrintHuman(const std::vector<Finding>& findings) {
-  auto field = [](const char* name, const std::string& value) {
-    std::printf("  %-11s %s\n", name, value.c_str());
+  // Paths, subjects and labels are anyone's text: shown through Printable.
+  auto line = [](const std::string& text) { PrintOut(Printable(text) + "\n"); };
+  auto field = [&line](const char* name, const std::string& value) {
+    char label[16];
+    std::snprintf(label, sizeof label, "  %-11s ", name);
+    line(label + value);
   };
-  std::size_t offered = 0;
-  for (const Finding& f : findings) {
-    offered += f.offered ? 1 : 0;
-    std::printf("%s\n",
-                f.kind == "smartcard" ? ("token \"" + f.token + "\"").c_str() : f.path.c_str());
-    if (!f.subject.empty()) field("subject", f.subject);
-    if (!f.thumbprint.empty()) field("thumbprint", f.thumbprint);
-    field("offered", f.offered ? "yes" : "no");
+  auto listed = [&field](const Finding& f, const char* heading,
+                         const std::vector<std::string>& codes) {
     bool first = true;
-    for (const std::string& reason : f.reasons) {
-      const auto detail = f.details.find(reason);
-      field(first ? "reasons" : "",
-            reason + (detail != f.details.end() ? ": " + detail->second : ""));
+    for (const std::string& code : codes) {
+      const auto detail = f.details.find(code);
+      field(first ? heading : "", code + (detail != f.details.end() ? ": " + detail->second : ""));
       first = false;
     }
+  };
+  std::size_t entries = 0, offered = 0, warnings = 0;
+  for (const Finding& f : findings) {
+    entries += WarningOnly(f) ? 0 : 1;
+    offered += f.offered ? 1 : 0;
+    warnings += f.warnings.size();
+    line(f.kind == "smartcard" ? "token \"" + f.token + "\"" : f.path);
+    if (!f.subject.empty()) field("subject", f.subject);
+    if (!f.thumbprint.empty()) field("thumbprint", f.thumbprint);
+    if (!WarningOnly(f)) field("offered", f.offered ? "yes" : "no");
+    listed(f, "reasons", f.reasons);
     if (!f.key.empty()) {
       std::string key = f.key;
       if (!f.key_path.empty()) key += "  " + f.key_path;
@@ -47,6 +61,7 @@ void PrintHuman(const std::vector<Finding>& findings) {
       if (detail != f.details.end()) key += " (" + detail->second + ")";
       field("key", key);
     }
+    listed(f, "warning", f.warnings);
     if (f.kind != "directory") {
       std::string tls;
       for (const std::string& version : f.tls) tls += (tls.empty() ? "" : ", ") + version;
@@ -54,8 +69,12 @@ void PrintHuman(const std::vector<Finding>& findings) {
       field("tls", tls);
     }
   }
-  std::printf("%zu entr%s, %zu offered, %zu not offered\n", findings.size(),
-              findings.size() == 1 ? "y" : "ies", offered, findings.size() - offered);
+  std::string summary = std::to_string(entries) + (entries == 1 ? " entry, " : " entries, ") +
+                        std::to_string(offered) + " offered, " + std::to_string(entries - offered) +
+                        " not offered";
+  if (warnings > 0)
+    summary += ", " + std::to_string(warnings) + (warnings == 1 ? " warning" : " warnings");
+  PrintOut(summary + "\n");
 }
 
 }  // namespace
@@ -67,7 +86,8 @@ int RunDoctor(const GlobalOptions& global, const DoctorOptions& options) {
   if (options.json) {
     nlohmann::json array = nlohmann::json::array();
     for (const Finding& finding : *findings) array.push_back(ToJson(finding));
-    std::printf("%s\n", array.dump(2).c_str());
+    // A file name need not be UTF-8; JSON must be: such bytes become U+FFFD.
+    PrintOut(array.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
   } else {
     PrintHuman(*findings);
   }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "Formatting.h"
+
 namespace x509auth_tool {
 namespace {
 
@@ -17,7 +19,8 @@ std::string Label(const Evidence::Line& line) {
 void Live(const Evidence::Line& line) {
   if (!g_verbose || g_quiet) return;
   std::fflush(stdout);
-  std::fprintf(stderr, "x509-auth: [%s] %s\n", Label(line).c_str(), line.text.c_str());
+  std::fprintf(stderr, "x509-auth: [%s] %s\n", Printable(Label(line)).c_str(),
+               Printable(line.text).c_str());
 }
 
 }  // namespace

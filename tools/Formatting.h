@@ -8,6 +8,14 @@
 
 namespace x509auth_tool {
 
+// |text| as it may be shown to a person: control characters (C0, DEL, C1),
+// bytes that are not UTF-8, and the marks that reverse the direction of
+// text are written as escapes (\x1b, \n, \u202e), and a backslash as \\,
+// so a name taken from a certificate, a token or a file name can neither
+// move the cursor, repaint the terminal nor start a line of its own. Text
+// for programs (JSON) escapes in its own way and does not go through here.
+std::string Printable(const std::string& text);
+
 // Lowercase hex of |length| bytes.
 std::string Hex(const uint8_t* bytes, std::size_t length);
 // The record's 40-digit thumbprint.

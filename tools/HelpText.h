@@ -34,7 +34,9 @@ COMMANDS
                      with the certificate's public key; hex on stdout, or
                      raw to --out.
   decrypt THUMBPRINT --padding pkcs1|oaep [--in FILE|-] [--out FILE]
-                     Decrypts with the certificate's RSA key.
+                     Decrypts with the certificate's RSA key. The input is
+                     one ciphertext (an input over 64 KiB is refused); a new
+                     --out file is made readable by its owner only.
   show THUMBPRINT    Opens the certificate in the desktop's viewer
                      (gcr-viewer); fails when there is no display.
   doctor [--json]    One report per entry of every certs directory and per
@@ -63,6 +65,11 @@ DOCTOR
                         verification error is given (add the issuing CA with
                         --add-ca, or install it in the system's CA store)
     no-certs-directory  a base directory has no certs directory
+    scan-stopped        the status of this entry cannot be taken (a looping
+                        link, a target you may not see): the library's scan
+                        of the folder ends here
+    not-scanned         an entry after the one where the scan stopped (which
+                        entry, and why, is given)
   Informational, given with the chain error they cause:
     expired, not-yet-valid
   Offered, but worth knowing:
@@ -70,6 +77,13 @@ DOCTOR
                         decrypt and tls use is named)
     key-missing         the key file is missing: signing will fail
     key-mismatch        the key file is another certificate's key
+  Warnings, whatever the offering (listed under "warning", and in --json
+  under "warnings", their texts in "details"):
+    key-file-open       the key file is open to its group or others (ssh
+                        refuses such a key): chmod 600 it
+    writable-folder     its group or others can write to a certs or keys
+                        folder, and so plant or replace certificates or keys
+  list and sign warn about a key file open to others too.
   The key of a file certificate:
     missing, plain, encrypted (password not checked), unreadable,
     does-not-match; a token certificate's key is "token" (seen at login).
@@ -86,8 +100,9 @@ DIRECTORIES
 SMART CARDS
   The PKCS#11 module is --module PATH, else $X509AUTH_MODULE, else Debian's
   OpenSC module (/usr/lib/x86_64-linux-gnu/pkcs11/opensc-pkcs11.so) when it
-  is installed, else none (file certificates only). Nothing is ever loaded
-  from the working directory.
+  is installed, else none (file certificates only). Both take an absolute
+  path or the word none (no module); a relative value is a usage error.
+  Nothing is ever loaded from the working directory.
 
 PINS AND PASSWORDS
   On a terminal the tool asks once per secret, without echo, naming the key
@@ -98,7 +113,11 @@ PINS AND PASSWORDS
   which prompt went unanswered. A wrong password or PIN is said as such.
 
 OUTPUT
-  A command prints its result on stdout and nothing else on success. The
+  A command prints its result on stdout and nothing else on success. A
+  write that fails (a full disk, a file-size limit) fails the command, and
+  an incomplete --out file is removed. Names from certificates, tokens and
+  file names are shown with control characters escaped (\x1b, \n); JSON
+  output keeps them, in JSON's own escapes. The
   library's log lines are kept: when the command fails, its error lines are
   shown indented under the one-line failure. -v shows every line as it comes
   ("x509-auth: [warning] ..."); -q shows only the result and the failure.

@@ -7,12 +7,14 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "CommandLibrarySession.h"
 #include "Formatting.h"
+#include "InputOutput.h"
 #include "KeyFileCheck.h"
 #include "OpenSslHandles.h"
 #include "RecordJson.h"
@@ -66,8 +68,9 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
     const int state = days_left < k_soon_days ? 3 : 0;
     std::string expiry = IsoTime(record->not_after).substr(0, 10);
     if (state == 3) expiry += " (in " + std::to_string(days_left) + " days)";
-    rows.push_back({ThumbprintHex(*record).substr(0, k_short_thumbprint), record->name,
-                    record->issuer_name, SourceName(record->cert_type), KeyCell(*record), expiry});
+    rows.push_back({ThumbprintHex(*record).substr(0, k_short_thumbprint), Printable(record->name),
+                    Printable(record->issuer_name), SourceName(record->cert_type), KeyCell(*record),
+                    expiry});
     states.push_back(state);
   }
   if (duplicates > 0)
@@ -88,7 +91,7 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
       line += cell;
     }
     if (heading && colour) line = "\033[1m" + line + "\033[0m";
-    std::printf("%s\n", line.c_str());
+    PrintOut(line + "\n");
   };
   print_row(headings, 0);
   for (std::size_t i = 0; i < rows.size(); ++i) print_row(rows[i], states[i]);
@@ -99,15 +102,22 @@ void PrintTable(const std::vector<const X509_Auth_Certificate*>& records) {
 int RunList(const GlobalOptions& global, const ListOptions& options) {
   CommandLibrarySession session(global);
   if (!session.Start() || !session.Load()) return k_exit_failed;
+  std::set<std::string> warned;
+  for (const X509_Auth_Certificate* record : session.Records())
+    if (record->cert_type == X509_Auth_CertificateType_FileBased && record->key_path != nullptr &&
+        warned.insert(record->key_path).second)
+      if (const std::optional<std::string> exposed = KeyFileExposure(record->key_path))
+        Warn(*exposed);
   if (options.json) {
     nlohmann::json array = nlohmann::json::array();
     for (const X509_Auth_Certificate* record : session.Records())
       array.push_back(RecordJson(*record));
-    std::printf("%s\n", array.dump(2).c_str());
+    // A file name need not be UTF-8; JSON must be: such bytes become U+FFFD.
+    PrintOut(array.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
     return k_exit_ok;
   }
   if (session.Records().empty()) {
-    std::printf("No certificate is offered. 'x509-auth doctor' tells why a certificate is not.\n");
+    PrintOut("No certificate is offered. 'x509-auth doctor' tells why a certificate is not.\n");
     return k_exit_ok;
   }
   PrintTable(session.Records());

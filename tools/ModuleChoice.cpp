@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 
+#include "GlobalOptions.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -30,25 +30,33 @@ bool CheckModule(const std::string& path, const char* origin) {
   return has_entry;
 }
 
+// A value the user gave: "none", or an absolute path that is checked by
+// loading it. Anything else would be looked up from the working directory,
+// where a planted file would run as the user.
+ModuleChoice::Outcome Named(const std::string& value, const char* origin) {
+  if (value == ModuleChoice::k_no_module) return {std::string(), k_exit_ok};
+  if (value.empty() || value.front() != '/') {
+    FailPlain(std::string(origin) + " takes the absolute path of a PKCS#11 module, or " +
+              ModuleChoice::k_no_module + "; '" + value + "' is neither (nothing was loaded)");
+    return {std::nullopt, k_exit_usage};
+  }
+  if (access(value.c_str(), R_OK) != 0) {
+    FailPlain(std::string(origin) + " names " + value + ", which cannot be read");
+    return {std::nullopt, origin[0] == '-' ? k_exit_usage : k_exit_failed};
+  }
+  if (!CheckModule(value, origin)) return {std::nullopt, k_exit_failed};
+  return {value, k_exit_ok};
+}
+
 }  // namespace
 
-std::optional<std::string> ModuleChoice::Resolve(const std::string& option) {
-  if (!option.empty()) {
-    if (!CheckModule(option, "--module")) return std::nullopt;
-    return option;
-  }
+ModuleChoice::Outcome ModuleChoice::Resolve(const std::optional<std::string>& option) {
+  if (option) return Named(*option, "--module");
   if (const char* variable = std::getenv("X509AUTH_MODULE");
-      variable != nullptr && *variable != '\0') {
-    std::error_code error;
-    const std::string path = std::filesystem::absolute(variable, error).lexically_normal().string();
-    if (access(path.c_str(), R_OK) != 0) {
-      FailPlain("X509AUTH_MODULE names " + path + ", which cannot be read");
-      return std::nullopt;
-    }
-    if (!CheckModule(path, "X509AUTH_MODULE")) return std::nullopt;
-    return path;
-  }
-  return access(k_debian_opensc, R_OK) == 0 ? std::string(k_debian_opensc) : std::string();
+      variable != nullptr && *variable != '\0')
+    return Named(variable, "X509AUTH_MODULE");
+  return {access(k_debian_opensc, R_OK) == 0 ? std::string(k_debian_opensc) : std::string(),
+          k_exit_ok};
 }
 
 }  // namespace x509auth_tool

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <set>
+#include <utility>
 
 #include "CommandLibrarySession.h"
 #include "Formatting.h"
@@ -18,6 +20,7 @@
 #include "base/SafeCallbacksWrapper.h"
 #include "base/X509Settings.h"
 #include "cert/ICertificate.h"
+#include "files/DirectoryEntries.h"
 #include "keystore/KeyStore.h"
 #include "keystore/OfferDecision.h"
 #include "smartcard/Libp11Context.h"
@@ -101,6 +104,8 @@ Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) 
     if (finding.offered && key.status == "does-not-match")
       finding.Add("key-mismatch",
                   finding.key_path + " is not this certificate's key; signing will fail");
+    if (const std::optional<std::string> exposed = KeyFileExposure((*file)->key_path))
+      finding.AddWarning("key-file-open", *exposed);
   } else if (const auto* token = std::get_if<std::unique_ptr<lib::Libp11CertContext>>(&context)) {
     finding.kind = "smartcard";
     PKCS11_SLOT* slot = (*token)->slot;
@@ -162,6 +167,54 @@ Finding DirectoryFinding(const fs::path& certs, const std::string& reason,
   finding.path = certs.string();
   finding.Add(reason, detail);
   return finding;
+}
+
+// The certs and keys folders of |base| that others can write to.
+void AddWritableFolders(const fs::path& base, std::vector<Finding>& findings) {
+  for (const auto& [name, holds] :
+       {std::pair<const char*, const char*>{"certs", "certificates"}, {"keys", "keys"}}) {
+    const std::optional<std::string> writable = WritableFolder(base / name, holds);
+    if (!writable) continue;
+    Finding finding;
+    finding.kind = "directory";
+    finding.path = (base / name).string();
+    finding.AddWarning("writable-folder", *writable);
+    findings.push_back(std::move(finding));
+  }
+}
+
+// Where the library's scan of a certs directory ends early: an entry whose
+// status cannot be taken (a looping link, a target the user may not see),
+// or a directory that cannot be read on. The entries after it are never
+// scanned, so none of them is offered, whatever it holds.
+struct ScanStop {
+  std::string entry;  // the entry's path; empty when reading the folder failed
+  std::string why;
+};
+
+// Walks |certs| as the library's scan does (lib::DirectoryEntries, the
+// directory's own order, links followed with the same calls, so the same
+// failures); the entries it passes go to |scanned|.
+std::optional<ScanStop> WalkAsTheLibrary(const fs::path& certs, std::set<std::string>& scanned) {
+  try {
+    lib::DirectoryEntries entries(certs);
+    while (true) {
+      try {
+        if (!entries.Next()) return std::nullopt;
+      } catch (const fs::filesystem_error& error) {
+        return ScanStop{"", error.code().message()};
+      }
+      try {
+        entries.IsRegularFile();
+      } catch (const fs::filesystem_error& error) {
+        return ScanStop{entries.Path(), error.code().message()};
+      }
+      scanned.insert(entries.Path());
+    }
+  } catch (const fs::filesystem_error&) {
+    // Not opened at all: reported as an unreadable certs directory.
+    return std::nullopt;
+  }
 }
 
 // The base directories in the store's own order and form.
@@ -232,6 +285,7 @@ std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions&
 
   for (const fs::path& base : BaseDirectories()) {
     const fs::path certs = base / "certs";
+    AddWritableFolders(base, findings);
     std::error_code error;
     const fs::file_status status = fs::status(certs, error);
     if (!fs::is_directory(status)) {
@@ -251,7 +305,35 @@ std::optional<std::vector<Finding>> OfferingReport::Collect(const GlobalOptions&
     }
     std::sort(entries.begin(), entries.end(),
               [](const auto& a, const auto& b) { return a.path() < b.path(); });
+    std::set<std::string> scanned;
+    const std::optional<ScanStop> stop = WalkAsTheLibrary(certs, scanned);
+    const std::string stop_text =
+        stop ? "the scan of " + certs.string() + " stopped at " +
+                   (stop->entry.empty() ? std::string("reading the folder")
+                                        : fs::path(stop->entry).filename().string()) +
+                   ": " + stop->why
+             : std::string();
     for (const fs::directory_entry& entry : entries) {
+      if (stop && entry.path().string() == stop->entry) {
+        Finding finding;
+        finding.kind = "file";
+        finding.path = entry.path().string();
+        finding.tls_note = "not offered";
+        finding.Add("scan-stopped", "its status cannot be taken (" + stop->why +
+                                        "), so the library's scan of " + certs.string() +
+                                        " ends here: the entries after it are not scanned");
+        findings.push_back(std::move(finding));
+        continue;
+      }
+      if (stop && scanned.count(entry.path().string()) == 0) {
+        Finding finding;
+        finding.kind = "file";
+        finding.path = entry.path().string();
+        finding.tls_note = "not offered";
+        finding.Add("not-scanned", stop_text);
+        findings.push_back(std::move(finding));
+        continue;
+      }
       auto found = by_path.find(entry.path().string());
       if (found == by_path.end() || found->second.empty()) {
         findings.push_back(NotACertificate(entry));

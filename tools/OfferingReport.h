@@ -17,8 +17,9 @@
 
 namespace x509auth_tool {
 
-// One report: a certs entry, a token certificate, or a base directory whose
-// certs directory is missing or unreadable.
+// One report: a certs entry, a token certificate, or a folder: a certs
+// directory that is missing or unreadable, or a certs or keys folder others
+// can write to.
 struct Finding {
   std::string kind;  // "file", "smartcard" or "directory"
   std::string path;
@@ -27,6 +28,10 @@ struct Finding {
   std::string subject;
   bool offered = false;
   std::vector<std::string> reasons;
+  // Worth fixing, whatever the offering: "key-file-open" (a key file open to
+  // group or others), "writable-folder" (a certs or keys folder they can
+  // write to). Their texts are in |details| too.
+  std::vector<std::string> warnings;
   std::map<std::string, std::string> details;
   std::string key;  // key status; empty when there is no certificate
   std::string key_path;
@@ -36,6 +41,10 @@ struct Finding {
   void Add(const std::string& reason, const std::string& detail) {
     reasons.push_back(reason);
     details[reason] = detail;
+  }
+  void AddWarning(const std::string& warning, const std::string& detail) {
+    warnings.push_back(warning);
+    details[warning] = detail;
   }
 };
 

@@ -13,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "Formatting.h"
 #include "InterruptCleanup.h"
 #include "p11-kit/pkcs11.h"
 
@@ -77,9 +78,17 @@ TerminalAnswer ReadFromTerminal(const std::string& question, std::string& answer
   termios quiet = saved;
   quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
   quiet.c_lflag |= ECHONL;
-  InterruptCleanup::SetTerminal(fd, saved);
+  InterruptCleanup::SetTerminal(fd, saved, quiet);
   tcsetattr(fd, TCSAFLUSH, &quiet);
-  const bool got = ReadLine(fd, answer);
+  bool got = false;
+  try {
+    got = ReadLine(fd, answer);
+  } catch (...) {
+    tcsetattr(fd, TCSAFLUSH, &saved);
+    InterruptCleanup::ClearTerminal();
+    close(fd);
+    throw;
+  }
   tcsetattr(fd, TCSAFLUSH, &saved);
   InterruptCleanup::ClearTerminal();
   close(fd);
@@ -141,7 +150,17 @@ std::string PinPrompt::TriesLeft() {
   return "";
 }
 
-X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* prompt) {
+X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* prompt) noexcept {
+  // Inside the library's call: no exception may cross its C interface. No
+  // answer (null) cancels the prompt.
+  try {
+    return Ask(title, prompt);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+X509_Auth_PinEntryResult* PinPrompt::Ask(const char* title, const char* prompt) {
   title = title != nullptr ? title : "";
   prompt = prompt != nullptr ? prompt : "";
   // The library titles token logins "Enter pin" and key files "Enter password".
@@ -183,8 +202,9 @@ X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* p
     if (!answered)
       why = std::string("nothing to read from ") + fd_option + " " + std::to_string(fd);
   } else {
-    std::string question =
-        is_pin ? "PIN for the token \"" + subject + "\"" : "Password for the key file " + subject;
+    // The label and the path are anyone's text: shown escaped on the terminal.
+    std::string question = is_pin ? "PIN for the token \"" + Printable(subject) + "\""
+                                  : "Password for the key file " + Printable(subject);
     if (is_pin) {
       const std::string tries = TriesLeft();
       if (!tries.empty()) question += " (" + tries + ")";
@@ -214,7 +234,7 @@ X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* p
   return &held.release()->result;
 }
 
-void PinPrompt::OnFree(X509_Auth_PinEntryResult* result) {
+void PinPrompt::OnFree(X509_Auth_PinEntryResult* result) noexcept {
   // |result| is the first member of a HeldAnswer made above.
   std::unique_ptr<HeldAnswer> held(reinterpret_cast<HeldAnswer*>(result));
 }

@@ -24,8 +24,8 @@ class PinPrompt {
   // until the library hands it back; it is wiped then. A key file's
   // password is asked for once per command: a later prompt for the same
   // file (the provider reads it for every signature) gets the same answer.
-  static X509_Auth_PinEntryResult* OnPinEntry(const char* title, const char* prompt);
-  static void OnFree(X509_Auth_PinEntryResult* result);
+  static X509_Auth_PinEntryResult* OnPinEntry(const char* title, const char* prompt) noexcept;
+  static void OnFree(X509_Auth_PinEntryResult* result) noexcept;
 
   // "... went unanswered" text of the last cancelled prompt; empty if none.
   static const std::string& LastUnanswered();
@@ -34,6 +34,10 @@ class PinPrompt {
   // What the token of the last PIN prompt reports about the tries left
   // ("one try left", ...); empty when it reports nothing.
   static std::string TriesLeft();
+
+ private:
+  // OnPinEntry's work; may throw (std::bad_alloc), which OnPinEntry stops.
+  static X509_Auth_PinEntryResult* Ask(const char* title, const char* prompt);
 };
 
 }  // namespace x509auth_tool

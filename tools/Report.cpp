@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "Evidence.h"
+#include "Formatting.h"
 #include "GlobalOptions.h"
 
 namespace x509auth_tool {
@@ -23,7 +24,7 @@ void BeforeNextReport(void (*hook)()) { g_hook = hook; }
 int FailPlain(const std::string& message) {
   RunHook();
   std::fflush(stdout);
-  std::fprintf(stderr, "x509-auth: %s\n", message.c_str());
+  std::fprintf(stderr, "x509-auth: %s\n", Printable(message).c_str());
   return k_exit_failed;
 }
 
@@ -34,20 +35,22 @@ int Fail(const std::string& message) {
   return k_exit_failed;
 }
 
-void FailDetail(const std::string& line) { std::fprintf(stderr, "  %s\n", line.c_str()); }
+void FailDetail(const std::string& line) {
+  std::fprintf(stderr, "  %s\n", Printable(line).c_str());
+}
 
 void Warn(const std::string& message) {
   RunHook();
   if (g_quiet) return;
   std::fflush(stdout);
-  std::fprintf(stderr, "x509-auth: warning: %s\n", message.c_str());
+  std::fprintf(stderr, "x509-auth: warning: %s\n", Printable(message).c_str());
 }
 
 void Note(const std::string& message) {
   RunHook();
   if (g_quiet) return;
   std::fflush(stdout);
-  std::fprintf(stderr, "x509-auth: %s\n", message.c_str());
+  std::fprintf(stderr, "x509-auth: %s\n", Printable(message).c_str());
 }
 
 void SetQuiet(bool quiet) { g_quiet = quiet; }

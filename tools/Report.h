@@ -1,7 +1,8 @@
 #pragma once
 // Diagnostics of the tool: every line it writes on stderr starts with the
 // tool's name, so a script can show it as it is. A failure is one line; the
-// library's lines that explain it (see Evidence) follow it, indented.
+// library's lines that explain it (see Evidence) follow it, indented. Every
+// line is shown through Printable: names in it may come from anyone.
 #include <string>
 
 namespace x509auth_tool {

@@ -11,6 +11,7 @@
 #include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
+#include "KeyFileCheck.h"
 #include "OpenSslHandles.h"
 #include "Report.h"
 
@@ -62,16 +63,22 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
   if (!session.Start()) return k_exit_failed;
   const X509_Auth_Certificate* record = session.Find(options.thumbprint);
   if (record == nullptr) return k_exit_failed;
+  if (record->cert_type == X509_Auth_CertificateType_FileBased && record->key_path != nullptr)
+    if (const std::optional<std::string> exposed = KeyFileExposure(record->key_path))
+      Warn(*exposed);
   // A terminal on standard input would otherwise wait without a word.
   if (options.in == "-" && isatty(STDIN_FILENO) == 1)
     Note("reading the data to sign from the terminal; end it with Ctrl-D (or give --in FILE)");
-  const std::optional<std::vector<unsigned char>> input = ReadInput(options.in);
-  if (!input) return k_exit_failed;
-
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int digest_length = 0;
-  if (EVP_Digest(input->data(), input->size(), digest, &digest_length, hash->md(), nullptr) != 1)
-    return Fail("cannot hash the input with " + options.hash);
+  {
+    EvpMdCtxPtr context(EVP_MD_CTX_new());
+    if (!context || EVP_DigestInit_ex(context.get(), hash->md(), nullptr) != 1)
+      return Fail("cannot hash the input with " + options.hash);
+    if (!DigestInput(options.in, context.get())) return k_exit_failed;
+    if (EVP_DigestFinal_ex(context.get(), digest, &digest_length) != 1)
+      return Fail("cannot hash the input with " + options.hash);
+  }
 
   const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
   const X509_Auth_Signature* signature = nullptr;
@@ -93,11 +100,14 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
   const bool verified =
       Verifies(*record, hash->md(), digest, digest_length, *signature, options.pss);
   bool written = true;
-  if (!options.out.empty())
+  if (!options.out.empty()) {
     written =
         WriteOutput(options.out, signature->data, static_cast<std::size_t>(signature->length));
-  else
-    std::printf("%s\n", Hex(signature->data, static_cast<std::size_t>(signature->length)).c_str());
+  } else {
+    PrintOut(Hex(signature->data, static_cast<std::size_t>(signature->length)) + "\n");
+    // The note below claims the signature: it must have reached its file.
+    written = FlushStandardOutput();
+  }
   const std::string what = std::to_string(signature->length) + "-byte " +
                            (signature->algorithm != X509_Auth_Algorithm_Rsa ? "ECDSA"
                             : options.pss                                   ? "RSA-PSS"

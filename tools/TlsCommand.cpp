@@ -26,6 +26,7 @@
 #include "CommandLibrarySession.h"
 #include "Evidence.h"
 #include "Formatting.h"
+#include "InputOutput.h"
 #include "OpenSslHandles.h"
 #include "PinPrompt.h"
 #include "ProviderContext.h"
@@ -107,7 +108,7 @@ std::string Join(const std::vector<std::string>& parts) {
 // info, which OpenSSL wraps as "Enter pass phrase for INFO:"; the library's
 // own prompt is made again from it and answered by the tool's prompt
 // sources, as for the other commands.
-int ReadFromPrompt(UI* ui, UI_STRING* uis) {
+int AnswerPrompt(UI* ui, UI_STRING* uis) {
   if (UI_get_string_type(uis) != UIT_PROMPT && UI_get_string_type(uis) != UIT_VERIFY) return 1;
   std::string info = UI_get0_output_string(uis);
   static const std::string k_wrapper = "Enter pass phrase for ";
@@ -122,6 +123,16 @@ int ReadFromPrompt(UI* ui, UI_STRING* uis) {
     ok = UI_set_result(ui, uis, answer->value) == 0;
   if (answer != nullptr) PinPrompt::OnFree(answer);
   return ok ? 1 : 0;
+}
+
+// OpenSSL calls it: no exception may cross into its C code. A prompt that
+// cannot be answered is cancelled.
+int ReadFromPrompt(UI* ui, UI_STRING* uis) noexcept {
+  try {
+    return AnswerPrompt(ui, uis);
+  } catch (...) {
+    return 0;
+  }
 }
 
 // A TCP connection with a time limit on connecting, reading and writing.
@@ -417,36 +428,42 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
     ERR_clear_error();
   }
 
+  // What the server sent (its name, its reply) is shown through Printable.
+  const auto line = [](const char* label, const std::string& value) {
+    PrintOut(std::string(label) + value + "\n");
+  };
   const char* version_name = SSL_get_version(ssl.get());
-  std::printf("version:          %s\n", connected ? version_name : "(none)");
-  std::printf("cipher:           %s\n", connected ? SSL_get_cipher_name(ssl.get()) : "(none)");
+  line("version:          ", connected ? version_name : "(none)");
+  line("cipher:           ", connected ? SSL_get_cipher_name(ssl.get()) : "(none)");
   int type = NID_undef, md = NID_undef;
-  std::printf("client signature: %s\n", connected &&
-                                                SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
-                                                SSL_get_signature_nid(ssl.get(), &md) == 1
-                                            ? SchemeName(type, md).c_str()
-                                            : "(none)");
+  line("client signature: ", connected && SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
+                                     SSL_get_signature_nid(ssl.get(), &md) == 1
+                                 ? SchemeName(type, md)
+                                 : "(none)");
   X509* server = SSL_get0_peer_certificate(ssl.get());
   char subject[512] = "(none)";
   if (server != nullptr) X509_NAME_oneline(X509_get_subject_name(server), subject, sizeof subject);
-  std::printf("server:           %s\n", subject);
+  line("server:           ", Printable(subject));
   const long verify = SSL_get_verify_result(ssl.get());
-  std::printf("server verified:  %s\n", server == nullptr ? "no"
-                                        : verify == X509_V_OK
-                                            ? "yes"
-                                            : X509_verify_cert_error_string(verify));
-  std::printf("client key:       %s\n",
-              options.token_key == "export" ? "exported from the token" : "x509auth provider");
+  line("server verified:  ", server == nullptr     ? "no"
+                             : verify == X509_V_OK ? "yes"
+                                                   : X509_verify_cert_error_string(verify));
+  line("client key:       ",
+       options.token_key == "export" ? "exported from the token" : "x509auth provider");
   provider_log.reset();
   const bool asked = accepted && requested;
-  std::printf("handshake:        %s\n",
-              !accepted ? ("rejected: " + failure).c_str()
-              : asked   ? "accepted"
-                        : "completed, but the server asked for no client certificate");
-  if (!reply.empty())
-    std::printf("reply:            %s",
-                reply.back() == '\n' ? reply.c_str() : (reply + "\n").c_str());
-  std::fflush(stdout);
+  line("handshake:        ", !accepted ? "rejected: " + Printable(failure)
+                             : asked   ? "accepted"
+                                     : "completed, but the server asked for no client certificate");
+  if (!reply.empty()) {
+    if (reply.back() == '\n') reply.pop_back();
+    line("reply:            ", Printable(reply));
+  }
+  if (!FlushStandardOutput()) {
+    if (connected) SSL_shutdown(ssl.get());
+    close(fd);
+    return k_exit_failed;
+  }
   if (connected) SSL_shutdown(ssl.get());
   close(fd);
   if (!accepted) {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -15,8 +16,10 @@
 #include "ChainCommand.h"
 #include "DecryptCommand.h"
 #include "DoctorCommand.h"
+#include "Formatting.h"
 #include "GlobalOptions.h"
 #include "HelpText.h"
+#include "InputOutput.h"
 #include "InterruptCleanup.h"
 #include "ListCommand.h"
 #include "ModuleChoice.h"
@@ -133,9 +136,9 @@ void CheckBaseDirectories(const std::vector<std::string>& dirs) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// The tool itself. |doing| says what it is at, for main's last-resort
+// failure line: no exception reaches the user as a bare what().
+int Main(int argc, char** argv, std::string& doing) {
   GlobalOptions global;
   CLI::App app{"x509-auth: the client certificates this machine offers, and their keys",
                "x509-auth"};
@@ -155,12 +158,12 @@ int main(int argc, char** argv) {
       ->type_name("FILE")
       ->transform(k_absolute_path)
       ->check(k_existing_file);
-  app.add_option(
-         "--module", global.module,
-         "PKCS#11 module (default: $X509AUTH_MODULE, else Debian's OpenSC module, else none)")
-      ->type_name("PATH")
-      ->transform(k_absolute_path)
-      ->check(k_existing_file);
+  // Taken as given: a relative module path is refused, never resolved.
+  CLI::Option* module_option =
+      app.add_option("--module", global.module,
+                     "PKCS#11 module by absolute path, or none (default: $X509AUTH_MODULE, else "
+                     "Debian's OpenSC module, else none)")
+          ->type_name("PATH|none");
   app.add_option("--pin-env", global.pin_env, "Take PINs from this variable")->type_name("VAR");
   app.add_option("--pin-fd", global.pin_fd, "Read PINs from this descriptor, a line each")
       ->type_name("N")
@@ -301,12 +304,19 @@ int main(int argc, char** argv) {
   try {
     if (!help_first) app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
-    std::fprintf(stderr, "x509-auth: %s (see 'x509-auth --help')\n", error.what());
+    if (error.get_exit_code() == 0) {
+      // --help and --version, written as any output is, failures included.
+      std::ostringstream out, err;
+      app.exit(error, out, err);
+      PrintOut(out.str());
+      return FlushStandardOutput() ? k_exit_ok : k_exit_failed;
+    }
+    std::fprintf(stderr, "x509-auth: %s (see 'x509-auth --help')\n",
+                 Printable(error.what()).c_str());
     return k_exit_usage;
   }
   auto usage = [](const std::string& message) {
-    std::fprintf(stderr, "x509-auth: %s\n", message.c_str());
+    std::fprintf(stderr, "x509-auth: %s\n", Printable(message).c_str());
     return k_exit_usage;
   };
   if (help_first || help_app->parsed()) {
@@ -315,10 +325,13 @@ int main(int argc, char** argv) {
       const std::string name = of == &app ? of->get_name() : app.get_name() + " " + of->get_name();
       return of->get_formatter()->make_help(of, name, CLI::AppFormatMode::Normal);
     };
-    if (help_topic.empty()) return std::printf("%s", text(&app).c_str()), k_exit_ok;
+    const auto print = [](const std::string& help) {
+      PrintOut(help);
+      return FlushStandardOutput() ? k_exit_ok : k_exit_failed;
+    };
+    if (help_topic.empty()) return print(text(&app));
     for (const Command& command : commands)
-      if (command.app->get_name() == help_topic)
-        return std::printf("%s", text(command.app).c_str()), k_exit_ok;
+      if (command.app->get_name() == help_topic) return print(text(command.app));
     return usage(UnknownCommand(help_topic, commands));
   }
   const std::vector<std::string> extras = app.remaining();
@@ -343,13 +356,31 @@ int main(int argc, char** argv) {
 
   SetQuiet(global.quiet);
   InterruptCleanup::Install();
+  doing = "choosing the PKCS#11 module";
+  const ModuleChoice::Outcome module = ModuleChoice::Resolve(
+      module_option->count() > 0 ? std::optional<std::string>(global.module) : std::nullopt);
+  if (!module.path) return module.exit_status;
+  global.module_path = *module.path;
   CheckBaseDirectories(global.dirs);
-  const std::optional<std::string> module = ModuleChoice::Resolve(global.module);
-  if (!module) return k_exit_failed;
-  global.module_path = *module;
+  doing = "running '" + chosen->app->get_name() + "'";
+  const int status = chosen->run();
+  // What the command printed is only done once it reached its file; a
+  // command that failed already said why.
+  if (status == k_exit_ok && !FlushStandardOutput()) return k_exit_failed;
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string doing = "reading the command line";
   try {
-    return chosen->run();
+    return Main(argc, argv, doing);
+  } catch (const std::bad_alloc&) {
+    return FailPlain("out of memory while " + doing + "; nothing more was done");
   } catch (const std::exception& error) {
-    return Fail(error.what());
+    return FailPlain("an unexpected error while " + doing + ": " + error.what());
+  } catch (...) {
+    return FailPlain("an unexpected error while " + doing);
   }
 }

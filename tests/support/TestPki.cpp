@@ -339,7 +339,12 @@ void InstallFileCert(const std::filesystem::path& base, const std::string& file_
     WriteFile(base / "certs" / file_name, CertToDer(cert));
   else
     WriteFile(base / "certs" / file_name, CertToPem(cert));
-  if (key != nullptr) WriteFile(base / "keys" / (file_name + ".key"), KeyToPem(key));
+  if (key == nullptr) return;
+  const std::filesystem::path key_path = base / "keys" / (file_name + ".key");
+  WriteFile(key_path, KeyToPem(key));
+  // As a user keeps a key: readable by its owner only.
+  std::filesystem::permissions(
+      key_path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 }  // namespace x509auth_test

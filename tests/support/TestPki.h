@@ -117,7 +117,7 @@ class TempDir {
 };
 
 // Writes |cert| to base/certs/|file_name| (PEM or DER) and, when |key| is
-// given, its unencrypted PEM key to base/keys/|file_name|.key.
+// given, its unencrypted PEM key to base/keys/|file_name|.key (mode 0600).
 void InstallFileCert(const std::filesystem::path& base, const std::string& file_name, X509* cert,
                      EVP_PKEY* key = nullptr, bool der = false);
 

@@ -48,6 +48,9 @@ TEST_F(DecryptShowTest, DecryptsPkcs1AndOaepToStdoutOrFile) {
     EXPECT_EQ(ReadFileBytes(temp_ / "plain.bin"), secret);
     EXPECT_NE(to_file.err.find("decrypted 9 bytes to"), std::string::npos) << to_file.err;
   }
+  // The plaintext file the tool made is its owner's alone, whatever the umask.
+  EXPECT_EQ(std::filesystem::status(temp_ / "plain.bin").permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 TEST_F(DecryptShowTest, DecryptFailuresGiveTheResultCodeAndItsMeaning) {

@@ -211,5 +211,167 @@ TEST_F(DoctorCommandTest, TokenCertificatesAreReportedAndAgreeWithList) {
   ExpectAgreement(report, ListJson(args));
 }
 
+TEST_F(DoctorCommandTest, KeyFileOpenToOthersIsAWarningInTheReportAndTheJson) {
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
+  TestX509 open_key = ClientCert("Open Key", ec.get());
+  TestX509 closed_key = ClientCert("Closed Key", ec.get());
+  InstallFileCert(Base("b"), "open.pem", open_key.get(), ec.get());
+  InstallFileCert(Base("b"), "closed.pem", closed_key.get(), ec.get());
+  const std::string key_path = (Base("b") / "keys" / "open.pem.key").string();
+  chmod(key_path.c_str(), 0640);
+  const std::string warning = "the key file " + key_path +
+                              " is open to its group or others (mode 0640); ssh refuses such a "
+                              "key: chmod 600 " +
+                              key_path;
+
+  const nlohmann::json report = Doctor({"--dir", Base("b").string()});
+  const nlohmann::json* open = Entry(report, "subject", "Open Key");
+  const nlohmann::json* closed = Entry(report, "subject", "Closed Key");
+  ASSERT_NE(open, nullptr) << report.dump(2);
+  ASSERT_NE(closed, nullptr) << report.dump(2);
+  EXPECT_EQ((*open)["warnings"], std::vector<std::string>{"key-file-open"});
+  EXPECT_EQ((*open)["details"]["key-file-open"], warning);
+  EXPECT_EQ((*open)["offered"], true);  // a warning, not a reason
+  EXPECT_EQ((*open)["reasons"], std::vector<std::string>{});
+  EXPECT_EQ((*closed)["warnings"], std::vector<std::string>{});
+
+  const ToolResult human = RunTool({"--dir", Base("b").string(), "doctor"});
+  ASSERT_EQ(human.status, 0) << human.err;
+  const std::vector<std::string> lines = Lines(human.out);
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "  warning     key-file-open: " + warning),
+            lines.end())
+      << human.out;
+  EXPECT_EQ(lines.back(), "2 entries, 2 offered, 0 not offered, 1 warning");
+
+  // list and sign say it once on stderr; their output stays as it was.
+  const std::string thumb = HexOf(Sha1Thumbprint(open_key.get()));
+  for (const std::vector<std::string>& command : {std::vector<std::string>{"list"},
+                                                  {"list", "--json"},
+                                                  {"sign", thumb, "--in", "/dev/null"}}) {
+    std::vector<std::string> args{"--dir", Base("b").string()};
+    args.insert(args.end(), command.begin(), command.end());
+    const ToolResult result = RunTool(args);
+    EXPECT_EQ(result.status, 0) << result.err;
+    const std::vector<std::string> tool_lines = ToolLines(result.err);
+    EXPECT_EQ(std::count(tool_lines.begin(), tool_lines.end(), "x509-auth: warning: " + warning), 1)
+        << command.front() << ": " << result.err;
+  }
+  // The closed key's certificate is signed with without a warning.
+  const ToolResult quiet_sign =
+      RunTool({"--dir", Base("b").string(), "sign", HexOf(Sha1Thumbprint(closed_key.get())), "--in",
+               "/dev/null"});
+  EXPECT_EQ(quiet_sign.status, 0) << quiet_sign.err;
+  EXPECT_EQ(quiet_sign.err.find("warning"), std::string::npos) << quiet_sign.err;
+}
+
+TEST_F(DoctorCommandTest, CertsOrKeysFolderWritableByOthersIsAWarning) {
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
+  TestX509 cert = ClientCert("In Open Folder", ec.get());
+  InstallFileCert(Base("b"), "cert.pem", cert.get(), ec.get());
+  const std::filesystem::path certs = Base("b") / "certs", keys = Base("b") / "keys";
+  chmod(certs.c_str(), 0777);
+  chmod(keys.c_str(), 0770);
+
+  const nlohmann::json report = Doctor({"--dir", Base("b").string()});
+  const nlohmann::json* certs_entry = Entry(report, "path", certs.string());
+  const nlohmann::json* keys_entry = Entry(report, "path", keys.string());
+  ASSERT_NE(certs_entry, nullptr) << report.dump(2);
+  ASSERT_NE(keys_entry, nullptr) << report.dump(2);
+  EXPECT_EQ((*certs_entry)["kind"], "directory");
+  EXPECT_EQ((*certs_entry)["warnings"], std::vector<std::string>{"writable-folder"});
+  EXPECT_EQ((*certs_entry)["reasons"], std::vector<std::string>{});
+  EXPECT_EQ((*certs_entry)["details"]["writable-folder"],
+            certs.string() +
+                " can be written by its group or others (mode 0777): they can plant or replace "
+                "certificates there: chmod go-w " +
+                certs.string());
+  EXPECT_EQ((*keys_entry)["details"]["writable-folder"],
+            keys.string() +
+                " can be written by its group or others (mode 0770): they can plant or replace "
+                "keys there: chmod go-w " +
+                keys.string());
+  // The certificate itself is still reported, and offered.
+  const nlohmann::json* entry = Entry(report, "subject", "In Open Folder");
+  ASSERT_NE(entry, nullptr);
+  EXPECT_EQ((*entry)["offered"], true);
+
+  const ToolResult human = RunTool({"--dir", Base("b").string(), "doctor"});
+  ASSERT_EQ(human.status, 0) << human.err;
+  const std::vector<std::string> lines = Lines(human.out);
+  const auto at = std::find(lines.begin(), lines.end(), certs.string());
+  ASSERT_NE(at, lines.end()) << human.out;
+  ASSERT_NE(at + 1, lines.end());
+  EXPECT_EQ(at[1].rfind("  warning     writable-folder: " + certs.string() + " can be written", 0),
+            0u)
+      << human.out;
+  // Folders with a warning are no entries of their own in the count.
+  EXPECT_EQ(lines.back(), "1 entry, 1 offered, 0 not offered, 2 warnings");
+
+  // Without group or other write bits there is nothing to say.
+  chmod(certs.c_str(), 0755);
+  chmod(keys.c_str(), 0700);
+  const nlohmann::json fixed = Doctor({"--dir", Base("b").string()});
+  EXPECT_EQ(fixed.size(), 1u) << fixed.dump(2);
+}
+
+TEST_F(DoctorCommandTest, LoopingLinkThatEndsTheLibrarysScanIsNamedAndLaterEntriesAreNotScanned) {
+  // The library's scan of a certs folder ends at an entry whose status
+  // cannot be taken. The folder's own order decides what comes after it;
+  // certificates are written before and after the link until some come
+  // before it in that order and some after.
+  TestKey ec = SharedKey(KeyKind::k_ec, 0);
+  const std::filesystem::path certs = Base("b") / "certs";
+  std::vector<TestX509> made;
+  std::vector<std::string> before, after;
+  for (int i = 0; i < 64 && (i < 3 || before.empty() || after.empty()); ++i) {
+    if (i == 2) std::filesystem::create_symlink("loop", certs / "loop");
+    const std::string name = "cert" + std::to_string(i) + ".pem";
+    made.push_back(ClientCert("Valid " + std::to_string(i), ec.get()));
+    InstallFileCert(Base("b"), name, made.back().get(), ec.get());
+    bool seen_loop = false;
+    before.clear();
+    after.clear();
+    for (const auto& entry : std::filesystem::directory_iterator(certs)) {
+      const std::string file = entry.path().filename().string();
+      if (file == "loop")
+        seen_loop = true;
+      else
+        (seen_loop ? after : before).push_back(file);
+    }
+  }
+  ASSERT_FALSE(after.empty()) << "no certificate after the link in the folder's order";
+
+  const nlohmann::json report = Doctor({"--dir", Base("b").string()});
+  const std::string stop =
+      "the scan of " + certs.string() + " stopped at loop: Too many levels of symbolic links";
+  const nlohmann::json* loop = Entry(report, "path", (certs / "loop").string());
+  ASSERT_NE(loop, nullptr) << report.dump(2);
+  EXPECT_EQ((*loop)["reasons"], std::vector<std::string>{"scan-stopped"});
+  EXPECT_EQ((*loop)["details"]["scan-stopped"],
+            "its status cannot be taken (Too many levels of symbolic links), so the library's "
+            "scan of " +
+                certs.string() + " ends here: the entries after it are not scanned");
+  for (const std::string& file : after) {
+    const nlohmann::json* entry = Entry(report, "path", (certs / file).string());
+    ASSERT_NE(entry, nullptr) << file;
+    EXPECT_EQ((*entry)["offered"], false) << file;
+    EXPECT_EQ((*entry)["reasons"], std::vector<std::string>{"not-scanned"}) << file;
+    EXPECT_EQ((*entry)["details"]["not-scanned"], stop) << file;
+  }
+  for (const std::string& file : before) {
+    const nlohmann::json* entry = Entry(report, "path", (certs / file).string());
+    ASSERT_NE(entry, nullptr) << file;
+    EXPECT_EQ((*entry)["offered"], true) << file;
+  }
+  // Nothing is called "not a certificate", and doctor agrees with list.
+  EXPECT_EQ(report.dump().find("not-a-certificate"), std::string::npos) << report.dump(2);
+  ExpectAgreement(report, ListJson({"--dir", Base("b").string()}));
+
+  const ToolResult human = RunTool({"--dir", Base("b").string(), "doctor"});
+  ASSERT_EQ(human.status, 0) << human.err;
+  EXPECT_NE(human.out.find("  reasons     not-scanned: " + stop + "\n"), std::string::npos)
+      << human.out;
+}
+
 }  // namespace
 }  // namespace x509auth_test

@@ -1,6 +1,7 @@
 // `x509-auth list`: the JSON output against what the C interface returns
 // for the same directories, and the human table.
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
 #include "ToolFixture.h"
 
@@ -120,6 +121,66 @@ TEST_F(ListCommandTest, UnreadableCaFileFailsWithOneLine) {
   const ToolResult missing = RunTool({"--add-ca", (temp_ / "none.pem").string(), "list"});
   EXPECT_EQ(missing.status, 2) << missing.err;
   EXPECT_NE(missing.err.find("none.pem"), std::string::npos) << missing.err;
+}
+
+TEST_F(ListCommandTest, CaFileThatIsAFifoADeviceOrTooLargeIsRefusedAtOnce) {
+  // A FIFO with no writer would block a plain open for ever; the run's time
+  // limit ends the test if it does.
+  std::filesystem::create_directories(Base("b") / "certs");
+  const std::filesystem::path fifo = temp_ / "ca.fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::filesystem::path big = temp_ / "big.pem";
+  WriteFile(big, std::string(5 * 1024 * 1024, 'A'));
+  const std::pair<std::string, std::string> cases[] = {
+      {fifo.string(), "not a regular file"},
+      {"/dev/zero", "not a regular file"},
+      {big.string(), "larger than 4 MiB (5242880 bytes)"}};
+  for (const auto& [path, reason] : cases) {
+    for (const char* command : {"list", "doctor"}) {
+      ToolRun run{{"--add-ca", path, "--dir", Base("b").string(), command}};
+#ifndef __SANITIZE_ADDRESS__
+      // Were the file read whole, the limit would stop it before the machine.
+      run.shell = "ulimit -v 2000000";
+#endif
+      const ToolResult result = RunTool(run);
+      EXPECT_FALSE(result.timed_out) << path;
+      EXPECT_EQ(result.status, 1) << path << ": " << result.err;
+      EXPECT_EQ(result.err,
+                "x509-auth: cannot read the CA certificate " + path + ": " + reason + "\n")
+          << command;
+      EXPECT_EQ(result.out, "");
+    }
+  }
+}
+
+TEST_F(ListCommandTest, OutOfMemoryIsSaidInWordsWithWhatTheToolWasDoing) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "AddressSanitizer cannot run under an address-space limit";
+#endif
+  // A CA file just under the 4 MiB the tool reads: with limits rising from
+  // too little to start, some limit leaves room for everything before the
+  // file but not for the file. Whatever the limit, no bare "std::bad_alloc".
+  std::filesystem::create_directories(Base("b") / "certs");
+  const std::filesystem::path ca = temp_ / "large-ca.pem";
+  WriteFile(ca, "-----BEGIN CERTIFICATE-----\n" + std::string(4000000, 'A') +
+                    "\n-----END CERTIFICATE-----\n");
+  bool said = false;
+  for (int kib = 8 * 1024; kib <= 96 * 1024 && !said; kib += 256) {
+    ToolRun run{{"--module", "none", "--add-ca", ca.string(), "--dir", Base("b").string(), "list"}};
+    run.shell = "ulimit -v " + std::to_string(kib);
+    const ToolResult result = RunTool(run);
+    EXPECT_EQ(result.err.find("x509-auth: std::bad_alloc"), std::string::npos)
+        << kib << " KiB: " << result.err;
+    said =
+        result.err.find("x509-auth: out of memory while running 'list'; nothing more was done") !=
+        std::string::npos;
+    if (said) {
+      EXPECT_EQ(result.status, 1) << kib << " KiB";
+      EXPECT_EQ(ToolLines(result.err).size(), 1u) << kib << " KiB: " << result.err;
+      EXPECT_EQ(result.out, "");
+    }
+  }
+  EXPECT_TRUE(said) << "no limit ran out of memory at the CA file";
 }
 
 }  // namespace

@@ -117,7 +117,7 @@ TEST_F(SignCommandTest, EncryptedKeyTakesItsPasswordFromEnvOrDescriptor) {
   // The library's code 4 and its parse failure after an answered prompt: a
   // wrong password, said so, with the library's line under it.
   const std::string key_path = (Base("locked") / "keys" / "locked.pem.key").string();
-  EXPECT_EQ(ToolLines(wrong.err).at(0),
+  EXPECT_EQ(ToolLines(wrong.err).back(),
             "x509-auth: signing with Locked failed: wrong password for the key file " + key_path)
       << wrong.err;
   EXPECT_NE(wrong.err.find("  [error] Failed to parse private key file [" + key_path + "]"),

@@ -3,9 +3,11 @@
 // key file or token, the typed PIN never appears, and the signature is made
 // with it; the table is coloured there, unless NO_COLOR is set.
 #include <openssl/evp.h>
+#include <signal.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <thread>
 
@@ -201,6 +203,119 @@ TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
   const std::string screen = Screen();
   EXPECT_NE(screen.find("EXIT=130"), std::string::npos) << screen;  // died of SIGINT
   EXPECT_NE(screen.find("MODE=echo"), std::string::npos) << screen;
+}
+
+TEST_F(TerminalTest, EverySignalThatEndsThePromptRestoresEchoAndEndsByThatSignal) {
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  TestX509 cert = ClientCert("Signalled", ec.get());
+  WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
+  WriteFile(Base("b") / "keys" / "locked.pem.key", KeyToPem(ec.get(), "pw"));
+  // The tool, by way of a script that leaves its process id behind.
+  const std::filesystem::path pid_file = temp_ / "tool.pid";
+  WriteFile(temp_ / "tool.sh", "echo $$ > " + Quote(pid_file.string()) + "\nexec " +
+                                   Quote(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
+                                   " sign " + HexOf(Sha1Thumbprint(cert.get())) +
+                                   " --in /dev/null\n");
+  struct Case {
+    int signal_number;
+    const char* keys;  // typed at the prompt; else sent with kill
+  };
+  // SIGPIPE is not among them: a test's environment may ignore it, and an
+  // ignored signal stays ignored for the tool.
+  for (const Case& c : {Case{SIGQUIT, "C-\\\\"}, Case{SIGUSR1, nullptr}, Case{SIGALRM, nullptr},
+                        Case{SIGUSR2, nullptr}, Case{SIGVTALRM, nullptr}, Case{SIGXFSZ, nullptr}}) {
+    std::filesystem::remove(pid_file);
+    // The shell survives the keyboard's signals; the tool, its child,
+    // starts with the default actions again. No core file is left.
+    const std::string script = "ulimit -c 0; trap : INT QUIT; sh " +
+                               Quote((temp_ / "tool.sh").string()) +
+                               "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
+                               "sed 's/^/MODE=/'; sleep 60";
+    ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+    ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+    if (c.keys != nullptr) {
+      Tmux(std::string("send-keys -t prompt ") + c.keys);
+    } else {
+      const Bytes pid = ReadFileBytes(pid_file);
+      ASSERT_FALSE(pid.empty());
+      ASSERT_EQ(kill(std::stoi(std::string(pid.begin(), pid.end())), c.signal_number), 0);
+    }
+    ASSERT_TRUE(WaitForScreen("MODE=")) << strsignal(c.signal_number) << "\n" << Screen();
+    const std::string screen = Screen();
+    EXPECT_NE(screen.find("EXIT=" + std::to_string(128 + c.signal_number)), std::string::npos)
+        << strsignal(c.signal_number) << "\n"
+        << screen;
+    EXPECT_NE(screen.find("MODE=echo"), std::string::npos) << strsignal(c.signal_number) << "\n"
+                                                           << screen;
+    Tmux("kill-session -t prompt");
+  }
+}
+
+TEST_F(TerminalTest, CtrlZAtThePromptGivesEchoBackUntilTheToolGoesOn) {
+  constexpr const char* k_password = "Zq7Xv9";
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  TestX509 cert = ClientCert("Stopped", ec.get());
+  WriteFile(Base("b") / "certs" / "locked.pem", CertToPem(cert.get()));
+  WriteFile(Base("b") / "keys" / "locked.pem.key", KeyToPem(ec.get(), k_password));
+  const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
+                           " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
+  // With job control (set -m) the shell gets the terminal back when Ctrl-Z
+  // stops the tool, shows its mode, and brings the tool back with fg.
+  const std::string script =
+      "set -m; " + tool +
+      "; echo \"STOPPED=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
+      "sed 's/^/MODE=/'; fg; echo \"EXIT=$?\"; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  Tmux("send-keys -t prompt C-z");
+  ASSERT_TRUE(WaitForScreen("MODE=")) << Screen();
+  EXPECT_NE(Screen().find("STOPPED=" + std::to_string(128 + SIGTSTP)), std::string::npos)
+      << Screen();
+  EXPECT_NE(Screen().find("MODE=echo"), std::string::npos) << Screen();
+  // Back at the prompt: echo is off again (the pane's terminal, read from
+  // outside), and the password stays hidden.
+  std::string tty = Tmux("display -p -t prompt '#{pane_tty}'");
+  while (!tty.empty() && tty.back() == '\n') tty.pop_back();
+  bool hidden = false;
+  for (int i = 0; i < 200 && !hidden; ++i) {
+    std::string modes;
+    if (FILE* pipe = popen(("stty -a -F " + Quote(tty) + " 2>&1").c_str(), "r")) {
+      char buffer[4096];
+      while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) modes += buffer;
+      pclose(pipe);
+    }
+    hidden = modes.find(" -echo ") != std::string::npos;
+    if (!hidden) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  ASSERT_TRUE(hidden) << Screen();
+  Tmux(std::string("send-keys -t prompt -l ") + k_password);
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+  EXPECT_NE(Screen().find("EXIT=0"), std::string::npos) << Screen();
+  EXPECT_EQ(Screen().find(k_password), std::string::npos) << "echoed:\n" << Screen();
+}
+
+TEST_F(TerminalTest, PromptShowsAKeyFileNameWithEscapesAsText) {
+  TestKey ec = SharedKey(KeyKind::k_ec, 1);
+  TestX509 cert = ClientCert("Painted", ec.get());
+  // A colour sequence and a screen clear in the file name.
+  const std::string name = "paint\x1b[31m\x1b[2J.pem";
+  WriteFile(Base("b") / "certs" / name, CertToPem(cert.get()));
+  WriteFile(Base("b") / "keys" / (name + ".key"), KeyToPem(ec.get(), "pw"));
+  const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
+                           " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
+  const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
+  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
+  const std::string key_path = (Base("b") / "keys").string() + "/paint\\x1b[31m\\x1b[2J.pem.key";
+  EXPECT_NE(Screen().find("Password for the key file " + key_path + " (input hidden):"),
+            std::string::npos)
+      << Screen();
+  // Nothing on the screen turned red.
+  EXPECT_EQ(Tmux("capture-pane -e -p -t prompt").find("\033[31m"), std::string::npos);
+  Tmux("send-keys -t prompt Enter");
+  ASSERT_TRUE(WaitForScreen("EXIT=")) << Screen();
+  EXPECT_NE(Screen().find("went unanswered: nothing was entered"), std::string::npos) << Screen();
 }
 
 TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {

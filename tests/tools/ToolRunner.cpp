@@ -18,6 +18,7 @@ ToolResult RunTool(const std::vector<std::string>& args) { return RunTool(ToolRu
 
 ToolResult RunTool(const ToolRun& run) {
   ChildRun child;
+  if (!run.shell.empty()) child.argv = {"/bin/sh", "-c", run.shell + "\nexec \"$@\"", "sh"};
   child.argv.push_back(ToolPath());
   child.argv.insert(child.argv.end(), run.args.begin(), run.args.end());
   child.cwd = run.cwd;

@@ -23,6 +23,9 @@ struct ToolRun {
   std::string input;                       // written to standard input, then closed
   std::map<std::string, std::string> env;  // added to the test's environment
   std::optional<std::string> fd3;          // read by the tool on descriptor 3 (--pin-fd 3)
+  // sh commands run before the tool is exec-ed in the same process: a
+  // redirection ("exec > /dev/full"), a limit ("ulimit -f 0"), a trap.
+  std::string shell;
 };
 
 ToolResult RunTool(const ToolRun& run);

@@ -56,4 +56,7 @@ expect "x509-auth sign --hash sha3" "sha384"
 expect "x509-auth --dir $base sign ${thumbprint:0:4}" "$thumbprint"
 expect "x509-auth --dir $base tls localhost:1 --cert ${thumbprint:0:3}" "$thumbprint"
 expect "x509-auth help s" "show sign"
+expect "x509-auth --module " "none"
+expect "x509-auth --module /usr/lib/x86_64-linux-gnu/pkcs11/opensc-pkcs" \
+  "/usr/lib/x86_64-linux-gnu/pkcs11/opensc-pkcs11.so"
 echo "manual page and completion agree with --help"

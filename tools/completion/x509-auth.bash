@@ -34,7 +34,16 @@ _x509_auth() {
       _filedir -d
       return
       ;;
-    --add-ca | --module | --in | --out | --CAfile)
+    --module)
+      # An absolute path or none: the tool refuses a relative one.
+      if [[ $cur == /* ]]; then
+        _filedir
+      else
+        COMPREPLY=($(compgen -W "none" -- "$cur"))
+      fi
+      return
+      ;;
+    --add-ca | --in | --out | --CAfile)
       _filedir
       return
       ;;
