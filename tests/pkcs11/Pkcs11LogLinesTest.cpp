@@ -89,7 +89,7 @@ TEST_F(Pkcs11LogLinesTest, ACertificateWhoseCaIsNotInCaFilesIsNamedWithTheSettin
   EXPECT_EQ(listed.err.find(line, at + 1), std::string::npos) << listed.err;
 }
 
-TEST_F(Pkcs11LogLinesTest, ACertificateLeftOutIsNamedAgainAfterItWasFixedAndBrokenAgain) {
+TEST_F(Pkcs11LogLinesTest, ALeftOutCertificateIsNamedOnceAndAgainWhenItComesBack) {
   const std::filesystem::path mallory = InstallWithUnknownCa("Mallory");
   LoadedModule module;
   testing::internal::CaptureStderr();
