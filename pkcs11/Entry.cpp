@@ -126,6 +126,29 @@ CK_RV C_SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature, CK_ULONG_PTR
   return Locked([&](Module& m) { return m.SignFinal(session, signature, length); });
 }
 
+CK_RV C_DigestInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism) {
+  return Locked([&](Module& m) { return m.DigestInit(session, mechanism); });
+}
+CK_RV C_Digest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG length, CK_BYTE_PTR digest,
+               CK_ULONG_PTR digest_length) {
+  return Locked([&](Module& m) { return m.Digest(session, data, length, digest, digest_length); });
+}
+CK_RV C_DigestUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG length) {
+  return Locked([&](Module& m) { return m.DigestUpdate(session, part, length); });
+}
+CK_RV C_DigestKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
+  return Locked([&](Module& m) { return m.DigestKey(session, key); });
+}
+CK_RV C_DigestFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR digest, CK_ULONG_PTR length) {
+  return Locked([&](Module& m) { return m.DigestFinal(session, digest, length); });
+}
+CK_RV C_SeedRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR seed, CK_ULONG length) {
+  return Locked([&](Module& m) { return m.SeedRandom(session, seed, length); });
+}
+CK_RV C_GenerateRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG length) {
+  return Locked([&](Module& m) { return m.GenerateRandom(session, data, length); });
+}
+
 // What the token cannot do: it holds no writable objects, generates nothing,
 // verifies and encrypts nothing (the program does that with the
 // certificate's public key).
@@ -170,17 +193,6 @@ CK_RV C_DecryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_DecryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DigestInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_Digest(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DigestKey(CK_SESSION_HANDLE, CK_OBJECT_HANDLE) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_DigestFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_SignRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
@@ -235,10 +247,6 @@ CK_RV C_UnwrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_BYTE
 }
 CK_RV C_DeriveKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG,
                   CK_OBJECT_HANDLE_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_SeedRandom(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_GenerateRandom(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
   return CKR_FUNCTION_NOT_SUPPORTED;
 }
 CK_RV C_GetFunctionStatus(CK_SESSION_HANDLE) { return CKR_FUNCTION_NOT_PARALLEL; }

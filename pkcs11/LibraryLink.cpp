@@ -11,8 +11,10 @@
 #include <new>
 #include <vector>
 
+#include "LeftOutCertificates.h"
 #include "Log.h"
 #include "OpenSslPtr.h"
+#include "x509auth/LibraryLines.h"
 #include "x509auth/RegularFile.h"
 
 namespace x509auth_pkcs11 {
@@ -29,7 +31,11 @@ PromptRecord* g_record = nullptr;
 constexpr const char* k_key_file_title = "Enter password";
 
 void LibraryLog(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
-  LogLineV(static_cast<int>(priority), format, arguments);
+  va_list followed;
+  va_copy(followed, arguments);
+  LeftOutCertificates::Observe(static_cast<int>(priority), format, followed);
+  va_end(followed);
+  LogLineV(x509auth_common::ShownPriority(static_cast<int>(priority), format), format, arguments);
 }
 
 void LibraryMessage(const char* message, const char* title) {

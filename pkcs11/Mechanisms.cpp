@@ -35,6 +35,10 @@ const Mechanism k_mechanisms[] = {
     {CKM_ECDSA_SHA256, CKK_EC, Scheme::k_ecdsa, k_sha256, true, false},
     {CKM_ECDSA_SHA384, CKK_EC, Scheme::k_ecdsa, k_sha384, true, false},
     {CKM_ECDSA_SHA512, CKK_EC, Scheme::k_ecdsa, k_sha512, true, false},
+    {CKM_SHA_1, CKK_RSA, Scheme::k_digest, k_sha1, false, false},
+    {CKM_SHA256, CKK_RSA, Scheme::k_digest, k_sha256, false, false},
+    {CKM_SHA384, CKK_RSA, Scheme::k_digest, k_sha384, false, false},
+    {CKM_SHA512, CKK_RSA, Scheme::k_digest, k_sha512, false, false},
 };
 
 }  // namespace
@@ -54,6 +58,10 @@ std::vector<CK_MECHANISM_TYPE> Mechanisms::List(bool pss_available) {
 
 CK_MECHANISM_INFO Mechanisms::Info(const Mechanism& mechanism) {
   CK_MECHANISM_INFO info{};
+  if (mechanism.scheme == Scheme::k_digest) {
+    info.flags = CKF_DIGEST;
+    return info;
+  }
   // The keys are whatever OpenSSL (for files) or the card holds; these are
   // the sizes OpenSSL signs with.
   if (mechanism.key_type == CKK_RSA) {

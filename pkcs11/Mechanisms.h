@@ -20,14 +20,16 @@ struct HashKind {
   std::size_t length;
 };
 
-enum class Scheme { k_rsa_pkcs1, k_rsa_pss, k_rsa_oaep, k_ecdsa };
+enum class Scheme { k_rsa_pkcs1, k_rsa_pss, k_rsa_oaep, k_ecdsa, k_digest };
 
 struct Mechanism {
   CK_MECHANISM_TYPE type;
+  // Unused by the digest mechanisms, which take no key.
   CK_KEY_TYPE key_type;
   Scheme scheme;
-  // The digest the module computes over the data; null when the program
-  // gives the digest (or a DigestInfo, or a ciphertext).
+  // The digest the module computes over the data (a digest mechanism's
+  // own); null when the program gives the digest (or a DigestInfo, or a
+  // ciphertext).
   const HashKind* hashing;
   bool sign;
   bool decrypt;
@@ -37,6 +39,8 @@ class Mechanisms {
  public:
   static const Mechanism* Find(CK_MECHANISM_TYPE type);
   // Every mechanism, leaving out RSA-PSS when the library cannot sign it.
+  // The digests are there for programs that will sign RSA-PSS only with a
+  // token that can also hash (JDK 17's SunPKCS11 among them).
   static std::vector<CK_MECHANISM_TYPE> List(bool pss_available);
   static CK_MECHANISM_INFO Info(const Mechanism& mechanism);
 

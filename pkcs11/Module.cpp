@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 #include "Log.h"
@@ -37,6 +38,18 @@ std::string Hex(const unsigned char* bytes, std::size_t length) {
     text += digits[bytes[i] & 15];
   }
   return text;
+}
+
+// The directories the library reads certificate files from: B/certs for
+// each base directory, the home ones below $HOME as the library finds them.
+std::vector<std::string> CertificateDirs(const ModuleSettings& settings) {
+  std::vector<std::string> dirs;
+  for (const std::string& dir : settings.dirs) dirs.push_back(dir + "/certs");
+  const char* home = std::getenv("HOME");
+  if (home != nullptr)
+    for (const std::string& dir : settings.home_dirs)
+      dirs.push_back(std::string(home) + "/" + dir + "/certs");
+  return dirs;
 }
 
 }  // namespace
@@ -78,6 +91,7 @@ CK_RV Module::Initialize(CK_VOID_PTR init_args) {
 
   settings_ = ModuleSettings::Load();
   SetLogThreshold(settings_.log_threshold);
+  catalog_.SetCertificateDirs(CertificateDirs(settings_));
   if (!settings_.file_refusal.empty()) LogLine(3, "%s", settings_.file_refusal.c_str());
   for (const std::string& problem : settings_.problems) LogLine(2, "%s", problem.c_str());
   if (!settings_.config_file.empty()) LogLine(1, "settings from %s", settings_.config_file.c_str());
@@ -536,6 +550,89 @@ CK_RV Module::Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG
   output.Fill(found->decrypt->Plaintext());
   found->decrypt.reset();
   return CKR_OK;
+}
+
+CK_RV Module::DigestInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  if (mechanism == nullptr) return CKR_ARGUMENTS_BAD;
+  Session* found = Find(session);
+  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
+  if (found->digest != nullptr) return CKR_OPERATION_ACTIVE;
+  return DigestOperation::Begin(*mechanism, found->digest);
+}
+
+CK_RV Module::FinishDigest(Session& session, CK_BYTE_PTR digest, CK_ULONG_PTR digest_length) {
+  OutputBuffer output(digest, digest_length);
+  if (!output.Takes(session.digest->Length())) return output.Answer();
+  const std::unique_ptr<DigestOperation> operation = std::move(session.digest);
+  Bytes made;
+  if (const CK_RV rv = operation->Final(made); rv != CKR_OK) return rv;
+  output.Fill(made);
+  return CKR_OK;
+}
+
+CK_RV Module::Digest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
+                     CK_BYTE_PTR digest, CK_ULONG_PTR digest_length) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  if ((data == nullptr && data_length != 0) || digest_length == nullptr) return CKR_ARGUMENTS_BAD;
+  Session* found = Find(session);
+  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
+  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  // As with C_Sign, the data comes again with the buffer after a length
+  // query, so it is taken only once the buffer is big enough.
+  OutputBuffer probe(digest, digest_length);
+  if (!probe.Takes(found->digest->Length())) return probe.Answer();
+  if (const CK_RV rv = found->digest->Update(data, data_length); rv != CKR_OK) {
+    found->digest.reset();
+    return rv;
+  }
+  return FinishDigest(*found, digest, digest_length);
+}
+
+CK_RV Module::DigestUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG part_length) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  if (part == nullptr && part_length != 0) return CKR_ARGUMENTS_BAD;
+  Session* found = Find(session);
+  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
+  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  const CK_RV rv = found->digest->Update(part, part_length);
+  if (rv != CKR_OK) found->digest.reset();
+  return rv;
+}
+
+CK_RV Module::DigestKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  Session* found = Find(session);
+  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
+  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  const std::shared_ptr<const TokenObject> object = catalog_.Get(key);
+  // Every way out here is an error, and an error ends the digest.
+  found->digest.reset();
+  return object == nullptr ? CKR_KEY_HANDLE_INVALID : DigestOperation::DigestKey(*object);
+}
+
+CK_RV Module::DigestFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR digest,
+                          CK_ULONG_PTR digest_length) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  if (digest_length == nullptr) return CKR_ARGUMENTS_BAD;
+  Session* found = Find(session);
+  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
+  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  return FinishDigest(*found, digest, digest_length);
+}
+
+CK_RV Module::SeedRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR seed, CK_ULONG seed_length) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  if (seed == nullptr && seed_length != 0) return CKR_ARGUMENTS_BAD;
+  if (Find(session) == nullptr) return CKR_SESSION_HANDLE_INVALID;
+  return CKR_RANDOM_NO_RNG;
+}
+
+CK_RV Module::GenerateRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  if (data == nullptr && data_length != 0) return CKR_ARGUMENTS_BAD;
+  if (Find(session) == nullptr) return CKR_SESSION_HANDLE_INVALID;
+  return CKR_RANDOM_NO_RNG;
 }
 
 }  // namespace x509auth_pkcs11

@@ -58,6 +58,15 @@ class Module {
   CK_RV DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key);
   CK_RV Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG encrypted_length,
                 CK_BYTE_PTR data, CK_ULONG_PTR data_length);
+  CK_RV DigestInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism);
+  CK_RV Digest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
+               CK_BYTE_PTR digest, CK_ULONG_PTR digest_length);
+  CK_RV DigestUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG part_length);
+  CK_RV DigestKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key);
+  CK_RV DigestFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR digest, CK_ULONG_PTR digest_length);
+  // The token has no generator of its own: programs use theirs.
+  CK_RV SeedRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR seed, CK_ULONG seed_length);
+  CK_RV GenerateRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length);
 
  private:
   Module() = default;
@@ -72,6 +81,9 @@ class Module {
   void Refresh();
   // Ends the signature of |session| with the data given so far.
   CK_RV FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR signature_length);
+  // Ends the digest of |session|, unless the buffer only asks the length
+  // or is too small.
+  CK_RV FinishDigest(Session& session, CK_BYTE_PTR digest, CK_ULONG_PTR digest_length);
   // The PKCS#11 answer to a refusal of the library, from its code and the
   // prompts it made meanwhile.
   CK_RV LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prompts, bool decrypting);

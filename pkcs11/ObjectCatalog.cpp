@@ -38,7 +38,12 @@ CK_OBJECT_HANDLE ObjectCatalog::HandleFor(const Thumbprint& thumbprint, ObjectKi
 bool ObjectCatalog::Refresh(bool token_certificates) {
   uint64_t count = 0;
   const X509_Auth_Certificate* certificates = nullptr;
-  if (!X509_Auth_LoadClientCertificates(&count, &certificates)) {
+  bool listed = false;
+  {
+    const LeftOutCertificates::Watch watch(left_out_);
+    listed = X509_Auth_LoadClientCertificates(&count, &certificates);
+  }
+  if (!listed) {
     LogLine(3, "the library could not list the certificates");
     return false;
   }
@@ -47,8 +52,11 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   std::vector<const X509_Auth_Certificate*> offered;
   bool needs_login = false;
   std::vector<Thumbprint> files_asking, tokens_asking;
+  std::vector<std::string> key_paths;
   for (uint64_t i = 0; i < count; ++i) {
     const X509_Auth_Certificate& record = certificates[i];
+    if (record.key_path != nullptr && *record.key_path != '\0')
+      key_paths.push_back(record.key_path);
     if (record.thumbprint == nullptr || record.encoded == nullptr) continue;
     if (record.smart_card != 0 && !token_certificates) continue;
     offered.push_back(&record);
@@ -64,6 +72,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
       files_asking.push_back(thumbprint);
     }
   }
+
+  left_out_.Report(key_paths);
 
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current;
   std::set<Thumbprint> seen;
@@ -155,6 +165,7 @@ void ObjectCatalog::Clear() {
   needs_login_ = false;
   files_asking_.clear();
   tokens_asking_.clear();
+  left_out_ = LeftOutCertificates();
 }
 
 }  // namespace x509auth_pkcs11

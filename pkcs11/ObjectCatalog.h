@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "KeyFileProbe.h"
+#include "LeftOutCertificates.h"
 #include "TokenObject.h"
 
 namespace x509auth_pkcs11 {
@@ -38,6 +39,10 @@ class ObjectCatalog {
   const std::vector<Thumbprint>& KeyFilesAsking() const { return files_asking_; }
   const std::vector<Thumbprint>& TokenKeysAsking() const { return tokens_asking_; }
   std::size_t Size() const { return current_.size(); }
+  // Where the library reads certificate files, to name those it leaves out.
+  void SetCertificateDirs(std::vector<std::string> dirs) {
+    left_out_.SetCertificateDirs(std::move(dirs));
+  }
   void Clear();
 
  private:
@@ -53,6 +58,7 @@ class ObjectCatalog {
   CK_OBJECT_HANDLE next_handle_ = 1;
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current_;
   KeyFileProbe probe_;
+  LeftOutCertificates left_out_;
   bool needs_login_ = false;
   std::vector<Thumbprint> files_asking_;
   std::vector<Thumbprint> tokens_asking_;

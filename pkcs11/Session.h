@@ -1,10 +1,11 @@
 #pragma once
-// One PKCS#11 session: its flags, the search in progress and the one
-// signature or decryption in progress.
+// One PKCS#11 session: its flags, the search in progress, the one
+// signature or decryption in progress and the one digest in progress.
 #include <memory>
 #include <vector>
 
 #include "DecryptOperation.h"
+#include "DigestOperation.h"
 #include "Pkcs11.h"
 #include "SignOperation.h"
 
@@ -22,6 +23,8 @@ struct Session {
   std::unique_ptr<SignOperation> sign;
   // C_DecryptInit .. the end of the decryption.
   std::unique_ptr<DecryptOperation> decrypt;
+  // C_DigestInit .. the end of the digest.
+  std::unique_ptr<DigestOperation> digest;
 };
 
 }  // namespace x509auth_pkcs11

@@ -18,6 +18,7 @@ packages=(
   clang-14 libclang-rt-14-dev clang-format
   gnutls-bin libnss3-tools openssh-client openssh-server hyperfine wget
   p11-kit p11-kit-modules
+  openjdk-17-jdk-headless
 )
 
 missing=()

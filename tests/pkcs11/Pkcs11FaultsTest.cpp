@@ -169,7 +169,7 @@ TEST_F(Pkcs11FaultsTest, UnknownSessionAndObjectHandlesAreInvalid) {
   ASSERT_EQ(f->C_OpenSession(s.slot(), CKF_SERIAL_SESSION, nullptr, nullptr, &session), CKR_OK);
   ASSERT_EQ(f->C_CloseSession(session), CKR_OK);
   EXPECT_EQ(f->C_GetSessionInfo(session, &info), CKR_SESSION_HANDLE_INVALID);
-  EXPECT_EQ(f->C_GenerateRandom(s.session(), pin, 4), CKR_FUNCTION_NOT_SUPPORTED);
+  EXPECT_EQ(f->C_GenerateRandom(bad, pin, 4), CKR_SESSION_HANDLE_INVALID);
   EXPECT_EQ(f->C_CreateObject(s.session(), nullptr, 0, nullptr), CKR_FUNCTION_NOT_SUPPORTED);
 }
 
@@ -267,6 +267,37 @@ TEST_F(Pkcs11FaultsTest, ConcurrentSessionsOnThreadsAllSign) {
   EXPECT_EQ(good, 4);
   EXPECT_EQ(f->C_Finalize(nullptr), CKR_OK);
   (void)bob;
+}
+
+}  // namespace
+}  // namespace x509auth_test
+
+namespace x509auth_test {
+namespace {
+
+class Pkcs11ConventionsTest : public Pkcs11Test {};
+
+TEST_F(Pkcs11ConventionsTest, RandomFunctionsSayTheTokenHasNoGenerator) {
+  LoadedModule module;
+  ModuleSession s(module);
+  CK_FUNCTION_LIST* f = s.f();
+  unsigned char buffer[16] = {};
+  EXPECT_EQ(f->C_GenerateRandom(s.session(), buffer, sizeof(buffer)), CKR_RANDOM_NO_RNG);
+  EXPECT_EQ(f->C_SeedRandom(s.session(), buffer, sizeof(buffer)), CKR_RANDOM_NO_RNG);
+  EXPECT_EQ(f->C_GenerateRandom(s.session(), nullptr, 4), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(f->C_SeedRandom(s.session(), nullptr, 4), CKR_ARGUMENTS_BAD);
+  EXPECT_EQ(f->C_SeedRandom(s.session() + 100, buffer, 4), CKR_SESSION_HANDLE_INVALID);
+}
+
+TEST_F(Pkcs11ConventionsTest, ANullPinWithALengthIsArgumentsBadWhenAKeyAsksForOne) {
+  Install(KeyKind::k_rsa, "Alice", "s3cret");
+  LoadedModule module;
+  ModuleSession s(module);
+  EXPECT_EQ(s.f()->C_Login(s.session(), CKU_USER, nullptr, 6), CKR_ARGUMENTS_BAD);
+  CK_SESSION_INFO info{};
+  ASSERT_EQ(s.f()->C_GetSessionInfo(s.session(), &info), CKR_OK);
+  EXPECT_EQ(info.state, static_cast<CK_STATE>(CKS_RO_PUBLIC_SESSION));
+  EXPECT_EQ(s.Login("s3cret"), CKR_OK);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // Real PKCS#11 programs with the built module: OpenSC's pkcs11-tool,
 // GnuTLS's p11tool and NSS's modutil and certutil. Signatures are checked
 // with stock openssl and the certificate's public key.
+#include <regex>
+
 #include "Pkcs11Fixture.h"
 
 namespace x509auth_test {
@@ -206,6 +208,18 @@ TEST_F(Pkcs11ProgramsTest, NssListsTheCertificatesAndKeysOfTheModuleAddedWithMod
       << keys.out;
   EXPECT_NE(keys.out.find("> ec       " + clients_[1]->hex + "   Bob"), std::string::npos)
       << keys.out;
+}
+
+TEST_F(Pkcs11ProgramsTest, Pkcs11ToolSelfTestWithLoginReportsNoErrors) {
+  Install(KeyKind::k_rsa, "Alice");
+  Install(KeyKind::k_rsa, "Carol", "s3cret", 1);
+  Install(KeyKind::k_ec, "Bob", "s3cret");
+  const ChildResult tested = Pkcs11Tool({"--test"}, "s3cret");
+  EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
+  EXPECT_NE(tested.out.find("No errors"), std::string::npos) << tested.out << tested.err;
+  // What it checked: the digests, and that the token has no generator.
+  EXPECT_NE(tested.out.find("Digests:"), std::string::npos) << tested.out;
+  EXPECT_FALSE(std::regex_search(tested.out, std::regex("[0-9]+ errors"))) << tested.out;
 }
 
 }  // namespace
