@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "x509_auth.h"
+#include "x509auth/LibraryLines.h"
 
 namespace x509auth_provider {
 namespace {
@@ -49,7 +50,10 @@ bool IsEvidence(X509_Auth_LogPriority priority, const char* format) {
          (priority == X509_Auth_LogPriority_Info && std::strcmp(format, "%s") == 0);
 }
 
-void Log(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
+void Log(X509_Auth_LogPriority logged, const char* format, va_list arguments) {
+  // The library's routine step trace counts as information, not a warning.
+  const auto priority = static_cast<X509_Auth_LogPriority>(
+      x509auth_common::ShownPriority(static_cast<int>(logged), format));
   const bool to_stderr = static_cast<int>(priority) >= Threshold();
   const bool kept = g_current != nullptr && IsEvidence(priority, format);
   if (!to_stderr && !kept) return;

@@ -10,6 +10,7 @@
 #include "PinPrompt.h"
 #include "Report.h"
 #include "ThumbprintArgument.h"
+#include "x509auth/LibraryLines.h"
 #include "x509auth/RegularFile.h"
 
 namespace x509auth_tool {
@@ -28,7 +29,11 @@ __attribute__((format(printf, 2, 0))) void OnLog(X509_Auth_LogPriority priority,
     std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
     if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    Evidence::AddLog(priority, format, text);
+    // The library's routine step trace is shown as what it is, not as a
+    // warning (-v).
+    const auto shown = static_cast<X509_Auth_LogPriority>(
+        x509auth_common::ShownPriority(static_cast<int>(priority), format));
+    Evidence::AddLog(shown, format, text);
   } catch (...) {
   }
 }

@@ -234,6 +234,12 @@ class Pkcs11RegisteredTest : public Pkcs11SharedProcessTest {
 TEST_F(Pkcs11RegisteredTest, TwoRegistrationsOfTheModuleServeP11toolAndWget) {
   if (!HaveProgram("p11tool") || !HaveProgram("wget") || !CanUnshare())
     GTEST_SKIP() << "needs p11tool, wget and unshare -m";
+#ifdef X509AUTH_TEST_ASAN_RUNTIME
+  // As gnutls-cli, they deadlock at exit in p11-kit's destructor with the
+  // sanitizer's runtime preloaded, whatever module they loaded; the two
+  // copies' own code runs under the sanitizers in the in-process tests.
+  GTEST_SKIP() << "p11tool and wget hang at exit with the sanitizer runtime preloaded";
+#endif
   Install(KeyKind::k_rsa, "Registered Twice");
   const std::filesystem::path copy = temp_ / "x509auth-pkcs11-copy.so";
   std::filesystem::copy_file(ModulePath(), copy);

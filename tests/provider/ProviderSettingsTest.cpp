@@ -91,6 +91,19 @@ TEST_F(ProviderSettingsTest, QuietOnSuccessAndLinesOnStderrWhenAskedFor) {
       << told.err;
 }
 
+TEST_F(ProviderSettingsTest, AtWarningASuccessfulListingPrintsNothingAndTheStepTraceIsInfo) {
+  InstallClient(KeyKind::k_rsa, "Traced Client");
+  env_override_["X509AUTH_LOG"] = "warning";
+  const ChildResult warning = Openssl("storeutl", {"-noout", "x509auth:"});
+  EXPECT_EQ(warning.status, 0);
+  EXPECT_EQ(warning.err, "");
+  env_override_["X509AUTH_LOG"] = "info";
+  const ChildResult info = Openssl("storeutl", {"-noout", "x509auth:"});
+  EXPECT_NE(info.err.find("x509auth: CertStore::Open"), std::string::npos) << info.err;
+  EXPECT_NE(info.err.find("x509auth: Total Client Certificates picked: 1"), std::string::npos)
+      << info.err;
+}
+
 TEST_F(ProviderSettingsTest, CaFilesMayBeDerOrPemWithSeveralCertificates) {
   Chain chain = MakeChain(KeyKind::k_ec, "Chained Client");
   WriteFile(base_ / "certs" / "client.pem", CertToPem(chain.leaf.get()));
