@@ -128,8 +128,11 @@ void DirectorySnapshots::Drain() {
 void DirectorySnapshots::CloseLocked() {
   if (notify_ >= 0) close(notify_);
   notify_ = -1;
-  reports_.clear();
-  kept_.clear();
+  // Emptied to the last byte, bucket arrays included: this object is never
+  // destroyed, and a provider or PKCS#11 module carrying the library may be
+  // unloaded once it has ended it, losing whatever the maps still held.
+  std::unordered_map<int, std::uint64_t>().swap(reports_);
+  std::unordered_map<std::string, Kept>().swap(kept_);
 }
 
 std::shared_ptr<const DirectorySnapshots::Snapshot> DirectorySnapshots::Find(
