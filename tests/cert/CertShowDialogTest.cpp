@@ -57,10 +57,14 @@ class CertShowDialogTest : public ::testing::Test {
     fs::create_directories(tmp_ / "empty-bin");
     const std::string record = (tmp_ / "record").string();
     x509auth_test::WriteFile(tmp_ / "bin" / "gcr-viewer",
+                             // Two viewers started in the same instant each claim
+                             // their own number (mkdir is atomic), or both would
+                             // write the same record files.
                              "#!/bin/sh\n"
-                             "n=$(ls '" +
+                             "n=0\n"
+                             "while ! mkdir '" +
                                  record +
-                                 "' | wc -l)\n"
+                                 "'/.slot.$n 2>/dev/null; do n=$((n + 1)); done\n"
                                  "printf '%s\\n' \"$#\" \"$@\" > '" +
                                  record +
                                  "'/args.$n\n"
