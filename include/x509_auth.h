@@ -368,6 +368,17 @@ X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_HashType hash_type,
                       const unsigned char* hash, int32_t salt_length,
                       const X509_Auth_Signature** signature);
 
+/* X509_Auth_SetTokenWatch turns the token watch on (non-zero |enabled|)
+ * or off (0, the default). Off, the slots of the PKCS#11 module are listed
+ * once, when the module is loaded, and used for the life of the library's
+ * initialisation. On, from the next request every request sees the tokens
+ * as they are then: a card inserted since is listed, the certificates of a
+ * card that went away are gone, and a card put back asks for its PIN
+ * again. A key operation that meets a removed card or a closed session
+ * refreshes the slots once and tries once more before it fails. Returns 0,
+ * or X509_Auth_ResultCode_Reentered. */
+X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_SetTokenWatch(int32_t enabled);
+
 #ifdef __cplusplus
 }
 #endif

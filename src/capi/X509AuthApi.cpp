@@ -17,6 +17,7 @@
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
+#include "smartcard/TokenWatch.h"
 #include "x509_auth.h"
 
 namespace {
@@ -31,6 +32,7 @@ using quorvant::shared::x509::LogAllOpenSslErrors;
 using quorvant::shared::x509::Pkcs11ModuleChoice;
 using quorvant::shared::x509::SafeCallbacksWrapper;
 using quorvant::shared::x509::Thumbprint;
+using quorvant::shared::x509::TokenWatch;
 using quorvant::shared::x509::X509Settings;
 
 // Function-local statics first made after the callbacks holder, so that at
@@ -196,6 +198,13 @@ X509_Auth_ResultCode X509_Auth_SetPkcs11Module(const char* path) {
   const CallGuard guard("X509_Auth_SetPkcs11Module");
   if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
   if (!Pkcs11ModuleChoice::GetInstance().Choose(path)) return X509_Auth_ResultCode_InvalidArgument;
+  return X509_Auth_ResultCode_Success;
+}
+
+X509_Auth_ResultCode X509_Auth_SetTokenWatch(int32_t enabled) {
+  const CallGuard guard("X509_Auth_SetTokenWatch");
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
+  TokenWatch::Set(enabled != 0);
   return X509_Auth_ResultCode_Success;
 }
 

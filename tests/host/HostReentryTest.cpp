@@ -19,6 +19,7 @@ struct Inner {
   bool signature_null = false;
   int added = -1;
   X509_Auth_ResultCode module_code = X509_Auth_ResultCode_Success;
+  X509_Auth_ResultCode watch_code = X509_Auth_ResultCode_Success;
   int calls = 0;
 };
 Inner g_inner;
@@ -48,6 +49,7 @@ X509_Auth_PinEntryResult* ReenteringPinEntry(const char*, const char*) {
   g_inner.added = X509_Auth_AddAdditionalCertificateAuthorityToStore(
       reinterpret_cast<const unsigned char*>("x"), 1);
   g_inner.module_code = X509_Auth_SetPkcs11Module("");
+  g_inner.watch_code = X509_Auth_SetTokenWatch(1);
   // Would free the key store under the signature in progress.
   X509_Auth_DeInit();
 
@@ -120,9 +122,11 @@ TEST_F(HostReentryTest, CallsFromInsideThePasswordPromptAreRefusedAndTheSignatur
   EXPECT_TRUE(g_inner.signature_null);
   EXPECT_EQ(g_inner.added, 0);
   EXPECT_EQ(g_inner.module_code, X509_Auth_ResultCode_Reentered);
-  for (const char* function : {"X509_Auth_LoadClientCertificates", "X509_Auth_SignHash",
-                               "X509_Auth_AddAdditionalCertificateAuthorityToStore",
-                               "X509_Auth_SetPkcs11Module", "X509_Auth_DeInit"})
+  EXPECT_EQ(g_inner.watch_code, X509_Auth_ResultCode_Reentered);
+  for (const char* function :
+       {"X509_Auth_LoadClientCertificates", "X509_Auth_SignHash",
+        "X509_Auth_AddAdditionalCertificateAuthorityToStore", "X509_Auth_SetPkcs11Module",
+        "X509_Auth_SetTokenWatch", "X509_Auth_DeInit"})
     EXPECT_EQ(CountLines(RefusalLine(function)), 1) << function;
 
   // The outer call was not disturbed: the key store is still there.
