@@ -11,9 +11,9 @@
 #include <new>
 #include <vector>
 
-#include "LeftOutCertificates.h"
 #include "Log.h"
 #include "OpenSslPtr.h"
+#include "x509auth/LeftOutCertificates.h"
 #include "x509auth/LibraryLines.h"
 #include "x509auth/RegularFile.h"
 
@@ -33,7 +33,7 @@ constexpr const char* k_key_file_title = "Enter password";
 void LibraryLog(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
   va_list followed;
   va_copy(followed, arguments);
-  LeftOutCertificates::Observe(static_cast<int>(priority), format, followed);
+  x509auth_common::LeftOutCertificates::Observe(format, followed);
   va_end(followed);
   LogLineV(x509auth_common::ShownPriority(static_cast<int>(priority), format), format, arguments);
 }

@@ -10,6 +10,7 @@
 #include "Log.h"
 #include "Mechanisms.h"
 #include "OutputBuffer.h"
+#include "x509auth/LeftOutCertificates.h"
 
 namespace x509auth_pkcs11 {
 namespace {
@@ -38,18 +39,6 @@ std::string Hex(const unsigned char* bytes, std::size_t length) {
     text += digits[bytes[i] & 15];
   }
   return text;
-}
-
-// The directories the library reads certificate files from: B/certs for
-// each base directory, the home ones below $HOME as the library finds them.
-std::vector<std::string> CertificateDirs(const ModuleSettings& settings) {
-  std::vector<std::string> dirs;
-  for (const std::string& dir : settings.dirs) dirs.push_back(dir + "/certs");
-  const char* home = std::getenv("HOME");
-  if (home != nullptr)
-    for (const std::string& dir : settings.home_dirs)
-      dirs.push_back(std::string(home) + "/" + dir + "/certs");
-  return dirs;
 }
 
 }  // namespace
@@ -91,7 +80,8 @@ CK_RV Module::Initialize(CK_VOID_PTR init_args) {
 
   settings_ = ModuleSettings::Load();
   SetLogThreshold(settings_.log_threshold);
-  catalog_.SetCertificateDirs(CertificateDirs(settings_));
+  catalog_.SetCertificateDirs(x509auth_common::LeftOutCertificates::CertificateDirs(
+      settings_.dirs, settings_.home_dirs, std::getenv("HOME")));
   if (!settings_.file_refusal.empty()) LogLine(3, "%s", settings_.file_refusal.c_str());
   for (const std::string& problem : settings_.problems) LogLine(2, "%s", problem.c_str());
   if (!settings_.config_file.empty()) LogLine(1, "settings from %s", settings_.config_file.c_str());

@@ -40,7 +40,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   const X509_Auth_Certificate* certificates = nullptr;
   bool listed = false;
   {
-    const LeftOutCertificates::Watch watch(left_out_);
+    const x509auth_common::LeftOutCertificates::Watch watch(left_out_);
     listed = X509_Auth_LoadClientCertificates(&count, &certificates);
   }
   if (!listed) {
@@ -73,7 +73,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     }
   }
 
-  left_out_.Report(key_paths);
+  for (const std::string& line : left_out_.Report(key_paths)) LogLine(3, "%s", line.c_str());
 
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current;
   std::set<Thumbprint> seen;
@@ -165,7 +165,7 @@ void ObjectCatalog::Clear() {
   needs_login_ = false;
   files_asking_.clear();
   tokens_asking_.clear();
-  left_out_ = LeftOutCertificates();
+  left_out_ = x509auth_common::LeftOutCertificates();
 }
 
 }  // namespace x509auth_pkcs11

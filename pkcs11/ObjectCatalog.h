@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "KeyFileProbe.h"
-#include "LeftOutCertificates.h"
 #include "TokenObject.h"
+#include "x509auth/LeftOutCertificates.h"
 
 namespace x509auth_pkcs11 {
 
@@ -58,7 +58,7 @@ class ObjectCatalog {
   CK_OBJECT_HANDLE next_handle_ = 1;
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current_;
   KeyFileProbe probe_;
-  LeftOutCertificates left_out_;
+  x509auth_common::LeftOutCertificates left_out_;
   bool needs_login_ = false;
   std::vector<Thumbprint> files_asking_;
   std::vector<Thumbprint> tokens_asking_;

@@ -235,6 +235,8 @@ bool ProviderContext::Start() {
   if (settings_.home_dirs.empty()) settings_.home_dirs.push_back(k_default_home_dir);
   // They lie below $HOME, which a set-user-ID program's caller chooses.
   if (getauxval(AT_SECURE) != 0) settings_.home_dirs.clear();
+  left_out_.SetCertificateDirs(x509auth_common::LeftOutCertificates::CertificateDirs(
+      settings_.dirs, settings_.home_dirs, secure_getenv("HOME")));
   const std::string level = Parameter("log_level", "X509AUTH_LOG");
   settings_.log_threshold = level.empty() ? 4 : x509auth_common::ParseLogLevel(level);
   if (settings_.log_threshold < 0) {
@@ -342,6 +344,12 @@ void ProviderContext::AddCertificateAuthorities(SharedLibrarySession& session) c
       std::fprintf(stderr, "x509auth: ca_files: no CA certificate could be added from %s\n",
                    file.c_str());
   }
+}
+
+void ProviderContext::ReportLeftOut(const std::vector<std::string>& offered_key_paths) {
+  const std::vector<std::string> lines = left_out_.Report(offered_key_paths);
+  if (settings_.log_threshold > 3) return;
+  for (const std::string& line : lines) std::fprintf(stderr, "x509auth: %s\n", line.c_str());
 }
 
 void ProviderContext::RaiseAt(const char* file, int line, const char* function, int reason,

@@ -15,6 +15,7 @@
 
 #include "ProviderPtr.h"
 #include "SharedLibrarySession.h"
+#include "x509auth/LeftOutCertificates.h"
 
 namespace x509auth_provider {
 
@@ -80,6 +81,25 @@ class ProviderContext {
     return result;
   }
 
+  // Runs |list| (which lists through the library) inside the library
+  // session, following its lines; then, at log level error or below, names
+  // each certificate file the listing left out because its chain cannot be
+  // built, once while it stays left out. |list| returns whether the listing
+  // succeeded and appends the key paths of the file certificates offered.
+  template <typename List>
+  bool RunListing(CallReport* report, List&& list) {
+    std::vector<std::string> offered_key_paths;
+    return Run(nullptr, report, [&] {
+      bool listed = false;
+      {
+        const x509auth_common::LeftOutCertificates::Watch watch(left_out_);
+        listed = list(offered_key_paths);
+      }
+      if (listed) ReportLeftOut(offered_key_paths);
+      return listed;
+    });
+  }
+
   // Raises an OpenSSL error of this provider with a printf-style detail,
   // recorded at the caller's file, line and function: use X509AUTH_RAISE.
   void RaiseAt(const char* file, int line, const char* function, int reason, const char* format,
@@ -91,6 +111,7 @@ class ProviderContext {
   bool ChooseModule();
   SharedLibrarySession& Session();
   void AddCertificateAuthorities(SharedLibrarySession& session) const;
+  void ReportLeftOut(const std::vector<std::string>& offered_key_paths);
 
   const OSSL_CORE_HANDLE* handle_;
   OSSL_FUNC_core_get_params_fn* get_params_ = nullptr;
@@ -102,6 +123,8 @@ class ProviderContext {
   LibCtxPtr crypto_;
   std::vector<std::string> ca_files_;
   std::shared_ptr<SharedLibrarySession> session_;  // joined on first use
+  // Used only inside the library session, under its lock.
+  x509auth_common::LeftOutCertificates left_out_;
 
   // The contexts not yet torn down, newest first, under
   // ProcessLocks::Contexts: an exception caught in an entry point is raised

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "x509_auth.h"
+#include "x509auth/LeftOutCertificates.h"
 #include "x509auth/LibraryLines.h"
 
 namespace x509auth_provider {
@@ -51,6 +52,10 @@ bool IsEvidence(X509_Auth_LogPriority priority, const char* format) {
 }
 
 void Log(X509_Auth_LogPriority logged, const char* format, va_list arguments) {
+  va_list followed;
+  va_copy(followed, arguments);
+  x509auth_common::LeftOutCertificates::Observe(format, followed);
+  va_end(followed);
   // The library's routine step trace counts as information, not a warning.
   const auto priority = static_cast<X509_Auth_LogPriority>(
       x509auth_common::ShownPriority(static_cast<int>(logged), format));

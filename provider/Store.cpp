@@ -105,24 +105,27 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
 bool List(StoreContext* context) {
   context->listed = true;
   ProviderContext::CallReport report;
-  const bool listed = context->provider->Run(nullptr, &report, [&] {
-    uint64_t count = 0;
-    const X509_Auth_Certificate* records = nullptr;
-    if (!X509_Auth_LoadClientCertificates(&count, &records)) return false;
-    for (uint64_t i = 0; i < count; ++i) {
-      const X509_Auth_Certificate& record = records[i];
-      if (!context->list_all && std::memcmp(record.thumbprint, context->thumbprint.data(),
-                                            context->thumbprint.size()) != 0)
-        continue;
-      Entry entry;
-      entry.der.assign(record.encoded, record.encoded + record.encoded_length);
-      std::memcpy(entry.thumbprint.data(), record.thumbprint, entry.thumbprint.size());
-      entry.name = record.name != nullptr ? record.name : "";
-      context->entries.push_back(std::move(entry));
-    }
-    X509_Auth_Free(records);
-    return true;
-  });
+  const bool listed =
+      context->provider->RunListing(&report, [&](std::vector<std::string>& offered_key_paths) {
+        uint64_t count = 0;
+        const X509_Auth_Certificate* records = nullptr;
+        if (!X509_Auth_LoadClientCertificates(&count, &records)) return false;
+        for (uint64_t i = 0; i < count; ++i) {
+          const X509_Auth_Certificate& record = records[i];
+          if (record.key_path != nullptr && *record.key_path != '\0')
+            offered_key_paths.push_back(record.key_path);
+          if (!context->list_all && std::memcmp(record.thumbprint, context->thumbprint.data(),
+                                                context->thumbprint.size()) != 0)
+            continue;
+          Entry entry;
+          entry.der.assign(record.encoded, record.encoded + record.encoded_length);
+          std::memcpy(entry.thumbprint.data(), record.thumbprint, entry.thumbprint.size());
+          entry.name = record.name != nullptr ? record.name : "";
+          context->entries.push_back(std::move(entry));
+        }
+        X509_Auth_Free(records);
+        return true;
+      });
   if (!listed) {
     std::string evidence;
     for (const std::string& line : report.evidence) evidence += " | " + line;

@@ -132,6 +132,53 @@ TEST_F(ProviderSettingsTest, CaFilesMayBeDerOrPemWithSeveralCertificates) {
   EXPECT_NE(listed.out.find("Subject: CN=Chained Client"), std::string::npos);
 }
 
+TEST_F(ProviderSettingsTest, AtErrorALeftOutCertificateIsNamedWithTheSettingThatFixesIt) {
+  InstallClient(KeyKind::k_rsa, "Offered Client");
+  // Issued by a CA that is in no CA file.
+  const TestKey root_key = SharedKey(KeyKind::k_rsa, 103);
+  CertOptions root;
+  root.common_name = "Unknown Root CA";
+  root.is_ca = true;
+  root.key_usage = "critical,keyCertSign,cRLSign";
+  const TestX509 root_cert = MakeCert(root, root_key.get());
+  const TestKey key = SharedKey(KeyKind::k_ec, 104);
+  CertOptions leaf;
+  leaf.common_name = "Unchained Client";
+  leaf.key_usage = "critical,digitalSignature";
+  leaf.extended_key_usage = "clientAuth";
+  const TestX509 cert = MakeCert(leaf, key.get(), root_cert.get(), root_key.get());
+  const std::filesystem::path left_out = base_ / "certs" / "unchained.pem";
+  WriteFile(left_out, CertToPem(cert.get()));
+  WriteFile(base_ / "keys" / "unchained.pem.key", KeyToPem(key.get()));
+  env_override_["X509AUTH_MODULE"] = "none";
+  env_override_["X509AUTH_LOG"] = "error";
+  const ChildResult listed = Openssl("storeutl", {"-noout", "x509auth:"});
+  EXPECT_EQ(listed.status, 0) << listed.err;
+  EXPECT_NE(listed.out.find("Total found: 1"), std::string::npos) << listed.out;
+  const std::string named = "x509auth: certificate " + left_out.string() +
+                            " (Unchained Client) is not offered: its chain cannot be built (";
+  const std::size_t at = listed.err.find(named);
+  ASSERT_NE(at, std::string::npos) << listed.err;
+  EXPECT_NE(listed.err.find("; add its CA to ca_files (or X509AUTH_CA_FILES)\n", at),
+            std::string::npos)
+      << listed.err;
+  EXPECT_EQ(listed.err.find(named, at + 1), std::string::npos) << listed.err;
+  EXPECT_EQ(listed.err.find("Offered Client"), std::string::npos) << listed.err;
+
+  // Quiet unless asked, like every other line.
+  env_override_.erase("X509AUTH_LOG");
+  EXPECT_EQ(Openssl("storeutl", {"-noout", "x509auth:"}).err, "");
+
+  // Given its CA, it is offered and not named.
+  WriteFile(temp_ / "unknown-ca.pem", CertToPem(root_cert.get()));
+  env_override_["X509AUTH_CA_FILES"] =
+      CasFile().string() + ":" + (temp_ / "unknown-ca.pem").string();
+  env_override_["X509AUTH_LOG"] = "error";
+  const ChildResult fixed = Openssl("storeutl", {"-noout", "x509auth:"});
+  EXPECT_NE(fixed.out.find("Total found: 2"), std::string::npos) << fixed.out << fixed.err;
+  EXPECT_EQ(fixed.err.find("is not offered"), std::string::npos) << fixed.err;
+}
+
 TEST_F(ProviderSettingsTest, HomeDirectoryDefaultsToTheToolsOne) {
   Chain chain = MakeChain(KeyKind::k_ec, "Home Client");
   const std::filesystem::path home = temp_ / "home";
