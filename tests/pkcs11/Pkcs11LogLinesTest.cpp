@@ -15,21 +15,10 @@ class Pkcs11LogLinesTest : public Pkcs11Test {
   // A client certificate under a root CA of its own that the CA file does
   // not hold.
   std::filesystem::path InstallWithUnknownCa(const std::string& name) {
-    const TestKey root_key = SharedKey(KeyKind::k_rsa, 103);
-    CertOptions root;
-    root.common_name = "Unknown Root CA";
-    root.is_ca = true;
-    root.key_usage = "critical,keyCertSign,cRLSign";
-    const TestX509 root_cert = MakeCert(root, root_key.get());
-    const TestKey key = SharedKey(KeyKind::k_rsa, 104);
-    CertOptions leaf;
-    leaf.common_name = name;
-    leaf.key_usage = "critical,digitalSignature,keyEncipherment";
-    leaf.extended_key_usage = "clientAuth";
-    const TestX509 cert = MakeCert(leaf, key.get(), root_cert.get(), root_key.get());
+    const ForeignClient client = MakeClientOfUnknownCa(name);
     const std::filesystem::path file = base_ / "certs" / (name + ".pem");
-    WriteFile(file, CertToPem(cert.get()));
-    WriteFile(base_ / "keys" / (name + ".pem.key"), KeyToPem(key.get()));
+    WriteFile(file, CertToPem(client.leaf.get()));
+    WriteFile(base_ / "keys" / (name + ".pem.key"), KeyToPem(client.leaf_key.get()));
     return file;
   }
 };

@@ -134,22 +134,10 @@ TEST_F(ProviderSettingsTest, CaFilesMayBeDerOrPemWithSeveralCertificates) {
 
 TEST_F(ProviderSettingsTest, AtErrorALeftOutCertificateIsNamedWithTheSettingThatFixesIt) {
   InstallClient(KeyKind::k_rsa, "Offered Client");
-  // Issued by a CA that is in no CA file.
-  const TestKey root_key = SharedKey(KeyKind::k_rsa, 103);
-  CertOptions root;
-  root.common_name = "Unknown Root CA";
-  root.is_ca = true;
-  root.key_usage = "critical,keyCertSign,cRLSign";
-  const TestX509 root_cert = MakeCert(root, root_key.get());
-  const TestKey key = SharedKey(KeyKind::k_ec, 104);
-  CertOptions leaf;
-  leaf.common_name = "Unchained Client";
-  leaf.key_usage = "critical,digitalSignature";
-  leaf.extended_key_usage = "clientAuth";
-  const TestX509 cert = MakeCert(leaf, key.get(), root_cert.get(), root_key.get());
+  const ForeignClient client = MakeClientOfUnknownCa("Unchained Client");
   const std::filesystem::path left_out = base_ / "certs" / "unchained.pem";
-  WriteFile(left_out, CertToPem(cert.get()));
-  WriteFile(base_ / "keys" / "unchained.pem.key", KeyToPem(key.get()));
+  WriteFile(left_out, CertToPem(client.leaf.get()));
+  WriteFile(base_ / "keys" / "unchained.pem.key", KeyToPem(client.leaf_key.get()));
   env_override_["X509AUTH_MODULE"] = "none";
   env_override_["X509AUTH_LOG"] = "error";
   const ChildResult listed = Openssl("storeutl", {"-noout", "x509auth:"});
@@ -170,7 +158,7 @@ TEST_F(ProviderSettingsTest, AtErrorALeftOutCertificateIsNamedWithTheSettingThat
   EXPECT_EQ(Openssl("storeutl", {"-noout", "x509auth:"}).err, "");
 
   // Given its CA, it is offered and not named.
-  WriteFile(temp_ / "unknown-ca.pem", CertToPem(root_cert.get()));
+  WriteFile(temp_ / "unknown-ca.pem", CertToPem(client.root.get()));
   env_override_["X509AUTH_CA_FILES"] =
       CasFile().string() + ":" + (temp_ / "unknown-ca.pem").string();
   env_override_["X509AUTH_LOG"] = "error";

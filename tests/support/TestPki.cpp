@@ -162,6 +162,23 @@ Chain MakeChain(KeyKind leaf_kind, const std::string& leaf_name) {
   return chain;
 }
 
+ForeignClient MakeClientOfUnknownCa(const std::string& leaf_name) {
+  ForeignClient client;
+  client.root_key = SharedKey(KeyKind::k_rsa, 103);
+  client.leaf_key = SharedKey(KeyKind::k_rsa, 104);
+  CertOptions root;
+  root.common_name = "Unknown Root CA";
+  root.is_ca = true;
+  root.key_usage = "critical,keyCertSign,cRLSign";
+  client.root = MakeCert(root, client.root_key.get());
+  CertOptions leaf;
+  leaf.common_name = leaf_name;
+  leaf.key_usage = "critical,digitalSignature,keyEncipherment";
+  leaf.extended_key_usage = "clientAuth";
+  client.leaf = MakeCert(leaf, client.leaf_key.get(), client.root.get(), client.root_key.get());
+  return client;
+}
+
 std::string CertToPem(X509* cert) {
   x509auth_openssl::BioPtr bio(BIO_new(BIO_s_mem()));
   Check(PEM_write_bio_X509(bio.get(), cert) == 1, "PEM_write_bio_X509");

@@ -62,6 +62,15 @@ struct Chain {
 };
 Chain MakeChain(KeyKind leaf_kind = KeyKind::k_rsa, const std::string& leaf_name = "Test Leaf");
 
+// A client-auth leaf named |leaf_name| under a root CA of its own ("Unknown
+// Root CA") that no test's CA file holds: its chain cannot be built until
+// the root is added.
+struct ForeignClient {
+  TestKey root_key, leaf_key;
+  TestX509 root, leaf;
+};
+ForeignClient MakeClientOfUnknownCa(const std::string& leaf_name);
+
 std::string CertToPem(X509* cert);
 // PEM texts of a certificate made by |make| for each name, all of one length,
 // for tests that rewrite a file in place and must keep its size. An ECDSA
