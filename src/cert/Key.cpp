@@ -11,8 +11,10 @@
 #include "cert/ICertificate.h"
 #include "files/PrivateKeyFiles.h"
 #include "smartcard/Libp11Context.h"
+#include "smartcard/TokenLoss.h"
 #include "smartcard/TokenPrivateKey.h"
 #include "smartcard/TokenPssSigner.h"
+#include "smartcard/TokenWatch.h"
 
 namespace quorvant::shared::x509 {
 
@@ -70,6 +72,7 @@ std::int32_t Key::Open(const ICertificate& certificate) {
     if (opened.found != nullptr) {
       key = std::move(opened.key);
       token_context = token_cert.libp11_context;
+      token_slots = token_cert.token_slots;
       token_slot = token_cert.slot;
       token_key = opened.found;
     } else {
@@ -97,6 +100,10 @@ std::int32_t Key::Open(const ICertificate& certificate) {
 
 void Key::Close() { algorithm = x509::Algorithm::k_unknown; }
 
+void Key::NoteTokenLoss(const std::optional<FreshTokenErrors>& fresh) const {
+  if (token_context && fresh && fresh->Lost()) token_context->NoteTokenLoss();
+}
+
 x509::Algorithm Key::Algorithm() const { return algorithm; }
 
 ResultPair Key::Sign(const std::vector<unsigned char>& hash,
@@ -106,6 +113,10 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
                               "null signature vector given to Key::Sign");
     return Failure();
   }
+  // With the token watch on, a card pulled under the signature is told
+  // from any other failure by what libp11 records during it.
+  std::optional<FreshTokenErrors> fresh;
+  if (token_context && TokenWatch::Enabled()) fresh.emplace();
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!context) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -153,6 +164,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   std::size_t length = 0;
   const int query = EVP_PKEY_sign(context.get(), nullptr, &length, hash.data(), hash.size());
   if (query <= 0) {
+    NoteTokenLoss(fresh);
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Signing failed. Error code: [%i]",
                               query);
     LogAllOpenSslErrors();
@@ -160,6 +172,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   }
   *signature = std::vector<unsigned char>(length);
   if (EVP_PKEY_sign(context.get(), signature->data(), &length, hash.data(), hash.size()) <= 0) {
+    NoteTokenLoss(fresh);
     LogAllOpenSslErrors();
     return Failure();
   }
@@ -205,7 +218,10 @@ ResultPair Key::SignPss(const EVP_MD* digest, const std::vector<unsigned char>& 
   }
   if (token_key != nullptr && token_context) {
     const TokenPssSigner signer(*token_context, token_slot, token_key, key.get());
-    return signer.Sign(digest, hash, salt, signature);
+    const ResultPair result = signer.Sign(digest, hash, salt, signature);
+    if (result.code != 0 && TokenLoss::IsLossResult(static_cast<CK_RV>(result.detail)))
+      token_context->NoteTokenLoss();
+    return result;
   }
 
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
@@ -240,6 +256,8 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
                               "null plaintext vector given to Key::Decrypt");
     return Failure();
   }
+  std::optional<FreshTokenErrors> fresh;
+  if (token_context && TokenWatch::Enabled()) fresh.emplace();
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!context) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Error creating EVP_PKEY_CTX");
@@ -278,6 +296,7 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   const int query =
       EVP_PKEY_decrypt(context.get(), nullptr, &length, ciphertext.data(), ciphertext.size());
   if (query <= 0) {
+    NoteTokenLoss(fresh);
     SafeCallbacksWrapper::Log(
         X509_Auth_LogPriority_Error,
         "Error calling EVP_PKEY_decrypt to get the plaintext length. Error code: [%i]", query);
@@ -287,6 +306,7 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   const int decrypted = EVP_PKEY_decrypt(context.get(), plaintext->data(), &length,
                                          ciphertext.data(), ciphertext.size());
   if (decrypted <= 0) {
+    NoteTokenLoss(fresh);
     // OpenSSL's reason first, so the host sees why before the summary.
     LogAllOpenSslErrors();
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
