@@ -69,6 +69,11 @@ std::string CommandLibrarySession::KeyFailure(const std::string& what,
   // The library says a wrong password as a key file it cannot parse after
   // the prompt was answered, and a wrong PIN as its login notice.
   const std::string& answered = PinPrompt::LastAnswered();
+  // The library's login notice says "Incorrect pin" for a card pulled during
+  // the prompt too; its own line beside tells the two apart.
+  if (result.code == X509_Auth_ResultCode_KeyOpenFailed &&
+      Evidence::StepHas("The token [%s] was removed while its PIN was entered."))
+    return what + " failed: the card \"" + answered + "\" was removed while its PIN was entered";
   if (result.code == X509_Auth_ResultCode_KeyOpenFailed && !answered.empty() &&
       Evidence::StepHas("Failed to parse private key file [%s]"))
     return what + " failed: wrong password for the key file " + answered;

@@ -6,7 +6,8 @@
  *
  * With "pull-at-INS" (hex, e.g. pull-at-42 for the CAC signature) the card is
  * pulled the moment an APDU with that instruction arrives, unanswered: a card
- * taken out in the middle of that operation.
+ * taken out in the middle of that operation; "pull-at-INS-N" waits for the
+ * N-th such APDU.
  *
  * vpcd sends 2-byte big-endian length-prefixed messages: a 1-byte message is
  * a control (power off, power on, reset, get ATR), anything longer an APDU,
@@ -102,8 +103,9 @@ int main(int argc, char** argv) {
             argv[0]);
     return 2;
   }
-  int pull_at = -1;
-  if (argc == 5 && sscanf(argv[4], "pull-at-%x", (unsigned*)&pull_at) != 1) return 2;
+  unsigned pull_at = 0x100;
+  unsigned pull_after = 1;
+  if (argc == 5 && sscanf(argv[4], "pull-at-%x-%u", &pull_at, &pull_after) < 1) return 2;
   char options[4096];
   snprintf(options, sizeof options, "db=\"sql:%s\" use_hw=no soft=(,Virtual Card Reader,CAC,,%s)",
            argv[1], argv[2]);
@@ -160,7 +162,7 @@ int main(int argc, char** argv) {
       }
       continue;
     }
-    if (length >= 4 && message[1] == pull_at) {
+    if (length >= 4 && message[1] == pull_at && --pull_after == 0) {
       printf("pulled at instruction %02x\n", pull_at);
       fflush(stdout);
       break;

@@ -153,9 +153,9 @@ bool VirtualCardRig::Start(X509* cert, EVP_PKEY* key) {
   return true;
 }
 
-bool VirtualCardRig::Insert() { return InsertPullingAt(-1); }
+bool VirtualCardRig::Insert() { return InsertPullingAt(-1, 1); }
 
-bool VirtualCardRig::InsertPullingAt(int instruction) {
+bool VirtualCardRig::InsertPullingAt(int instruction, int occurrence) {
   if (!pcscd_ || bridge_) return false;
   ChildRun run;
   // Ended with the test process even when the test itself dies.
@@ -164,7 +164,8 @@ bool VirtualCardRig::InsertPullingAt(int instruction) {
       k_nickname, std::to_string(port_)};
   if (instruction >= 0) {
     char option[32];
-    std::snprintf(option, sizeof option, "pull-at-%02x", static_cast<unsigned>(instruction));
+    std::snprintf(option, sizeof option, "pull-at-%02x-%d", static_cast<unsigned>(instruction),
+                  occurrence);
     run.argv.push_back(option);
   }
   bridge_ = std::make_unique<BackgroundChild>(

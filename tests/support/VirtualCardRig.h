@@ -62,7 +62,8 @@ class VirtualCardRig {
   // Inserts a card that pulls itself out when an APDU with |instruction|
   // arrives, before answering it (0x42: the CAC card's signature, 0x20: its
   // PIN check): removal in the middle of that operation.
-  bool InsertPullingAt(int instruction);
+  // |occurrence| counts that instruction's APDUs: 2 pulls at the second.
+  bool InsertPullingAt(int instruction, int occurrence = 1);
   // Ends the bridge (unless it ended by itself) and waits until pcscd has
   // seen the card go.
   bool Pull();
