@@ -11,6 +11,7 @@
 #include "cert/ICertificate.h"
 #include "files/PrivateKeyFiles.h"
 #include "smartcard/Libp11Context.h"
+#include "smartcard/TokenLoss.h"
 #include "smartcard/TokenPrivateKey.h"
 #include "smartcard/TokenPssSigner.h"
 
@@ -70,6 +71,7 @@ std::int32_t Key::Open(const ICertificate& certificate) {
     if (opened.found != nullptr) {
       key = std::move(opened.key);
       token_context = token_cert.libp11_context;
+      token_slots = token_cert.token_slots;
       token_slot = token_cert.slot;
       token_key = opened.found;
     } else {
@@ -96,6 +98,10 @@ std::int32_t Key::Open(const ICertificate& certificate) {
 }
 
 void Key::Close() { algorithm = x509::Algorithm::k_unknown; }
+
+void Key::NoteTokenLoss() const {
+  if (token_context && TokenLoss::InErrorQueue()) token_context->NoteTokenLoss();
+}
 
 x509::Algorithm Key::Algorithm() const { return algorithm; }
 
@@ -153,6 +159,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   std::size_t length = 0;
   const int query = EVP_PKEY_sign(context.get(), nullptr, &length, hash.data(), hash.size());
   if (query <= 0) {
+    NoteTokenLoss();
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Signing failed. Error code: [%i]",
                               query);
     LogAllOpenSslErrors();
@@ -160,6 +167,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   }
   *signature = std::vector<unsigned char>(length);
   if (EVP_PKEY_sign(context.get(), signature->data(), &length, hash.data(), hash.size()) <= 0) {
+    NoteTokenLoss();
     LogAllOpenSslErrors();
     return Failure();
   }
@@ -205,7 +213,10 @@ ResultPair Key::SignPss(const EVP_MD* digest, const std::vector<unsigned char>& 
   }
   if (token_key != nullptr && token_context) {
     const TokenPssSigner signer(*token_context, token_slot, token_key, key.get());
-    return signer.Sign(digest, hash, salt, signature);
+    const ResultPair result = signer.Sign(digest, hash, salt, signature);
+    if (result.code != 0 && TokenLoss::IsLossResult(static_cast<CK_RV>(result.detail)))
+      token_context->NoteTokenLoss();
+    return result;
   }
 
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
@@ -278,6 +289,7 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   const int query =
       EVP_PKEY_decrypt(context.get(), nullptr, &length, ciphertext.data(), ciphertext.size());
   if (query <= 0) {
+    NoteTokenLoss();
     SafeCallbacksWrapper::Log(
         X509_Auth_LogPriority_Error,
         "Error calling EVP_PKEY_decrypt to get the plaintext length. Error code: [%i]", query);
@@ -287,6 +299,7 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   const int decrypted = EVP_PKEY_decrypt(context.get(), plaintext->data(), &length,
                                          ciphertext.data(), ciphertext.size());
   if (decrypted <= 0) {
+    NoteTokenLoss();
     // OpenSSL's reason first, so the host sees why before the summary.
     LogAllOpenSslErrors();
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,

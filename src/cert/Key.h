@@ -9,6 +9,7 @@
 namespace quorvant::shared::x509 {
 
 class Libp11Context;
+class TokenSlots;
 
 // A private key from a key file or a PKCS#11 token, driven through
 // OpenSSL's EVP interface.
@@ -34,10 +35,16 @@ class Key : public IKey {
                      std::vector<unsigned char>* signature);
 
  private:
+  // After a failed token operation: tells the context when libp11 reported
+  // a token or session that went away, so that the request may retry.
+  void NoteTokenLoss() const;
+
   // A token key as libp11 found it, for what its EVP_PKEY cannot do. The
   // slot and key belong to libp11, so the context that owns them is held;
   // declared first, so that it goes after the key made from it.
   std::shared_ptr<Libp11Context> token_context;
+  // The slot listing the key was found in, kept as long as the key.
+  std::shared_ptr<TokenSlots> token_slots;
   EvpPkeyPtr key;
   x509::Algorithm algorithm = x509::Algorithm::k_unknown;
   PKCS11_SLOT* token_slot = nullptr;

@@ -16,7 +16,9 @@
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
 #include "keystore/OfferDecision.h"
+#include "smartcard/Libp11Context.h"
 #include "smartcard/TokenPrivateKey.h"
+#include "smartcard/TokenWatch.h"
 
 namespace quorvant::shared::x509 {
 
@@ -81,6 +83,25 @@ std::optional<X509_Auth_Result> OpenForKeyOperation(const Thumbprint& thumbprint
                             static_cast<std::uint64_t>(open_result)};
   }
   return std::nullopt;
+}
+
+// Runs a key operation; with the token watch on, one that met a token or
+// session gone away (the context's note) runs once more on a fresh slot
+// listing. Each attempt owns its store, certificate and key, so the first
+// attempt's hold on the old listing is gone before the second lists again.
+template <typename Attempt>
+auto WithOneRetryAfterTokenLoss(Attempt attempt) {
+  const std::shared_ptr<Libp11Context> context =
+      TokenWatch::Enabled() ? Libp11Context::GetInstance() : nullptr;
+  if (context) context->TakeTokenLoss();
+  auto outcome = attempt();
+  if (outcome.result.code == X509_Auth_ResultCode_Success || !context || !context->TakeTokenLoss())
+    return outcome;
+  SafeCallbacksWrapper::Log(k_warning,
+                            "A token or its session went away during the operation; listing the "
+                            "tokens again and trying once more");
+  context->ForceRefresh();
+  return attempt();
 }
 
 // Opens a users' store and finds the certificate of a handed-out record, for
@@ -345,6 +366,12 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHash(const Thumbprint& thumbpr
                                                        const std::vector<Algorithm>& algorithms,
                                                        const std::vector<unsigned char>& hash) {
   SafeCallbacksWrapper::Log(k_info, "Signing hash... (this might require user input)");
+  return WithOneRetryAfterTokenLoss([&] { return SignHashOnce(thumbprint, algorithms, hash); });
+}
+
+KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashOnce(const Thumbprint& thumbprint,
+                                                           const std::vector<Algorithm>& algorithms,
+                                                           const std::vector<unsigned char>& hash) {
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
   Key key;
@@ -373,6 +400,13 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPss(const Thumbprint& thum
                                                           const std::vector<unsigned char>& hash,
                                                           int salt_length) {
   SafeCallbacksWrapper::Log(k_info, "Signing hash with RSA-PSS... (this might require user input)");
+  return WithOneRetryAfterTokenLoss(
+      [&] { return SignHashPssOnce(thumbprint, digest, hash, salt_length); });
+}
+
+KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPssOnce(
+    const Thumbprint& thumbprint, const EVP_MD* digest, const std::vector<unsigned char>& hash,
+    int salt_length) {
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
   Key key;
@@ -397,6 +431,12 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPss(const Thumbprint& thum
 KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
                                                   DecryptAlgorithm algorithm,
                                                   const std::vector<unsigned char>& data) {
+  return WithOneRetryAfterTokenLoss([&] { return DecryptOnce(thumbprint, algorithm, data); });
+}
+
+KeyStoreResult<X509_Auth_ASN_1> KeyStore::DecryptOnce(const Thumbprint& thumbprint,
+                                                      DecryptAlgorithm algorithm,
+                                                      const std::vector<unsigned char>& data) {
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
   Key key;

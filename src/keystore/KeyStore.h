@@ -87,6 +87,19 @@ class KeyStore : public IKeyStore {
   const CertStore& OwnStore() const { return cert_store; }
 
  private:
+  // One attempt of each key operation; the public operations add the token
+  // watch's retry around it.
+  KeyStoreResult<X509_Auth_Signature> SignHashOnce(const Thumbprint& thumbprint,
+                                                   const std::vector<Algorithm>& algorithms,
+                                                   const std::vector<unsigned char>& hash);
+  KeyStoreResult<X509_Auth_Signature> SignHashPssOnce(const Thumbprint& thumbprint,
+                                                      const EVP_MD* digest,
+                                                      const std::vector<unsigned char>& hash,
+                                                      int salt_length);
+  KeyStoreResult<X509_Auth_ASN_1> DecryptOnce(const Thumbprint& thumbprint,
+                                              DecryptAlgorithm algorithm,
+                                              const std::vector<unsigned char>& data);
+
   // Destroyed in reverse: the store first, then every kept result.
   std::vector<std::unique_ptr<AllocatedCertificateList>> certificate_lists;
   std::vector<std::unique_ptr<AllocatedSignature>> signatures;

@@ -3,12 +3,15 @@
 #include <openssl/err.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
 
 #include "base/SafeCallbacksWrapper.h"
 #include "smartcard/OwnModuleCheck.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
+#include "smartcard/TokenLoss.h"
+#include "smartcard/TokenWatch.h"
 
 namespace quorvant::shared::x509 {
 
@@ -59,7 +62,10 @@ Libp11Context::~Libp11Context() {
   login_handler_.LogOutOfAllSlots();
   session_probe_.Detach();
   if (pkcs11_ctx_ != nullptr) {
-    if (slots_ != nullptr) PKCS11_release_all_slots(pkcs11_ctx_, slots_, slot_count_);
+    // Every listing goes now, whoever still holds a share: the module goes
+    // next. Holders hold this context too, so none is left.
+    if (current_) current_->Release();
+    for (const std::shared_ptr<TokenSlots>& listing : superseded_) listing->Release();
     if (module_loaded_) PKCS11_CTX_unload(pkcs11_ctx_);
     PKCS11_CTX_free(pkcs11_ctx_);
   }
@@ -98,7 +104,10 @@ void Libp11Context::InitialiseContextAndSlots() {
   }
   module_loaded_ = true;
   LogAllOpenSslErrors();
-  if (RefuseOwnModule(*module_path)) return;
+  if (RefuseOwnModule(*module_path)) {
+    module_refused_ = true;
+    return;
+  }
   // Without the probe no slot is ever treated as usable, so a failure here
   // shows up as tokens that cannot be enumerated, never as a hang.
   session_probe_.Attach(*module_path);
@@ -111,12 +120,17 @@ void Libp11Context::InitialiseContextAndSlots() {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error PKCS11_set_ui_method: %i",
                               result);
 
-  if (PKCS11_enumerate_slots(pkcs11_ctx_, &slots_, &slot_count_) == 0) {
+  // Taken before the listing, so that a card that comes during it is seen
+  // as a change by the next request.
+  fingerprint_ = TokenFingerprint::Take(session_probe_.Functions());
+  auto listing = std::make_shared<TokenSlots>(pkcs11_ctx_);
+  if (listing->Enumerate()) {
+    current_ = std::move(listing);
     LogAllOpenSslErrors();
     if (RefuseOwnModule(*module_path)) {
-      PKCS11_release_all_slots(pkcs11_ctx_, slots_, slot_count_);
-      slots_ = nullptr;
-      slot_count_ = 0;
+      module_refused_ = true;
+      current_->Release();
+      current_.reset();
     }
     return;
   }
@@ -124,7 +138,7 @@ void Libp11Context::InitialiseContextAndSlots() {
 }
 
 bool Libp11Context::RefuseOwnModule(const std::string& module_path) const {
-  const std::string reason = OwnModuleCheck::LeadsBackToX509Auth(pkcs11_ctx_, slots_, slot_count_);
+  const std::string reason = OwnModuleCheck::LeadsBackToX509Auth(pkcs11_ctx_, Slots(), SlotCount());
   if (reason.empty()) return false;
   // The module stays loaded, without slots, until this context goes, as a
   // module whose slots cannot be enumerated does.
@@ -159,7 +173,52 @@ int Libp11Context::PinEntryUiWriter(UI* ui, UI_STRING* uis) {
 
 int Libp11Context::PinEntryUiReader(UI* /*ui*/, UI_STRING* /*uis*/) { return 1; }
 
-int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
+int Libp11Context::ProbeSession(const PKCS11_slot_st* slot) const {
+  const int probe = session_probe_.Probe(slot);
+  if (TokenLoss::IsLossProbe(probe)) NoteTokenLoss();
+  return probe;
+}
+
+void Libp11Context::ReleaseUnheldListings() {
+  for (std::shared_ptr<TokenSlots>& listing : superseded_)
+    if (listing.use_count() == 1) listing.reset();
+  superseded_.erase(std::remove(superseded_.begin(), superseded_.end(), nullptr),
+                    superseded_.end());
+}
+
+void Libp11Context::RefreshIfTokensChanged() {
+  // A refused module, or one without a function list, is never asked again.
+  if (pkcs11_ctx_ == nullptr || !module_loaded_ || module_refused_ ||
+      session_probe_.Functions() == nullptr)
+    return;
+  TokenFingerprint now = TokenFingerprint::Take(session_probe_.Functions());
+  if (!refresh_forced_ && now == fingerprint_) return;
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Info,
+                            refresh_forced_ ? "Token watch: listing the slots again after a token "
+                                              "or its session went away"
+                                            : "Token watch: the tokens changed; listing the "
+                                              "slots again");
+  refresh_forced_ = false;
+  // A card put back must ask for its PIN again, and a superseded listing a
+  // host still holds must not keep a login alive.
+  login_handler_.LogOutOfAllSlots();
+  if (current_) superseded_.push_back(std::move(current_));
+  ReleaseUnheldListings();
+  fingerprint_ = std::move(now);
+  auto listing = std::make_shared<TokenSlots>(pkcs11_ctx_);
+  if (listing->Enumerate()) {
+    current_ = std::move(listing);
+    LogAllOpenSslErrors();
+    return;
+  }
+  // No tokens until the next change: one token libp11 cannot read fails
+  // the whole listing.
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error enumerating slots");
+  LogAllOpenSslErrors();
+}
+
+int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs,
+                            std::shared_ptr<TokenSlots>* listing) {
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Debug, "Libp11Context::GetCerts started.");
   // A host that chose no module has no smart cards: nothing to load, and
   // nothing missing either.
@@ -170,13 +229,35 @@ int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
         "Libp11Context::GetCerts no PKCS#11 module is chosen; no smart cards");
     return 0;
   }
-  if (pkcs11_ctx_ == nullptr) InitialiseContextAndSlots();
+  if (pkcs11_ctx_ == nullptr)
+    InitialiseContextAndSlots();
+  else if (TokenWatch::Enabled())
+    RefreshIfTokensChanged();
   if (pkcs11_ctx_ == nullptr) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
                               "Libp11Context::GetCerts pcks11_ctx is null returning -1.");
     return -1;
   }
-  if (slots_ == nullptr) {
+  const std::size_t first = certs.size();
+  bool lost = false;
+  int status = AppendTokenCerts(certs, TokenWatch::Enabled() ? &lost : nullptr);
+  if (lost) {
+    // The module noticed nothing in its slot list, yet a token's sessions
+    // are gone (a card pulled and put back): one fresh listing, read again.
+    certs.resize(first);
+    ForceRefresh();
+    RefreshIfTokensChanged();
+    TakeTokenLoss();
+    status = AppendTokenCerts(certs, nullptr);
+  }
+  if (listing != nullptr) *listing = current_;
+  return status;
+}
+
+int Libp11Context::AppendTokenCerts(std::vector<Libp11CertAndSlot>& certs, bool* lost) {
+  PKCS11_SLOT* const slots = Slots();
+  const unsigned int slot_count = SlotCount();
+  if (slots == nullptr) {
     SafeCallbacksWrapper::Log(
         X509_Auth_LogPriority_Debug,
         "Libp11Context::GetCerts pcks11_slot is null returning 0.Not nececarily a problem can "
@@ -184,7 +265,7 @@ int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
     return 0;
   }
 
-  PKCS11_SLOT* slot = PKCS11_find_token(pkcs11_ctx_, slots_, slot_count_);
+  PKCS11_SLOT* slot = PKCS11_find_token(pkcs11_ctx_, slots, slot_count);
   if (slot == nullptr) {
     SafeCallbacksWrapper::Log(
         X509_Auth_LogPriority_Debug,
@@ -193,7 +274,7 @@ int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
     return 0;
   }
 
-  for (; slot != nullptr; slot = PKCS11_find_next_token(pkcs11_ctx_, slots_, slot_count_, slot)) {
+  for (; slot != nullptr; slot = PKCS11_find_next_token(pkcs11_ctx_, slots, slot_count, slot)) {
     PKCS11_CERT* token_certs = nullptr;
     unsigned int count = 0;
     // An uninitialised token, or one that refuses a session, would hang
@@ -201,6 +282,8 @@ int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs) {
     int result = ProbeSession(slot);
     if (result == 0) result = PKCS11_enumerate_certs(slot->token, &token_certs, &count);
     if (result != 0) {
+      if (lost != nullptr && (TokenLoss::IsLossProbe(result) || TokenLoss::InErrorQueue()))
+        *lost = true;
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "Error enumerating certificates on token [%s]. Error code: [%i]",
                                 slot->token->label, result);

@@ -5,11 +5,14 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/OpenSslPtr.h"
 #include "smartcard/Libp11LoginHandler.h"
 #include "smartcard/Pkcs11SessionProbe.h"
+#include "smartcard/TokenFingerprint.h"
+#include "smartcard/TokenSlots.h"
 
 namespace quorvant::shared::x509 {
 
@@ -52,7 +55,20 @@ class Libp11Context {
   void InitialiseContextAndSlots();
   // Appends every certificate of every token to |certs|. Returns 0, also
   // when there are no slots or tokens, and -1 when no libp11 context exists.
-  int GetCerts(std::vector<Libp11CertAndSlot>& certs);
+  // With the token watch on, the slots are first listed again when the
+  // tokens changed since the last listing (or a retry asked for it).
+  // |listing|, when given, receives a share of the listing the entries
+  // point into.
+  int GetCerts(std::vector<Libp11CertAndSlot>& certs,
+               std::shared_ptr<TokenSlots>* listing = nullptr);
+  // The listing in use; null before the first or after a failed one.
+  std::shared_ptr<TokenSlots> CurrentSlots() const { return current_; }
+  // Makes the next GetCerts list the slots again, changed or not.
+  void ForceRefresh() { refresh_forced_ = true; }
+  // Whether an operation met a token or session that went away since the
+  // last call; the note is cleared.
+  bool TakeTokenLoss() { return std::exchange(token_loss_seen_, false); }
+  void NoteTokenLoss() const { token_loss_seen_ = true; }
   // Returns 0 when no login was needed or it succeeded, else the login
   // handler's code.
   int LogInToSlotIfRequired(PKCS11_slot_st* slot);
@@ -63,7 +79,7 @@ class Libp11Context {
   // code: -1 for a missing or uninitialised token or an unloaded module, or
   // the module's CK_RV negated. A card pulled right after the probe can still
   // hang libp11; that window cannot be closed from outside libp11.
-  int ProbeSession(const PKCS11_slot_st* slot) const { return session_probe_.Probe(slot); }
+  int ProbeSession(const PKCS11_slot_st* slot) const;
   bool CanOpenSession(const PKCS11_slot_st* slot) const { return ProbeSession(slot) == 0; }
   // The loaded module's function list, for what libp11 cannot do itself;
   // null while no module is loaded. Valid while this context lives.
@@ -82,11 +98,13 @@ class Libp11Context {
   // Read-only views for diagnostics and tests.
   bool IsInitialised() const { return pkcs11_ctx_ != nullptr; }
   bool IsModuleLoaded() const { return module_loaded_; }
-  unsigned int SlotCount() const { return slot_count_; }
+  unsigned int SlotCount() const { return current_ ? current_->Count() : 0; }
   const Libp11LoginHandler& LoginHandler() const { return login_handler_; }
   const UI_METHOD* UiMethod() const { return ui_method_.get(); }
   PKCS11_CTX* Pkcs11Context() const { return pkcs11_ctx_; }
-  PKCS11_SLOT* Slots() const { return slots_; }
+  PKCS11_SLOT* Slots() const { return current_ ? current_->Slots() : nullptr; }
+  // Listings replaced by a newer one but still held by a certificate or key.
+  std::size_t SupersededCount() const { return superseded_.size(); }
 
  private:
   static std::weak_ptr<Libp11Context> instance_;
@@ -95,6 +113,17 @@ class Libp11Context {
   // True, after one error line, when the loaded module is x509auth's own or
   // shows its token (OwnModuleCheck): it is then used for nothing.
   bool RefuseOwnModule(const std::string& module_path) const;
+  // The token watch's step before a request: a new listing when the tokens
+  // changed or a retry forced it, the old one's logins ended.
+  void RefreshIfTokensChanged();
+  // Lets go of replaced listings nobody else holds any more. Only here and
+  // in the destructor: their release closes every session on their slot
+  // ids, so it must come before the next listing opens any.
+  void ReleaseUnheldListings();
+  // GetCerts' walk over the current listing. |lost|, when given, is set when
+  // a token's certificates could not be read because it or its sessions went
+  // away.
+  int AppendTokenCerts(std::vector<Libp11CertAndSlot>& certs, bool* lost);
 
   Libp11LoginHandler login_handler_{
       [this](const PKCS11_slot_st* slot) { return ProbeSession(slot); },
@@ -103,9 +132,13 @@ class Libp11Context {
   // Released by hand in the destructor: slots, then the module, then the
   // context, an order a single deleter cannot express.
   PKCS11_CTX* pkcs11_ctx_ = nullptr;
-  PKCS11_SLOT* slots_ = nullptr;
-  unsigned int slot_count_ = 0;
+  std::shared_ptr<TokenSlots> current_;
+  std::vector<std::shared_ptr<TokenSlots>> superseded_;
   bool module_loaded_ = false;
+  bool module_refused_ = false;
+  bool refresh_forced_ = false;
+  mutable bool token_loss_seen_ = false;
+  TokenFingerprint fingerprint_;
   // Declared last: it talks to the module, so it must be detached before the
   // module is unloaded, which the destructor does explicitly.
   Pkcs11SessionProbe session_probe_;

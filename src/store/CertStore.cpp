@@ -50,11 +50,13 @@ CertStore::CertStore(CertStore&& other) noexcept
       x509_store(std::move(other.x509_store)),
       unfilled(std::move(other.unfilled)),
       libp11_context(std::move(other.libp11_context)),
+      token_slots(std::move(other.token_slots)),
       smart_card_certs(std::move(other.smart_card_certs)),
       file_certs(std::move(other.file_certs)),
       encoded_certs(std::move(other.encoded_certs)) {
   // Leave the source closed and empty whatever the containers' moves do.
   other.unfilled.Clear();
+  other.token_slots.reset();
   other.smart_card_certs.clear();
   other.file_certs.clear();
   other.encoded_certs.clear();
@@ -70,10 +72,12 @@ CertStore& CertStore::operator=(CertStore&& other) noexcept {
   unfilled = std::move(other.unfilled);
   x509_store = std::move(other.x509_store);
   libp11_context = std::move(other.libp11_context);
+  token_slots = std::move(other.token_slots);
   smart_card_certs = std::move(other.smart_card_certs);
   file_certs = std::move(other.file_certs);
   encoded_certs = std::move(other.encoded_certs);
   other.unfilled.Clear();
+  other.token_slots.reset();
   other.smart_card_certs.clear();
   other.file_certs.clear();
   other.encoded_certs.clear();
@@ -337,7 +341,7 @@ std::uint32_t CertStore::OpenSmartCardStore() {
   // is then nothing to ask for certificates.
   if (!libp11_context) return k_status_failed;
 
-  const int status = libp11_context->GetCerts(smart_card_certs);
+  const int status = libp11_context->GetCerts(smart_card_certs, &token_slots);
   // libp11 frees a token's certificates when a later enumeration of it
   // fails, which another store may do while this one lives.
   for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
@@ -378,9 +382,10 @@ bool Matches(const CertStore::X509CertFromFileSystem& entry, const Thumbprint& w
 // them alive for as long as the certificate object lives.
 std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store,
                                        const std::shared_ptr<Libp11Context>& context,
+                                       const std::shared_ptr<TokenSlots>& listing,
                                        const Libp11Context::Libp11CertAndSlot& entry) {
   return std::make_unique<Cert>(CertContext(std::make_unique<Libp11CertContext>(
-      Libp11CertContext{store, context, entry.cert, entry.slot})));
+      Libp11CertContext{store, context, entry.cert, entry.slot, listing})));
 }
 
 std::unique_ptr<ICertificate> MakeCert(const ICertificateStore* store, const X509Ptr& x509) {
@@ -404,7 +409,7 @@ std::vector<std::unique_ptr<ICertificate>> CertStore::SharedCertificates() const
         CertFileContext{this, Shared(entry->x509), entry->cert_path, entry->key_path}))));
   }
   for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
-    certificates.push_back(MakeCert(this, libp11_context, entry));
+    certificates.push_back(MakeCert(this, libp11_context, token_slots, entry));
   for (const X509Ptr& x509 : encoded_certs) {
     certificates.push_back(std::make_unique<Cert>(
         CertContext(std::make_unique<EncodedCertContext>(EncodedCertContext{this, Shared(x509)}))));
@@ -418,7 +423,7 @@ std::vector<std::unique_ptr<ICertificate>> CertStore::Certificates() const {
   certificates.reserve(file_certs.size() + smart_card_certs.size());
   for (const auto& entry : file_certs) certificates.push_back(MakeCert(this, *entry));
   for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
-    certificates.push_back(MakeCert(this, libp11_context, entry));
+    certificates.push_back(MakeCert(this, libp11_context, token_slots, entry));
   for (const X509Ptr& x509 : encoded_certs) certificates.push_back(MakeCert(this, x509));
   return certificates;
 }
@@ -449,7 +454,7 @@ std::uint32_t CertStore::Find(const Thumbprint& thumbprint, std::unique_ptr<ICer
   }
   for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs) {
     if (ThumbprintMatches(entry.cert->x509, thumbprint)) {
-      *out = MakeCert(this, libp11_context, entry);
+      *out = MakeCert(this, libp11_context, token_slots, entry);
       return 0;
     }
   }

@@ -87,6 +87,8 @@ class CertStore : public ICertificateStore {
   // Gathered for the X509_STORE and not yet in it, oldest first.
   mutable PendingCertificates unfilled;
   std::shared_ptr<Libp11Context> libp11_context;
+  // The slot listing the token entries point into.
+  std::shared_ptr<TokenSlots> token_slots;
   std::vector<Libp11Context::Libp11CertAndSlot> smart_card_certs;
   std::vector<std::shared_ptr<const X509CertFromFileSystem>> file_certs;
   std::vector<X509Ptr> encoded_certs;

@@ -1,0 +1,20 @@
+#pragma once
+#include <p11-kit/pkcs11.h>
+
+namespace quorvant::shared::x509 {
+
+// Recognises the results that mean a token, or the sessions on it, went
+// away under an operation: CKR_DEVICE_REMOVED, CKR_TOKEN_NOT_PRESENT,
+// CKR_SESSION_HANDLE_INVALID and CKR_SESSION_CLOSED. With the token watch on
+// such a failure earns one fresh listing and one retry.
+class TokenLoss {
+ public:
+  static bool IsLossResult(CK_RV result);
+  // A session probe's code: the module's CK_RV negated.
+  static bool IsLossProbe(int probe);
+  // Whether OpenSSL's error queue holds such a result recorded by libp11.
+  // The queue is left as it was found, for the caller's own error lines.
+  static bool InErrorQueue();
+};
+
+}  // namespace quorvant::shared::x509

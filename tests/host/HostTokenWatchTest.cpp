@@ -1,0 +1,469 @@
+// The token watch (X509_Auth_SetTokenWatch) through the C interface, on a
+// SoftHSM2 token store. SoftHSM2 2.6.1 reads its token directory once, at
+// C_Initialize, and never lists a token another process creates later; a
+// token initialised through the loaded module itself is listed at once, and
+// a token whose files are deleted stays in the slot list with
+// C_GetTokenInfo failing (CKR_GENERAL_ERROR), which makes libp11's listing
+// fail as a whole. The tests drive the module the library loaded for the
+// changes a card reader would bring.
+#include <dlfcn.h>
+#include <openssl/evp.h>
+#include <p11-kit/pkcs11.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+
+#include "HostFixture.h"
+#include "SoftHsmToken.h"
+
+namespace x509auth_test {
+namespace {
+
+constexpr CK_RV k_not_loaded = ~CK_RV{0};
+
+// The SoftHSM2 module this process has loaded (through the library), used
+// directly, as a second part of the same application would use it.
+class LoadedModule {
+ public:
+  LoadedModule() {
+    handle_ = dlopen(SoftHsmToken::ModulePath().c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (handle_ == nullptr) return;
+    const auto get_list =
+        reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle_, "C_GetFunctionList"));
+    if (get_list != nullptr) get_list(&functions_);
+  }
+  ~LoadedModule() {
+    if (handle_ != nullptr) dlclose(handle_);
+  }
+  LoadedModule(const LoadedModule&) = delete;
+  LoadedModule& operator=(const LoadedModule&) = delete;
+
+  bool Loaded() const { return functions_ != nullptr; }
+
+  // The slot whose token has this label, or whose token is not initialised
+  // when |label| is empty.
+  std::optional<CK_SLOT_ID> SlotOf(const std::string& label) const {
+    CK_ULONG count = 32;
+    CK_SLOT_ID ids[32];
+    if (functions_->C_GetSlotList(CK_TRUE, ids, &count) != CKR_OK) return std::nullopt;
+    for (CK_ULONG i = 0; i < count; ++i) {
+      CK_TOKEN_INFO info{};
+      if (functions_->C_GetTokenInfo(ids[i], &info) != CKR_OK) continue;
+      const bool initialised = (info.flags & CKF_TOKEN_INITIALIZED) != 0;
+      if (label.empty() ? !initialised : initialised && Padded(label) == Text(info.label))
+        return ids[i];
+    }
+    return std::nullopt;
+  }
+
+  // Initialises the free token as |label| with the default PINs, as a card
+  // personalised while the host runs; returns the first failing result.
+  CK_RV InitFreeToken(const std::string& label) const {
+    const std::optional<CK_SLOT_ID> slot = SlotOf("");
+    if (!slot) return CKR_SLOT_ID_INVALID;
+    std::string so_pin = SoftHsmToken::k_default_so_pin;
+    std::string padded = Padded(label);
+    CK_RV rv = functions_->C_InitToken(*slot, Utf8(so_pin), so_pin.size(), Utf8(padded));
+    if (rv != CKR_OK) return rv;
+    return InSession(*slot, CKU_SO, so_pin, [&](CK_SESSION_HANDLE session) {
+      std::string pin = SoftHsmToken::k_default_pin;
+      return functions_->C_InitPIN(session, Utf8(pin), pin.size());
+    });
+  }
+
+  // Writes |cert| to the token labelled |token_label| as a token object.
+  CK_RV CreateCertificate(const std::string& token_label, X509* cert,
+                          const std::string& object_label) const {
+    const std::optional<CK_SLOT_ID> slot = SlotOf(token_label);
+    if (!slot) return CKR_SLOT_ID_INVALID;
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(cert, &der);
+    if (length <= 0) return CKR_GENERAL_ERROR;
+    Bytes value(der, der + length);
+    OPENSSL_free(der);
+    unsigned char* subject_der = nullptr;
+    const int subject_length = i2d_X509_NAME(X509_get_subject_name(cert), &subject_der);
+    Bytes subject(subject_der, subject_der + subject_length);
+    OPENSSL_free(subject_der);
+    CK_OBJECT_CLASS object_class = CKO_CERTIFICATE;
+    CK_CERTIFICATE_TYPE type = CKC_X_509;
+    CK_BBOOL yes = CK_TRUE;
+    unsigned char id[] = {0x42};
+    std::string label = object_label;
+    CK_ATTRIBUTE attributes[] = {
+        {CKA_CLASS, &object_class, sizeof(object_class)},
+        {CKA_CERTIFICATE_TYPE, &type, sizeof(type)},
+        {CKA_TOKEN, &yes, sizeof(yes)},
+        {CKA_ID, id, sizeof(id)},
+        {CKA_LABEL, label.data(), label.size()},
+        {CKA_SUBJECT, subject.data(), subject.size()},
+        {CKA_VALUE, value.data(), value.size()},
+    };
+    return InSession(*slot, CKU_USER, SoftHsmToken::k_default_pin, [&](CK_SESSION_HANDLE session) {
+      CK_OBJECT_HANDLE object = 0;
+      return functions_->C_CreateObject(session, attributes, std::size(attributes), &object);
+    });
+  }
+
+  // Ends every session of this process on the token, and so its login, as
+  // a reader reset does.
+  CK_RV CloseAllSessions(const std::string& token_label) const {
+    const std::optional<CK_SLOT_ID> slot = SlotOf(token_label);
+    if (!slot) return CKR_SLOT_ID_INVALID;
+    return functions_->C_CloseAllSessions(*slot);
+  }
+
+ private:
+  static std::string Padded(std::string label) {
+    label.resize(32, ' ');
+    return label;
+  }
+  template <std::size_t N>
+  static std::string Text(const CK_UTF8CHAR (&field)[N]) {
+    return std::string(reinterpret_cast<const char*>(field), N);
+  }
+  static CK_UTF8CHAR_PTR Utf8(std::string& text) {
+    return reinterpret_cast<CK_UTF8CHAR_PTR>(text.data());
+  }
+
+  CK_RV InSession(CK_SLOT_ID slot, CK_USER_TYPE user, std::string pin,
+                  const std::function<CK_RV(CK_SESSION_HANDLE)>& work) const {
+    CK_SESSION_HANDLE session = 0;
+    CK_RV rv = functions_->C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr,
+                                         nullptr, &session);
+    if (rv != CKR_OK) return rv;
+    rv = functions_->C_Login(session, user, Utf8(pin), pin.size());
+    if (rv == CKR_OK || rv == CKR_USER_ALREADY_LOGGED_IN) {
+      rv = work(session);
+      // Leaves no login behind: the library's own login is what is tested.
+      functions_->C_Logout(session);
+    }
+    functions_->C_CloseSession(session);
+    return rv;
+  }
+
+  void* handle_ = nullptr;
+  CK_FUNCTION_LIST_PTR functions_ = nullptr;
+};
+
+Bytes Sha256(const std::string& message) {
+  Bytes digest(32);
+  EVP_Digest(message.data(), message.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+  return digest;
+}
+
+const X509_Auth_Certificate* Find(const std::vector<const X509_Auth_Certificate*>& records,
+                                  const char* name) {
+  for (const X509_Auth_Certificate* record : records)
+    if (std::strcmp(record->name, name) == 0) return record;
+  return nullptr;
+}
+
+std::vector<std::string> Names(const std::vector<const X509_Auth_Certificate*>& records) {
+  std::vector<std::string> names;
+  for (const X509_Auth_Certificate* record : records) names.emplace_back(record->name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+X509_Auth_Result Sign(const X509_Auth_Certificate* record, const Bytes& digest,
+                      const X509_Auth_Signature** signature) {
+  const uint32_t algorithms[] = {1, 2};
+  return X509_Auth_SignHash(record->thumbprint, 2, algorithms, X509_Auth_HashType_Sha256,
+                            digest.data(), signature);
+}
+
+std::size_t Count(const std::vector<PromptEntry>& prompts, const std::string& prompt) {
+  return static_cast<std::size_t>(
+      std::count_if(prompts.begin(), prompts.end(),
+                    [&](const PromptEntry& entry) { return entry.prompt == prompt; }));
+}
+
+constexpr const char* k_user_prompt = "Enter pin for token: Card A";
+constexpr const char* k_retry_line =
+    "A token or its session went away during the operation; listing the tokens again and trying "
+    "once more";
+
+class HostTokenWatchTest : public HostTest {
+ protected:
+  void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+    HostTest::SetUp();
+    hsm_.emplace();
+    hsm_->InitToken("Card A");
+    key_ = SharedKey(KeyKind::k_rsa, 1);
+    cert_ = MakeClientCert("Token A", key_.get());
+    other_key_ = SharedKey(KeyKind::k_ec, 2);
+    other_cert_ = MakeClientCert("Token B", other_key_.get());
+  }
+  void TearDown() override {
+    HostTest::TearDown();
+    hsm_.reset();
+  }
+
+  // The library started on the store, with the watch as asked.
+  void Start(bool watch) {
+    Init({});
+    ASSERT_EQ(X509_Auth_SetTokenWatch(watch ? 1 : 0), X509_Auth_ResultCode_Success);
+  }
+
+  // Card B initialised and given its certificate through the loaded module.
+  void InsertCardB() {
+    LoadedModule module;
+    ASSERT_TRUE(module.Loaded()) << "the library has not loaded SoftHSM2";
+    ASSERT_EQ(module.InitFreeToken("Card B"), CKR_OK);
+    ASSERT_EQ(module.CreateCertificate("Card B", other_cert_.get(), "b"), CKR_OK);
+  }
+
+  std::optional<SoftHsmToken> hsm_;
+  TestKey key_, other_key_;
+  TestX509 cert_, other_cert_;
+};
+
+TEST_F(HostTokenWatchTest, TokenAppearingAfterTheFirstListingIsListedWithTheWatchOn) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(true);
+  EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"})) << rec().Dump();
+  InsertCardB();
+  EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A", "Token B"})) << rec().Dump();
+  EXPECT_FALSE(
+      rec().WithFormat("Token watch: the tokens changed; listing the slots again").empty());
+}
+
+TEST_F(HostTokenWatchTest, TokenAppearingAfterTheFirstListingIsNotListedWithTheWatchOff) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(false);
+  EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"})) << rec().Dump();
+  InsertCardB();
+  EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"})) << rec().Dump();
+  EXPECT_TRUE(rec().WithFormat("Token watch: the tokens changed; listing the slots again").empty());
+}
+
+TEST_F(HostTokenWatchTest, UnchangedTokensAreNotListedAgain) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(true);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"}));
+  EXPECT_TRUE(rec().WithFormat("Token watch: the tokens changed; listing the slots again").empty())
+      << rec().Dump();
+}
+
+TEST_F(HostTokenWatchTest, TokenThatWentAwayDisappearsWithTheWatchOn) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(true);
+  EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"}));
+  hsm_->DeleteToken("Card A");
+  EXPECT_TRUE(List().empty()) << rec().Dump();
+  // SoftHSM2 keeps the slot with a token it cannot describe; libp11 then
+  // lists no slot at all, which the library says.
+  EXPECT_TRUE(
+      rec().Has(X509_Auth_LogPriority_Error, "error enumerating slots", "error enumerating slots"));
+}
+
+TEST_F(HostTokenWatchTest, HeldRecordOfATokenThatWentAwayFailsToSignAsNotFound) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(true);
+  const auto records = List();
+  const X509_Auth_Certificate* held = Find(records, "Token A");
+  ASSERT_NE(held, nullptr) << rec().Dump();
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  const X509_Auth_Signature* signature = nullptr;
+  ASSERT_EQ(Sign(held, Sha256("before"), &signature).code, X509_Auth_ResultCode_Success)
+      << rec().Dump();
+
+  hsm_->DeleteToken("Card A");
+  signature = nullptr;
+  const X509_Auth_Result result = Sign(held, Sha256("after"), &signature);
+  EXPECT_EQ(result.code, X509_Auth_ResultCode_CertificateNotFound) << rec().Dump();
+  EXPECT_EQ(signature, nullptr);
+  EXPECT_FALSE(rec().WithFormat("Failed to find certificate thumbprint (error: %d)").empty());
+  X509_Auth_Free(records[0]);
+}
+
+TEST_F(HostTokenWatchTest, ChangedTokensAskForThePinAgainWithTheWatchOn) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(true);
+  const auto records = List();
+  const X509_Auth_Certificate* record = Find(records, "Token A");
+  ASSERT_NE(record, nullptr);
+  const Bytes digest = Sha256("twice");
+  for (int i = 0; i < 2; ++i) {
+    rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+    const X509_Auth_Signature* signature = nullptr;
+    ASSERT_EQ(Sign(record, digest, &signature).code, 0) << rec().Dump();
+    EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+                                        signature->length));
+    X509_Auth_Free(signature);
+  }
+  // One login serves both while nothing changes.
+  EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 1u);
+
+  InsertCardB();
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  const X509_Auth_Signature* signature = nullptr;
+  ASSERT_EQ(Sign(record, digest, &signature).code, 0) << rec().Dump();
+  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+                                      signature->length));
+  EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 2u);
+  X509_Auth_Free(signature);
+  X509_Auth_Free(records[0]);
+}
+
+TEST_F(HostTokenWatchTest, ChangedTokensKeepTheLoginWithTheWatchOff) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(false);
+  const auto records = List();
+  const X509_Auth_Certificate* record = Find(records, "Token A");
+  ASSERT_NE(record, nullptr);
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  const X509_Auth_Signature* signature = nullptr;
+  ASSERT_EQ(Sign(record, Sha256("one"), &signature).code, 0) << rec().Dump();
+  InsertCardB();
+  ASSERT_EQ(Sign(record, Sha256("two"), &signature).code, 0) << rec().Dump();
+  EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 1u);
+  X509_Auth_Free(records[0]);
+}
+
+TEST_F(HostTokenWatchTest, SessionsEndedUnderTheLibraryAreListedAgainAndAskForThePinAgain) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(true);
+  const auto records = List();
+  const X509_Auth_Certificate* record = Find(records, "Token A");
+  ASSERT_NE(record, nullptr);
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  const X509_Auth_Signature* signature = nullptr;
+  ASSERT_EQ(Sign(record, Sha256("one"), &signature).code, 0) << rec().Dump();
+
+  // The same card, its sessions gone: nothing the slot list shows, as when
+  // a card is pulled and put back between two requests.
+  {
+    LoadedModule module;
+    ASSERT_TRUE(module.Loaded());
+    ASSERT_EQ(module.CloseAllSessions("Card A"), CKR_OK);
+  }
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  const Bytes digest = Sha256("two");
+  ASSERT_EQ(Sign(record, digest, &signature).code, 0) << rec().Dump();
+  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+                                      signature->length));
+  EXPECT_EQ(rec()
+                .WithFormat("Token watch: listing the slots again after a token or its session "
+                            "went away")
+                .size(),
+            1u)
+      << rec().Dump();
+  EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 2u);
+  X509_Auth_Free(records[0]);
+}
+
+TEST_F(HostTokenWatchTest, SessionsEndedUnderTheLibraryFailTheSignatureWithTheWatchOff) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(false);
+  const auto records = List();
+  const X509_Auth_Certificate* record = Find(records, "Token A");
+  ASSERT_NE(record, nullptr);
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  const X509_Auth_Signature* signature = nullptr;
+  ASSERT_EQ(Sign(record, Sha256("one"), &signature).code, 0) << rec().Dump();
+  {
+    LoadedModule module;
+    ASSERT_TRUE(module.Loaded());
+    ASSERT_EQ(module.CloseAllSessions("Card A"), CKR_OK);
+  }
+  signature = nullptr;
+  // libp11 reads the token through its pooled, now dead, session.
+  const X509_Auth_Result result = Sign(record, Sha256("two"), &signature);
+  EXPECT_EQ(result.code, X509_Auth_ResultCode_CertificateNotFound) << rec().Dump();
+  EXPECT_EQ(signature, nullptr);
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
+                        "Error enumerating certificates on token [%s]. Error code: [%i]",
+                        "Error enumerating certificates on token [Card A]. Error code: [-1]"));
+  EXPECT_TRUE(rec().WithFormat(k_retry_line).empty());
+  X509_Auth_Free(records[0]);
+}
+
+// A host whose PIN prompts for each use of an always-authenticate key end the
+// token's sessions, as a card pulled while the user types would: the
+// signature fails after the context-specific login on a dead session.
+struct SessionKiller {
+  static LoadedModule* module;
+  static int kills_left;
+  static X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) {
+    if (std::strncmp(prompt, "Enter pin for token", 19) != 0 && kills_left > 0) {
+      --kills_left;
+      module->CloseAllSessions("Card A");
+    }
+    return RecordingCallbacks::GetInstance().Callbacks().pin_entry(title, prompt);
+  }
+};
+LoadedModule* SessionKiller::module = nullptr;
+int SessionKiller::kills_left = 0;
+
+class HostTokenWatchRetryTest : public HostTokenWatchTest {
+ protected:
+  // Card A with an always-authenticate key; the library started with the
+  // session-ending PIN callback.
+  void StartWithKiller(bool watch, int kills) {
+    hsm_->ImportCert("Card A", cert_.get(), "01", "a");
+    hsm_->ImportKey("Card A", key_.get(), "01", "a", SoftHsmToken::k_default_pin, true);
+    X509_Auth_Callbacks callbacks = rec().Callbacks();
+    callbacks.pin_entry = SessionKiller::PinEntry;
+    Init({}, {}, callbacks);
+    ASSERT_EQ(X509_Auth_SetTokenWatch(watch ? 1 : 0), X509_Auth_ResultCode_Success);
+    const auto records = List();
+    ASSERT_EQ(records.size(), 1u) << rec().Dump();
+    std::memcpy(thumbprint_, records[0]->thumbprint, sizeof(thumbprint_));
+    module_.emplace();
+    ASSERT_TRUE(module_->Loaded());
+    SessionKiller::module = &*module_;
+    SessionKiller::kills_left = kills;
+    for (int i = 0; i < 6; ++i) rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  }
+  X509_Auth_Result SignNow(const Bytes& digest, const X509_Auth_Signature** signature) {
+    const uint32_t algorithms[] = {1, 2};
+    return X509_Auth_SignHash(thumbprint_, 2, algorithms, X509_Auth_HashType_Sha256, digest.data(),
+                              signature);
+  }
+  static std::size_t KeyPrompts() {
+    return rec().Prompts().size() - Count(rec().Prompts(), k_user_prompt);
+  }
+
+  uint8_t thumbprint_[20] = {};
+  std::optional<LoadedModule> module_;
+};
+
+TEST_F(HostTokenWatchRetryTest, SignatureThatLosesItsSessionIsTriedOnceMoreAndSucceeds) {
+  StartWithKiller(true, 1);
+  const Bytes digest = Sha256("retried");
+  const X509_Auth_Signature* signature = nullptr;
+  ASSERT_EQ(SignNow(digest, &signature).code, X509_Auth_ResultCode_Success) << rec().Dump();
+  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+                                      signature->length));
+  EXPECT_EQ(rec().WithFormat(k_retry_line).size(), 1u) << rec().Dump();
+  // The retry's fresh listing logged in again.
+  EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 2u);
+  EXPECT_EQ(KeyPrompts(), 2u);
+}
+
+TEST_F(HostTokenWatchRetryTest, SignatureThatLosesItsSessionTwiceFailsAfterOneRetry) {
+  StartWithKiller(true, 100);
+  const X509_Auth_Signature* signature = nullptr;
+  const X509_Auth_Result result = SignNow(Sha256("lost twice"), &signature);
+  EXPECT_EQ(result.code, X509_Auth_ResultCode_KeyOperationFailed) << rec().Dump();
+  EXPECT_EQ(signature, nullptr);
+  EXPECT_EQ(rec().WithFormat(k_retry_line).size(), 1u) << rec().Dump();
+  EXPECT_EQ(KeyPrompts(), 2u);
+  EXPECT_EQ(rec().Outstanding(), 0);
+}
+
+TEST_F(HostTokenWatchRetryTest, SignatureThatLosesItsSessionIsNotRetriedWithTheWatchOff) {
+  StartWithKiller(false, 100);
+  const X509_Auth_Signature* signature = nullptr;
+  const X509_Auth_Result result = SignNow(Sha256("lost once"), &signature);
+  EXPECT_EQ(result.code, X509_Auth_ResultCode_KeyOperationFailed) << rec().Dump();
+  EXPECT_TRUE(rec().WithFormat(k_retry_line).empty());
+  EXPECT_EQ(KeyPrompts(), 1u);
+}
+
+}  // namespace
+}  // namespace x509auth_test
