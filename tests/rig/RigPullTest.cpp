@@ -79,5 +79,29 @@ TEST_F(RigPullTest, CardPulledWhileThePinIsTypedIsReportedAsRemovedNotAsAWrongPi
       << screen;
 }
 
+TEST_F(RigPullTest, CardPulledAtOpensslsPinPromptIsReportedByTheProviderAsRemoved) {
+  if (std::system("command -v tmux > /dev/null") != 0) GTEST_SKIP() << "tmux missing";
+  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  auto server = server_.Start(CasFile(), {"-rev"});
+  ASSERT_NE(server, nullptr);
+  TmuxPane pane(temp_ / "tmux.sock");
+  ASSERT_TRUE(pane.Start(
+      ShellCommand({OpensslProgram(), "s_client", "-provider-path", X509AUTH_PROVIDER_DIR,
+                    "-provider", "x509auth", "-provider", "default", "-connect", server_.Address(),
+                    "-cert", "x509auth:thumbprint=" + thumbprint_, "-key",
+                    "x509auth:thumbprint=" + thumbprint_, "-CAfile",
+                    server_.CertificateFile().string(), "-quiet"}) +
+      "; echo \"exit=$?\""));
+  ASSERT_TRUE(pane.WaitFor("Enter pass phrase")) << pane.Screen();
+  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
+  pane.TypeLine(VirtualCardRig::k_pin);
+  ASSERT_TRUE(pane.WaitFor("exit=")) << pane.Screen();
+  const std::string screen = pane.Screen();
+  EXPECT_EQ(screen.find("exit=0"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("the card was removed while its PIN was entered"), std::string::npos)
+      << screen;
+  EXPECT_EQ(screen.find("wrong PIN"), std::string::npos) << screen;
+}
+
 }  // namespace
 }  // namespace x509auth_test
