@@ -103,5 +103,27 @@ TEST_F(RigPullTest, CardPulledAtOpensslsPinPromptIsReportedByTheProviderAsRemove
   EXPECT_EQ(screen.find("wrong PIN"), std::string::npos) << screen;
 }
 
+TEST_F(RigPullTest, CardPulledWhileThePinIsTypedFailsTheModulesLoginAsARemovedDevice) {
+  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  ChildRun run;
+  run.argv = {RIG_PKCS11_LOOP_PATH, "1", std::string("x509auth=") + X509AUTH_PKCS11_MODULE_PATH};
+  run.env = Environment();
+  run.env["X509AUTH_TOKEN_CERTIFICATES"] = "on";
+  run.env["X509AUTH_LOG"] = "error";
+  run.env["RIG_PIN"] = VirtualCardRig::k_pin;
+  run.env["RIG_LOGIN_GATE"] = (temp_ / "pin-typed").string();
+  BackgroundChild loop(run, (temp_ / "loop.log").string());
+  ASSERT_TRUE(loop.WaitForOutput("login pending", 30s)) << loop.Output();
+  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
+  WriteFile(temp_ / "pin-typed", std::string());
+  EXPECT_EQ(loop.Finish(30s), 0) << loop.Output();
+  const std::string output = loop.Output();
+  // CKR_DEVICE_REMOVED, as the card's own module says it.
+  EXPECT_NE(output.find("sign=login-rv:0x32"), std::string::npos) << output;
+  EXPECT_NE(output.find("x509auth-pkcs11: [error] the card was removed while its PIN was entered"),
+            std::string::npos)
+      << output;
+}
+
 }  // namespace
 }  // namespace x509auth_test

@@ -6,7 +6,9 @@
  *   rig_pkcs11_loop <rounds> <tag>=<module> [<tag>=<module>...]
  *
  * Lines: "round N TAG slots=S certs=C sign=ok|sign=rv:0xHEX|sign=none".
- * The PIN comes from $RIG_PIN; stops early once $RIG_STOP_FILE exists. */
+ * The PIN comes from $RIG_PIN; stops early once $RIG_STOP_FILE exists. With
+ * $RIG_LOGIN_GATE it prints "login pending" before each login and waits (30 s
+ * at most) until that file exists: a user still typing the PIN. */
 #define _POSIX_C_SOURCE 200809L
 #include <dlfcn.h>
 #include <stdio.h>
@@ -50,6 +52,17 @@ static CK_ULONG CountCertificates(struct Module* module) {
   return found;
 }
 
+static void WaitForLoginGate(void) {
+  const char* gate = getenv("RIG_LOGIN_GATE");
+  if (gate == NULL) return;
+  printf("login pending\n");
+  fflush(stdout);
+  for (int i = 0; i < 300 && access(gate, F_OK) != 0; ++i) {
+    const struct timespec pause = {0, 100 * 1000 * 1000};
+    nanosleep(&pause, NULL);
+  }
+}
+
 static void Sign(struct Module* module, int round, char* verdict, size_t size) {
   CK_OBJECT_CLASS klass = CKO_PRIVATE_KEY;
   CK_ATTRIBUTE template[] = {{CKA_CLASS, &klass, sizeof klass}};
@@ -60,6 +73,7 @@ static void Sign(struct Module* module, int round, char* verdict, size_t size) {
   CK_SESSION_INFO info;
   if (module->functions->C_GetSessionInfo(module->session, &info) == CKR_OK &&
       info.state != CKS_RO_USER_FUNCTIONS && info.state != CKS_RW_USER_FUNCTIONS && pin != NULL) {
+    WaitForLoginGate();
     rv = module->functions->C_Login(module->session, CKU_USER, (CK_UTF8CHAR_PTR)pin,
                                     (CK_ULONG)strlen(pin));
     if (rv == CKR_OK) ++module->logins;
