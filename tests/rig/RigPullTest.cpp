@@ -79,6 +79,43 @@ TEST_F(RigPullTest, CardPulledWhileThePinIsTypedIsReportedAsRemovedNotAsAWrongPi
       << screen;
 }
 
+TEST_F(RigPullTest, CardPulledAtTheTlsCommandsPinPromptIsReportedAsRemoved) {
+  if (std::system("command -v tmux > /dev/null") != 0) GTEST_SKIP() << "tmux missing";
+  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  auto server = server_.Start(CasFile(), {"-rev"});
+  ASSERT_NE(server, nullptr);
+  std::vector<std::string> argv = {X509_AUTH_TOOL_PATH};
+  for (const std::string& a : ToolGlobals()) argv.push_back(a);
+  for (const std::string& a :
+       {std::string("tls"), server_.Address(), std::string("--cert"), thumbprint_,
+        std::string("--CAfile"), server_.CertificateFile().string()})
+    argv.push_back(a);
+  TmuxPane pane(temp_ / "tmux.sock");
+  ASSERT_TRUE(pane.Start(ShellCommand(argv) + "; echo \"exit=$?\""));
+  ASSERT_TRUE(pane.WaitFor("PIN for the token")) << pane.Screen();
+  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
+  pane.TypeLine(VirtualCardRig::k_pin);
+  ASSERT_TRUE(pane.WaitFor("exit=")) << pane.Screen();
+  const std::string screen = pane.Screen();
+  EXPECT_NE(screen.find("exit=1"), std::string::npos) << screen;
+  EXPECT_NE(screen.find("the card \"Virtual Card User\" was removed while its PIN was entered"),
+            std::string::npos)
+      << screen;
+  EXPECT_EQ(screen.find("wrong PIN"), std::string::npos) << screen;
+}
+
+// The card still in: a wrong PIN is said as one (libcacard refuses it as a
+// failed check of its database's password, which OpenSC passes on as a
+// general error).
+TEST_F(RigPullTest, WrongPinWithTheCardInIsStillSaidAsAWrongPin) {
+  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  const ChildResult result = Tool({"sign", thumbprint_}, "999999");
+  EXPECT_EQ(result.status, 1) << result.err;
+  EXPECT_NE(result.err.find("wrong PIN for the token \"Virtual Card User\""), std::string::npos)
+      << result.err;
+  EXPECT_EQ(result.err.find("was removed"), std::string::npos) << result.err;
+}
+
 TEST_F(RigPullTest, CardPulledAtOpensslsPinPromptIsReportedByTheProviderAsRemoved) {
   if (std::system("command -v tmux > /dev/null") != 0) GTEST_SKIP() << "tmux missing";
   ASSERT_TRUE(rig_->Insert()) << rig_->Log();
