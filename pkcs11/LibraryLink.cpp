@@ -198,6 +198,9 @@ bool LibraryLink::Start(const ModuleSettings& settings, std::string& failure) {
   const X509_Auth_Settings record{dirs.data(), dirs.size(), home_dirs.data(), home_dirs.size()};
   X509_Auth_Init(&record, X509_Auth_Callbacks{LibraryLog, PinEntry, FreeAnswer, LibraryMessage});
   started_ = true;
+  // Browsers keep the module loaded for their whole life: its token
+  // certificates come and go with the cards.
+  X509_Auth_SetTokenWatch(1);
   // Never null: null would bring back the working-directory lookup.
   const std::string module = ChooseTokenModule(settings);
   if (X509_Auth_SetPkcs11Module(module.c_str()) != X509_Auth_ResultCode_Success) {

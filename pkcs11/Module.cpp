@@ -161,7 +161,31 @@ CK_RV Module::GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
   return CKR_OK;
 }
 
-void Module::Refresh() { catalog_.Refresh(settings_.token_certificates); }
+void Module::Refresh() {
+  const std::vector<Thumbprint> cards_before = catalog_.TokenKeysAsking();
+  catalog_.Refresh(settings_.token_certificates);
+  if (!pin_for_tokens_ || !LoggedIn()) return;
+  // A card that went away takes the login its PIN made: a card put back, or
+  // another one, must not be handed that PIN without a new C_Login.
+  const std::vector<Thumbprint>& cards_now = catalog_.TokenKeysAsking();
+  for (const Thumbprint& card_key : cards_before) {
+    if (std::find(cards_now.begin(), cards_now.end(), card_key) != cards_now.end()) continue;
+    LogLine(2, "a card whose PIN made the login went away; log in again");
+    LogoutAll();
+    return;
+  }
+}
+
+CK_RV Module::WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved) {
+  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
+  if (slot == nullptr || reserved != nullptr) return CKR_ARGUMENTS_BAD;
+  // The one slot's token never leaves: cards coming and going change its
+  // objects, not its presence, so there is never a slot event.
+  if ((flags & CKF_DONT_BLOCK) != 0) return CKR_NO_EVENT;
+  // Waiting for an event that never comes would only hold the caller's
+  // thread until C_Finalize.
+  return CKR_FUNCTION_NOT_SUPPORTED;
+}
 
 CK_RV Module::GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
@@ -421,6 +445,9 @@ CK_RV Module::SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
   Session* found = Find(session);
   if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
   if (found->sign != nullptr) return CKR_OPERATION_ACTIVE;
+  // A card's key is looked up in the cards as they are now: one pulled
+  // since the last search makes its handle invalid here.
+  if (settings_.token_certificates) Refresh();
   std::shared_ptr<const TokenObject> object = catalog_.Get(key);
   if (object == nullptr) return CKR_KEY_HANDLE_INVALID;
   if (object->BoolAttribute(CKA_PRIVATE) && !LoggedIn()) return CKR_USER_NOT_LOGGED_IN;
@@ -526,6 +553,7 @@ CK_RV Module::DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
   Session* found = Find(session);
   if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
   if (found->decrypt != nullptr) return CKR_OPERATION_ACTIVE;
+  if (settings_.token_certificates) Refresh();
   std::shared_ptr<const TokenObject> object = catalog_.Get(key);
   if (object == nullptr) return CKR_KEY_HANDLE_INVALID;
   if (object->BoolAttribute(CKA_PRIVATE) && !LoggedIn()) return CKR_USER_NOT_LOGGED_IN;

@@ -67,6 +67,8 @@ class Module {
   // The token has no generator of its own: programs use theirs.
   CK_RV SeedRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR seed, CK_ULONG seed_length);
   CK_RV GenerateRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length);
+  // CKR_NO_EVENT with CKF_DONT_BLOCK; a blocking wait is not supported.
+  CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved);
 
  private:
   Module() = default;
@@ -78,6 +80,8 @@ class Module {
   Session* Find(CK_SESSION_HANDLE handle);
   bool LoggedIn() const { return pin_.Present(); }
   bool LoginRequired() const { return catalog_.NeedsLogin() || prompted_without_pin_; }
+  // Lists the objects again; a login made with a card's PIN ends when that
+  // card's key is gone.
   void Refresh();
   // Ends the signature of |session| with the data given so far.
   CK_RV FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR signature_length);

@@ -119,6 +119,8 @@ std::shared_ptr<SharedLibrarySession> SharedLibrarySession::Acquire(
     // module (or none) and never looks in the working directory.
     X509_Auth_SetPkcs11Module(settings.module.c_str());
     X509_Auth_Init(nullptr, X509_Auth_Callbacks{Log, PinEntry, FreePinEntry, Message});
+    // A program holding the provider lives while cards come and go.
+    X509_Auth_SetTokenWatch(1);
     g_finished = false;
     g_live = session.get();
   }

@@ -121,6 +121,9 @@ bool CommandLibrarySession::Start() {
   const X509_Auth_Settings settings = Settings();
   X509_Auth_Init(&settings, Callbacks());
   started_ = true;
+  // A session can outlive a card (the tls command, a PIN typed slowly):
+  // every request looks at the tokens as they are.
+  X509_Auth_SetTokenWatch(1);
   for (const std::string& path : options_.cas) {
     const std::optional<std::vector<unsigned char>> data = ReadCaFile(path);
     if (!data) return false;

@@ -502,6 +502,7 @@ X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(const X509_Auth_Certi
     return X509_Auth_ResultCode_TokenKeyNotFound;
   }
   // The host owns the key from here and frees it with EVP_PKEY_free.
+  if (token.token_slots) token.token_slots->KeepForExportedKey();
   EVP_PKEY* private_key = opened.key.release();
   *key = private_key;
   if (private_key == nullptr) {

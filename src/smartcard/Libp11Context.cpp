@@ -181,7 +181,7 @@ int Libp11Context::ProbeSession(const PKCS11_slot_st* slot) const {
 
 void Libp11Context::ReleaseUnheldListings() {
   for (std::shared_ptr<TokenSlots>& listing : superseded_)
-    if (listing.use_count() == 1) listing.reset();
+    if (listing.use_count() == 1 && !listing->KeptForExportedKey()) listing.reset();
   superseded_.erase(std::remove(superseded_.begin(), superseded_.end(), nullptr),
                     superseded_.end());
 }
@@ -303,6 +303,7 @@ int Libp11Context::AppendTokenCerts(std::vector<Libp11CertAndSlot>& certs, bool*
 
 int Libp11Context::LogInToSlotIfRequired(PKCS11_slot_st* slot) {
   const int result = login_handler_.LoginIfRequired(slot);
+  if (result != 0 && TokenWatch::Enabled() && TokenLoss::InErrorQueue()) NoteTokenLoss();
   if (result != 0)
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Error logging in to token [%s]. Error code: [%i]",

@@ -3,6 +3,8 @@
 #include <string>
 
 #include "base/SafeCallbacksWrapper.h"
+#include "smartcard/TokenLoss.h"
+#include "smartcard/TokenWatch.h"
 
 namespace quorvant::shared::x509 {
 
@@ -57,6 +59,20 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
       logged_in_slots_.insert(slot);
       Release(release, result);
       return 0;
+    }
+    // A card pulled while the user typed is no wrong PIN: with the token
+    // watch on, the host is told what happened instead.
+    if (const CK_RV lost = TokenWatch::Enabled() ? TokenLoss::LossInErrorQueue() : CKR_OK;
+        lost != CKR_OK) {
+      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                                "Login failed: the token [%s] went away (CK_RV 0x%lx)",
+                                slot->token->label, static_cast<unsigned long>(lost));
+      const std::string notice =
+          "The smart card was removed while logging in to: " + std::string(slot->token->label);
+      if (const X509_Auth_MessageCallback message = callbacks.MessageCallback())
+        message(notice.c_str(), k_notice_caption);
+      Release(release, result);
+      return login;
     }
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Login failed. Maybe the pin was incorrect.\n");

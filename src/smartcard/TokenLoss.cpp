@@ -30,12 +30,12 @@ struct QueuedError {
 
 }  // namespace
 
-bool TokenLoss::InErrorQueue() {
+CK_RV TokenLoss::LossInErrorQueue() {
   // OpenSSL offers no way to read past the oldest entry without taking it,
   // so the entries are taken, read, and raised again in the same order.
   const int libp11 = ERR_get_CKR_code();
   std::vector<QueuedError> queued;
-  bool found = false;
+  CK_RV found = CKR_OK;
   for (;;) {
     const char* file = nullptr;
     const char* function = nullptr;
@@ -46,9 +46,9 @@ bool TokenLoss::InErrorQueue() {
     if (code == 0) break;
     const bool has_data = data != nullptr && (flags & ERR_TXT_STRING) != 0;
     queued.push_back({code, file, line, function, has_data ? data : "", has_data});
-    if (libp11 != 0 && ERR_GET_LIB(code) == libp11 &&
-        IsLossResult(static_cast<CK_RV>(ERR_GET_REASON(code))))
-      found = true;
+    const auto reason = static_cast<CK_RV>(ERR_GET_REASON(code));
+    if (found == CKR_OK && libp11 != 0 && ERR_GET_LIB(code) == libp11 && IsLossResult(reason))
+      found = reason;
   }
   for (const QueuedError& error : queued) {
     ERR_new();

@@ -14,7 +14,9 @@ class TokenLoss {
   static bool IsLossProbe(int probe);
   // Whether OpenSSL's error queue holds such a result recorded by libp11.
   // The queue is left as it was found, for the caller's own error lines.
-  static bool InErrorQueue();
+  static bool InErrorQueue() { return LossInErrorQueue() != CKR_OK; }
+  // The first such result in the queue, or CKR_OK when there is none.
+  static CK_RV LossInErrorQueue();
 };
 
 }  // namespace quorvant::shared::x509

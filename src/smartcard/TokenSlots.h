@@ -21,6 +21,12 @@ class TokenSlots {
   // Gives the slots back to libp11 now; the destructor then does nothing.
   void Release();
 
+  // A key handed to the host (the key export) points into this listing for
+  // as long as the host keeps it, which nothing here can see: the listing
+  // then stays until its context ends, as it would without the token watch.
+  void KeepForExportedKey() { kept_for_export_ = true; }
+  bool KeptForExportedKey() const { return kept_for_export_; }
+
   PKCS11_SLOT* Slots() const { return slots_; }
   unsigned int Count() const { return count_; }
 
@@ -28,6 +34,7 @@ class TokenSlots {
   PKCS11_CTX* context_;
   PKCS11_SLOT* slots_ = nullptr;
   unsigned int count_ = 0;
+  bool kept_for_export_ = false;
 };
 
 }  // namespace quorvant::shared::x509

@@ -7,7 +7,9 @@
 // fail as a whole. The tests drive the module the library loaded for the
 // changes a card reader would bring.
 #include <dlfcn.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/rsa.h>
 #include <p11-kit/pkcs11.h>
 
 #include <algorithm>
@@ -388,8 +390,10 @@ TEST_F(HostTokenWatchTest, SessionsEndedUnderTheLibraryFailTheSignatureWithTheWa
 struct SessionKiller {
   static LoadedModule* module;
   static int kills_left;
+  static bool on_user_prompt;
   static X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) {
-    if (std::strncmp(prompt, "Enter pin for token", 19) != 0 && kills_left > 0) {
+    const bool user_prompt = std::strncmp(prompt, "Enter pin for token", 19) == 0;
+    if (user_prompt == on_user_prompt && kills_left > 0) {
       --kills_left;
       module->CloseAllSessions("Card A");
     }
@@ -398,14 +402,16 @@ struct SessionKiller {
 };
 LoadedModule* SessionKiller::module = nullptr;
 int SessionKiller::kills_left = 0;
+bool SessionKiller::on_user_prompt = false;
 
 class HostTokenWatchRetryTest : public HostTokenWatchTest {
  protected:
   // Card A with an always-authenticate key; the library started with the
   // session-ending PIN callback.
-  void StartWithKiller(bool watch, int kills) {
+  void StartWithKiller(bool watch, int kills, bool on_user_prompt = false) {
     hsm_->ImportCert("Card A", cert_.get(), "01", "a");
-    hsm_->ImportKey("Card A", key_.get(), "01", "a", SoftHsmToken::k_default_pin, true);
+    hsm_->ImportKey("Card A", key_.get(), "01", "a", SoftHsmToken::k_default_pin, !on_user_prompt);
+    SessionKiller::on_user_prompt = on_user_prompt;
     X509_Auth_Callbacks callbacks = rec().Callbacks();
     callbacks.pin_entry = SessionKiller::PinEntry;
     Init({}, {}, callbacks);
@@ -463,6 +469,75 @@ TEST_F(HostTokenWatchRetryTest, SignatureThatLosesItsSessionIsNotRetriedWithTheW
   EXPECT_EQ(result.code, X509_Auth_ResultCode_KeyOperationFailed) << rec().Dump();
   EXPECT_TRUE(rec().WithFormat(k_retry_line).empty());
   EXPECT_EQ(KeyPrompts(), 1u);
+}
+
+TEST_F(HostTokenWatchRetryTest, TokenLostDuringThePinPromptIsReportedAsRemovedNotAsAWrongPin) {
+  StartWithKiller(true, 1, true);
+  const Bytes digest = Sha256("pin prompt");
+  const X509_Auth_Signature* signature = nullptr;
+  ASSERT_EQ(SignNow(digest, &signature).code, X509_Auth_ResultCode_Success) << rec().Dump();
+  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+                                      signature->length));
+  ASSERT_EQ(rec().Messages().size(), 1u) << rec().Dump();
+  EXPECT_EQ(rec().Messages()[0].message, "The smart card was removed while logging in to: Card A");
+  EXPECT_EQ(rec().Messages()[0].title, "Smartcard error");
+  EXPECT_TRUE(rec().WithFormat("Login failed. Maybe the pin was incorrect.\n").empty());
+  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error,
+                        "Login failed: the token [%s] went away (CK_RV 0x%lx)",
+                        "Login failed: the token [Card A] went away (CK_RV 0xb3)"))
+      << rec().Dump();
+  EXPECT_EQ(rec().WithFormat(k_retry_line).size(), 1u);
+  EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 2u);
+}
+
+TEST_F(HostTokenWatchRetryTest, TokenLostDuringThePinPromptIsAWrongPinWithTheWatchOff) {
+  StartWithKiller(false, 1, true);
+  const X509_Auth_Signature* signature = nullptr;
+  EXPECT_EQ(SignNow(Sha256("pin prompt"), &signature).code, X509_Auth_ResultCode_KeyOpenFailed)
+      << rec().Dump();
+  ASSERT_EQ(rec().Messages().size(), 1u);
+  EXPECT_EQ(rec().Messages()[0].message, "Incorrect pin entered for: Card A");
+  EXPECT_TRUE(rec().WithFormat(k_retry_line).empty());
+}
+
+TEST_F(HostTokenWatchTest, ExportedTokenKeyOutlivesATokenChangeAndFailsWithoutItsLogin) {
+  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+  Start(true);
+  const auto records = List();
+  const X509_Auth_Certificate* record = Find(records, "Token A");
+  ASSERT_NE(record, nullptr);
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  void* exported = nullptr;
+  ASSERT_EQ(X509_Auth_GetPrivateKeyForCertificate(record, &exported), 0) << rec().Dump();
+  const EvpPkeyPtr key(static_cast<EVP_PKEY*>(exported));
+  ASSERT_NE(key, nullptr);
+  const Bytes digest = Sha256("exported");
+  const auto sign = [&] {
+    const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
+    size_t length = 512;
+    Bytes signature(length);
+    const bool signed_ok =
+        EVP_PKEY_sign_init(context.get()) > 0 &&
+        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) > 0 &&
+        EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256()) > 0 &&
+        EVP_PKEY_sign(context.get(), signature.data(), &length, digest.data(), digest.size()) > 0;
+    ERR_clear_error();
+    return signed_ok;
+  };
+  ASSERT_TRUE(sign());
+
+  // Two changes: the listing the key came from is replaced, and at the
+  // second one it would be released if nothing kept it.
+  InsertCardB();
+  EXPECT_EQ(List().size(), 2u) << rec().Dump();
+  {
+    LoadedModule module;
+    ASSERT_EQ(module.InitFreeToken("Card C"), CKR_OK);
+  }
+  EXPECT_EQ(List().size(), 2u) << rec().Dump();
+  // The card's login ended with its listing: the old key is refused, safely.
+  EXPECT_FALSE(sign());
+  X509_Auth_Free(records[0]);
 }
 
 }  // namespace

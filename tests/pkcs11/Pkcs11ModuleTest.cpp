@@ -454,3 +454,25 @@ TEST_F(Pkcs11ModuleTest, OnlyTheUserLogsIn) {
 
 }  // namespace
 }  // namespace x509auth_test
+
+namespace x509auth_test {
+namespace {
+
+// The module's one token never leaves its slot, so there is never a slot
+// event to report; a program polling without blocking hears exactly that.
+TEST_F(Pkcs11ModuleTest, WaitForSlotEventHasNoEventWithoutBlockingAndCannotBlock) {
+  LoadedModule module;
+  CK_SLOT_ID slot = 99;
+  EXPECT_EQ(module.get()->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr),
+            CKR_CRYPTOKI_NOT_INITIALIZED);
+  ModuleSession s(module);
+  EXPECT_EQ(s.f()->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, nullptr), CKR_NO_EVENT);
+  EXPECT_EQ(slot, 99u);
+  EXPECT_EQ(s.f()->C_WaitForSlotEvent(0, &slot, nullptr), CKR_FUNCTION_NOT_SUPPORTED);
+  EXPECT_EQ(s.f()->C_WaitForSlotEvent(CKF_DONT_BLOCK, nullptr, nullptr), CKR_ARGUMENTS_BAD);
+  int reserved = 0;
+  EXPECT_EQ(s.f()->C_WaitForSlotEvent(CKF_DONT_BLOCK, &slot, &reserved), CKR_ARGUMENTS_BAD);
+}
+
+}  // namespace
+}  // namespace x509auth_test

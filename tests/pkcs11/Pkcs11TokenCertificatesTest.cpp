@@ -160,5 +160,32 @@ TEST_F(Pkcs11TokenCertificatesTest, WhenOnlyTheCardAsksTheLoginPinIsTheCardsAndE
   EXPECT_EQ(TokenFlags().find(k_pin_count_low), std::string::npos);
 }
 
+// The library watches the tokens for the module: a card that goes away
+// (its SoftHSM2 token deleted here) takes its objects and the login its PIN
+// made with it, and its key's handle is refused when an operation starts.
+TEST_F(Pkcs11TokenCertificatesTest, ObjectsOfACardThatWentAwayAreInvalidHandlesAndItsLoginEnds) {
+  setenv("X509AUTH_TOKEN_CERTIFICATES", "on", 1);
+  LoadedModule module;
+  ModuleSession s(module);
+  const CK_OBJECT_HANDLE cert = s.One(CKO_CERTIFICATE, thumbprint_);
+  ASSERT_EQ(s.Login(SoftHsmToken::k_default_pin), CKR_OK);
+  const CK_OBJECT_HANDLE key = s.One(CKO_PRIVATE_KEY, thumbprint_);
+  ASSERT_EQ(SignWithCardKey(s), CKR_OK);
+
+  hsm_.DeleteToken("Card");
+  CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
+  EXPECT_EQ(s.f()->C_SignInit(s.session(), &mechanism, key), CKR_KEY_HANDLE_INVALID);
+  CK_ATTRIBUTE value{CKA_VALUE, nullptr, 0};
+  EXPECT_EQ(s.f()->C_GetAttributeValue(s.session(), cert, &value, 1), CKR_OBJECT_HANDLE_INVALID);
+  EXPECT_TRUE(s.FindClass(CKO_CERTIFICATE, thumbprint_).empty());
+  CK_SESSION_INFO info{};
+  ASSERT_EQ(s.f()->C_GetSessionInfo(s.session(), &info), CKR_OK);
+  EXPECT_EQ(info.state, CKS_RO_PUBLIC_SESSION);
+  // The module's own token stays: only its objects changed.
+  CK_SLOT_INFO slot_info{};
+  ASSERT_EQ(s.f()->C_GetSlotInfo(s.slot(), &slot_info), CKR_OK);
+  EXPECT_TRUE(slot_info.flags & CKF_TOKEN_PRESENT);
+}
+
 }  // namespace
 }  // namespace x509auth_test
