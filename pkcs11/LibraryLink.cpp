@@ -30,14 +30,7 @@ PromptRecord* g_record = nullptr;
 // prompts (its login and libp11's own) are titled "Enter pin".
 constexpr const char* k_key_file_title = "Enter password";
 
-// The library's line beside its login notice when the card went during the
-// login: the notice alone reads as a wrong PIN.
-constexpr const char* k_removed_during_login =
-    "The token [%s] was removed while its PIN was entered.";
-
 void LibraryLog(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
-  if (g_record != nullptr && format != nullptr && std::strcmp(format, k_removed_during_login) == 0)
-    ++g_record->removed;
   va_list followed;
   va_copy(followed, arguments);
   LeftOutCertificates::Observe(static_cast<int>(priority), format, followed);

@@ -17,7 +17,6 @@ struct PromptRecord {
   int asked = 0;     // prompts the library made
   int answered = 0;  // of which answered with the login PIN
   int withheld = 0;  // token PIN prompts refused: the login PIN was a key file's
-  int removed = 0;   // cards the library saw pulled while their PIN was entered
 };
 
 using SignHashPssFunction = X509_Auth_Result (*)(const uint8_t*, X509_Auth_HashType,

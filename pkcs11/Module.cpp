@@ -317,10 +317,6 @@ CK_RV Module::TryPin(const std::vector<Thumbprint>& keys) {
     }
     if (signature != nullptr) X509_Auth_Free(signature);
     if (result.code == X509_Auth_ResultCode_Success) return CKR_OK;
-    if (prompts.removed > 0) {
-      LogLine(3, "the card was removed while its PIN was entered");
-      return CKR_DEVICE_REMOVED;
-    }
     if (prompts.answered > 0 && result.code == X509_Auth_ResultCode_KeyOpenFailed) refused = true;
   }
   return refused ? CKR_PIN_INCORRECT : CKR_OK;
@@ -459,10 +455,6 @@ CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prom
   // A token key after a login whose PIN was a key file's: that PIN is not
   // this key's secret, as with two key files of different passwords.
   if (prompts.withheld > 0) return CKR_PIN_INCORRECT;
-  if (prompts.removed > 0) {
-    LogLine(3, "the card was removed while its PIN was entered");
-    return CKR_DEVICE_REMOVED;
-  }
   if (prompts.asked > prompts.answered) {
     // A key asked while nobody was logged in: from now on the token says
     // that a login is needed.

@@ -119,7 +119,8 @@ void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Resu
   // A card pulled while its PIN was typed fails like a wrong PIN; the
   // library's line beside the login notice says which it was.
   const bool card_removed =
-      evidence.find("was removed while its PIN was entered") != std::string::npos;
+      evidence.find("was removed while its PIN was entered") != std::string::npos ||
+      evidence.find("] went away (CK_RV ") != std::string::npos;
   X509AUTH_RAISE(
       provider_, reason, "thumbprint=%s: %s result %d (detail %lu): %s%s%s",
       thumbprint_hex_.c_str(), what, result.code, static_cast<unsigned long>(result.detail),

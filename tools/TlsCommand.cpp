@@ -98,8 +98,6 @@ std::string WrongSecret() {
   if (Evidence::StepHas("Failed to parse private key file [") ||
       Evidence::StepHas("Failed to parse private key file [%s]"))
     return "wrong password for the key file " + answered;
-  if (Evidence::StepHas("The token [%s] was removed while its PIN was entered."))
-    return "the card \"" + answered + "\" was removed while its PIN was entered";
   if (Evidence::StepHas("Incorrect pin entered for: "))
     return "wrong PIN for the token \"" + answered + "\"";
   return "";

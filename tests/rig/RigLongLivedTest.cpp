@@ -79,6 +79,28 @@ TEST_F(RigLongLivedTest, SoakOfInsertPullCyclesLeavesMemoryDescriptorsAndThreads
       << host->Output();
 }
 
+// Without the watch the library still says, beside its specified "Incorrect
+// pin" notice, that the card went while its PIN was typed.
+TEST_F(RigLongLivedTest, UnwatchedHostIsToldTheCardWentWhileItsPinWasTyped) {
+  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  auto host = Start({RIG_HOST_PATH, VirtualCardRig::k_opensc_module, "0", "1",
+                     (temp_ / "root.der").string(), (temp_ / "intermediate.der").string()},
+                    {{"RIG_PIN_GATE", (temp_ / "pin-typed").string()}});
+  ASSERT_NE(WaitAfter(*host, "pin-prompt 1", 0), std::string::npos) << host->Output();
+  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
+  WriteFile(temp_ / "pin-typed", std::string());
+  EXPECT_EQ(host->Finish(30s), 0) << host->Output();
+  const std::string output = host->Output();
+  EXPECT_NE(output.find("round 1 sign failed code=4"), std::string::npos) << output;
+  EXPECT_NE(output.find("message: Smartcard error | Incorrect pin entered for: Virtual Card User"),
+            std::string::npos)
+      << output;
+  EXPECT_NE(
+      output.find("log: The token [Virtual Card User] was removed while its PIN was entered."),
+      std::string::npos)
+      << output;
+}
+
 TEST_F(RigLongLivedTest, UnwatchedHostListsTheSlotsOnceAndNeverSeesALateCard) {
   auto host = StartHost(false);
   ASSERT_NE(WaitAfter(*host, "round 2 count=0", 0), std::string::npos) << host->Output();

@@ -5,7 +5,9 @@
  *   rig_host <pkcs11-module> <watch 0|1> <rounds> <ca-file>...
  *
  * The PIN comes from $RIG_PIN; each prompt is counted ("pin-prompt N"). The
- * host stops after <rounds> rounds, or earlier once $RIG_STOP_FILE exists. */
+ * host stops after <rounds> rounds, or earlier once $RIG_STOP_FILE exists.
+ * With $RIG_PIN_GATE each prompt waits (30 s at most) until that file exists
+ * before it answers: a user still typing. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdio.h>
 #include <stdlib.h>
@@ -30,6 +32,11 @@ static X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt)
   (void)title;
   printf("pin-prompt %d: %s\n", ++pin_prompts, prompt);
   fflush(stdout);
+  const char* gate = getenv("RIG_PIN_GATE");
+  for (int i = 0; gate != NULL && i < 300 && access(gate, F_OK) != 0; ++i) {
+    const struct timespec pause = {0, 100 * 1000 * 1000};
+    nanosleep(&pause, NULL);
+  }
   const char* pin = getenv("RIG_PIN");
   pin_result.value = pin ? pin : "";
   pin_result.status = pin ? 0 : 1;
