@@ -180,6 +180,11 @@ TEST_F(RigPkcs11ModuleTest, Pkcs11ToolListsAndSignsWithTheCardKey) {
 
 TEST_F(RigPkcs11ModuleTest, GnutlsCliAuthenticatesWithTheCardKey) {
   if (std::system("command -v gnutls-cli > /dev/null") != 0) GTEST_SKIP() << "gnutls-cli missing";
+#ifdef X509AUTH_TEST_ASAN_RUNTIME
+  // gnutls-cli with the sanitizer's runtime preloaded deadlocks at exit in
+  // p11-kit's destructor, with any module (tests/pkcs11/Pkcs11TlsTest.cpp).
+  GTEST_SKIP() << "gnutls-cli hangs at exit with the sanitizer runtime preloaded";
+#endif
   auto server = StartServer();
   ASSERT_NE(server, nullptr);
   ChildRun run;

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <random>
 #include <thread>
 
@@ -18,7 +19,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr const char* k_vpcd_driver = "/usr/lib/pcsc/drivers/serial/libifdvpcd.so";
-constexpr const char* k_pcscd = "/usr/sbin/pcscd";
+// X509AUTH_TEST_PCSCD names another pcscd (the skip test names none).
+std::string PcscdPath() {
+  const char* chosen = std::getenv("X509AUTH_TEST_PCSCD");
+  return chosen != nullptr ? chosen : "/usr/sbin/pcscd";
+}
 constexpr const char* k_nickname = "virtual-card";
 constexpr const char* k_inserted = "Card inserted into ";
 constexpr const char* k_removed = "Card Removed From ";
@@ -58,7 +63,8 @@ int Count(const std::string& text, const std::string& what) {
 
 std::optional<std::string> VirtualCardRig::MissingReason(const std::string& bridge_path) {
   if (geteuid() != 0) return "the virtual card rig needs root (a mount namespace for pcscd)";
-  for (const char* path : {k_pcscd, k_vpcd_driver, k_opensc_module, "/usr/bin/unshare",
+  const std::string pcscd = PcscdPath();
+  for (const char* path : {pcscd.c_str(), k_vpcd_driver, k_opensc_module, "/usr/bin/unshare",
                            "/usr/bin/certutil", "/usr/bin/pk12util", bridge_path.c_str()})
     if (access(path, X_OK) != 0 && access(path, R_OK) != 0)
       return std::string("the virtual card rig needs ") + path +
@@ -137,13 +143,13 @@ bool VirtualCardRig::Start(X509* cert, EVP_PKEY* key) {
   // lands in run/pcscd, and the system's /run is left alone.
   ChildRun daemon;
   daemon.argv = {
-      "setpriv", "--pdeathsig",
-      "TERM",    "unshare",
-      "-m",      "--propagation",
-      "private", "sh",
-      "-c",      "mount --bind \"$1\" /run && exec \"$2\" --foreground --info --config \"$3\"",
-      "sh",      run.string(),
-      k_pcscd,   config.string()};
+      "setpriv",   "--pdeathsig",
+      "TERM",      "unshare",
+      "-m",        "--propagation",
+      "private",   "sh",
+      "-c",        "mount --bind \"$1\" /run && exec \"$2\" --foreground --info --config \"$3\"",
+      "sh",        run.string(),
+      PcscdPath(), config.string()};
   pcscd_ = std::make_unique<BackgroundChild>(daemon, (directory_ / "pcscd.log").string());
   if (!pcscd_->WaitForOutput("daemon ready", 10s) ||
       pcscd_->Output().find("port " + std::to_string(port_)) == std::string::npos) {
