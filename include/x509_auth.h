@@ -374,9 +374,14 @@ X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_HashType hash_type,
  * initialisation. On, from the next request every request sees the tokens
  * as they are then: a card inserted since is listed, the certificates of a
  * card that went away are gone, and a card put back asks for its PIN
- * again. A key operation that meets a removed card or a closed session
- * refreshes the slots once and tries once more before it fails. Returns 0,
- * or X509_Auth_ResultCode_Reentered. */
+ * again (so does every card, after any change of the tokens). A key
+ * operation that meets a removed card or a closed session refreshes the
+ * slots once and tries once more before it fails; a card pulled during its
+ * PIN prompt is reported to the message callback as removed, not as a
+ * wrong PIN. A key from X509_Auth_GetPrivateKeyForCertificate stays safe to
+ * use and free until X509_Auth_DeInit, but signs only while its card's
+ * login lasts. The setting is process-wide and outlives X509_Auth_DeInit.
+ * Returns 0, or X509_Auth_ResultCode_Reentered. */
 X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_SetTokenWatch(int32_t enabled);
 
 #ifdef __cplusplus

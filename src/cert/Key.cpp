@@ -14,6 +14,7 @@
 #include "smartcard/TokenLoss.h"
 #include "smartcard/TokenPrivateKey.h"
 #include "smartcard/TokenPssSigner.h"
+#include "smartcard/TokenWatch.h"
 
 namespace quorvant::shared::x509 {
 
@@ -99,8 +100,8 @@ std::int32_t Key::Open(const ICertificate& certificate) {
 
 void Key::Close() { algorithm = x509::Algorithm::k_unknown; }
 
-void Key::NoteTokenLoss() const {
-  if (token_context && TokenLoss::InErrorQueue()) token_context->NoteTokenLoss();
+void Key::NoteTokenLoss(const std::optional<FreshTokenErrors>& fresh) const {
+  if (token_context && fresh && fresh->Lost()) token_context->NoteTokenLoss();
 }
 
 x509::Algorithm Key::Algorithm() const { return algorithm; }
@@ -112,6 +113,10 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
                               "null signature vector given to Key::Sign");
     return Failure();
   }
+  // With the token watch on, a card pulled under the signature is told
+  // from any other failure by what libp11 records during it.
+  std::optional<FreshTokenErrors> fresh;
+  if (token_context && TokenWatch::Enabled()) fresh.emplace();
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!context) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -159,7 +164,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   std::size_t length = 0;
   const int query = EVP_PKEY_sign(context.get(), nullptr, &length, hash.data(), hash.size());
   if (query <= 0) {
-    NoteTokenLoss();
+    NoteTokenLoss(fresh);
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Signing failed. Error code: [%i]",
                               query);
     LogAllOpenSslErrors();
@@ -167,7 +172,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   }
   *signature = std::vector<unsigned char>(length);
   if (EVP_PKEY_sign(context.get(), signature->data(), &length, hash.data(), hash.size()) <= 0) {
-    NoteTokenLoss();
+    NoteTokenLoss(fresh);
     LogAllOpenSslErrors();
     return Failure();
   }
@@ -251,6 +256,8 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
                               "null plaintext vector given to Key::Decrypt");
     return Failure();
   }
+  std::optional<FreshTokenErrors> fresh;
+  if (token_context && TokenWatch::Enabled()) fresh.emplace();
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!context) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Error creating EVP_PKEY_CTX");
@@ -289,7 +296,7 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   const int query =
       EVP_PKEY_decrypt(context.get(), nullptr, &length, ciphertext.data(), ciphertext.size());
   if (query <= 0) {
-    NoteTokenLoss();
+    NoteTokenLoss(fresh);
     SafeCallbacksWrapper::Log(
         X509_Auth_LogPriority_Error,
         "Error calling EVP_PKEY_decrypt to get the plaintext length. Error code: [%i]", query);
@@ -299,7 +306,7 @@ ResultPair Key::Decrypt(DecryptAlgorithm decrypt_algorithm,
   const int decrypted = EVP_PKEY_decrypt(context.get(), plaintext->data(), &length,
                                          ciphertext.data(), ciphertext.size());
   if (decrypted <= 0) {
-    NoteTokenLoss();
+    NoteTokenLoss(fresh);
     // OpenSSL's reason first, so the host sees why before the summary.
     LogAllOpenSslErrors();
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,

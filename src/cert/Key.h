@@ -2,9 +2,11 @@
 #include <libp11.h>
 
 #include <memory>
+#include <optional>
 
 #include "base/OpenSslPtr.h"
 #include "cert/IKey.h"
+#include "smartcard/FreshTokenErrors.h"
 
 namespace quorvant::shared::x509 {
 
@@ -36,8 +38,9 @@ class Key : public IKey {
 
  private:
   // After a failed token operation: tells the context when libp11 reported
-  // a token or session that went away, so that the request may retry.
-  void NoteTokenLoss() const;
+  // a token or session that went away since |fresh| began (absent without
+  // the token watch), so that the request may retry.
+  void NoteTokenLoss(const std::optional<FreshTokenErrors>& fresh) const;
 
   // A token key as libp11 found it, for what its EVP_PKEY cannot do. The
   // slot and key belong to libp11, so the context that owns them is held;

@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "base/SafeCallbacksWrapper.h"
+#include "smartcard/FreshTokenErrors.h"
 #include "smartcard/OwnModuleCheck.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
 #include "smartcard/TokenLoss.h"
@@ -279,11 +280,18 @@ int Libp11Context::AppendTokenCerts(std::vector<Libp11CertAndSlot>& certs, bool*
     unsigned int count = 0;
     // An uninitialised token, or one that refuses a session, would hang
     // libp11's enumeration; it counts as a failed enumeration instead.
-    int result = ProbeSession(slot);
-    if (result == 0) result = PKCS11_enumerate_certs(slot->token, &token_certs, &count);
+    const int probe = ProbeSession(slot);
+    int result = probe;
+    bool lost_in_libp11 = false;
+    if (probe == 0) {
+      // libp11's own failure says why only in the error queue.
+      std::optional<FreshTokenErrors> fresh;
+      if (lost != nullptr) fresh.emplace();
+      result = PKCS11_enumerate_certs(slot->token, &token_certs, &count);
+      lost_in_libp11 = result != 0 && fresh && fresh->Lost();
+    }
     if (result != 0) {
-      if (lost != nullptr && (TokenLoss::IsLossProbe(result) || TokenLoss::InErrorQueue()))
-        *lost = true;
+      if (lost != nullptr && (TokenLoss::IsLossProbe(probe) || lost_in_libp11)) *lost = true;
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "Error enumerating certificates on token [%s]. Error code: [%i]",
                                 slot->token->label, result);
@@ -302,8 +310,11 @@ int Libp11Context::AppendTokenCerts(std::vector<Libp11CertAndSlot>& certs, bool*
 }
 
 int Libp11Context::LogInToSlotIfRequired(PKCS11_slot_st* slot) {
+  std::optional<FreshTokenErrors> fresh;
+  if (TokenWatch::Enabled()) fresh.emplace();
   const int result = login_handler_.LoginIfRequired(slot);
-  if (result != 0 && TokenWatch::Enabled() && TokenLoss::InErrorQueue()) NoteTokenLoss();
+  if (result != 0 && fresh && fresh->Lost()) NoteTokenLoss();
+  fresh.reset();
   if (result != 0)
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Error logging in to token [%s]. Error code: [%i]",

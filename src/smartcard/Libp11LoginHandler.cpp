@@ -1,9 +1,10 @@
 #include "smartcard/Libp11LoginHandler.h"
 
+#include <optional>
 #include <string>
 
 #include "base/SafeCallbacksWrapper.h"
-#include "smartcard/TokenLoss.h"
+#include "smartcard/FreshTokenErrors.h"
 #include "smartcard/TokenWatch.h"
 
 namespace quorvant::shared::x509 {
@@ -54,7 +55,11 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
       Release(release, result);
       return probe;
     }
+    std::optional<FreshTokenErrors> fresh;
+    if (TokenWatch::Enabled()) fresh.emplace();
     const int login = PKCS11_login(slot, 0, result->value);
+    const CK_RV lost = login < 0 && fresh ? fresh->Loss() : CKR_OK;
+    fresh.reset();
     if (login >= 0) {
       logged_in_slots_.insert(slot);
       Release(release, result);
@@ -62,8 +67,7 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
     }
     // A card pulled while the user typed is no wrong PIN: with the token
     // watch on, the host is told what happened instead.
-    if (const CK_RV lost = TokenWatch::Enabled() ? TokenLoss::LossInErrorQueue() : CKR_OK;
-        lost != CKR_OK) {
+    if (lost != CKR_OK) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "Login failed: the token [%s] went away (CK_RV 0x%lx)",
                                 slot->token->label, static_cast<unsigned long>(lost));

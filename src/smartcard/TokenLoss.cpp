@@ -3,9 +3,6 @@
 #include <libp11.h>
 #include <openssl/err.h>
 
-#include <string>
-#include <vector>
-
 namespace quorvant::shared::x509 {
 
 bool TokenLoss::IsLossResult(CK_RV result) {
@@ -17,25 +14,8 @@ bool TokenLoss::IsLossProbe(int probe) {
   return probe < 0 && IsLossResult(static_cast<CK_RV>(-static_cast<long>(probe)));
 }
 
-namespace {
-
-struct QueuedError {
-  unsigned long code;
-  const char* file;
-  int line;
-  const char* function;
-  std::string data;
-  bool has_data;
-};
-
-}  // namespace
-
-CK_RV TokenLoss::LossInErrorQueue() {
-  // OpenSSL offers no way to read past the oldest entry without taking it,
-  // so the entries are taken, read, and raised again in the same order.
-  const int libp11 = ERR_get_CKR_code();
+std::vector<TokenLoss::QueuedError> TokenLoss::TakeErrorQueue() {
   std::vector<QueuedError> queued;
-  CK_RV found = CKR_OK;
   for (;;) {
     const char* file = nullptr;
     const char* function = nullptr;
@@ -46,11 +26,12 @@ CK_RV TokenLoss::LossInErrorQueue() {
     if (code == 0) break;
     const bool has_data = data != nullptr && (flags & ERR_TXT_STRING) != 0;
     queued.push_back({code, file, line, function, has_data ? data : "", has_data});
-    const auto reason = static_cast<CK_RV>(ERR_GET_REASON(code));
-    if (found == CKR_OK && libp11 != 0 && ERR_GET_LIB(code) == libp11 && IsLossResult(reason))
-      found = reason;
   }
-  for (const QueuedError& error : queued) {
+  return queued;
+}
+
+void TokenLoss::RaiseAgain(const std::vector<QueuedError>& errors) {
+  for (const QueuedError& error : errors) {
     ERR_new();
     ERR_set_debug(error.file, error.line, error.function);
     if (error.has_data)
@@ -58,6 +39,20 @@ CK_RV TokenLoss::LossInErrorQueue() {
     else
       ERR_set_error(ERR_GET_LIB(error.code), ERR_GET_REASON(error.code), nullptr);
   }
+}
+
+CK_RV TokenLoss::LossInErrorQueue() {
+  const int libp11 = ERR_get_CKR_code();
+  const std::vector<QueuedError> queued = TakeErrorQueue();
+  CK_RV found = CKR_OK;
+  for (const QueuedError& error : queued) {
+    const auto reason = static_cast<CK_RV>(ERR_GET_REASON(error.code));
+    if (libp11 != 0 && ERR_GET_LIB(error.code) == libp11 && IsLossResult(reason)) {
+      found = reason;
+      break;
+    }
+  }
+  RaiseAgain(queued);
   return found;
 }
 

@@ -1,6 +1,9 @@
 #pragma once
 #include <p11-kit/pkcs11.h>
 
+#include <string>
+#include <vector>
+
 namespace quorvant::shared::x509 {
 
 // Recognises the results that mean a token, or the sessions on it, went
@@ -9,6 +12,16 @@ namespace quorvant::shared::x509 {
 // such a failure earns one fresh listing and one retry.
 class TokenLoss {
  public:
+  // One entry of OpenSSL's error queue, enough to raise it again.
+  struct QueuedError {
+    unsigned long code;
+    const char* file;
+    int line;
+    const char* function;
+    std::string data;
+    bool has_data;
+  };
+
   static bool IsLossResult(CK_RV result);
   // A session probe's code: the module's CK_RV negated.
   static bool IsLossProbe(int probe);
@@ -17,6 +30,11 @@ class TokenLoss {
   static bool InErrorQueue() { return LossInErrorQueue() != CKR_OK; }
   // The first such result in the queue, or CKR_OK when there is none.
   static CK_RV LossInErrorQueue();
+
+  // OpenSSL offers no way to read past the oldest entry without taking it:
+  // the queue is taken whole, and raised again in the same order.
+  static std::vector<QueuedError> TakeErrorQueue();
+  static void RaiseAgain(const std::vector<QueuedError>& errors);
 };
 
 }  // namespace quorvant::shared::x509

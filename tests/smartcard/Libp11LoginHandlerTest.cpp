@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <libp11.h>
+#include <openssl/err.h>
 
 #include <stdexcept>
 #include <vector>
@@ -8,12 +10,14 @@
 #include "TestPki.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/Libp11LoginHandler.h"
+#include "smartcard/TokenWatch.h"
 
 namespace x509auth_test {
 namespace {
 
 using quorvant::shared::x509::Libp11Context;
 using quorvant::shared::x509::Libp11LoginHandler;
+using quorvant::shared::x509::TokenWatch;
 
 constexpr const char* k_wrong_pin = "Login failed. Maybe the pin was incorrect.\n";
 constexpr const char* k_login_details = "Error getting login details: %i";
@@ -107,6 +111,30 @@ TEST_F(Libp11LoginHandlerTest, WrongPinLogsTellsHostAndIsNotRemembered) {
   EXPECT_EQ(rec().Releases(), 1);
   EXPECT_TRUE(context_->LoginHandler().LoggedInSlots().empty());
   EXPECT_EQ(VisiblePrivateKeys(slot_a_), 0u);
+}
+
+// With the token watch on, a card pulled during the prompt is told apart
+// from a wrong PIN by what libp11 records during the login only: a removal
+// error left in the queue by something earlier changes nothing, and stays.
+TEST_F(Libp11LoginHandlerTest, WrongPinWithAnOlderRemovalErrorQueuedIsStillAWrongPin) {
+  MakeTokens();
+  TokenWatch::Set(true);
+  ERR_clear_error();
+  ERR_raise(ERR_get_CKR_code(), static_cast<int>(CKR_DEVICE_REMOVED));
+  const unsigned long older = ERR_peek_error();
+  rec().ScriptAnswer(PinAnswer::Value("0000"));
+
+  const int result = context_->LogInToSlotIfRequired(slot_a_);
+  const bool lost = context_->TakeTokenLoss();
+  TokenWatch::Set(false);
+
+  EXPECT_LT(result, 0);
+  EXPECT_FALSE(lost);
+  ASSERT_EQ(rec().Messages().size(), 1u);
+  EXPECT_EQ(rec().Messages()[0].message, "Incorrect pin entered for: Card A");
+  EXPECT_FALSE(rec().WithFormat(k_wrong_pin).empty());
+  EXPECT_EQ(ERR_peek_error(), older);
+  ERR_clear_error();
 }
 
 TEST_F(Libp11LoginHandlerTest, WrongPinWithoutMessageCallbackStillFailsAndLogs) {
