@@ -207,7 +207,7 @@ void Libp11Context::RefreshIfTokensChanged() {
   ReleaseUnheldListings();
   fingerprint_ = std::move(now);
   auto listing = std::make_shared<TokenSlots>(pkcs11_ctx_);
-  if (listing->Enumerate()) {
+  if (fingerprint_.ListableByLibp11() && listing->Enumerate()) {
     current_ = std::move(listing);
     LogAllOpenSslErrors();
     return;

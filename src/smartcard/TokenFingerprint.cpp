@@ -26,6 +26,18 @@ bool TokenFingerprint::operator==(const TokenFingerprint& other) const {
   return list_result_ == other.list_result_ && slots_ == other.slots_;
 }
 
+bool TokenFingerprint::ListableByLibp11() const {
+  if (list_result_ != CKR_OK) return false;
+  for (const Slot& slot : slots_) {
+    if (slot.slot_result != CKR_OK) return false;
+    // libp11 takes these two as an empty slot.
+    if (slot.present && slot.token_result != CKR_OK && slot.token_result != CKR_TOKEN_NOT_PRESENT &&
+        slot.token_result != CKR_TOKEN_NOT_RECOGNIZED)
+      return false;
+  }
+  return true;
+}
+
 TokenFingerprint TokenFingerprint::Take(CK_FUNCTION_LIST_PTR functions) {
   TokenFingerprint fingerprint;
   if (functions == nullptr || functions->C_GetSlotList == nullptr ||

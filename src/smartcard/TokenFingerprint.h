@@ -16,6 +16,11 @@ class TokenFingerprint {
   // Asks |functions| (null gives an empty fingerprint).
   static TokenFingerprint Take(CK_FUNCTION_LIST_PTR functions);
 
+  // Whether libp11 can list these slots: its listing fails as a whole, and
+  // leaks what it had made for the failing slot, when a slot or a present
+  // token cannot be described.
+  bool ListableByLibp11() const;
+
   bool operator==(const TokenFingerprint& other) const;
   bool operator!=(const TokenFingerprint& other) const { return !(*this == other); }
 
