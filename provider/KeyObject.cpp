@@ -116,10 +116,16 @@ void KeyObject::RaiseLibraryFailure(int reason, const char* what, X509_Auth_Resu
                    evidence.c_str());
     return;
   }
-  X509AUTH_RAISE(provider_, reason, "thumbprint=%s: %s result %d (detail %lu): %s%s%s",
-                 thumbprint_hex_.c_str(), what, result.code,
-                 static_cast<unsigned long>(result.detail), Meaning(result.code), separator,
-                 evidence.c_str());
+  // A card pulled while its PIN was typed fails like a wrong PIN; the
+  // library's line beside the login notice says which it was.
+  const bool card_removed =
+      evidence.find("was removed while its PIN was entered") != std::string::npos ||
+      evidence.find("] went away (CK_RV ") != std::string::npos;
+  X509AUTH_RAISE(
+      provider_, reason, "thumbprint=%s: %s result %d (detail %lu): %s%s%s",
+      thumbprint_hex_.c_str(), what, result.code, static_cast<unsigned long>(result.detail),
+      card_removed ? "the card was removed while its PIN was entered" : Meaning(result.code),
+      separator, evidence.c_str());
 }
 
 void KeyObject::ForgetPassphrase() const {

@@ -19,6 +19,7 @@ packages=(
   gnutls-bin libnss3-tools openssh-client openssh-server hyperfine wget
   p11-kit p11-kit-modules
   openjdk-17-jdk-headless
+  pcscd vsmartcard-vpcd libcacard-dev
 )
 
 missing=()

@@ -64,11 +64,23 @@ std::string CommandLibrarySession::WithPromptNote(const std::string& message) {
   return note.empty() ? message : message + "; " + note;
 }
 
+bool CommandLibrarySession::CardRemovedDuringLogin() {
+  return Evidence::StepHas("Login failed: the token [%s] went away (CK_RV 0x%lx)") ||
+         Evidence::StepHas("The token [%s] was removed while its PIN was entered.");
+}
+
 std::string CommandLibrarySession::KeyFailure(const std::string& what,
                                               const X509_Auth_Result& result) {
   // The library says a wrong password as a key file it cannot parse after
   // the prompt was answered, and a wrong PIN as its login notice.
   const std::string& answered = PinPrompt::LastAnswered();
+  // A card pulled during the prompt fails the login like a wrong PIN; the
+  // library's line says so (the watch's when libp11 saw the card go, the
+  // other when only the reader knows).
+  // With the token watch the library then looks again, and finds the card's
+  // certificate gone: code 3, not 4.
+  if (result.code != X509_Auth_ResultCode_Success && CardRemovedDuringLogin())
+    return what + " failed: the card \"" + answered + "\" was removed while its PIN was entered";
   if (result.code == X509_Auth_ResultCode_KeyOpenFailed && !answered.empty() &&
       Evidence::StepHas("Failed to parse private key file [%s]"))
     return what + " failed: wrong password for the key file " + answered;

@@ -43,6 +43,8 @@ class CommandLibrarySession {
   // The failure line of a key operation (sign, decrypt) that returned
   // |code|: a wrong password or PIN said as such, else the code's meaning.
   static std::string KeyFailure(const std::string& what, const X509_Auth_Result& result);
+  // Whether the step's library lines show a card pulled during its login.
+  static bool CardRemovedDuringLogin();
 
  private:
   const GlobalOptions& options_;

@@ -68,8 +68,10 @@ std::string TakeLibraryLines(std::string data) {
 }
 
 // The last OpenSSL error, for a one-line failure; the library's lines any
-// error carries become evidence.
-std::string OpenSslReason() {
+// error carries become evidence. |own_signature_failed|, when given, is set
+// when an error on the way came from signing with the client's own key (the
+// provider's, or the token's module's for an exported key).
+std::string OpenSslReason(bool* own_signature_failed = nullptr) {
   std::string text;
   unsigned long code;
   const char* data = nullptr;
@@ -80,6 +82,10 @@ std::string OpenSslReason() {
     text = line;
     if (data != nullptr && *data != '\0' && (flags & ERR_TXT_STRING) != 0)
       text += " (" + TakeLibraryLines(data) + ")";
+    if (own_signature_failed != nullptr &&
+        (text.find("signing through x509auth failed") != std::string::npos ||
+         text.find("PKCS#11 module") != std::string::npos))
+      *own_signature_failed = true;
   }
   return text.empty() ? "no further detail" : text;
 }
@@ -398,7 +404,8 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
 
   Evidence::BeginStep();
   const bool connected = SSL_connect(ssl.get()) == 1;
-  std::string failure = connected ? "" : OpenSslReason();
+  bool own_signature_failed = false;
+  std::string failure = connected ? "" : OpenSslReason(&own_signature_failed);
   bool accepted = connected;
   std::string reply;
   if (connected) {
@@ -452,8 +459,14 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
        options.token_key == "export" ? "exported from the token" : "x509auth provider");
   provider_log.reset();
   const bool asked = accepted && requested;
-  line("handshake:        ", !accepted ? "rejected: " + Printable(failure)
-                             : asked   ? "accepted"
+  // A handshake that stopped at the client's own signature was rejected by
+  // nobody: the server never saw it.
+  line("handshake:        ", own_signature_failed
+                                 ? "failed: the client's signature with its key failed, so the "
+                                   "handshake could not go on: " +
+                                       Printable(failure)
+                             : !accepted ? "rejected: " + Printable(failure)
+                             : asked     ? "accepted"
                                      : "completed, but the server asked for no client certificate");
   if (!reply.empty()) {
     if (reply.back() == '\n') reply.pop_back();

@@ -126,7 +126,8 @@ class Libp11Context {
   int AppendTokenCerts(std::vector<Libp11CertAndSlot>& certs, bool* lost);
 
   Libp11LoginHandler login_handler_{
-      [this](const PKCS11_slot_st* slot) { return ProbeSession(slot); }};
+      [this](const PKCS11_slot_st* slot) { return ProbeSession(slot); },
+      [this](const PKCS11_slot_st* slot) { return session_probe_.TokenPresent(slot); }};
   UiMethodPtr ui_method_;
   // Released by hand in the destructor: slots, then the module, then the
   // context, an order a single deleter cannot express.

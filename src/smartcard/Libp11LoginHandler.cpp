@@ -84,6 +84,12 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
     // Text first, caption second: the reverse of the PIN prompt's order.
     if (const X509_Auth_MessageCallback message = callbacks.MessageCallback())
       message(notice.c_str(), k_notice_caption);
+    // Said beside the notice, which cannot tell a pulled card from a wrong
+    // PIN, so that a program can tell the user which it was.
+    if (presence_check_ && !presence_check_(slot))
+      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                                "The token [%s] was removed while its PIN was entered.",
+                                slot->token->label);
     Release(release, result);
     return login;
   }

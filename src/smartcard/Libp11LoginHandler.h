@@ -15,10 +15,13 @@ class Libp11LoginHandler {
   // code. libp11 hangs when its own session open fails, so the login, which
   // opens one, is preceded by the probe.
   using SessionProbe = std::function<int(const PKCS11_slot_st*)>;
+  // False when the slot's token is gone (a card pulled while its PIN was
+  // typed, which the module reports as a failed login).
+  using PresenceCheck = std::function<bool(const PKCS11_slot_st*)>;
 
   Libp11LoginHandler() = default;
-  explicit Libp11LoginHandler(SessionProbe session_probe)
-      : session_probe_(std::move(session_probe)) {}
+  explicit Libp11LoginHandler(SessionProbe session_probe, PresenceCheck presence_check = nullptr)
+      : session_probe_(std::move(session_probe)), presence_check_(std::move(presence_check)) {}
   ~Libp11LoginHandler();
   Libp11LoginHandler(const Libp11LoginHandler&) = delete;
   Libp11LoginHandler& operator=(const Libp11LoginHandler&) = delete;
@@ -39,6 +42,7 @@ class Libp11LoginHandler {
   }
 
   SessionProbe session_probe_;
+  PresenceCheck presence_check_;
   std::set<PKCS11_slot_st*> logged_in_slots_;
 };
 

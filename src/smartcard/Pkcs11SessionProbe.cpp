@@ -50,4 +50,13 @@ int Pkcs11SessionProbe::Probe(const PKCS11_SLOT* slot) const {
   return 0;
 }
 
+bool Pkcs11SessionProbe::TokenPresent(const PKCS11_SLOT* slot) const {
+  if (slot == nullptr || functions_ == nullptr || functions_->C_GetSlotInfo == nullptr) return true;
+  CK_SLOT_INFO info{};
+  const CK_RV rv =
+      functions_->C_GetSlotInfo(PKCS11_get_slotid_from_slot(const_cast<PKCS11_SLOT*>(slot)), &info);
+  if (rv == CKR_DEVICE_REMOVED || rv == CKR_TOKEN_NOT_PRESENT) return false;
+  return rv != CKR_OK || (info.flags & CKF_TOKEN_PRESENT) != 0;
+}
+
 }  // namespace quorvant::shared::x509

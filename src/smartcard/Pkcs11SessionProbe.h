@@ -35,6 +35,11 @@ class Pkcs11SessionProbe {
   // (-1 when that does not fit an int).
   int Probe(const PKCS11_SLOT* slot) const;
 
+  // False when the module says |slot| has no token now. Its slot query is
+  // where a card module looks at the reader again; sessions opened on a
+  // pulled card may keep "succeeding" until then. True when not attached.
+  bool TokenPresent(const PKCS11_SLOT* slot) const;
+
   // The module's own function list, for the few operations libp11 0.4.12
   // does not offer (RSA-PSS on a token key); null when not attached. Valid
   // until Detach.

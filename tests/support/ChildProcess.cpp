@@ -171,6 +171,10 @@ int BackgroundChild::Finish(std::chrono::milliseconds limit) {
   return status_;
 }
 
+void BackgroundChild::Signal(int signal) const {
+  if (Running()) kill(pid_, signal);
+}
+
 std::string BackgroundChild::Output() const {
   std::ifstream in(output_file_);
   std::stringstream text;

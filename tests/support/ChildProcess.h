@@ -49,6 +49,10 @@ class BackgroundChild {
   int Finish(std::chrono::milliseconds limit);
   std::string Output() const;
   bool Running() const;
+  // The child's process id, for a look at it in /proc; -1 once it is reaped.
+  pid_t Pid() const { return status_ >= 0 ? -1 : pid_; }
+  // Sends |signal| (SIGTERM: ask it to end) to a child still running.
+  void Signal(int signal) const;
 
  private:
   pid_t pid_ = -1;
