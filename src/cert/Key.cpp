@@ -5,6 +5,7 @@
 #include <openssl/rsa.h>
 
 #include <memory>
+#include <utility>
 #include <variant>
 
 #include "base/SafeCallbacksWrapper.h"
@@ -81,7 +82,15 @@ std::int32_t Key::Open(const ICertificate& certificate) {
   }
 
   if (!success) return 1;
+  return Classify();
+}
 
+std::int32_t Key::Use(EvpPkeyPtr opened) {
+  key = std::move(opened);
+  return Classify();
+}
+
+std::int32_t Key::Classify() {
   // No key at all (an encoded certificate, or a token that gave none) has
   // no type; it is reported like any key type that cannot be used.
   const int type = key ? EVP_PKEY_base_id(key.get()) : EVP_PKEY_NONE;

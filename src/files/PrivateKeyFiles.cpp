@@ -209,6 +209,10 @@ EvpPkeyPtr ReadCheckedKeyFile(const std::filesystem::path& key_path) {
 
 }  // namespace
 
+EvpPkeyPtr ReadPrivateKeyFromOpenFile(RegularFile file, const std::filesystem::path& path) {
+  return ReadKeyFromOpenFile(std::move(file), path);
+}
+
 EvpPkeyPtr ReadPrivateKeyFromPemFile(const std::filesystem::path& path) {
   RegularFile file = OpenKeyFile(path, false);
   if (!file.IsOpen()) return EvpPkeyPtr();

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "base/OpenSslPtr.h"
+#include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
 
@@ -12,6 +13,11 @@ EvpPkeyPtr ReadPrivateKeyFromPemFile(const std::filesystem::path& path);
 EvpPkeyPtr ReadPrivateKeyFromDerFile(const std::filesystem::path& path);
 // Tries PEM first and DER only when PEM yields nothing.
 EvpPkeyPtr ReadPrivateKeyFromDerOrPemFile(const std::filesystem::path& path);
+
+// The key in an already opened and checked file, PEM first, then DER; a
+// password is asked for at most once. Nothing is logged when neither parses.
+EvpPkeyPtr ReadPrivateKeyFromOpenFile(x509auth_common::RegularFile file,
+                                      const std::filesystem::path& path);
 
 // GetPrivateKeyForX509Cert returns the key in |key_path| when it belongs to
 // |cert|, and an empty handle otherwise.

@@ -1,0 +1,108 @@
+#include "files/KeptKeyFile.h"
+
+#include <openssl/err.h>
+#include <openssl/x509.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "base/SafeCallbacksWrapper.h"
+#include "files/PrivateKeyFiles.h"
+#include "x509auth/RegularFile.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+bool SameTime(const struct timespec& a, const struct timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+}  // namespace
+
+bool KeptKeyFile::Identity::operator==(const Identity& other) const {
+  return device == other.device && inode == other.inode && size == other.size &&
+         SameTime(modified, other.modified) && SameTime(changed, other.changed);
+}
+
+KeptKeyFile::Identity KeptKeyFile::IdentityOf(const struct stat& status) {
+  Identity identity;
+  identity.device = status.st_dev;
+  identity.inode = status.st_ino;
+  identity.size = status.st_size;
+  identity.modified = status.st_mtim;
+  identity.changed = status.st_ctim;
+  return identity;
+}
+
+KeptKeyFile::KeptKeyFile(X509Ptr certificate, std::filesystem::path cert_path,
+                         std::filesystem::path key_path)
+    : certificate_(std::move(certificate)),
+      cert_path_(std::move(cert_path)),
+      key_path_(std::move(key_path)) {}
+
+KeptKeyFile::State KeptKeyFile::Refresh() {
+  struct stat status {};
+  if (::stat(key_path_.c_str(), &status) != 0) {
+    const int error = errno;
+    key_.reset();
+    refused_ = false;
+    if (error == ENOENT) {
+      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Private key file [%s] does not exist",
+                                key_path_.c_str());
+      return State::k_missing;
+    }
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Could not open private key file [%s]. Error message [%s]",
+                              key_path_.c_str(), std::strerror(error));
+    return State::k_unreadable;
+  }
+  const Identity now = IdentityOf(status);
+  if (key_ && now == kept_) return State::k_ready;
+  if (refused_ && now == refused_identity_) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Private key file [%s] does not appear to match cert [%s]",
+                              key_path_.c_str(), cert_path_.c_str());
+    return State::k_mismatch;
+  }
+  return ReadAgain();
+}
+
+KeptKeyFile::State KeptKeyFile::ReadAgain() {
+  // The key in hand belongs to a file that is no more: it goes first, so
+  // that a failure below leaves nothing to sign with.
+  key_.reset();
+  refused_ = false;
+  x509auth_common::RegularFile file = x509auth_common::RegularFile::Open(key_path_.native());
+  if (!file.IsOpen()) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Could not open private key file [%s]. Error message [%s]",
+                              key_path_.c_str(), file.Reason().c_str());
+    return State::k_unreadable;
+  }
+  // Identified by the descriptor that is read: what is kept is what was
+  // parsed, even when the file is replaced meanwhile.
+  const Identity read = IdentityOf(file.Status());
+  EvpPkeyPtr key = ReadPrivateKeyFromOpenFile(std::move(file), key_path_);
+  if (!key) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Failed to parse private key file [%s]",
+                              key_path_.c_str());
+    LogAllOpenSslErrors();
+    return State::k_unreadable;
+  }
+  if (X509_check_private_key(certificate_.get(), key.get()) != 1) {
+    ERR_clear_error();
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                              "Private key file [%s] does not appear to match cert [%s]",
+                              key_path_.c_str(), cert_path_.c_str());
+    refused_ = true;
+    refused_identity_ = read;
+    return State::k_mismatch;
+  }
+  key_ = std::move(key);
+  kept_ = read;
+  return State::k_ready;
+}
+
+}  // namespace quorvant::shared::x509
