@@ -21,11 +21,15 @@ X509_Auth_Result Outcome(std::int32_t code, std::uint64_t detail = 0) {
   return X509_Auth_Result{code, 0, detail};
 }
 
+// As Key::Open reports it: 1 for every way a key cannot be opened; a key
+// that no longer matches has a code of its own.
+constexpr std::int32_t k_key_not_opened = 1;
+
 X509_Auth_Result KeyFailure(KeptKeyFile::State state) {
   const std::int32_t code = state == KeptKeyFile::State::k_mismatch
                                 ? std::int32_t{X509_Auth_ResultCode_KeyMismatch}
                                 : std::int32_t{X509_Auth_ResultCode_KeyOpenFailed};
-  return Outcome(code, static_cast<std::uint64_t>(state));
+  return Outcome(code, k_key_not_opened);
 }
 
 EvpPkeyPtr SharedKey(EVP_PKEY* key) {
@@ -83,12 +87,13 @@ std::optional<X509_Auth_Result> OpenKey::Prepare(Key& key) {
   const KeptKeyFile::State state = file_->Refresh();
   if (state != KeptKeyFile::State::k_ready) {
     SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)",
-                              static_cast<int>(state));
+                              k_key_not_opened);
     return KeyFailure(state);
   }
   if (key.Use(SharedKey(file_->Key())) != 0) {
-    SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)", 1);
-    return Outcome(X509_Auth_ResultCode_KeyOpenFailed, 1);
+    SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)",
+                              k_key_not_opened);
+    return Outcome(X509_Auth_ResultCode_KeyOpenFailed, k_key_not_opened);
   }
   return std::nullopt;
 }
