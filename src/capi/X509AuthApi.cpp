@@ -13,6 +13,7 @@
 #include "base/SafeCallbacksWrapper.h"
 #include "base/X509Settings.h"
 #include "capi/CallGuard.h"
+#include "cert/CaDirectoryLookup.h"
 #include "files/DirectorySnapshots.h"
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
@@ -23,6 +24,7 @@
 namespace {
 
 using quorvant::shared::x509::Algorithm;
+using quorvant::shared::x509::CaDirectoryLookup;
 using quorvant::shared::x509::CallGuard;
 using quorvant::shared::x509::DecryptAlgorithm;
 using quorvant::shared::x509::DirectorySnapshots;
@@ -136,6 +138,7 @@ void X509_Auth_DeInit(void) {
   ContextHolder().reset();
   // The watches on certificate directories end with the library's use.
   DirectorySnapshots::GetInstance().Clear();
+  CaDirectoryLookup::Clear();
   LogAllOpenSslErrors();
 }
 
