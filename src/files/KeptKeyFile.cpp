@@ -1,13 +1,18 @@
 #include "files/KeptKeyFile.h"
 
 #include <openssl/err.h>
+#include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <string>
 #include <utility>
 
 #include "base/SafeCallbacksWrapper.h"
+#include "base/WipeOnExit.h"
 #include "files/PrivateKeyFiles.h"
 #include "x509auth/RegularFile.h"
 
@@ -15,8 +20,27 @@ namespace quorvant::shared::x509 {
 
 namespace {
 
+// Longer than any file system's time granularity in clock ticks.
+constexpr long k_settled_seconds = 2;
+
 bool SameTime(const struct timespec& a, const struct timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// Reads all of |descriptor| from its start without moving its offset, for
+// a reader that comes after.
+bool ReadFromStart(int descriptor, std::size_t size, std::vector<unsigned char>& bytes) {
+  bytes.assign(size, 0);
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t got =
+        ::pread(descriptor, bytes.data() + done, size - done, static_cast<off_t>(done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  bytes.resize(done);
+  return done == size;
 }
 
 }  // namespace
@@ -34,6 +58,26 @@ KeptKeyFile::Identity KeptKeyFile::IdentityOf(const struct stat& status) {
   identity.modified = status.st_mtim;
   identity.changed = status.st_ctim;
   return identity;
+}
+
+bool KeptKeyFile::Recent(const struct stat& status) {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return now.tv_sec - status.st_ctim.tv_sec < k_settled_seconds;
+}
+
+std::array<unsigned char, 32> KeptKeyFile::DigestOf(const std::vector<unsigned char>& bytes) {
+  std::array<unsigned char, 32> digest{};
+  EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+  return digest;
+}
+
+bool KeptKeyFile::SameBytes() const {
+  std::vector<unsigned char> bytes;
+  const WipeOnExit wipe(bytes);
+  std::string reason;
+  return x509auth_common::RegularFile::ReadFile(key_path_.native(), bytes, reason) &&
+         DigestOf(bytes) == kept_digest_;
 }
 
 KeptKeyFile::KeptKeyFile(X509Ptr certificate, std::filesystem::path cert_path,
@@ -59,8 +103,8 @@ KeptKeyFile::State KeptKeyFile::Refresh() {
     return State::k_unreadable;
   }
   const Identity now = IdentityOf(status);
-  if (key_ && now == kept_) return State::k_ready;
-  if (refused_ && now == refused_identity_) {
+  if (key_ && now == kept_ && (!Recent(status) || SameBytes())) return State::k_ready;
+  if (refused_ && now == refused_identity_ && !Recent(status)) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Private key file [%s] does not appear to match cert [%s]",
                               key_path_.c_str(), cert_path_.c_str());
@@ -84,6 +128,10 @@ KeptKeyFile::State KeptKeyFile::ReadAgain() {
   // Identified by the descriptor that is read: what is kept is what was
   // parsed, even when the file is replaced meanwhile.
   const Identity read = IdentityOf(file.Status());
+  std::vector<unsigned char> bytes;
+  const WipeOnExit wipe(bytes);
+  ReadFromStart(file.Descriptor(), static_cast<std::size_t>(file.Status().st_size), bytes);
+  const std::array<unsigned char, 32> digest = DigestOf(bytes);
   EvpPkeyPtr key = ReadPrivateKeyFromOpenFile(std::move(file), key_path_);
   if (!key) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Failed to parse private key file [%s]",
@@ -102,6 +150,7 @@ KeptKeyFile::State KeptKeyFile::ReadAgain() {
   }
   key_ = std::move(key);
   kept_ = read;
+  kept_digest_ = digest;
   return State::k_ready;
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 #include <sys/stat.h>
 
+#include <array>
 #include <filesystem>
+#include <vector>
 
 #include "base/OpenSslPtr.h"
 
@@ -9,7 +11,9 @@ namespace quorvant::shared::x509 {
 
 // The private key of one certificate file, parsed once and kept while its
 // key file is the same file: one stat per use tells, and a file that
-// changed is read (and its password asked for) again. The key is freed, and
+// changed is read (and its password asked for) again. File times move in
+// clock ticks, so a file changed within the last seconds could change again
+// unseen: its bytes are compared with those parsed instead. The key is freed, and
 // with it cleansed by OpenSSL, when the file goes, when it no longer holds
 // the certificate's key, and on destruction. No password is kept.
 class KeptKeyFile {
@@ -36,6 +40,12 @@ class KeptKeyFile {
     bool operator==(const Identity& other) const;
   };
   static Identity IdentityOf(const struct stat& status);
+  // Whether the file changed so recently that its times cannot vouch for it.
+  static bool Recent(const struct stat& status);
+  // SHA-256 of |bytes|.
+  static std::array<unsigned char, 32> DigestOf(const std::vector<unsigned char>& bytes);
+  // Whether the file now holds the bytes the kept key was parsed from.
+  bool SameBytes() const;
   State ReadAgain();
 
   X509Ptr certificate_;
@@ -43,6 +53,7 @@ class KeptKeyFile {
   std::filesystem::path key_path_;
   EvpPkeyPtr key_;
   Identity kept_{};
+  std::array<unsigned char, 32> kept_digest_{};
   // A file already refused for holding another key is not read (nor its
   // password asked for) again until it changes.
   bool refused_ = false;

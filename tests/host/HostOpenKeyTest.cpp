@@ -219,6 +219,24 @@ TEST_F(HostOpenKeyTest, KeyFileReplacedByAnotherKeyIsRefusedWithOneLineUntilTheK
   EXPECT_TRUE(verified);
 }
 
+TEST_F(HostOpenKeyTest, KeyFileRewrittenInPlaceAtOnceWithAKeyOfTheSameSizeIsSeen) {
+  const X509_Auth_KeyHandle ec = Open(ec_.get());
+  const std::filesystem::path ec_key_path = Base("base") / "keys" / "ec.pem.key";
+  const std::string original = KeyToPem(ec_key_.get());
+  TestKey other = MakeKey(KeyKind::k_ec);
+  const std::string replacement = KeyToPem(other.get());
+  ASSERT_EQ(replacement.size(), original.size());
+  // Same inode, same size, and quite possibly the same times: the bytes
+  // tell.
+  WriteFile(ec_key_path, replacement);
+  bool verified = true;
+  EXPECT_EQ(SignVerified(ec, ec_.get(), "same size", &verified), X509_Auth_ResultCode_KeyMismatch)
+      << rec().Dump();
+  WriteFile(ec_key_path, original);
+  EXPECT_EQ(SignVerified(ec, ec_.get(), "original", &verified), 0) << rec().Dump();
+  EXPECT_TRUE(verified);
+}
+
 TEST_F(HostOpenKeyTest, DeletedKeyFileIsKeyOpenFailedAndSignsAgainWhenPutBack) {
   const X509_Auth_KeyHandle ec_handle = Open(ec_.get());
   const std::filesystem::path ec_key_path = Base("base") / "keys" / "ec.pem.key";
