@@ -15,6 +15,7 @@
 #include "capi/CallGuard.h"
 #include "cert/CaDirectoryLookup.h"
 #include "files/DirectorySnapshots.h"
+#include "files/PlainKeyCache.h"
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
@@ -33,6 +34,7 @@ using quorvant::shared::x509::Libp11Context;
 using quorvant::shared::x509::LogAllOpenSslErrors;
 using quorvant::shared::x509::OpenKey;
 using quorvant::shared::x509::Pkcs11ModuleChoice;
+using quorvant::shared::x509::PlainKeyCache;
 using quorvant::shared::x509::SafeCallbacksWrapper;
 using quorvant::shared::x509::Thumbprint;
 using quorvant::shared::x509::TokenWatch;
@@ -139,6 +141,8 @@ void X509_Auth_DeInit(void) {
   // The watches on certificate directories end with the library's use.
   DirectorySnapshots::GetInstance().Clear();
   CaDirectoryLookup::Clear();
+  // Kept key files are freed (and cleansed) with the library's end.
+  PlainKeyCache::GetInstance().Clear();
   LogAllOpenSslErrors();
 }
 

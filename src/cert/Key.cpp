@@ -10,7 +10,7 @@
 
 #include "base/SafeCallbacksWrapper.h"
 #include "cert/ICertificate.h"
-#include "files/PrivateKeyFiles.h"
+#include "files/PlainKeyCache.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/TokenPrivateKey.h"
 #include "smartcard/TokenPssSigner.h"
@@ -49,8 +49,10 @@ std::int32_t Key::Open(const ICertificate& certificate) {
 
   if (const auto* file = std::get_if<std::unique_ptr<CertFileContext>>(&context)) {
     const CertFileContext& file_context = **file;
-    key = GetPrivateKeyForX509Cert(file_context.x509.get(), file_context.cert_path,
-                                   file_context.key_path);
+    // An unencrypted key file unchanged since an earlier request is not
+    // parsed again; an encrypted one asks for its password every time.
+    key = PlainKeyCache::GetInstance().Get(file_context.x509.get(), file_context.cert_path,
+                                           file_context.key_path);
     success = key != nullptr;
     if (!success) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <utility>
 
@@ -19,13 +18,6 @@
 namespace quorvant::shared::x509 {
 
 namespace {
-
-// Longer than any file system's time granularity in clock ticks.
-constexpr long k_settled_seconds = 2;
-
-bool SameTime(const struct timespec& a, const struct timespec& b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
 
 // Reads all of |descriptor| from its start without moving its offset, for
 // a reader that comes after.
@@ -44,27 +36,6 @@ bool ReadFromStart(int descriptor, std::size_t size, std::vector<unsigned char>&
 }
 
 }  // namespace
-
-bool KeptKeyFile::Identity::operator==(const Identity& other) const {
-  return device == other.device && inode == other.inode && size == other.size &&
-         SameTime(modified, other.modified) && SameTime(changed, other.changed);
-}
-
-KeptKeyFile::Identity KeptKeyFile::IdentityOf(const struct stat& status) {
-  Identity identity;
-  identity.device = status.st_dev;
-  identity.inode = status.st_ino;
-  identity.size = status.st_size;
-  identity.modified = status.st_mtim;
-  identity.changed = status.st_ctim;
-  return identity;
-}
-
-bool KeptKeyFile::Recent(const struct stat& status) {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  return now.tv_sec - status.st_ctim.tv_sec < k_settled_seconds;
-}
 
 std::array<unsigned char, 32> KeptKeyFile::DigestOf(const std::vector<unsigned char>& bytes) {
   std::array<unsigned char, 32> digest{};
@@ -102,9 +73,9 @@ KeptKeyFile::State KeptKeyFile::Refresh() {
                               key_path_.c_str(), std::strerror(error));
     return State::k_unreadable;
   }
-  const Identity now = IdentityOf(status);
-  if (key_ && now == kept_ && (!Recent(status) || SameBytes())) return State::k_ready;
-  if (refused_ && now == refused_identity_ && !Recent(status)) {
+  const FileIdentity now = FileIdentity::Of(status);
+  if (key_ && now == kept_ && (now.Settled() || SameBytes())) return State::k_ready;
+  if (refused_ && now == refused_identity_ && now.Settled()) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Private key file [%s] does not appear to match cert [%s]",
                               key_path_.c_str(), cert_path_.c_str());
@@ -127,7 +98,7 @@ KeptKeyFile::State KeptKeyFile::ReadAgain() {
   }
   // Identified by the descriptor that is read: what is kept is what was
   // parsed, even when the file is replaced meanwhile.
-  const Identity read = IdentityOf(file.Status());
+  const FileIdentity read = FileIdentity::Of(file.Status());
   std::vector<unsigned char> bytes;
   const WipeOnExit wipe(bytes);
   ReadFromStart(file.Descriptor(), static_cast<std::size_t>(file.Status().st_size), bytes);

@@ -1,11 +1,10 @@
 #pragma once
-#include <sys/stat.h>
-
 #include <array>
 #include <filesystem>
 #include <vector>
 
 #include "base/OpenSslPtr.h"
+#include "files/FileIdentity.h"
 
 namespace quorvant::shared::x509 {
 
@@ -30,18 +29,6 @@ class KeptKeyFile {
   const std::filesystem::path& KeyPath() const { return key_path_; }
 
  private:
-  // What tells one file from another and a rewritten file from before.
-  struct Identity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    struct timespec modified {};
-    struct timespec changed {};
-    bool operator==(const Identity& other) const;
-  };
-  static Identity IdentityOf(const struct stat& status);
-  // Whether the file changed so recently that its times cannot vouch for it.
-  static bool Recent(const struct stat& status);
   // SHA-256 of |bytes|.
   static std::array<unsigned char, 32> DigestOf(const std::vector<unsigned char>& bytes);
   // Whether the file now holds the bytes the kept key was parsed from.
@@ -52,12 +39,12 @@ class KeptKeyFile {
   std::filesystem::path cert_path_;
   std::filesystem::path key_path_;
   EvpPkeyPtr key_;
-  Identity kept_{};
+  FileIdentity kept_{};
   std::array<unsigned char, 32> kept_digest_{};
   // A file already refused for holding another key is not read (nor its
   // password asked for) again until it changes.
   bool refused_ = false;
-  Identity refused_identity_{};
+  FileIdentity refused_identity_{};
 };
 
 }  // namespace quorvant::shared::x509
