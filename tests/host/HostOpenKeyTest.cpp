@@ -5,10 +5,13 @@
 // Every signature is verified with the certificate's public key.
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
 
+#include "ForkedChild.h"
 #include "HostFixture.h"
 
 namespace x509auth_test {
@@ -367,6 +370,28 @@ TEST_F(HostOpenKeyTest, DeInitAndInitEndEveryOpenKeyAndHandlesAreNeverReused) {
   bool verified = false;
   EXPECT_EQ(SignVerified(third, ec_.get(), "third", &verified), 0);
   EXPECT_TRUE(verified);
+}
+
+TEST_F(HostOpenKeyTest, KeysLeftOpenAtExitAreFreedWithTheProcessWithoutACrash) {
+  const std::string report = RunInChild([this] {
+    // A host that opens keys, signs and exits without closing them or
+    // calling X509_Auth_DeInit: the kept keys go with the library's static
+    // objects at exit.
+    const pid_t host = fork();
+    if (host == 0) {
+      const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+      const X509_Auth_KeyHandle ec = Open(ec_.get());
+      bool verified = false;
+      const bool signed_both = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified &&
+                               SignVerified(ec, ec_.get(), "exit", &verified) == 0 && verified;
+      std::exit(signed_both ? 0 : 3);
+    }
+    int status = 0;
+    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
+    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+    return "exit " + std::to_string(WEXITSTATUS(status));
+  });
+  EXPECT_EQ(report, "exit 0");
 }
 
 }  // namespace
