@@ -9,48 +9,32 @@
 
 #include <cctype>
 #include <cstdio>
-#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "base/OpenSslPtr.h"
+#include "files/FileIdentity.h"
 #include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
 
 namespace {
 
-constexpr long k_settled_seconds = 2;
-
-// What tells one version of a file or directory from another.
+// A file or directory as it was; one changed too recently for its times
+// to vouch for it is never taken as unchanged.
 struct Identity {
-  // Changed so recently that a further change could keep the same times
-  // (file times move in clock ticks): never taken as unchanged.
-  bool recent = false;
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  long long modified_ns = 0;
-  long long changed_ns = 0;
+  FileIdentity file;
+  bool settled = false;
 
   static Identity Of(const struct stat& status) {
-    struct timespec now {};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    return Identity{now.tv_sec - status.st_ctim.tv_sec < k_settled_seconds,
-                    status.st_dev,
-                    status.st_ino,
-                    status.st_size,
-                    status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec,
-                    status.st_ctim.tv_sec * 1000000000LL + status.st_ctim.tv_nsec};
+    const FileIdentity file = FileIdentity::Of(status);
+    return Identity{file, file.Settled()};
   }
   bool operator==(const Identity& other) const {
-    return !recent && !other.recent &&
-           std::tie(device, inode, size, modified_ns, changed_ns) ==
-               std::tie(other.device, other.inode, other.size, other.modified_ns, other.changed_ns);
+    return settled && other.settled && file == other.file;
   }
 };
 
