@@ -324,7 +324,10 @@ enum {
    * leads back to it, or from a second thread at the same time): nothing
    * was done, and an error line names the function. Functions with no
    * result code give their failure value instead (false, 0, no effect). */
-  X509_Auth_ResultCode_Reentered = 13
+  X509_Auth_ResultCode_Reentered = 13,
+  /* An open key's file now holds a key that does not belong to its
+   * certificate (see X509_Auth_OpenKey). */
+  X509_Auth_ResultCode_KeyMismatch = 14
 };
 
 /* X509_Auth_SetPkcs11Module chooses the PKCS#11 module the library loads,
@@ -383,6 +386,70 @@ X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_HashType hash_type,
  * login lasts. The setting is process-wide and outlives X509_Auth_DeInit.
  * Returns 0, or X509_Auth_ResultCode_Reentered. */
 X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_SetTokenWatch(int32_t enabled);
+
+/* X509_Auth_KeyHandle names a key opened by X509_Auth_OpenKey; 0 is never
+ * one. */
+typedef uint64_t X509_Auth_KeyHandle;
+
+/* X509_Auth_OpenKey opens the private key of the certificate whose SHA-1
+ * thumbprint is the 20 bytes at |thumbprint|, found as X509_Auth_SignHash
+ * finds it, and writes a handle for it to |*key|. The functions below then
+ * sign and decrypt with it many times, until X509_Auth_CloseKey,
+ * X509_Auth_DeInit or the next X509_Auth_Init.
+ *
+ * A key file is read (and its password asked for, once) here, and the
+ * parsed key is kept in the library's memory while the file stays the same
+ * file (device, inode, size, modification and change times, looked at
+ * once per operation). When the file changed, the next operation reads it
+ * again, asking again for a password; a file now holding a key that does
+ * not belong to the certificate gives X509_Auth_ResultCode_KeyMismatch and
+ * one error line, and a file that is gone gives
+ * X509_Auth_ResultCode_KeyOpenFailed; the key read before is freed either
+ * way. No password is kept. A smart-card certificate's key is, for now,
+ * found and logged in to again by every operation, as X509_Auth_SignHash
+ * does.
+ *
+ * Returns code 0 on success; otherwise |*key| is 0 and the code is 2 (store
+ * not opened), 3 (no such certificate), 4 (key not opened: missing,
+ * unreadable, wrong password, no key), X509_Auth_ResultCode_KeyMismatch,
+ * X509_Auth_ResultCode_InvalidArgument (a null pointer) or
+ * X509_Auth_ResultCode_Reentered. Never throws. */
+X509_AUTH_EXPORT X509_Auth_Result X509_Auth_OpenKey(const uint8_t* thumbprint,
+                                                    X509_Auth_KeyHandle* key);
+
+/* X509_Auth_OpenKeySignHash is X509_Auth_SignHash with an open key: the
+ * certificate's key family must be among |algorithms|, and |hash| holds the
+ * number of bytes |hash_type| implies. Results as X509_Auth_SignHash's,
+ * plus X509_Auth_ResultCode_KeyMismatch, and
+ * X509_Auth_ResultCode_InvalidArgument for an unknown handle, a null
+ * pointer, an algorithm above 2 or a hash type above 3 (never thrown). */
+X509_AUTH_EXPORT X509_Auth_Result X509_Auth_OpenKeySignHash(
+    X509_Auth_KeyHandle key, uint64_t algorithm_count,
+    const uint32_t* algorithms, X509_Auth_HashType hash_type,
+    const unsigned char* hash, const X509_Auth_Signature** signature);
+
+/* X509_Auth_OpenKeySignHashPss is X509_Auth_SignHashPss with an open key;
+ * results as there, plus X509_Auth_ResultCode_KeyMismatch and
+ * X509_Auth_ResultCode_InvalidArgument for an unknown handle. */
+X509_AUTH_EXPORT X509_Auth_Result X509_Auth_OpenKeySignHashPss(
+    X509_Auth_KeyHandle key, X509_Auth_HashType hash_type,
+    const unsigned char* hash, int32_t salt_length,
+    const X509_Auth_Signature** signature);
+
+/* X509_Auth_OpenKeyDecrypt is X509_Auth_Decrypt with an open key; results
+ * as there, plus X509_Auth_ResultCode_KeyMismatch, and
+ * X509_Auth_ResultCode_InvalidArgument for an unknown handle, a null
+ * pointer or an algorithm above 2 (never thrown). */
+X509_AUTH_EXPORT X509_Auth_Result X509_Auth_OpenKeyDecrypt(
+    X509_Auth_KeyHandle key, uint32_t decrypt_algorithm, uint64_t length,
+    const unsigned char* data, const X509_Auth_ASN_1** plaintext);
+
+/* X509_Auth_CloseKey frees the key |key| names; OpenSSL cleanses its
+ * memory as it frees it. Returns 0, X509_Auth_ResultCode_InvalidArgument
+ * (with an error line) for a handle that names no open key, or
+ * X509_Auth_ResultCode_Reentered. */
+X509_AUTH_EXPORT X509_Auth_ResultCode
+X509_Auth_CloseKey(X509_Auth_KeyHandle key);
 
 #ifdef __cplusplus
 }

@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "ErrorMark.h"
+#include "SharedLibrarySession.h"
 
 namespace x509auth_provider {
 namespace {
@@ -74,6 +75,46 @@ std::shared_ptr<const KeyObject> KeyObject::PublicOnly(ProviderContext* provider
   return object;
 }
 
+KeyObject::~KeyObject() {
+  if (open_key_ == 0) return;
+  try {
+    SharedLibrarySession::CloseKey(open_key_, open_generation_);
+  } catch (...) {
+    // A destructor called from OpenSSL lets nothing through; the key is
+    // then freed with the library's end.
+  }
+}
+
+X509_Auth_Result KeyObject::EnsureOpen() const {
+  if (open_key_ != 0 && open_generation_ == SharedLibrarySession::Generation())
+    return X509_Auth_Result{X509_Auth_ResultCode_Success, 0, 0};
+  open_key_ = 0;
+  const X509_Auth_Result opened = X509_Auth_OpenKey(thumbprint_.data(), &open_key_);
+  open_generation_ = SharedLibrarySession::Generation();
+  return opened;
+}
+
+bool KeyObject::OpenPrivate() const {
+  if (!has_private_) {
+    X509AUTH_RAISE(provider_, k_reason_no_private_key, "a public key has nothing to open");
+    return false;
+  }
+  ProviderContext::CallReport report;
+  X509_Auth_Result result{};
+  try {
+    result = provider_->Run(passphrase_.get(), &report, [&] { return EnsureOpen(); });
+  } catch (const std::exception& failure) {
+    X509AUTH_RAISE(provider_, k_reason_signing_failed, "thumbprint=%s: %s", thumbprint_hex_.c_str(),
+                   failure.what());
+    return false;
+  }
+  if (result.code != X509_Auth_ResultCode_Success) {
+    RaiseLibraryFailure(k_reason_signing_failed, "X509_Auth_OpenKey", result, report);
+    return false;
+  }
+  return true;
+}
+
 namespace {
 
 // What a result code of a signing or decryption request means to a user.
@@ -88,6 +129,8 @@ const char* Meaning(std::int32_t code) {
     case X509_Auth_ResultCode_InvalidArgument: return "the request is not one the key can serve";
     case X509_Auth_ResultCode_MechanismNotSupported:
       return "the token can do neither RSA-PSS nor raw RSA";
+    case X509_Auth_ResultCode_KeyMismatch:
+      return "the key file no longer holds the certificate's key";
     default: return "unexpected result";
   }
 }
@@ -165,14 +208,18 @@ bool KeyObject::Sign(const char* what, std::vector<unsigned char>* signature, Ca
 bool KeyObject::SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
                          std::vector<unsigned char>* signature) const {
   return Sign("X509_Auth_SignHash", signature, [&](const X509_Auth_Signature** made) {
-    return X509_Auth_SignHash(thumbprint_.data(), 1, &algorithm_, hash_type, hash, made);
+    const X509_Auth_Result opened = EnsureOpen();
+    if (opened.code != X509_Auth_ResultCode_Success) return opened;
+    return X509_Auth_OpenKeySignHash(open_key_, 1, &algorithm_, hash_type, hash, made);
   });
 }
 
 bool KeyObject::SignHashPss(X509_Auth_HashType hash_type, const unsigned char* hash,
                             int salt_length, std::vector<unsigned char>* signature) const {
   return Sign("X509_Auth_SignHashPss", signature, [&](const X509_Auth_Signature** made) {
-    return X509_Auth_SignHashPss(thumbprint_.data(), hash_type, hash, salt_length, made);
+    const X509_Auth_Result opened = EnsureOpen();
+    if (opened.code != X509_Auth_ResultCode_Success) return opened;
+    return X509_Auth_OpenKeySignHashPss(open_key_, hash_type, hash, salt_length, made);
   });
 }
 
@@ -186,9 +233,10 @@ bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::s
   X509_Auth_Result result{};
   try {
     result = provider_->Run(passphrase_.get(), &report, [&] {
+      const X509_Auth_Result opened = EnsureOpen();
+      if (opened.code != X509_Auth_ResultCode_Success) return opened;
       const X509_Auth_ASN_1* made = nullptr;
-      const X509_Auth_Result r =
-          X509_Auth_Decrypt(thumbprint_.data(), padding, length, data, &made);
+      const X509_Auth_Result r = X509_Auth_OpenKeyDecrypt(open_key_, padding, length, data, &made);
       if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
         plaintext->assign(made->data, made->data + made->length);
         // The plaintext may be a session key: wipe the library's copy too.

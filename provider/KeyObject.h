@@ -29,14 +29,25 @@ class KeyObject {
   static std::shared_ptr<const KeyObject> PublicOnly(ProviderContext* provider,
                                                      std::uint32_t algorithm, EvpPkeyPtr key);
 
+  // Closes the library's open key, if the library that opened it is still
+  // the same initialisation.
+  ~KeyObject();
+  KeyObject(const KeyObject&) = delete;
+  KeyObject& operator=(const KeyObject&) = delete;
+
   ProviderContext* Provider() const { return provider_; }
   std::uint32_t Algorithm() const { return algorithm_; }  // X509_Auth_Algorithm_*
   bool HasPrivate() const { return has_private_; }
   EVP_PKEY* PublicKey() const { return public_key_.get(); }
   const std::string& ThumbprintHex() const { return thumbprint_hex_; }
 
-  // Signs |hash| (the length |hash_type| implies) through the library, which
-  // asks for a PIN or password through the key's passphrase source. False
+  // Opens the private key in the library now, where a key file's password
+  // is asked for through the key's passphrase source; the key stays open
+  // for the operations below. False after raising an error.
+  bool OpenPrivate() const;
+  // Signs |hash| (the length |hash_type| implies) through the library with
+  // the open key (opened first when it is not), which asks for a PIN or
+  // password through the key's passphrase source. False
   // after raising an error naming the thumbprint and the library's result.
   bool SignHash(X509_Auth_HashType hash_type, const unsigned char* hash,
                 std::vector<unsigned char>* signature) const;
@@ -52,6 +63,9 @@ class KeyObject {
 
  private:
   KeyObject() = default;
+  // Under the session lock: the open key, opened again when none is or the
+  // library was initialised anew since.
+  X509_Auth_Result EnsureOpen() const;
   template <typename Call>
   bool Sign(const char* what, std::vector<unsigned char>* signature, Call&& call) const;
   void RaiseLibraryFailure(int reason, const char* what, X509_Auth_Result result,
@@ -64,6 +78,10 @@ class KeyObject {
   std::string thumbprint_hex_;
   EvpPkeyPtr public_key_;
   std::shared_ptr<PassphraseSource> passphrase_;
+  // The library's open key and the initialisation it belongs to; used only
+  // under the session lock.
+  mutable X509_Auth_KeyHandle open_key_ = 0;
+  mutable std::uint64_t open_generation_ = 0;
 };
 
 // What OpenSSL holds as the key data of this provider's key management.

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "ProviderPtr.h"
@@ -61,6 +62,13 @@ class ProviderContext {
   // into this provider.
   OSSL_LIB_CTX* Crypto() const { return crypto_.get(); }
   const ProviderSettings& Settings() const { return settings_; }
+
+  // The digest |name| from Crypto(). The SHA-1 and SHA-2 digests, by their
+  // usual names, are fetched once when the context starts and shared: a
+  // fetch costs more than a third of a P-256 signature, and libssl asks for
+  // one at every signature. Others are fetched each time. Null when there
+  // is none.
+  EvpMdPtr Digest(const char* name) const;
 
   // What one call into the library left for the caller's error report.
   struct CallReport {
@@ -122,6 +130,8 @@ class ProviderContext {
   ProviderSettings settings_;
   LibCtxPtr crypto_;
   std::vector<std::string> ca_files_;
+  // Filled once by Start, read without a lock afterwards.
+  std::vector<std::pair<std::string, EvpMdPtr>> digests_;
   std::shared_ptr<SharedLibrarySession> session_;  // joined on first use
   // Used only inside the library session, under its lock.
   x509auth_common::LeftOutCertificates left_out_;

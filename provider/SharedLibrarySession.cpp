@@ -25,6 +25,9 @@ int g_idle_threshold = X509_Auth_LogPriority_Error;
 // Set once the library has been deinitialised for good at process exit.
 bool g_finished = false;
 SharedLibrarySession* g_live = nullptr;
+// Counts the library's initialisations and ends; keys opened in one are
+// never closed in another.
+std::uint64_t g_generation = 0;
 
 // How many shared objects the process has loaded so far (the dynamic
 // linker's own count, which never goes down).
@@ -126,6 +129,7 @@ std::shared_ptr<SharedLibrarySession> SharedLibrarySession::Acquire(
     X509_Auth_Init(nullptr, X509_Auth_Callbacks{Log, PinEntry, FreePinEntry, Message});
     // A program holding the provider lives while cards come and go.
     X509_Auth_SetTokenWatch(1);
+    ++g_generation;
     g_finished = false;
     g_live = session.get();
   }
@@ -145,6 +149,7 @@ void SharedLibrarySession::DeinitialiseAtExit() {
   std::lock_guard<ProcessLocks::Mutex> lock(Mutex());
   if (g_live != nullptr && !g_finished) {
     X509_Auth_DeInit();
+    ++g_generation;
     g_finished = true;
   }
 }
@@ -161,8 +166,16 @@ SharedLibrarySession::ExitHandlerAfterLoad::~ExitHandlerAfterLoad() {
 SharedLibrarySession::~SharedLibrarySession() {
   std::lock_guard<ProcessLocks::Mutex> lock(Mutex());
   if (!g_finished) X509_Auth_DeInit();
+  ++g_generation;
   g_finished = true;
   g_live = nullptr;
+}
+
+std::uint64_t SharedLibrarySession::Generation() { return g_generation; }
+
+void SharedLibrarySession::CloseKey(X509_Auth_KeyHandle key, std::uint64_t generation) {
+  std::lock_guard<ProcessLocks::Mutex> lock(Mutex());
+  if (g_live != nullptr && !g_finished && generation == g_generation) X509_Auth_CloseKey(key);
 }
 
 SharedLibrarySession::Scope::Scope(const Request& request) {

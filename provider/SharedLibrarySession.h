@@ -7,6 +7,7 @@
 // covers every call. Each call runs with the calling context's directory
 // lists and PKCS#11 module and routes prompts to that request's passphrase
 // callback.
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +16,7 @@
 #include "ErrorQueueGuard.h"
 #include "PassphraseSource.h"
 #include "ProcessLocks.h"
+#include "x509_auth.h"
 
 namespace x509auth_provider {
 
@@ -60,6 +62,13 @@ class SharedLibrarySession {
     const Scope scope(request);
     return call();
   }
+
+  // Which initialisation of the library is current; read under the lock
+  // (inside Run). A key opened under another one is gone.
+  static std::uint64_t Generation();
+  // Closes |key| if the library is still the initialisation |generation|
+  // that opened it; after its end, the key is already gone.
+  static void CloseKey(X509_Auth_KeyHandle key, std::uint64_t generation);
 
  private:
   SharedLibrarySession() = default;

@@ -143,7 +143,7 @@ EvpMdPtr FetchDigest(const SignatureContext* context, const char* name) {
   {
     // An unknown name is reported by the one error below.
     const ErrorMark mark;
-    md.reset(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
+    md = context->provider->Digest(name);
   }
   if (md == nullptr || HashTypeOf(md.get()) < 0) {
     X509AUTH_RAISE(context->provider, k_reason_unsupported_digest, "digest %s", name);

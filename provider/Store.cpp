@@ -35,6 +35,7 @@ struct Entry {
   std::vector<unsigned char> der;
   std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH> thumbprint{};
   std::string name;
+  bool smart_card = false;
 };
 
 struct StoreContext {
@@ -121,6 +122,7 @@ bool List(StoreContext* context) {
           entry.der.assign(record.encoded, record.encoded + record.encoded_length);
           std::memcpy(entry.thumbprint.data(), record.thumbprint, entry.thumbprint.size());
           entry.name = record.name != nullptr ? record.name : "";
+          entry.smart_card = record.cert_type == X509_Auth_CertificateType_SmartCard;
           context->entries.push_back(std::move(entry));
         }
         X509_Auth_Free(records);
@@ -158,16 +160,23 @@ int GiveKey(StoreContext* context, const Entry& entry, OSSL_CALLBACK* object_cb,
   std::shared_ptr<const KeyObject> key = KeyObject::ForCertificate(
       context->provider, entry.der, entry.thumbprint, context->passphrase);
   if (key == nullptr) return 0;
-  // One signature now, while the application's passphrase callback is at
-  // hand: a token login made here stays, and a wrong PIN or password fails
-  // the load instead of a later handshake.
-  // The answer it gave is kept for the key's later operations; a wrong one
-  // is not.
-  unsigned char probe[32] = {};
-  std::vector<unsigned char> signature;
-  if (!key->SignHash(X509_Auth_HashType_Sha256, probe, &signature)) {
+  // The key is opened now, while the application's passphrase callback is
+  // at hand: a key file's password is asked for here, and a wrong one (or a
+  // missing key) fails the load instead of a later handshake. The answer it
+  // gave is kept for the key's later operations; a wrong one is not.
+  if (!key->OpenPrivate()) {
     key->ForgetPassphrase();
     return 0;
+  }
+  // A token key asks for its PIN only when it signs: one signature now
+  // logs in, and the login stays.
+  if (entry.smart_card) {
+    unsigned char probe[32] = {};
+    std::vector<unsigned char> signature;
+    if (!key->SignHash(X509_Auth_HashType_Sha256, probe, &signature)) {
+      key->ForgetPassphrase();
+      return 0;
+    }
   }
   int type = OSSL_OBJECT_PKEY;
   const char* data_type = key->Algorithm() == X509_Auth_Algorithm_Rsa ? "RSA" : "EC";

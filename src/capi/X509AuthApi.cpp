@@ -13,7 +13,9 @@
 #include "base/SafeCallbacksWrapper.h"
 #include "base/X509Settings.h"
 #include "capi/CallGuard.h"
+#include "cert/CaDirectoryLookup.h"
 #include "files/DirectorySnapshots.h"
+#include "files/PlainKeyCache.h"
 #include "keystore/KeyStore.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
@@ -23,13 +25,16 @@
 namespace {
 
 using quorvant::shared::x509::Algorithm;
+using quorvant::shared::x509::CaDirectoryLookup;
 using quorvant::shared::x509::CallGuard;
 using quorvant::shared::x509::DecryptAlgorithm;
 using quorvant::shared::x509::DirectorySnapshots;
 using quorvant::shared::x509::KeyStore;
 using quorvant::shared::x509::Libp11Context;
 using quorvant::shared::x509::LogAllOpenSslErrors;
+using quorvant::shared::x509::OpenKey;
 using quorvant::shared::x509::Pkcs11ModuleChoice;
+using quorvant::shared::x509::PlainKeyCache;
 using quorvant::shared::x509::SafeCallbacksWrapper;
 using quorvant::shared::x509::Thumbprint;
 using quorvant::shared::x509::TokenWatch;
@@ -76,6 +81,34 @@ const EVP_MD* DigestOf(X509_Auth_HashType hash_type) {
 }
 
 constexpr X509_Auth_Result k_refused{X509_Auth_ResultCode_Reentered, 0, 0};
+constexpr X509_Auth_Result k_invalid{X509_Auth_ResultCode_InvalidArgument, 0, 0};
+constexpr X509_Auth_Result k_failed{X509_Auth_ResultCode_KeyOperationFailed, 0, 0};
+
+X509_Auth_Result InvalidArgument(const char* function) {
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "%s: invalid argument", function);
+  return k_invalid;
+}
+
+// Handles outlive the key store that made them (a host may keep one past
+// X509_Auth_DeInit): with no store, no handle names a key.
+OpenKey* FindOpenKey(X509_Auth_KeyHandle handle, const char* function) {
+  if (KeyStoreOwner()) return KeyStoreOwner()->FindOpenKey(handle, function);
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "%s: no open key has handle %llu",
+                            function, static_cast<unsigned long long>(handle));
+  return nullptr;
+}
+
+// The open-key extensions are for C hosts: nothing may leave them as an
+// exception.
+template <typename Operation>
+X509_Auth_Result Contained(const char* function, Operation operation) {
+  try {
+    return operation();
+  } catch (const std::exception& failure) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "%s: %s", function, failure.what());
+    return k_failed;
+  }
+}
 
 }  // namespace
 
@@ -107,6 +140,9 @@ void X509_Auth_DeInit(void) {
   ContextHolder().reset();
   // The watches on certificate directories end with the library's use.
   DirectorySnapshots::GetInstance().Clear();
+  CaDirectoryLookup::Clear();
+  // Kept key files are freed (and cleansed) with the library's end.
+  PlainKeyCache::GetInstance().Clear();
   LogAllOpenSslErrors();
 }
 
@@ -236,6 +272,96 @@ X509_Auth_Result X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_Hash
                               failure.what());
     return X509_Auth_Result{X509_Auth_ResultCode_KeyOperationFailed, 0, 0};
   }
+}
+
+X509_Auth_Result X509_Auth_OpenKey(const uint8_t* thumbprint, X509_Auth_KeyHandle* key) {
+  if (key != nullptr) *key = 0;
+  const CallGuard guard("X509_Auth_OpenKey");
+  if (!guard.Entered()) return k_refused;
+  if (thumbprint == nullptr || key == nullptr || !KeyStoreOwner())
+    return InvalidArgument("X509_Auth_OpenKey");
+  return Contained("X509_Auth_OpenKey",
+                   [&] { return KeyStoreOwner()->OpenKeyFor(CopyThumbprint(thumbprint), key); });
+}
+
+X509_Auth_Result X509_Auth_OpenKeySignHash(X509_Auth_KeyHandle key, uint64_t algorithm_count,
+                                           const uint32_t* algorithms, X509_Auth_HashType hash_type,
+                                           const unsigned char* hash,
+                                           const X509_Auth_Signature** signature) {
+  constexpr const char* k_function = "X509_Auth_OpenKeySignHash";
+  if (signature != nullptr) *signature = nullptr;
+  const CallGuard guard(k_function);
+  if (!guard.Entered()) return k_refused;
+  if (hash == nullptr || signature == nullptr || (algorithm_count > 0 && algorithms == nullptr) ||
+      DigestOf(hash_type) == nullptr)
+    return InvalidArgument(k_function);
+  std::vector<Algorithm> accepted;
+  for (uint64_t i = 0; i < algorithm_count; ++i) {
+    if (algorithms[i] > 2) return InvalidArgument(k_function);
+    accepted.push_back(static_cast<Algorithm>(algorithms[i]));
+  }
+  OpenKey* open_key = FindOpenKey(key, k_function);
+  if (open_key == nullptr) return k_invalid;
+  return Contained(k_function, [&] {
+    const std::vector<unsigned char> digest(hash, hash + HashLength(hash_type));
+    const auto outcome = open_key->SignHash(*KeyStoreOwner(), accepted, digest);
+    *signature = outcome.record;
+    return outcome.result;
+  });
+}
+
+X509_Auth_Result X509_Auth_OpenKeySignHashPss(X509_Auth_KeyHandle key, X509_Auth_HashType hash_type,
+                                              const unsigned char* hash, int32_t salt_length,
+                                              const X509_Auth_Signature** signature) {
+  constexpr const char* k_function = "X509_Auth_OpenKeySignHashPss";
+  if (signature != nullptr) *signature = nullptr;
+  const CallGuard guard(k_function);
+  if (!guard.Entered()) return k_refused;
+  const EVP_MD* digest = DigestOf(hash_type);
+  if (hash == nullptr || signature == nullptr || digest == nullptr ||
+      salt_length < X509_AUTH_PSS_SALT_MAX)
+    return InvalidArgument(k_function);
+  OpenKey* open_key = FindOpenKey(key, k_function);
+  if (open_key == nullptr) return k_invalid;
+  return Contained(k_function, [&] {
+    const std::vector<unsigned char> digest_bytes(
+        hash, hash + static_cast<std::size_t>(EVP_MD_size(digest)));
+    const auto outcome = open_key->SignHashPss(*KeyStoreOwner(), digest, digest_bytes, salt_length);
+    *signature = outcome.record;
+    return outcome.result;
+  });
+}
+
+X509_Auth_Result X509_Auth_OpenKeyDecrypt(X509_Auth_KeyHandle key, uint32_t decrypt_algorithm,
+                                          uint64_t length, const unsigned char* data,
+                                          const X509_Auth_ASN_1** plaintext) {
+  constexpr const char* k_function = "X509_Auth_OpenKeyDecrypt";
+  if (plaintext != nullptr) *plaintext = nullptr;
+  const CallGuard guard(k_function);
+  if (!guard.Entered()) return k_refused;
+  if (plaintext == nullptr || (length > 0 && data == nullptr) || decrypt_algorithm > 2)
+    return InvalidArgument(k_function);
+  OpenKey* open_key = FindOpenKey(key, k_function);
+  if (open_key == nullptr) return k_invalid;
+  return Contained(k_function, [&] {
+    const std::vector<unsigned char> ciphertext =
+        length == 0 ? std::vector<unsigned char>()
+                    : std::vector<unsigned char>(data, data + length);
+    const auto outcome = open_key->Decrypt(
+        *KeyStoreOwner(), static_cast<DecryptAlgorithm>(decrypt_algorithm), ciphertext);
+    *plaintext = outcome.record;
+    return outcome.result;
+  });
+}
+
+X509_Auth_ResultCode X509_Auth_CloseKey(X509_Auth_KeyHandle key) {
+  const CallGuard guard("X509_Auth_CloseKey");
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
+  if (KeyStoreOwner() && KeyStoreOwner()->CloseKey(key)) return X509_Auth_ResultCode_Success;
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
+                            "X509_Auth_CloseKey: no open key has handle %llu",
+                            static_cast<unsigned long long>(key));
+  return X509_Auth_ResultCode_InvalidArgument;
 }
 
 }  // extern "C"

@@ -14,6 +14,7 @@
 
 #include "base/OpenSslPtr.h"
 #include "base/SafeCallbacksWrapper.h"
+#include "cert/CaDirectoryLookup.h"
 #include "cert/X509StoreBatch.h"
 #include "x509auth/RegularFile.h"
 
@@ -139,9 +140,20 @@ int DefaultCaPaths::SetOn(X509_STORE* store) {
   X509_LOOKUP* directory = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
   if (directory == nullptr) return 0;
   X509_LOOKUP_add_dir(directory, nullptr, X509_FILETYPE_DEFAULT);
-  X509_LOOKUP* uri = X509_STORE_add_lookup(store, X509_LOOKUP_store());
-  if (uri == nullptr) return 0;
-  X509_LOOKUP_add_store(uri, nullptr);
+  // The default store URI is the CA directory again: served from a listing
+  // kept for the process instead of OpenSSL's, which lists the directory at
+  // every lookup. Anything else (a list, a file) goes to OpenSSL's lookup.
+  const char* from_environment = secure_getenv(X509_get_default_cert_dir_env());
+  const std::string uri_path =
+      from_environment != nullptr ? from_environment : X509_get_default_cert_dir();
+  struct stat status {};
+  if (::stat(uri_path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    if (!CaDirectoryLookup::AddTo(store, uri_path)) return 0;
+  } else {
+    X509_LOOKUP* uri = X509_STORE_add_lookup(store, X509_LOOKUP_store());
+    if (uri == nullptr) return 0;
+    X509_LOOKUP_add_store(uri, nullptr);
+  }
   // OpenSSL clears what the loads queued; so do we.
   ERR_clear_error();
   return 1;

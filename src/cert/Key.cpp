@@ -5,11 +5,12 @@
 #include <openssl/rsa.h>
 
 #include <memory>
+#include <utility>
 #include <variant>
 
 #include "base/SafeCallbacksWrapper.h"
 #include "cert/ICertificate.h"
-#include "files/PrivateKeyFiles.h"
+#include "files/PlainKeyCache.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/TokenLoss.h"
 #include "smartcard/TokenPrivateKey.h"
@@ -50,8 +51,10 @@ std::int32_t Key::Open(const ICertificate& certificate) {
 
   if (const auto* file = std::get_if<std::unique_ptr<CertFileContext>>(&context)) {
     const CertFileContext& file_context = **file;
-    key = GetPrivateKeyForX509Cert(file_context.x509.get(), file_context.cert_path,
-                                   file_context.key_path);
+    // An unencrypted key file unchanged since an earlier request is not
+    // parsed again; an encrypted one asks for its password every time.
+    key = PlainKeyCache::GetInstance().Get(file_context.x509.get(), file_context.cert_path,
+                                           file_context.key_path);
     success = key != nullptr;
     if (!success) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -84,7 +87,15 @@ std::int32_t Key::Open(const ICertificate& certificate) {
   }
 
   if (!success) return 1;
+  return Classify();
+}
 
+std::int32_t Key::Use(EvpPkeyPtr opened) {
+  key = std::move(opened);
+  return Classify();
+}
+
+std::int32_t Key::Classify() {
   // No key at all (an encoded certificate, or a token that gave none) has
   // no type; it is reported like any key type that cannot be used.
   const int type = key ? EVP_PKEY_base_id(key.get()) : EVP_PKEY_NONE;

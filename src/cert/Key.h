@@ -21,6 +21,10 @@ class Key : public IKey {
   ~Key() override;
 
   std::int32_t Open(const ICertificate& certificate) override;
+  // Takes a key already opened and checked elsewhere (a kept key file's,
+  // shared through its reference count) for the operations below; 0, or 1
+  // with a line for a key that is neither RSA nor EC.
+  std::int32_t Use(EvpPkeyPtr opened);
   void Close() override;
   x509::Algorithm Algorithm() const override;
   ResultPair Sign(const std::vector<unsigned char>& hash,
@@ -41,6 +45,9 @@ class Key : public IKey {
   // a token or session that went away since |fresh| began (absent without
   // the token watch), so that the request may retry.
   void NoteTokenLoss(const std::optional<FreshTokenErrors>& fresh) const;
+
+  // Sets the algorithm from the key's type: 0, or 1 for any other type.
+  std::int32_t Classify();
 
   // A token key as libp11 found it, for what its EVP_PKEY cannot do. The
   // slot and key belong to libp11, so the context that owns them is held;

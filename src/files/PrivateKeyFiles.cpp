@@ -77,6 +77,7 @@ struct PasswordRequest {
   bool refused = false;
 };
 thread_local PasswordRequest* current_request = nullptr;
+thread_local std::uint64_t password_callbacks = 0;
 
 class PasswordRequestScope {
  public:
@@ -93,6 +94,7 @@ class PasswordRequestScope {
 
 // OpenSSL's PEM password callback; |user_data| is the key file's path.
 int PemPasswordCallback(char* buffer, int size, int /*rwflag*/, void* user_data) {
+  ++password_callbacks;
   if (current_request != nullptr && current_request->refused) return -1;
   int outcome = -1;
   // OpenSSL is C: nothing may unwind through it, so any failure here is a
@@ -208,6 +210,12 @@ EvpPkeyPtr ReadCheckedKeyFile(const std::filesystem::path& key_path) {
 }
 
 }  // namespace
+
+std::uint64_t PasswordCallbacksSoFar() { return password_callbacks; }
+
+EvpPkeyPtr ReadPrivateKeyFromOpenFile(RegularFile file, const std::filesystem::path& path) {
+  return ReadKeyFromOpenFile(std::move(file), path);
+}
 
 EvpPkeyPtr ReadPrivateKeyFromPemFile(const std::filesystem::path& path) {
   RegularFile file = OpenKeyFile(path, false);

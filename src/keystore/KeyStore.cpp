@@ -513,6 +513,28 @@ X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(const X509_Auth_Certi
   return X509_Auth_ResultCode_Success;
 }
 
+X509_Auth_Result KeyStore::OpenKeyFor(const Thumbprint& thumbprint, std::uint64_t* handle) {
+  // Process-wide, so that a handle kept across X509_Auth_Init never names
+  // a key opened later.
+  static std::uint64_t last_handle = 0;
+  X509_Auth_Result failure{};
+  std::unique_ptr<OpenKey> opened = OpenKey::Open(thumbprint, failure);
+  if (!opened) return failure;
+  *handle = ++last_handle;
+  open_keys.emplace(*handle, std::move(opened));
+  return X509_Auth_Result{X509_Auth_ResultCode_Success, 0, 0};
+}
+
+OpenKey* KeyStore::FindOpenKey(std::uint64_t handle, const char* function) {
+  const auto found = open_keys.find(handle);
+  if (found != open_keys.end()) return found->second.get();
+  SafeCallbacksWrapper::Log(k_error, "%s: no open key has handle %llu", function,
+                            static_cast<unsigned long long>(handle));
+  return nullptr;
+}
+
+bool KeyStore::CloseKey(std::uint64_t handle) { return open_keys.erase(handle) > 0; }
+
 bool KeyStore::ShowCertificateDialog(const X509_Auth_Certificate* certificate, void* parent) {
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;

@@ -1,6 +1,7 @@
 #pragma once
 #include <openssl/evp.h>
 
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "keystore/ASN1Wrapper.h"
 #include "keystore/CertificateWrapper.h"
 #include "keystore/IKeyStore.h"
+#include "keystore/OpenKey.h"
 #include "store/CertStore.h"
 
 namespace quorvant::shared::x509 {
@@ -74,6 +76,15 @@ class KeyStore : public IKeyStore {
                                                   const std::vector<unsigned char>& hash,
                                                   int salt_length);
 
+  // Opens the key of the certificate |thumbprint| names for the operations
+  // below; |*handle| receives a number never given before in this process.
+  X509_Auth_Result OpenKeyFor(const Thumbprint& thumbprint, std::uint64_t* handle);
+  // The open key |handle| names, or null (with an error line naming
+  // |function|) when no such key is open.
+  OpenKey* FindOpenKey(std::uint64_t handle, const char* function);
+  // False when no such key is open; its key is freed and cleansed now.
+  bool CloseKey(std::uint64_t handle);
+
   // Throws std::invalid_argument("Unimplemented") for an algorithm above 2.
   const X509_Auth_Signature* AllocateSignature(Algorithm algorithm,
                                                std::vector<unsigned char> signature);
@@ -100,12 +111,14 @@ class KeyStore : public IKeyStore {
                                               DecryptAlgorithm algorithm,
                                               const std::vector<unsigned char>& data);
 
-  // Destroyed in reverse: the store first, then every kept result.
+  // Destroyed in reverse: the open keys, the store, then every kept result.
   std::vector<std::unique_ptr<AllocatedCertificateList>> certificate_lists;
   std::vector<std::unique_ptr<AllocatedSignature>> signatures;
   std::vector<std::unique_ptr<AllocatedPlaintext>> plaintexts;
   std::vector<std::unique_ptr<AllocatedCAChainASN1List>> ca_chain_lists;
   CertStore cert_store;
+  // Before the store: their keys are freed (and cleansed) first.
+  std::map<std::uint64_t, std::unique_ptr<OpenKey>> open_keys;
 };
 
 }  // namespace quorvant::shared::x509

@@ -1,0 +1,277 @@
+// The provider's private-key work as a long-lived program feels it, each
+// beside its floor in the same library context: one digest-signature made
+// as libssl makes it (EVP_DigestSignInit_ex then EVP_DigestSign), and 500
+// TLS 1.3 handshakes with client authentication in one process, the client
+// key through the provider (x509auth:thumbprint=...) or in memory. P-256,
+// RSA-2048 and a password-protected RSA-2048 key file. Run with
+// --benchmark_enable_random_interleaving=true --benchmark_repetitions=N so
+// that the pairs are measured interleaved.
+#include <benchmark/benchmark.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/provider.h>
+#include <openssl/ssl.h>
+#include <openssl/store.h>
+#include <openssl/ui.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "ProviderContext.h"
+#include "TestPki.h"
+
+namespace {
+
+using namespace x509auth_test;
+namespace fs = std::filesystem;
+
+constexpr int k_handshakes = 500;
+constexpr const char* k_password = "bench-secret";
+
+enum Material { k_p256, k_rsa, k_rsa_locked };
+
+int PemCallback(char* buffer, int size, int, void*) {
+  const int length = static_cast<int>(std::strlen(k_password));
+  if (length > size) return -1;
+  std::memcpy(buffer, k_password, static_cast<std::size_t>(length));
+  return length;
+}
+
+using x509auth_openssl::OpenSslDeleter;
+using SslCtxPtr = std::unique_ptr<SSL_CTX, OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
+using SslPtr = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
+
+// One library context with the provider built in and OpenSSL's default
+// provider, client certificates with key files in a "certs"/"keys" base,
+// and a server that asks for a client certificate.
+class Bench {
+ public:
+  static Bench& Get() {
+    static Bench bench;
+    return bench;
+  }
+
+  struct Client {
+    TestKey key;
+    TestX509 cert;
+    EvpPkeyPtr through_provider;
+    EvpPkeyPtr in_memory;
+  };
+
+  Client& ClientFor(Material material) { return clients_.at(material); }
+  OSSL_LIB_CTX* Ctx() const { return ctx_.get(); }
+  SSL_CTX* Server() const { return server_.get(); }
+
+ private:
+  Bench() {
+    const fs::path base = dir_.path() / "base";
+    fs::create_directories(base / "certs");
+    fs::create_directories(base / "keys");
+    ca_key_ = MakeKey(KeyKind::k_ec);
+    CertOptions ca_options;
+    ca_options.common_name = "Bench CA";
+    ca_options.is_ca = true;
+    ca_options.key_usage = "critical,keyCertSign";
+    ca_ = MakeCert(ca_options, ca_key_.get());
+    WriteFile(dir_.path() / "ca.pem", CertToPem(ca_.get()));
+    setenv("X509AUTH_DIRS", base.c_str(), 1);
+    setenv("X509AUTH_CA_FILES", (dir_.path() / "ca.pem").c_str(), 1);
+    setenv("X509AUTH_MODULE", "none", 1);
+    setenv("X509AUTH_LOG", "none", 1);
+
+    ctx_.reset(OSSL_LIB_CTX_new());
+    if (OSSL_PROVIDER_add_builtin(ctx_.get(), "x509auth",
+                                  x509auth_provider::X509AuthProviderInit) != 1)
+      throw std::runtime_error("provider not added");
+    x509auth_.reset(OSSL_PROVIDER_load(ctx_.get(), "x509auth"));
+    default_.reset(OSSL_PROVIDER_load(ctx_.get(), "default"));
+    if (!x509auth_ || !default_) throw std::runtime_error("providers not loaded");
+    ui_.reset(UI_UTIL_wrap_read_pem_callback(PemCallback, 0));
+
+    const struct {
+      Material material;
+      KeyKind kind;
+      const char* name;
+      const char* password;
+    } made[] = {{k_p256, KeyKind::k_ec, "p256", nullptr},
+                {k_rsa, KeyKind::k_rsa, "rsa", nullptr},
+                {k_rsa_locked, KeyKind::k_rsa, "rsa-locked", k_password}};
+    for (const auto& m : made) {
+      Client client;
+      client.key = MakeKey(m.kind);
+      CertOptions options;
+      options.common_name = m.name;
+      options.extended_key_usage = "clientAuth";
+      options.key_usage = "critical,digitalSignature,keyEncipherment";
+      client.cert = MakeCert(options, client.key.get(), ca_.get(), ca_key_.get());
+      WriteFile(base / "certs" / (std::string(m.name) + ".pem"), CertToPem(client.cert.get()));
+      WriteFile(base / "keys" / (std::string(m.name) + ".pem.key"),
+                KeyToPem(client.key.get(), m.password));
+      clients_.emplace(m.material, std::move(client));
+    }
+    // Files changed within the last two seconds are compared byte for byte
+    // at each use; a long-lived program's key files are older than that.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    for (auto& [material, client] : clients_) {
+      client.through_provider.reset(LoadThroughProvider(client.cert.get()));
+      // The floor: the same key parsed once into the same library context.
+      const std::string pem = KeyToPem(client.key.get());
+      BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+      client.in_memory.reset(
+          PEM_read_bio_PrivateKey_ex(bio.get(), nullptr, nullptr, nullptr, ctx_.get(), nullptr));
+      if (!client.through_provider || !client.in_memory)
+        throw std::runtime_error("a client key did not load");
+    }
+
+    server_key_ = MakeKey(KeyKind::k_ec);
+    CertOptions server_options;
+    server_options.common_name = "localhost";
+    server_cert_ = MakeCert(server_options, server_key_.get());
+    server_.reset(SSL_CTX_new_ex(ctx_.get(), nullptr, TLS_server_method()));
+    SSL_CTX_set_min_proto_version(server_.get(), TLS1_3_VERSION);
+    SSL_CTX_use_certificate(server_.get(), server_cert_.get());
+    SSL_CTX_use_PrivateKey(server_.get(), server_key_.get());
+    SSL_CTX_set_verify(server_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    X509_STORE_add_cert(SSL_CTX_get_cert_store(server_.get()), ca_.get());
+    SSL_CTX_set_session_cache_mode(server_.get(), SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_num_tickets(server_.get(), 0);
+  }
+
+  EVP_PKEY* LoadThroughProvider(X509* cert) {
+    const std::string uri = "x509auth:thumbprint=" + LowerHex(Sha1Thumbprint(cert));
+    OSSL_STORE_CTX* store = OSSL_STORE_open_ex(uri.c_str(), ctx_.get(), nullptr, ui_.get(), nullptr,
+                                               nullptr, nullptr, nullptr);
+    EVP_PKEY* key = nullptr;
+    while (store != nullptr && !OSSL_STORE_eof(store)) {
+      OSSL_STORE_INFO* info = OSSL_STORE_load(store);
+      if (info == nullptr) break;
+      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY)
+        key = OSSL_STORE_INFO_get1_PKEY(info);
+      OSSL_STORE_INFO_free(info);
+    }
+    if (store != nullptr) OSSL_STORE_close(store);
+    return key;
+  }
+
+  TempDir dir_;
+  TestKey ca_key_, server_key_;
+  TestX509 ca_, server_cert_;
+  LibCtxPtr ctx_;
+  OsslProviderPtr x509auth_, default_;
+  UiMethodPtr ui_;
+  std::map<Material, Client> clients_;
+  SslCtxPtr server_;
+};
+
+EVP_PKEY* KeyOf(Material material, bool provider) {
+  Bench::Client& client = Bench::Get().ClientFor(material);
+  return provider ? client.through_provider.get() : client.in_memory.get();
+}
+
+void DigestSign(benchmark::State& state, Material material, bool provider) {
+  OSSL_LIB_CTX* ctx = Bench::Get().Ctx();
+  EVP_PKEY* key = KeyOf(material, provider);
+  unsigned char data[128] = {1, 2, 3};
+  unsigned char signature[512];
+  for (auto _ : state) {
+    EvpMdCtxPtr md(EVP_MD_CTX_new());
+    std::size_t length = sizeof signature;
+    if (EVP_DigestSignInit_ex(md.get(), nullptr, "SHA256", ctx, nullptr, key, nullptr) != 1 ||
+        EVP_DigestSign(md.get(), signature, &length, data, sizeof data) != 1) {
+      state.SkipWithError("signature failed");
+      break;
+    }
+    benchmark::DoNotOptimize(signature[0]);
+  }
+}
+
+// One full TLS 1.3 handshake over a memory BIO pair; false on failure.
+bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
+  SslPtr client(SSL_new(client_ctx));
+  SslPtr server(SSL_new(server_ctx));
+  BIO* client_bio = nullptr;
+  BIO* server_bio = nullptr;
+  if (!client || !server || BIO_new_bio_pair(&client_bio, 0, &server_bio, 0) != 1) return false;
+  SSL_set_bio(client.get(), client_bio, client_bio);
+  SSL_set_bio(server.get(), server_bio, server_bio);
+  SSL_set_connect_state(client.get());
+  SSL_set_accept_state(server.get());
+  bool client_done = false;
+  bool server_done = false;
+  for (int round = 0; round < 100 && !(client_done && server_done); ++round) {
+    if (!client_done) {
+      const int r = SSL_do_handshake(client.get());
+      if (r == 1)
+        client_done = true;
+      else if (SSL_get_error(client.get(), r) != SSL_ERROR_WANT_READ)
+        return false;
+    }
+    if (!server_done) {
+      const int r = SSL_do_handshake(server.get());
+      if (r == 1)
+        server_done = true;
+      else if (SSL_get_error(server.get(), r) != SSL_ERROR_WANT_READ)
+        return false;
+    }
+  }
+  return client_done && server_done;
+}
+
+void Handshakes(benchmark::State& state, Material material, bool provider) {
+  Bench& bench = Bench::Get();
+  Bench::Client& client = bench.ClientFor(material);
+  SslCtxPtr client_ctx(SSL_CTX_new_ex(bench.Ctx(), nullptr, TLS_client_method()));
+  SSL_CTX_set_min_proto_version(client_ctx.get(), TLS1_3_VERSION);
+  SSL_CTX_use_certificate(client_ctx.get(), client.cert.get());
+  if (SSL_CTX_use_PrivateKey(client_ctx.get(), KeyOf(material, provider)) != 1) {
+    state.SkipWithError("client key refused");
+    return;
+  }
+  SSL_CTX_set_verify(client_ctx.get(), SSL_VERIFY_NONE, nullptr);
+  SSL_CTX_set_session_cache_mode(client_ctx.get(), SSL_SESS_CACHE_OFF);
+  for (auto _ : state) {
+    for (int i = 0; i < k_handshakes; ++i) {
+      if (!Handshake(client_ctx.get(), bench.Server())) {
+        state.SkipWithError("handshake failed");
+        ERR_print_errors_fp(stderr);
+        return;
+      }
+    }
+  }
+  state.counters["handshakes/s"] = benchmark::Counter(
+      static_cast<double>(state.iterations()) * k_handshakes, benchmark::Counter::kIsRate);
+}
+
+BENCHMARK_CAPTURE(DigestSign, P256_Provider, k_p256, true);
+BENCHMARK_CAPTURE(DigestSign, P256_InMemory, k_p256, false);
+BENCHMARK_CAPTURE(DigestSign, Rsa2048_Provider, k_rsa, true);
+BENCHMARK_CAPTURE(DigestSign, Rsa2048_InMemory, k_rsa, false);
+BENCHMARK_CAPTURE(Handshakes, P256_Provider, k_p256, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, P256_InMemory, k_p256, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, Rsa2048_Provider, k_rsa, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, Rsa2048_InMemory, k_rsa, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, Rsa2048Locked_Provider, k_rsa_locked, true)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, Rsa2048Locked_InMemory, k_rsa_locked, false)
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+// The material is made before any benchmark runs, so that a profile of one
+// benchmark (callgrind --toggle-collect) holds its loop alone.
+int main(int argc, char** argv) {
+  Bench::Get();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,164 @@
+#include "keystore/OpenKey.h"
+
+#include <algorithm>
+#include <utility>
+#include <variant>
+
+#include "base/SafeCallbacksWrapper.h"
+#include "base/WipeOnExit.h"
+#include "cert/ICertificate.h"
+#include "cert/Key.h"
+#include "keystore/KeyStore.h"
+#include "store/CertStore.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+constexpr auto k_error = X509_Auth_LogPriority_Error;
+
+X509_Auth_Result Outcome(std::int32_t code, std::uint64_t detail = 0) {
+  return X509_Auth_Result{code, 0, detail};
+}
+
+// As Key::Open reports it: 1 for every way a key cannot be opened; a key
+// that no longer matches has a code of its own.
+constexpr std::int32_t k_key_not_opened = 1;
+
+X509_Auth_Result KeyFailure(KeptKeyFile::State state) {
+  const std::int32_t code = state == KeptKeyFile::State::k_mismatch
+                                ? std::int32_t{X509_Auth_ResultCode_KeyMismatch}
+                                : std::int32_t{X509_Auth_ResultCode_KeyOpenFailed};
+  return Outcome(code, k_key_not_opened);
+}
+
+EvpPkeyPtr SharedKey(EVP_PKEY* key) {
+  EVP_PKEY_up_ref(key);
+  return EvpPkeyPtr(key);
+}
+
+}  // namespace
+
+OpenKey::OpenKey(const Thumbprint& thumbprint, Algorithm group, std::unique_ptr<KeptKeyFile> file)
+    : thumbprint_(thumbprint), group_(group), file_(std::move(file)) {}
+
+std::unique_ptr<OpenKey> OpenKey::Open(const Thumbprint& thumbprint, X509_Auth_Result& failure) {
+  CertStore users_store;
+  const std::uint32_t store_error = users_store.Open(ICertificateStore::k_users_cert_store);
+  if (store_error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
+                              static_cast<int>(store_error));
+    failure = Outcome(X509_Auth_ResultCode_StoreOpenFailed, store_error);
+    return nullptr;
+  }
+  std::unique_ptr<ICertificate> cert;
+  const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint, &cert);
+  if (find_error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
+                              static_cast<int>(find_error));
+    failure = Outcome(X509_Auth_ResultCode_CertificateNotFound, find_error);
+    return nullptr;
+  }
+  const Algorithm group = cert->PublicKeyAlgorithmGroup();
+  const CertContext& context = cert->GetContext();
+  if (std::holds_alternative<std::unique_ptr<Libp11CertContext>>(context))
+    return std::make_unique<OpenKey>(thumbprint, group, nullptr);
+  const auto* file = std::get_if<std::unique_ptr<CertFileContext>>(&context);
+  if (file == nullptr) {
+    SafeCallbacksWrapper::Log(k_error, "Cannot load private key for encoded cert: [%s]",
+                              cert->Name().c_str());
+    failure = Outcome(X509_Auth_ResultCode_KeyOpenFailed);
+    return nullptr;
+  }
+  const CertFileContext& file_context = **file;
+  X509_up_ref(file_context.x509.get());
+  auto kept = std::make_unique<KeptKeyFile>(X509Ptr(file_context.x509.get()),
+                                            file_context.cert_path, file_context.key_path);
+  auto opened = std::make_unique<OpenKey>(thumbprint, group, std::move(kept));
+  Key key;
+  if (auto refused = opened->Prepare(key)) {
+    failure = *refused;
+    return nullptr;
+  }
+  return opened;
+}
+
+std::optional<X509_Auth_Result> OpenKey::Prepare(Key& key) {
+  const KeptKeyFile::State state = file_->Refresh();
+  if (state != KeptKeyFile::State::k_ready) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)",
+                              k_key_not_opened);
+    return KeyFailure(state);
+  }
+  if (key.Use(SharedKey(file_->Key())) != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)",
+                              k_key_not_opened);
+    return Outcome(X509_Auth_ResultCode_KeyOpenFailed, k_key_not_opened);
+  }
+  return std::nullopt;
+}
+
+KeyStoreResult<X509_Auth_Signature> OpenKey::SignHash(KeyStore& store,
+                                                      const std::vector<Algorithm>& algorithms,
+                                                      const std::vector<unsigned char>& hash) {
+  if (!file_) return store.SignHash(thumbprint_, algorithms, hash);
+  if (group_ == Algorithm::k_unknown ||
+      std::find(algorithms.begin(), algorithms.end(), group_) == algorithms.end()) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support requested algorithm");
+    return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
+  }
+  Key key;
+  if (auto failure = Prepare(key)) return {nullptr, *failure};
+  std::vector<unsigned char> signature;
+  const ResultPair signed_result = key.Sign(hash, &signature);
+  if (signed_result.code != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to sign hash (error: %d, %lu)", signed_result.code,
+                              static_cast<unsigned long>(signed_result.detail));
+    return {nullptr, Outcome(signed_result.code, signed_result.detail)};
+  }
+  return {store.AllocateSignature(group_, std::move(signature)), Outcome(0)};
+}
+
+KeyStoreResult<X509_Auth_Signature> OpenKey::SignHashPss(KeyStore& store, const EVP_MD* digest,
+                                                         const std::vector<unsigned char>& hash,
+                                                         int salt_length) {
+  if (!file_) return store.SignHashPss(thumbprint_, digest, hash, salt_length);
+  Key key;
+  if (group_ == Algorithm::k_rsa) {
+    if (auto failure = Prepare(key)) return {nullptr, *failure};
+  }
+  if (group_ != Algorithm::k_rsa || key.Algorithm() != Algorithm::k_rsa) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA-PSS signatures");
+    return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
+  }
+  std::vector<unsigned char> signature;
+  const ResultPair signed_result = key.SignPss(digest, hash, salt_length, &signature);
+  if (signed_result.code != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to sign hash with RSA-PSS (error: %d, %lu)",
+                              signed_result.code, static_cast<unsigned long>(signed_result.detail));
+    return {nullptr, Outcome(signed_result.code, signed_result.detail)};
+  }
+  return {store.AllocateSignature(Algorithm::k_rsa, std::move(signature)), Outcome(0)};
+}
+
+KeyStoreResult<X509_Auth_ASN_1> OpenKey::Decrypt(KeyStore& store, DecryptAlgorithm algorithm,
+                                                 const std::vector<unsigned char>& data) {
+  if (!file_) return store.Decrypt(thumbprint_, algorithm, data);
+  if (group_ != Algorithm::k_rsa) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");
+    return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
+  }
+  Key key;
+  if (auto failure = Prepare(key)) return {nullptr, *failure};
+  std::vector<unsigned char> plaintext;
+  const WipeOnExit wipe(plaintext);  // empty once moved into the kept record
+  const ResultPair decrypted = key.Decrypt(algorithm, data, &plaintext);
+  if (decrypted.code != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to decrypt data (error: %d, %lu)", decrypted.code,
+                              static_cast<unsigned long>(decrypted.detail));
+    return {nullptr, Outcome(decrypted.code, decrypted.detail)};
+  }
+  return {store.AllocatePlaintext(std::move(plaintext)), Outcome(0)};
+}
+
+}  // namespace quorvant::shared::x509
