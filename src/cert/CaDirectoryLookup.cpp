@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "base/NeverDestroyed.h"
 #include "base/OpenSslPtr.h"
 #include "files/FileIdentity.h"
 #include "x509auth/RegularFile.h"
@@ -60,8 +61,8 @@ struct Cache {
 };
 
 Cache& TheCache() {
-  static Cache cache;
-  return cache;
+  static NeverDestroyed<Cache> cache;
+  return cache.get();
 }
 
 // "<8 hex digits>.<digits>" or "<8 hex digits>.r<digits>": the names
@@ -239,7 +240,7 @@ bool CaDirectoryLookup::AddTo(X509_STORE* store, const std::string& directory) {
 void CaDirectoryLookup::Clear() {
   Cache& cache = TheCache();
   std::lock_guard<std::mutex> lock(cache.mutex);
-  cache.directories.clear();
+  std::map<std::string, Directory>().swap(cache.directories);
 }
 
 }  // namespace quorvant::shared::x509

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <new>
 
+#include "base/NeverDestroyed.h"
+
 namespace quorvant::shared::x509 {
 
 namespace {
@@ -53,25 +55,7 @@ std::string KeyOf(const std::string& path, const std::string& key_prefix) {
 
 }  // namespace
 
-namespace {
-
-// Holds an object whose destructor never runs.
-template <typename T>
-class NeverDestroyed {
- public:
-  NeverDestroyed() { ::new (static_cast<void*>(storage_)) T(); }
-  T& get() { return *std::launder(reinterpret_cast<T*>(storage_)); }
-
- private:
-  alignas(T) unsigned char storage_[sizeof(T)];
-};
-
-}  // namespace
-
 DirectorySnapshots& DirectorySnapshots::GetInstance() {
-  // Never destroyed: the library may be ended (which clears this) from
-  // another library's exit handler after static objects are gone, as when
-  // OpenSSL's cleanup ends the provider that uses it.
   static NeverDestroyed<DirectorySnapshots> snapshots;
   return snapshots.get();
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/NeverDestroyed.h"
 #include "base/WipeOnExit.h"
 #include "files/PrivateKeyFiles.h"
 #include "x509auth/RegularFile.h"
@@ -33,8 +34,8 @@ EvpPkeyPtr Share(EVP_PKEY* key) {
 }  // namespace
 
 PlainKeyCache& PlainKeyCache::GetInstance() {
-  static PlainKeyCache instance;
-  return instance;
+  static NeverDestroyed<PlainKeyCache> instance;
+  return instance.get();
 }
 
 EvpPkeyPtr PlainKeyCache::Get(X509* cert, const std::filesystem::path& cert_path,
@@ -90,7 +91,7 @@ EvpPkeyPtr PlainKeyCache::Get(X509* cert, const std::filesystem::path& cert_path
 
 void PlainKeyCache::Clear() {
   std::lock_guard<std::mutex> lock(mutex_);
-  kept_.clear();
+  std::map<std::string, Kept>().swap(kept_);
 }
 
 std::size_t PlainKeyCache::Size() const {

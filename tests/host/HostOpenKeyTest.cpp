@@ -394,5 +394,40 @@ TEST_F(HostOpenKeyTest, KeysLeftOpenAtExitAreFreedWithTheProcessWithoutACrash) {
   EXPECT_EQ(report, "exit 0");
 }
 
+void EndLibraryAtExit() { X509_Auth_DeInit(); }
+
+TEST_F(HostOpenKeyTest, LibraryEndedByAnExitHandlerAfterItsCachesAreFilledExitsCleanly) {
+  // A certificate whose CA is in no added file sends the chain check to the
+  // system's CA directory, whose listing the library keeps.
+  const ForeignClient foreign = MakeClientOfUnknownCa("Foreign");
+  InstallFileCert(Base("base"), "foreign.pem", foreign.leaf.get(), foreign.leaf_key.get());
+  const std::string report = RunInChild([this] {
+    // The handler is registered before the library fills its process-wide
+    // caches (the CA directory's listing, the plain key kept for
+    // X509_Auth_SignHash), so it runs after their static objects would be
+    // gone, as a provider ended by OpenSSL's cleanup is.
+    const pid_t host = fork();
+    if (host == 0) {
+      std::atexit(EndLibraryAtExit);
+      uint64_t count = 0;
+      const X509_Auth_Certificate* records = nullptr;
+      if (!X509_Auth_LoadClientCertificates(&count, &records)) std::_Exit(3);
+      X509_Auth_Free(records);
+      const Bytes thumbprint = Sha1Thumbprint(rsa_.get());
+      const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "kept");
+      const X509_Auth_Signature* signature = nullptr;
+      const X509_Auth_Result result = X509_Auth_SignHash(
+          thumbprint.data(), 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
+      X509_Auth_Free(signature);
+      std::exit(result.code == 0 ? 0 : 4);
+    }
+    int status = 0;
+    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
+    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+    return "exit " + std::to_string(WEXITSTATUS(status));
+  });
+  EXPECT_EQ(report, "exit 0");
+}
+
 }  // namespace
 }  // namespace x509auth_test
