@@ -202,17 +202,24 @@ void FreeMethodData(X509_LOOKUP* lookup) {
   X509_LOOKUP_set_method_data(lookup, nullptr);
 }
 
-// Made once and kept until the process ends: a store freed during exit,
-// after static objects are gone, still calls its lookup's free function.
+// Made at the first use after the library starts and freed when it ends,
+// after every store that could hold a lookup of it is gone (the key store
+// goes first): a copy of the library inside a provider or module that is
+// unloaded afterwards must leave nothing behind. Under the cache's lock.
+X509_LOOKUP_METHOD*& MethodSlot() {
+  static X509_LOOKUP_METHOD* method = nullptr;
+  return method;
+}
+
 X509_LOOKUP_METHOD* Method() {
-  static X509_LOOKUP_METHOD* const method = [] {
-    X509_LOOKUP_METHOD* made = X509_LOOKUP_meth_new("x509auth CA directory");
-    if (made != nullptr) {
-      X509_LOOKUP_meth_set_get_by_subject(made, GetBySubject);
-      X509_LOOKUP_meth_set_free(made, FreeMethodData);
-    }
-    return made;
-  }();
+  std::lock_guard<std::mutex> lock(TheCache().mutex);
+  X509_LOOKUP_METHOD*& method = MethodSlot();
+  if (method != nullptr) return method;
+  method = X509_LOOKUP_meth_new("x509auth CA directory");
+  if (method != nullptr) {
+    X509_LOOKUP_meth_set_get_by_subject(method, GetBySubject);
+    X509_LOOKUP_meth_set_free(method, FreeMethodData);
+  }
   return method;
 }
 
@@ -241,6 +248,8 @@ void CaDirectoryLookup::Clear() {
   Cache& cache = TheCache();
   std::lock_guard<std::mutex> lock(cache.mutex);
   std::map<std::string, Directory>().swap(cache.directories);
+  X509_LOOKUP_meth_free(MethodSlot());
+  MethodSlot() = nullptr;
 }
 
 }  // namespace quorvant::shared::x509

@@ -16,7 +16,8 @@ class CaDirectoryLookup {
  public:
   // Adds the lookup over |directory| to |store|; false when it cannot.
   static bool AddTo(X509_STORE* store, const std::string& directory);
-  // Forgets every listing and parsed file (the library's end).
+  // Forgets every listing and parsed file and frees the lookup method (the
+  // library's end, once no store holds the lookup).
   static void Clear();
 };
 
