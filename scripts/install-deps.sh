@@ -20,6 +20,7 @@ packages=(
   p11-kit p11-kit-modules
   openjdk-17-jdk-headless
   pcscd vsmartcard-vpcd libcacard-dev
+  libengine-pkcs11-openssl
 )
 
 missing=()
