@@ -57,6 +57,18 @@ class TerminalTest : public ToolTest {
 
   std::string Screen() { return Tmux("capture-pane -p -t prompt"); }
 
+  // Waits up to 10 s until no tmux server answers on the test's socket.
+  bool WaitForServerGone() {
+    for (int i = 0; i < 100; ++i) {
+      const std::string answer = Tmux("list-sessions");
+      if (answer.find("no server running") != std::string::npos ||
+          answer.find("error connecting") != std::string::npos)
+        return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+  }
+
   // Waits up to 20 s for |text| on the screen.
   bool WaitForScreen(const std::string& text) {
     for (int i = 0; i < 200; ++i) {
@@ -248,6 +260,10 @@ TEST_F(TerminalTest, EverySignalThatEndsThePromptRestoresEchoAndEndsByThatSignal
     EXPECT_NE(screen.find("MODE=echo"), std::string::npos) << strsignal(c.signal_number) << "\n"
                                                            << screen;
     Tmux("kill-session -t prompt");
+    // The last session gone, the server exits; the next case's new session
+    // would otherwise reach it while it is exiting ("server exited
+    // unexpectedly").
+    ASSERT_TRUE(WaitForServerGone());
   }
 }
 
