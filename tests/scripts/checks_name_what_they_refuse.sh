@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# The two source checks the test command runs fail on what they exist to
-# catch, and name it: an include of src/ that points up a layer, and a file
-# not laid out as .clang-format says. Each runs on a small tree of its own.
-# Usage: checks_name_what_they_refuse.sh <project root> layers|format
+# The source checks the test command runs fail on what they exist to catch,
+# and name it: an include of src/ that points up a layer, a file not laid out
+# as .clang-format says, and an architecture map that names a file that is
+# gone. Each runs on a small tree of its own.
+# Usage: checks_name_what_they_refuse.sh <project root> layers|format|architecture
 set -euo pipefail
 root="$1"
 which="$2"
@@ -47,8 +48,37 @@ case "$which" in
     expect 0 "check_format: 1 files formatted as .clang-format says" \
       bash "$root/scripts/check_format.sh" "$work"
     ;;
+  architecture)
+    mkdir -p "$work/src/base" "$work/src/files" "$work/docs" "$work/scripts"
+    cp "$root/scripts/check_layers.sh" "$work/scripts/"
+    touch "$work/src/base/Thumbprint.h"
+    {
+      echo '`base <- files, smartcard <- cert <- store <- keystore <- capi`'
+      echo '| `src/base/` | handles | itself |'
+      echo '| `src/files/` | files | base |'
+      echo 'Thumbprints are in `src/base/Thumbprint.h`, keys in `src/files/Gone.cpp`.'
+    } > "$work/docs/architecture.md"
+    expect 1 "check_architecture: docs/architecture.md names src/files/Gone.cpp, which does not exist" \
+      bash "$root/scripts/check_architecture.sh" "$work"
+    sed -i 's|, keys in `src/files/Gone.cpp`||' "$work/docs/architecture.md"
+    mkdir -p "$work/src/extra"
+    expect 1 "check_architecture: src/extra/ has no row in the layers table" \
+      bash "$root/scripts/check_architecture.sh" "$work"
+    rmdir "$work/src/extra"
+    sed -i 's|base <- files, smartcard|base <- smartcard|' "$work/docs/architecture.md"
+    expect 1 "does not state the layer order" bash "$root/scripts/check_architecture.sh" "$work"
+    sed -i 's|base <- smartcard|base <- files, smartcard|' "$work/docs/architecture.md"
+    expect 0 "every path named in docs/architecture.md exists" \
+      bash "$root/scripts/check_architecture.sh" "$work"
+    # In a git tree, each tracked top folder needs its row in the README.
+    printf '| `src/base/` | handles |\n| `docs/` | the map |\n' > "$work/README.md"
+    git -C "$work" init -q
+    git -C "$work" add -A
+    expect 1 "check_architecture: scripts/ has no row in the README's layout table" \
+      bash "$root/scripts/check_architecture.sh" "$work"
+    ;;
   *)
-    echo "usage: $0 <project root> layers|format" >&2
+    echo "usage: $0 <project root> layers|format|architecture" >&2
     exit 2
     ;;
 esac
