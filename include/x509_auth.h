@@ -451,6 +451,26 @@ X509_AUTH_EXPORT X509_Auth_Result X509_Auth_OpenKeyDecrypt(
 X509_AUTH_EXPORT X509_Auth_ResultCode
 X509_Auth_CloseKey(X509_Auth_KeyHandle key);
 
+/* X509_Auth_FindCertificate hands out the one certificate whose SHA-1
+ * thumbprint is the 20 bytes at |thumbprint|, without listing the others:
+ * certificate files are looked at first, then the tokens (the PKCS#11
+ * module is loaded only when no file holds the certificate), then the CA
+ * certificates the host added. |*certificate| receives one record, laid out
+ * and filled as X509_Auth_LoadClientCertificates fills it (with the same
+ * log lines), owned by the library until passed to X509_Auth_Free. A file
+ * or token certificate that the listing leaves out (its key usage, its
+ * chain) is not found here either; an added CA certificate is handed as it
+ * is, with type X509_Auth_CertificateType_Other and its chain when it
+ * verifies (else none).
+ *
+ * Returns 0 on success; otherwise |*certificate| is null and the code is
+ * X509_Auth_ResultCode_StoreOpenFailed (2: the tokens could not be
+ * listed), X509_Auth_ResultCode_CertificateNotFound (3: no such
+ * certificate, or one not offered), X509_Auth_ResultCode_InvalidArgument
+ * (a null pointer) or X509_Auth_ResultCode_Reentered. Never throws. */
+X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_FindCertificate(
+    const uint8_t* thumbprint, const X509_Auth_Certificate** certificate);
+
 #ifdef __cplusplus
 }
 #endif

@@ -274,6 +274,23 @@ X509_Auth_Result X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_Hash
   }
 }
 
+X509_Auth_ResultCode X509_Auth_FindCertificate(const uint8_t* thumbprint,
+                                               const X509_Auth_Certificate** certificate) {
+  constexpr const char* k_function = "X509_Auth_FindCertificate";
+  if (certificate != nullptr) *certificate = nullptr;
+  const CallGuard guard(k_function);
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
+  if (thumbprint == nullptr || certificate == nullptr || !KeyStoreOwner())
+    return InvalidArgument(k_function).code;
+  return Contained(k_function,
+                   [&] {
+                     return X509_Auth_Result{
+                         KeyStoreOwner()->FindCertificate(CopyThumbprint(thumbprint), certificate),
+                         0, 0};
+                   })
+      .code;
+}
+
 X509_Auth_Result X509_Auth_OpenKey(const uint8_t* thumbprint, X509_Auth_KeyHandle* key) {
   if (key != nullptr) *key = 0;
   const CallGuard guard("X509_Auth_OpenKey");

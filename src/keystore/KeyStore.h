@@ -9,6 +9,7 @@
 #include "keystore/ASN1Wrapper.h"
 #include "keystore/CertificateWrapper.h"
 #include "keystore/IKeyStore.h"
+#include "keystore/KeptOfferDecisions.h"
 #include "keystore/OpenKey.h"
 #include "store/CertStore.h"
 
@@ -76,6 +77,13 @@ class KeyStore : public IKeyStore {
                                                   const std::vector<unsigned char>& hash,
                                                   int salt_length);
 
+  // The one certificate |thumbprint| names, as the listing would describe
+  // it, found in the listing's order (files, tokens, the host's added
+  // certificates) without listing the others: the PKCS#11 module is loaded
+  // only when no file holds it. |*certificate| is freed like a listing.
+  X509_Auth_ResultCode FindCertificate(const Thumbprint& thumbprint,
+                                       const X509_Auth_Certificate** certificate);
+
   // Opens the key of the certificate |thumbprint| names for the operations
   // below; |*handle| receives a number never given before in this process.
   X509_Auth_Result OpenKeyFor(const Thumbprint& thumbprint, std::uint64_t* handle);
@@ -117,6 +125,8 @@ class KeyStore : public IKeyStore {
   std::vector<std::unique_ptr<AllocatedPlaintext>> plaintexts;
   std::vector<std::unique_ptr<AllocatedCAChainASN1List>> ca_chain_lists;
   CertStore cert_store;
+  // Decisions of certificate files, kept between listings.
+  KeptOfferDecisions kept_decisions;
   // Before the store: their keys are freed (and cleansed) first.
   std::map<std::uint64_t, std::unique_ptr<OpenKey>> open_keys;
 };
