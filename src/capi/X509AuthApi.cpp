@@ -291,6 +291,22 @@ X509_Auth_ResultCode X509_Auth_FindCertificate(const uint8_t* thumbprint,
       .code;
 }
 
+X509_Auth_ResultCode X509_Auth_GetListingVersion(uint64_t* version) {
+  constexpr const char* k_function = "X509_Auth_GetListingVersion";
+  const CallGuard guard(k_function);
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
+  if (version == nullptr || !KeyStoreOwner()) return InvalidArgument(k_function).code;
+  return Contained(k_function,
+                   [&] {
+                     const bool opened = KeyStoreOwner()->ListingVersion(version);
+                     return X509_Auth_Result{
+                         opened ? X509_Auth_ResultCode_Success
+                                : X509_Auth_ResultCode{X509_Auth_ResultCode_StoreOpenFailed},
+                         0, 0};
+                   })
+      .code;
+}
+
 X509_Auth_Result X509_Auth_OpenKey(const uint8_t* thumbprint, X509_Auth_KeyHandle* key) {
   if (key != nullptr) *key = 0;
   const CallGuard guard("X509_Auth_OpenKey");

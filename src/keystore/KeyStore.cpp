@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -229,6 +230,10 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
       wrappers.push_back(std::move(wrapper));
   }
   kept_decisions.EndListing();
+  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+  if (trust.empty() || trust != listed_trust || now >= listed_until) ++listing_version;
+  listed_trust = trust;
+  listed_until = kept_decisions.ListingChangesAt();
   SafeCallbacksWrapper::Log(k_warning, "Total Client Certificates picked: %d",
                             static_cast<int>(wrappers.size()));
 
@@ -458,6 +463,25 @@ X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(const X509_Auth_Certi
         cert->Name().c_str());
   }
   return X509_Auth_ResultCode_Success;
+}
+
+bool KeyStore::ListingVersion(std::uint64_t* version) {
+  CertStore users_store;
+  const std::uint32_t error = users_store.Open(ICertificateStore::k_users_cert_store);
+  if (error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
+                              static_cast<int>(error));
+    return false;
+  }
+  const std::string trust = KeptOfferDecisions::TrustOf(users_store, cert_store);
+  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+  if (trust.empty() || trust != listed_trust || now >= listed_until) {
+    // The next listing gives another number again.
+    listed_trust.clear();
+    ++listing_version;
+  }
+  *version = listing_version;
+  return true;
 }
 
 X509_Auth_ResultCode KeyStore::FindCertificate(const Thumbprint& thumbprint,

@@ -449,6 +449,9 @@ std::string CertStore::ContentDigest() const {
     } else if (!add_x509(entry->x509.get())) {
       return {};
     }
+    // A renamed file keeps its certificate and changes its record's key.
+    const std::string& key_path = entry->key_path.native();
+    EVP_DigestUpdate(context.get(), key_path.c_str(), key_path.size() + 1);
   }
   const unsigned char separator = 0;
   EVP_DigestUpdate(context.get(), &separator, 1);

@@ -56,8 +56,9 @@ class CertStore : public ICertificateStore {
   Lookup OpenFor(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
                  std::uint32_t* token_status);
 
-  // A digest of every certificate gathered (files, tokens, added), in order:
-  // equal digests mean chains built against this store may be kept.
+  // A digest of every certificate gathered (files with their key paths,
+  // tokens, added), in order: equal digests mean chains built against this
+  // store may be kept, and a listing of it gives the same records.
   std::string ContentDigest() const;
 
   // Scans every configured base directory; always returns 0.
