@@ -451,6 +451,43 @@ X509_AUTH_EXPORT X509_Auth_Result X509_Auth_OpenKeyDecrypt(
 X509_AUTH_EXPORT X509_Auth_ResultCode
 X509_Auth_CloseKey(X509_Auth_KeyHandle key);
 
+/* X509_Auth_FindCertificate hands out the one certificate whose SHA-1
+ * thumbprint is the 20 bytes at |thumbprint|, without listing the others:
+ * certificate files are looked at first, then the tokens (the PKCS#11
+ * module is loaded only when no file holds the certificate), then the CA
+ * certificates the host added. |*certificate| receives one record, laid out
+ * and filled as X509_Auth_LoadClientCertificates fills it (with the same
+ * log lines), owned by the library until passed to X509_Auth_Free. A file
+ * or token certificate that the listing leaves out (its key usage, its
+ * chain) is not found here either; an added CA certificate is handed as it
+ * is, with type X509_Auth_CertificateType_Other and its chain when it
+ * verifies (else none).
+ *
+ * Returns 0 on success; otherwise |*certificate| is null and the code is
+ * X509_Auth_ResultCode_StoreOpenFailed (2: the tokens could not be
+ * listed), X509_Auth_ResultCode_CertificateNotFound (3: no such
+ * certificate, or one not offered), X509_Auth_ResultCode_InvalidArgument
+ * (a null pointer) or X509_Auth_ResultCode_Reentered. Never throws. */
+X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_FindCertificate(
+    const uint8_t* thumbprint, const X509_Auth_Certificate** certificate);
+
+/* X509_Auth_GetListingVersion writes to |*version| a number that stays the
+ * same while X509_Auth_LoadClientCertificates would hand out the same
+ * records as its latest call did (the same certificate files under the same
+ * names, tokens, added CAs and default CA locations, and no validity date
+ * of a chain crossed), and is another number otherwise: a host that keeps
+ * what it built from a listing lists again only when it changed. It opens
+ * the users' store to compare, with its log lines, and lists nothing. A
+ * certificate of a token, or one whose chain failed for a reason other than
+ * its verification, makes every call give another number. A CA file
+ * rewritten in place inside the default CA directory may go unseen.
+ *
+ * Returns 0, X509_Auth_ResultCode_StoreOpenFailed (2: the users' store
+ * could not be opened), X509_Auth_ResultCode_InvalidArgument (a null
+ * pointer) or X509_Auth_ResultCode_Reentered. Never throws. */
+X509_AUTH_EXPORT X509_Auth_ResultCode
+X509_Auth_GetListingVersion(uint64_t* version);
+
 #ifdef __cplusplus
 }
 #endif

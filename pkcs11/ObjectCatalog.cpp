@@ -35,7 +35,22 @@ CK_OBJECT_HANDLE ObjectCatalog::HandleFor(const Thumbprint& thumbprint, ObjectKi
   return handle;
 }
 
+bool ObjectCatalog::KeyFilesUnchanged() {
+  for (const auto& [path, encrypted] : probed_)
+    if (probe_.IsEncrypted(path) != encrypted) return false;
+  return true;
+}
+
 bool ObjectCatalog::Refresh(bool token_certificates) {
+  // Nothing the latest listing gave can have changed: its objects stand.
+  uint64_t version = 0;
+  const bool versioned = X509_Auth_GetListingVersion(&version) == X509_Auth_ResultCode_Success;
+  if (versioned && listed_version_ != 0 && version == listed_version_ &&
+      token_certificates == listed_tokens_ && KeyFilesUnchanged()) {
+    LogLine(0, "listing unchanged: %zu object(s)", current_.size());
+    return true;
+  }
+  listed_version_ = 0;
   uint64_t count = 0;
   const X509_Auth_Certificate* certificates = nullptr;
   bool listed = false;
@@ -53,6 +68,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   bool needs_login = false;
   std::vector<Thumbprint> files_asking, tokens_asking;
   std::vector<std::string> key_paths;
+  std::vector<std::pair<std::string, bool>> probed;
   for (uint64_t i = 0; i < count; ++i) {
     const X509_Auth_Certificate& record = certificates[i];
     if (record.key_path != nullptr && *record.key_path != '\0')
@@ -66,10 +82,13 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
       needs_login = true;
       tokens_asking.push_back(thumbprint);
     } else if (record.cert_type == X509_Auth_CertificateType_FileBased &&
-               record.key_path != nullptr && *record.key_path != '\0' &&
-               probe_.IsEncrypted(record.key_path)) {
-      needs_login = true;
-      files_asking.push_back(thumbprint);
+               record.key_path != nullptr && *record.key_path != '\0') {
+      const bool encrypted = probe_.IsEncrypted(record.key_path);
+      probed.emplace_back(record.key_path, encrypted);
+      if (encrypted) {
+        needs_login = true;
+        files_asking.push_back(thumbprint);
+      }
     }
   }
 
@@ -136,9 +155,15 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     it = seen.count(it->first) != 0 ? std::next(it) : authorities_.erase(it);
 
   current_ = std::move(current);
+  by_id_.clear();
+  for (const auto& [handle, object] : current_)
+    if (const Bytes* id = object->Find(CKA_ID)) by_id_[*id].push_back(handle);
   needs_login_ = needs_login;
   files_asking_ = std::move(files_asking);
   tokens_asking_ = std::move(tokens_asking);
+  probed_ = std::move(probed);
+  listed_version_ = versioned ? version : 0;
+  listed_tokens_ = token_certificates;
   LogLine(0, "listing: %zu certificate(s), %zu object(s)", offered.size(), current_.size());
   return true;
 }
@@ -146,10 +171,21 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
 std::vector<CK_OBJECT_HANDLE> ObjectCatalog::Find(const CK_ATTRIBUTE* templ, CK_ULONG count,
                                                   bool show_private) const {
   std::vector<CK_OBJECT_HANDLE> found;
-  for (const auto& [handle, object] : current_) {
-    if (!show_private && object->BoolAttribute(CKA_PRIVATE)) continue;
-    if (object->Matches(templ, count)) found.push_back(handle);
+  const auto consider = [&](CK_OBJECT_HANDLE handle, const TokenObject& object) {
+    if (!show_private && object.BoolAttribute(CKA_PRIVATE)) return;
+    if (object.Matches(templ, count)) found.push_back(handle);
+  };
+  // A search by CKA_ID (what a program does once it knows the certificate)
+  // looks at the few objects with that id only, in handle order as well.
+  for (CK_ULONG i = 0; i < count; ++i) {
+    if (templ[i].type != CKA_ID || templ[i].pValue == nullptr) continue;
+    const auto* bytes = static_cast<const unsigned char*>(templ[i].pValue);
+    const auto same_id = by_id_.find(Bytes(bytes, bytes + templ[i].ulValueLen));
+    if (same_id == by_id_.end()) return found;
+    for (const CK_OBJECT_HANDLE handle : same_id->second) consider(handle, *current_.at(handle));
+    return found;
   }
+  for (const auto& [handle, object] : current_) consider(handle, *object);
   return found;
 }
 
@@ -162,9 +198,12 @@ void ObjectCatalog::Clear() {
   built_.clear();
   authorities_.clear();
   current_.clear();
+  by_id_.clear();
   needs_login_ = false;
   files_asking_.clear();
   tokens_asking_.clear();
+  probed_.clear();
+  listed_version_ = 0;
   left_out_ = x509auth_common::LeftOutCertificates();
 }
 

@@ -1,13 +1,17 @@
 #pragma once
 // The token's objects as the library offers them now. Every
-// C_FindObjectsInit lists again, so a certificate added, removed or changed
-// on disk appears or goes at the next search. Handles are given per
+// C_FindObjectsInit asks the library whether a listing would differ from the
+// latest (X509_Auth_GetListingVersion) and lists again when it would, or
+// when a key file's encryption changed, so a certificate added, removed or
+// changed on disk appears or goes at the next search. Handles are given per
 // (thumbprint, kind) and only ever grow: one handle always names the same
 // object, and a handle whose certificate went is never given to another.
 // Objects built from a certificate are kept by thumbprint (same thumbprint,
 // same bytes), so a listing of unchanged certificates builds nothing.
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -47,6 +51,9 @@ class ObjectCatalog {
 
  private:
   CK_OBJECT_HANDLE HandleFor(const Thumbprint& thumbprint, ObjectKind kind);
+  // Whether every key file the latest listing probed is still as encrypted
+  // (or not) as it was then.
+  bool KeyFilesUnchanged();
 
   struct Built {
     bool keys_private = false;
@@ -57,11 +64,18 @@ class ObjectCatalog {
   std::map<std::pair<Thumbprint, int>, CK_OBJECT_HANDLE> handles_;
   CK_OBJECT_HANDLE next_handle_ = 1;
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current_;
+  // The handles of current_ by their CKA_ID, each list in handle order.
+  std::map<Bytes, std::vector<CK_OBJECT_HANDLE>> by_id_;
   KeyFileProbe probe_;
   x509auth_common::LeftOutCertificates left_out_;
   bool needs_login_ = false;
   std::vector<Thumbprint> files_asking_;
   std::vector<Thumbprint> tokens_asking_;
+  // The key files the latest listing probed, with their answers.
+  std::vector<std::pair<std::string, bool>> probed_;
+  // The library's listing version the objects were built from; 0: none.
+  uint64_t listed_version_ = 0;
+  bool listed_tokens_ = false;
 };
 
 }  // namespace x509auth_pkcs11

@@ -102,8 +102,55 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
   return 1;
 }
 
+// The one certificate a thumbprint URI names, found without listing the
+// others (nor loading the PKCS#11 module for a file certificate).
+bool FindOne(StoreContext* context) {
+  context->listed = true;
+  ProviderContext::CallReport report;
+  X509_Auth_ResultCode code = X509_Auth_ResultCode_Success;
+  // Run as a listing, so that a file left out for its chain is named as
+  // the listing names it.
+  context->provider->RunListing(&report, [&](std::vector<std::string>& offered_key_paths) {
+    const X509_Auth_Certificate* record = nullptr;
+    code = X509_Auth_FindCertificate(context->thumbprint.data(), &record);
+    if (code == X509_Auth_ResultCode_CertificateNotFound) return true;
+    if (code != X509_Auth_ResultCode_Success) return false;
+    if (record->key_path != nullptr && *record->key_path != '\0')
+      offered_key_paths.push_back(record->key_path);
+    Entry entry;
+    entry.der.assign(record->encoded, record->encoded + record->encoded_length);
+    std::memcpy(entry.thumbprint.data(), record->thumbprint, entry.thumbprint.size());
+    entry.name = record->name != nullptr ? record->name : "";
+    entry.smart_card = record->cert_type == X509_Auth_CertificateType_SmartCard;
+    // An added CA certificate has no key: the listing never offers it.
+    const bool offered = record->cert_type != X509_Auth_CertificateType_Other;
+    X509_Auth_Free(record);
+    if (offered) {
+      context->entries.push_back(std::move(entry));
+    } else {
+      code = X509_Auth_ResultCode_CertificateNotFound;
+    }
+    return true;
+  });
+  if (code == X509_Auth_ResultCode_CertificateNotFound) {
+    X509AUTH_RAISE(context->provider, k_reason_certificate_not_found, "thumbprint=%s",
+                   context->thumbprint_hex.c_str());
+    return false;
+  }
+  if (code != X509_Auth_ResultCode_Success) {
+    std::string evidence;
+    for (const std::string& line : report.evidence) evidence += " | " + line;
+    X509AUTH_RAISE(context->provider, k_reason_listing_failed,
+                   "X509_Auth_FindCertificate could not open the store (%d)%s",
+                   static_cast<int>(code), evidence.c_str());
+    return false;
+  }
+  return true;
+}
+
 // Lists the offered certificates once, keeping copies of the ones wanted.
 bool List(StoreContext* context) {
+  if (!context->list_all) return FindOne(context);
   context->listed = true;
   ProviderContext::CallReport report;
   const bool listed =

@@ -274,6 +274,39 @@ X509_Auth_Result X509_Auth_SignHashPss(const uint8_t* thumbprint, X509_Auth_Hash
   }
 }
 
+X509_Auth_ResultCode X509_Auth_FindCertificate(const uint8_t* thumbprint,
+                                               const X509_Auth_Certificate** certificate) {
+  constexpr const char* k_function = "X509_Auth_FindCertificate";
+  if (certificate != nullptr) *certificate = nullptr;
+  const CallGuard guard(k_function);
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
+  if (thumbprint == nullptr || certificate == nullptr || !KeyStoreOwner())
+    return InvalidArgument(k_function).code;
+  return Contained(k_function,
+                   [&] {
+                     return X509_Auth_Result{
+                         KeyStoreOwner()->FindCertificate(CopyThumbprint(thumbprint), certificate),
+                         0, 0};
+                   })
+      .code;
+}
+
+X509_Auth_ResultCode X509_Auth_GetListingVersion(uint64_t* version) {
+  constexpr const char* k_function = "X509_Auth_GetListingVersion";
+  const CallGuard guard(k_function);
+  if (!guard.Entered()) return X509_Auth_ResultCode_Reentered;
+  if (version == nullptr || !KeyStoreOwner()) return InvalidArgument(k_function).code;
+  return Contained(k_function,
+                   [&] {
+                     const bool opened = KeyStoreOwner()->ListingVersion(version);
+                     return X509_Auth_Result{
+                         opened ? X509_Auth_ResultCode_Success
+                                : X509_Auth_ResultCode{X509_Auth_ResultCode_StoreOpenFailed},
+                         0, 0};
+                   })
+      .code;
+}
+
 X509_Auth_Result X509_Auth_OpenKey(const uint8_t* thumbprint, X509_Auth_KeyHandle* key) {
   if (key != nullptr) *key = 0;
   const CallGuard guard("X509_Auth_OpenKey");

@@ -2,6 +2,9 @@
 
 #include <openssl/x509.h>
 
+#include <algorithm>
+#include <ctime>
+
 #include "base/SafeCallbacksWrapper.h"
 #include "cert/DefaultCaPaths.h"
 #include "cert/X509StoreBatch.h"
@@ -22,6 +25,30 @@ bool MoreCasCouldHelp(int error) {
     case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT: return true;
     default: return false;
   }
+}
+
+// The seconds since the epoch |time| names; false when it cannot be read.
+bool Seconds(const ASN1_TIME* time, std::int64_t* seconds) {
+  struct tm fields {};
+  if (time == nullptr || ASN1_TIME_to_tm(time, &fields) != 1) return false;
+  *seconds = static_cast<std::int64_t>(timegm(&fields));
+  return true;
+}
+
+// The earliest moment after |now| at which a member of |members| becomes
+// valid or expires: a verification then may end otherwise.
+std::int64_t NextDateChange(STACK_OF(X509) * members, std::int64_t now) {
+  std::int64_t next = ChainBuilder::k_never;
+  for (int i = 0; i < sk_X509_num(members); ++i) {
+    const X509* member = sk_X509_value(members, i);
+    std::int64_t seconds = 0;
+    // Unreadable dates leave nothing to keep the outcome by.
+    if (!Seconds(X509_get0_notBefore(member), &seconds)) return 0;
+    if (seconds > now) next = std::min(next, seconds);
+    if (!Seconds(X509_get0_notAfter(member), &seconds)) return 0;
+    if (seconds >= now) next = std::min(next, seconds + 1);
+  }
+  return next;
 }
 
 }  // namespace
@@ -66,6 +93,7 @@ bool ChainBuilder::InitContext(X509_STORE_CTX* context, X509* cert) {
 
 bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
                            std::vector<Thumbprint>& chain) {
+  last_changes_at_ = 0;
   X509StoreCtxPtr context(X509_STORE_CTX_new());
   if (!context) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
@@ -88,6 +116,9 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
     if (!InitContext(context.get(), cert)) return false;
     verified = X509_verify_cert(context.get());
   }
+  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+  if (STACK_OF(X509)* tried = X509_STORE_CTX_get0_chain(context.get()); tried != nullptr)
+    last_changes_at_ = NextDateChange(tried, now);
   if (verified != 1) {
     const int error = X509_STORE_CTX_get_error(context.get());
     const int depth = X509_STORE_CTX_get_error_depth(context.get());

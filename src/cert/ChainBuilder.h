@@ -1,6 +1,7 @@
 #pragma once
 #include <openssl/x509_vfy.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,12 @@ class ChainBuilder {
   // (null fails), |extra| may be null. Logs every failure.
   bool CaChain(X509* cert, X509_STORE* own, X509_STORE* extra, std::vector<Thumbprint>& chain);
   const Failure& LastFailure() const { return last_failure_; }
+  // When the last CaChain's outcome may next change by time alone: the
+  // earliest validity date, still ahead, of a certificate of the chain it
+  // built or tried (seconds since the epoch); k_never when none is ahead,
+  // and 0 when nothing was verified.
+  static constexpr std::int64_t k_never = INT64_MAX;
+  std::int64_t LastChainChangesAt() const { return last_changes_at_; }
   void ForgetFailure() { last_failure_ = Failure{}; }
 
  private:
@@ -54,6 +61,7 @@ class ChainBuilder {
   // Whether the system's CA file has joined |trusted_| (see CaChain).
   bool ca_file_added_ = false;
   Failure last_failure_;
+  std::int64_t last_changes_at_ = 0;
 };
 
 }  // namespace quorvant::shared::x509

@@ -134,6 +134,38 @@ void DefaultCaPaths::AddCaFile(X509_STORE* store) {
   ERR_clear_error();
 }
 
+namespace {
+
+void AppendIdentity(const std::string& path, std::string& text) {
+  text += path;
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    text += "|-|";
+    return;
+  }
+  for (const long long value :
+       {static_cast<long long>(status.st_dev), static_cast<long long>(status.st_ino),
+        static_cast<long long>(status.st_size), static_cast<long long>(status.st_mtim.tv_sec),
+        static_cast<long long>(status.st_mtim.tv_nsec),
+        static_cast<long long>(status.st_ctim.tv_sec),
+        static_cast<long long>(status.st_ctim.tv_nsec)}) {
+    text += '|';
+    text += std::to_string(value);
+  }
+  text += '|';
+}
+
+}  // namespace
+
+std::string DefaultCaPaths::Fingerprint() {
+  std::string text;
+  const char* file = secure_getenv(X509_get_default_cert_file_env());
+  AppendIdentity(file != nullptr ? file : X509_get_default_cert_file(), text);
+  const char* directory = secure_getenv(X509_get_default_cert_dir_env());
+  AppendIdentity(directory != nullptr ? directory : X509_get_default_cert_dir(), text);
+  return text;
+}
+
 int DefaultCaPaths::SetOn(X509_STORE* store) {
   // The lookups of X509_STORE_set_default_paths after its file lookup, in
   // the same order; the file's contents come with AddCaFile.

@@ -1,6 +1,7 @@
 #pragma once
 #include <openssl/x509_vfy.h>
 
+#include <string>
 #include <vector>
 
 #include "base/OpenSslPtr.h"
@@ -22,6 +23,11 @@ class DefaultCaPaths {
   // Adds the CA file's certificates and CRLs (from the cache, parsing the
   // file if it changed). A missing CA file adds nothing and is no failure.
   static void AddCaFile(X509_STORE* store);
+  // What the default CA locations are now (the CA file's and the CA
+  // directory's paths, devices, inodes, sizes, modification and change
+  // times): equal texts mean chains verified against them may be kept. A
+  // file rewritten in place inside the directory does not change it.
+  static std::string Fingerprint();
 };
 
 }  // namespace quorvant::shared::x509

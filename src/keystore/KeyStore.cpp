@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,7 @@
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
+#include "keystore/CertificateRecords.h"
 #include "keystore/OfferDecision.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/TokenPrivateKey.h"
@@ -217,77 +219,27 @@ bool KeyStore::LoadClientCertificates(std::uint64_t* count,
   // Every chain of this listing is built against the same trust, so the
   // trusted store is made once for all of them.
   ChainBuilder chain_builder;
+  const std::string trust = KeptOfferDecisions::TrustOf(users_store, cert_store);
+  kept_decisions.BeginListing();
   for (const std::unique_ptr<ICertificate>& cert : certs) {
     CertificateWrapper wrapper;
-    wrapper.name = cert->Name();
-    wrapper.issuer_name = cert->IssuerName();
-    wrapper.not_before = cert->NotBefore();
-    wrapper.not_after = cert->NotAfter();
-    wrapper.supports_smart_card = cert->SupportsSmartCard();
-    wrapper.encoded = cert->Encode();
-    wrapper.key_algorithm_group = static_cast<std::uint32_t>(cert->PublicKeyAlgorithmGroup());
-    SafeCallbacksWrapper::Log(k_warning, "cert: [%s]", cert->Name().c_str());
-
-    const CertContext& context = cert->GetContext();
-    if (const auto* file = std::get_if<std::unique_ptr<CertFileContext>>(&context)) {
-      wrapper.cert_type = X509_Auth_CertificateType_FileBased;
-      wrapper.key_path = (*file)->key_path.string();
-      SafeCallbacksWrapper::Log(k_warning, "cert type: [%d] FileBased",
-                                static_cast<int>(wrapper.cert_type));
-    } else if (std::holds_alternative<std::unique_ptr<Libp11CertContext>>(context)) {
-      wrapper.cert_type = X509_Auth_CertificateType_SmartCard;
-      SafeCallbacksWrapper::Log(k_warning,
-                                "Keys Path not returned for smart card, request separately");
-    } else {
-      wrapper.cert_type = X509_Auth_CertificateType_Other;
-      SafeCallbacksWrapper::Log(k_warning, "cert type: [%d]", static_cast<int>(wrapper.cert_type));
-    }
-
     // Chains are built against the store holding the host's added CAs, not
     // this request's users' store.
-    OfferDecision decision =
-        DecideOffer(*cert, &cert_store, chain_builder, OfferDecision::Reasons::k_until_refused);
-    if (!decision.chained) {
-      SafeCallbacksWrapper::Log(k_error, "Failed to get CA chain for a certificate");
-      continue;
-    }
-    if (!decision.has_thumbprint) {
-      SafeCallbacksWrapper::Log(k_error, "Failed to get thumbprint for a certificate");
-      continue;
-    }
-    wrapper.ca_chain = std::move(decision.chain);
-    wrapper.thumbprint = decision.thumbprint;
-    wrappers.push_back(wrapper);
+    if (CertificateRecords::Describe(*cert, &cert_store, chain_builder, kept_decisions, trust,
+                                     &wrapper))
+      wrappers.push_back(std::move(wrapper));
   }
+  kept_decisions.EndListing();
+  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+  if (trust.empty() || trust != listed_trust || now >= listed_until) ++listing_version;
+  listed_trust = trust;
+  listed_until = kept_decisions.ListingChangesAt();
   SafeCallbacksWrapper::Log(k_warning, "Total Client Certificates picked: %d",
                             static_cast<int>(wrappers.size()));
 
   auto list = std::make_unique<AllocatedCertificateList>();
   list->wrappers = std::move(wrappers);
-  // Sized once: the records' addresses are handed out and must never move.
-  list->records.reserve(list->wrappers.size());
-  for (CertificateWrapper& wrapper : list->wrappers) {
-    for (const Thumbprint& member : wrapper.ca_chain)
-      wrapper.ca_chain_pointers.push_back(member.data());
-    if (wrapper.key_algorithm_group > 2) throw std::invalid_argument("Unimplemented");
-    X509_Auth_Certificate record{};
-    record.name = wrapper.name.c_str();
-    record.issuer_name = wrapper.issuer_name.c_str();
-    record.not_before = wrapper.not_before;
-    record.not_after = wrapper.not_after;
-    record.smart_card = wrapper.supports_smart_card ? 1 : 0;
-    record.padding = 0;
-    record.thumbprint = wrapper.thumbprint.data();
-    record.encoded_length = wrapper.encoded.size();
-    record.encoded = wrapper.encoded.data();
-    record.ca_chain_count = wrapper.ca_chain_pointers.size();
-    record.ca_chain = wrapper.ca_chain_pointers.data();
-    record.key_algorithm_group = wrapper.key_algorithm_group;
-    record.cert_type = wrapper.cert_type;
-    record.key_path = wrapper.key_path.c_str();
-    record.reserved = wrapper.reserved;
-    list->records.push_back(record);
-  }
+  list->records = CertificateRecords::Records(list->wrappers);
 
   *count = list->records.size();
   *certificates = list->records.data();
@@ -510,6 +462,77 @@ X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(const X509_Auth_Certi
         k_error, "Error loading private key for smart card cert: [%s] get returned null",
         cert->Name().c_str());
   }
+  return X509_Auth_ResultCode_Success;
+}
+
+bool KeyStore::ListingVersion(std::uint64_t* version) {
+  CertStore users_store;
+  const std::uint32_t error = users_store.Open(ICertificateStore::k_users_cert_store);
+  if (error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
+                              static_cast<int>(error));
+    return false;
+  }
+  const std::string trust = KeptOfferDecisions::TrustOf(users_store, cert_store);
+  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
+  if (trust.empty() || trust != listed_trust || now >= listed_until) {
+    // The next listing gives another number again.
+    listed_trust.clear();
+    ++listing_version;
+  }
+  *version = listing_version;
+  return true;
+}
+
+X509_Auth_ResultCode KeyStore::FindCertificate(const Thumbprint& thumbprint,
+                                               const X509_Auth_Certificate** certificate) {
+  CertStore users_store;
+  std::unique_ptr<ICertificate> cert;
+  std::uint32_t token_status = 0;
+  const CertStore::Lookup found = users_store.OpenFor(thumbprint, &cert, &token_status);
+  if (found == CertStore::Lookup::k_tokens_failed) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
+                              static_cast<int>(token_status));
+    return X509_Auth_ResultCode_StoreOpenFailed;
+  }
+  // Then the host's added certificates, the listing's last source.
+  const bool added = found == CertStore::Lookup::k_absent;
+  if (added) {
+    const std::uint32_t find_error = cert_store.FindThumbprintShared(thumbprint, &cert);
+    if (find_error != 0) {
+      SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
+                                static_cast<int>(find_error));
+      return X509_Auth_ResultCode_CertificateNotFound;
+    }
+  }
+  // A file or token certificate the listing would leave out is not handed
+  // out here either; an added one is the host's own CA, handed as it is.
+  if (!added && !IsPermitted(*cert)) {
+    SafeCallbacksWrapper::Log(k_error,
+                              "X509_Auth_FindCertificate: [%s] is not offered for client "
+                              "authentication (key usage)",
+                              cert->Name().c_str());
+    return X509_Auth_ResultCode_CertificateNotFound;
+  }
+  ChainBuilder chain_builder;
+  std::vector<CertificateWrapper> wrappers(1);
+  CertificateWrapper& wrapper = wrappers[0];
+  if (!added) {
+    const std::string trust = KeptOfferDecisions::TrustOf(users_store, cert_store);
+    if (!CertificateRecords::Describe(*cert, &cert_store, chain_builder, kept_decisions, trust,
+                                      &wrapper))
+      return X509_Auth_ResultCode_CertificateNotFound;
+  } else {
+    // An added CA is no offer: its chain when it verifies, else none.
+    CertificateRecords::DescribeSource(*cert, &wrapper);
+    if (!cert->CaChain(wrapper.ca_chain, &cert_store, chain_builder)) wrapper.ca_chain.clear();
+    if (!cert->Thumbprint(wrapper.thumbprint)) return X509_Auth_ResultCode_CertificateNotFound;
+  }
+  auto list = std::make_unique<AllocatedCertificateList>();
+  list->wrappers = std::move(wrappers);
+  list->records = CertificateRecords::Records(list->wrappers);
+  *certificate = list->records.data();
+  certificate_lists.push_back(std::move(list));
   return X509_Auth_ResultCode_Success;
 }
 

@@ -9,6 +9,7 @@
 #include "keystore/ASN1Wrapper.h"
 #include "keystore/CertificateWrapper.h"
 #include "keystore/IKeyStore.h"
+#include "keystore/KeptOfferDecisions.h"
 #include "keystore/OpenKey.h"
 #include "store/CertStore.h"
 
@@ -76,6 +77,19 @@ class KeyStore : public IKeyStore {
                                                   const std::vector<unsigned char>& hash,
                                                   int salt_length);
 
+  // The one certificate |thumbprint| names, as the listing would describe
+  // it, found in the listing's order (files, tokens, the host's added
+  // certificates) without listing the others: the PKCS#11 module is loaded
+  // only when no file holds it. |*certificate| is freed like a listing.
+  X509_Auth_ResultCode FindCertificate(const Thumbprint& thumbprint,
+                                       const X509_Auth_Certificate** certificate);
+
+  // A number that stays the same while a listing would hand out the same
+  // records as the latest one, and is another one otherwise: the users'
+  // store is opened and compared with what that listing saw, nothing is
+  // listed. False when the store cannot be opened.
+  bool ListingVersion(std::uint64_t* version);
+
   // Opens the key of the certificate |thumbprint| names for the operations
   // below; |*handle| receives a number never given before in this process.
   X509_Auth_Result OpenKeyFor(const Thumbprint& thumbprint, std::uint64_t* handle);
@@ -117,6 +131,12 @@ class KeyStore : public IKeyStore {
   std::vector<std::unique_ptr<AllocatedPlaintext>> plaintexts;
   std::vector<std::unique_ptr<AllocatedCAChainASN1List>> ca_chain_lists;
   CertStore cert_store;
+  // Decisions of certificate files, kept between listings.
+  KeptOfferDecisions kept_decisions;
+  // What the latest listing saw, and until when its records hold.
+  std::string listed_trust;
+  std::int64_t listed_until = 0;
+  std::uint64_t listing_version = 1;
   // Before the store: their keys are freed (and cleansed) first.
   std::map<std::uint64_t, std::unique_ptr<OpenKey>> open_keys;
 };

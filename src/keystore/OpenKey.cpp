@@ -44,16 +44,18 @@ OpenKey::OpenKey(const Thumbprint& thumbprint, Algorithm group, std::unique_ptr<
 
 std::unique_ptr<OpenKey> OpenKey::Open(const Thumbprint& thumbprint, X509_Auth_Result& failure) {
   CertStore users_store;
-  const std::uint32_t store_error = users_store.Open(ICertificateStore::k_users_cert_store);
-  if (store_error != 0) {
+  std::unique_ptr<ICertificate> cert;
+  std::uint32_t token_status = 0;
+  // A file certificate's key opens without loading the PKCS#11 module.
+  const CertStore::Lookup found = users_store.OpenFor(thumbprint, &cert, &token_status);
+  if (found == CertStore::Lookup::k_tokens_failed) {
     SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
-                              static_cast<int>(store_error));
-    failure = Outcome(X509_Auth_ResultCode_StoreOpenFailed, store_error);
+                              static_cast<int>(token_status));
+    failure = Outcome(X509_Auth_ResultCode_StoreOpenFailed, token_status);
     return nullptr;
   }
-  std::unique_ptr<ICertificate> cert;
-  const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint, &cert);
-  if (find_error != 0) {
+  if (found == CertStore::Lookup::k_absent) {
+    const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint, &cert);
     SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
                               static_cast<int>(find_error));
     failure = Outcome(X509_Auth_ResultCode_CertificateNotFound, find_error);

@@ -1,6 +1,7 @@
 #include "store/CertStore.h"
 
 #include <fcntl.h>
+#include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -428,6 +429,43 @@ std::vector<std::unique_ptr<ICertificate>> CertStore::Certificates() const {
   return certificates;
 }
 
+std::string CertStore::ContentDigest() const {
+  const EvpMdCtxPtr context(EVP_MD_CTX_new());
+  if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) return {};
+  Thumbprint thumbprint{};
+  const auto add = [&](const Thumbprint& member) {
+    EVP_DigestUpdate(context.get(), member.data(), member.size());
+  };
+  // A certificate whose thumbprint cannot be taken makes every digest
+  // differ: nothing is kept against it.
+  const auto add_x509 = [&](const X509* cert) {
+    if (!GetThumbprintForX509Cert(cert, &thumbprint)) return false;
+    add(thumbprint);
+    return true;
+  };
+  for (const auto& entry : file_certs) {
+    if (entry->has_thumbprint) {
+      add(entry->thumbprint);
+    } else if (!add_x509(entry->x509.get())) {
+      return {};
+    }
+    // A renamed file keeps its certificate and changes its record's key.
+    const std::string& key_path = entry->key_path.native();
+    EVP_DigestUpdate(context.get(), key_path.c_str(), key_path.size() + 1);
+  }
+  const unsigned char separator = 0;
+  EVP_DigestUpdate(context.get(), &separator, 1);
+  for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs)
+    if (!add_x509(entry.cert->x509)) return {};
+  EVP_DigestUpdate(context.get(), &separator, 1);
+  for (const X509Ptr& x509 : encoded_certs)
+    if (!add_x509(x509.get())) return {};
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_DigestFinal_ex(context.get(), digest, &length) != 1) return {};
+  return std::string(reinterpret_cast<const char*>(digest), length);
+}
+
 std::uint32_t CertStore::FindThumbprint(Thumbprint thumbprint,
                                         std::unique_ptr<ICertificate>* out) const {
   return Find(thumbprint, out, false);
@@ -440,6 +478,44 @@ std::uint32_t CertStore::FindThumbprintShared(Thumbprint thumbprint,
 
 std::uint32_t CertStore::Find(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
                               bool shared) const {
+  if (FindQuietly(thumbprint, out, shared)) return 0;
+  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                            "Failed to find certificate with thumprint: [%s]",
+                            DecimalThumbprintText(thumbprint).c_str());
+  return 1;
+}
+
+CertStore::Lookup CertStore::OpenFor(const Thumbprint& thumbprint,
+                                     std::unique_ptr<ICertificate>* out,
+                                     std::uint32_t* token_status) {
+  *token_status = 0;
+  if (x509_store) {
+    *token_status = k_status_failed;
+    return Lookup::k_tokens_failed;
+  }
+  x509_store.reset(X509_STORE_new());
+  if (!x509_store) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to create X509 store");
+    LogAllOpenSslErrors();
+    *token_status = 1;
+    return Lookup::k_tokens_failed;
+  }
+  // No default CA paths here: a chain builder adds its own, and signing
+  // needs none.
+  OpenFileStore();
+  if (FindQuietly(thumbprint, out, true)) return Lookup::k_found;
+  if (const std::uint32_t status = OpenSmartCardStore(); status != 0) {
+    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
+                              "Failed to open smart card certificate store");
+    LogAllOpenSslErrors();
+    *token_status = status;
+    return Lookup::k_tokens_failed;
+  }
+  return FindQuietly(thumbprint, out, true) ? Lookup::k_found : Lookup::k_absent;
+}
+
+bool CertStore::FindQuietly(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
+                            bool shared) const {
   // Sources are searched in listing order and never merged, so a certificate
   // that is also a file is found as the file, with its key path.
   for (const auto& entry : file_certs) {
@@ -449,13 +525,13 @@ std::uint32_t CertStore::Find(const Thumbprint& thumbprint, std::unique_ptr<ICer
               ? std::make_unique<Cert>(CertContext(std::make_unique<CertFileContext>(
                     CertFileContext{this, Shared(entry->x509), entry->cert_path, entry->key_path})))
               : MakeCert(this, *entry);
-      return 0;
+      return true;
     }
   }
   for (const Libp11Context::Libp11CertAndSlot& entry : smart_card_certs) {
     if (ThumbprintMatches(entry.cert->x509, thumbprint)) {
       *out = MakeCert(this, libp11_context, token_slots, entry);
-      return 0;
+      return true;
     }
   }
   for (const X509Ptr& x509 : encoded_certs) {
@@ -463,13 +539,10 @@ std::uint32_t CertStore::Find(const Thumbprint& thumbprint, std::unique_ptr<ICer
       *out = shared ? std::make_unique<Cert>(CertContext(std::make_unique<EncodedCertContext>(
                           EncodedCertContext{this, Shared(x509)})))
                     : MakeCert(this, x509);
-      return 0;
+      return true;
     }
   }
-  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                            "Failed to find certificate with thumprint: [%s]",
-                            DecimalThumbprintText(thumbprint).c_str());
-  return 1;
+  return false;
 }
 
 }  // namespace quorvant::shared::x509

@@ -46,6 +46,21 @@ class CertStore : public ICertificateStore {
   // that only reads them. A copy costs a full encode and parse.
   std::vector<std::unique_ptr<ICertificate>> SharedCertificates() const;
 
+  // What OpenFor found.
+  enum class Lookup { k_found, k_absent, k_tokens_failed };
+  // Opens only as much of a users' store as finding |thumbprint| needs: the
+  // certificate files, then the tokens when no file holds it, so that a file
+  // certificate never loads the PKCS#11 module. Found as Find finds it, and
+  // shared as FindThumbprintShared shares it. No line is written when it is
+  // absent; |*token_status| receives the token source's failure.
+  Lookup OpenFor(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
+                 std::uint32_t* token_status);
+
+  // A digest of every certificate gathered (files with their key paths,
+  // tokens, added), in order: equal digests mean chains built against this
+  // store may be kept, and a listing of it gives the same records.
+  std::string ContentDigest() const;
+
   // Scans every configured base directory; always returns 0.
   std::uint32_t OpenFileStore();
   // Scans base/"certs" for certificate files.
@@ -56,6 +71,9 @@ class CertStore : public ICertificateStore {
  private:
   std::uint32_t Find(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
                      bool shared) const;
+  // Find without its line when nothing matches.
+  bool FindQuietly(const Thumbprint& thumbprint, std::unique_ptr<ICertificate>* out,
+                   bool shared) const;
   // A base directory's "certs" directory as a complete earlier scan found
   // it, when nothing in it can have changed since; false when it must be
   // read (nothing is added then).
