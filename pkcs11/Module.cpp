@@ -496,7 +496,7 @@ CK_RV Module::Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_le
   if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
   if (found->sign == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
   // A length query must not consume the data: it is given again with the
-  // buffer, so the operation is copied until then.
+  // buffer, so the length is answered before the operation sees any data.
   OutputBuffer probe(signature, signature_length);
   if (!probe.Takes(found->sign->SignatureLength())) return probe.Answer();
   const CK_RV updated = found->sign->Update(data, data_length);

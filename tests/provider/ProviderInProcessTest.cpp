@@ -111,6 +111,73 @@ TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
   EXPECT_NE(errors.find("an RSA signature needs its digest set"), std::string::npos) << errors;
 }
 
+// Sets a digest (|name| under |key|) and its properties (|properties| under
+// |properties_key|; none when null) on |context|, as one call.
+bool SetDigestParams(EVP_PKEY_CTX* context, const char* key, const char* name,
+                     const char* properties_key, const char* properties) {
+  OSSL_PARAM params[3];
+  int count = 0;
+  if (name != nullptr)
+    params[count++] = OSSL_PARAM_construct_utf8_string(key, const_cast<char*>(name), 0);
+  if (properties != nullptr)
+    params[count++] =
+        OSSL_PARAM_construct_utf8_string(properties_key, const_cast<char*>(properties), 0);
+  params[count] = OSSL_PARAM_construct_end();
+  return EVP_PKEY_CTX_set_params(context, params) == 1;
+}
+
+// The name of the digest |key| reports on |context|, or "".
+std::string DigestParam(EVP_PKEY_CTX* context, const char* key) {
+  char name[64] = "";
+  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(key, name, sizeof name),
+                         OSSL_PARAM_construct_end()};
+  return EVP_PKEY_CTX_get_params(context, params) == 1 ? name : "";
+}
+
+TEST_F(ProviderInProcessTest, DigestPropertiesChooseWhereTheSignaturesDigestIsFetched) {
+  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+  auto loaded = Load(base_);
+  Answer answer;
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
+  ASSERT_NE(key, nullptr) << ErrorText();
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
+  ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
+  EXPECT_TRUE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA256",
+                              OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=default"))
+      << ErrorText();
+  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+  // No implementation has those properties: the digest is refused and the
+  // one set before stays.
+  EXPECT_FALSE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA384",
+                               OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=nowhere"));
+  EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
+  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+  // Properties without a digest name change nothing.
+  EXPECT_TRUE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_DIGEST, nullptr,
+                              OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=nowhere"))
+      << ErrorText();
+  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+}
+
+TEST_F(ProviderInProcessTest, Mgf1PropertiesChooseWhereTheMaskDigestIsFetched) {
+  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+  auto loaded = Load(base_);
+  Answer answer;
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
+  ASSERT_NE(key, nullptr) << ErrorText();
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
+  ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
+  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING), 1);
+  EXPECT_TRUE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA384",
+                              OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES, "provider=default"))
+      << ErrorText();
+  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
+  EXPECT_FALSE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA512",
+                               OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES, "provider=nowhere"));
+  EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
+  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
+}
+
 TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfTheKey) {
   const std::string thumbprint = InstallClient(KeyKind::k_rsa, "Locked Client", "s3cret");
   auto loaded = Load(base_);
