@@ -125,16 +125,9 @@ CK_RV Module::GetSlotList(CK_BBOOL /*token_present*/, CK_SLOT_ID_PTR slots, CK_U
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   // The token is always present, so both lists are the one slot.
-  if (slots == nullptr) {
-    *count = 1;
-    return CKR_OK;
-  }
-  if (*count < 1) {
-    *count = 1;
-    return CKR_BUFFER_TOO_SMALL;
-  }
-  slots[0] = k_slot;
-  *count = 1;
+  OutputArray<CK_SLOT_ID> output(slots, count);
+  if (!output.Takes(1)) return output.Answer();
+  output.Fill({k_slot});
   return CKR_OK;
 }
 
@@ -214,16 +207,9 @@ CK_RV Module::GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   if (slot != k_slot) return CKR_SLOT_ID_INVALID;
   const std::vector<CK_MECHANISM_TYPE> list = Mechanisms::List(link_.SignHashPss() != nullptr);
-  if (mechanisms == nullptr) {
-    *count = list.size();
-    return CKR_OK;
-  }
-  if (*count < list.size()) {
-    *count = list.size();
-    return CKR_BUFFER_TOO_SMALL;
-  }
-  std::copy(list.begin(), list.end(), mechanisms);
-  *count = list.size();
+  OutputArray<CK_MECHANISM_TYPE> output(mechanisms, count);
+  if (!output.Takes(list.size())) return output.Answer();
+  output.Fill(list);
   return CKR_OK;
 }
 
