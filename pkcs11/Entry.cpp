@@ -10,6 +10,7 @@
 #include "Module.h"
 
 using x509auth_pkcs11::HostErrorQueue;
+using x509auth_pkcs11::LogLevel;
 using x509auth_pkcs11::Module;
 using x509auth_pkcs11::ModuleLock;
 
@@ -23,7 +24,7 @@ CK_RV Guarded(Call&& call) noexcept {
   } catch (const std::bad_alloc&) {
     return CKR_HOST_MEMORY;
   } catch (const std::exception& error) {
-    x509auth_pkcs11::LogLine(3, "internal error: %s", error.what());
+    x509auth_pkcs11::LogLine(LogLevel::k_error, "internal error: %s", error.what());
     return CKR_GENERAL_ERROR;
   } catch (...) {
     return CKR_GENERAL_ERROR;

@@ -82,12 +82,15 @@ CK_RV Module::Initialize(CK_VOID_PTR init_args) {
   SetLogThreshold(settings_.log_threshold);
   catalog_.SetCertificateDirs(x509auth_common::LeftOutCertificates::CertificateDirs(
       settings_.dirs, settings_.home_dirs, std::getenv("HOME")));
-  if (!settings_.file_refusal.empty()) LogLine(3, "%s", settings_.file_refusal.c_str());
-  for (const std::string& problem : settings_.problems) LogLine(2, "%s", problem.c_str());
-  if (!settings_.config_file.empty()) LogLine(1, "settings from %s", settings_.config_file.c_str());
+  if (!settings_.file_refusal.empty())
+    LogLine(LogLevel::k_error, "%s", settings_.file_refusal.c_str());
+  for (const std::string& problem : settings_.problems)
+    LogLine(LogLevel::k_warning, "%s", problem.c_str());
+  if (!settings_.config_file.empty())
+    LogLine(LogLevel::k_info, "settings from %s", settings_.config_file.c_str());
   std::string failure;
   if (!link_.Start(settings_, failure)) {
-    LogLine(3, "%s", failure.c_str());
+    LogLine(LogLevel::k_error, "%s", failure.c_str());
     return CKR_GENERAL_ERROR;
   }
   unsigned char digest[SHA256_DIGEST_LENGTH];
@@ -153,7 +156,7 @@ void Module::Refresh() {
   const std::vector<Thumbprint>& cards_now = catalog_.TokenKeysAsking();
   for (const Thumbprint& card_key : cards_before) {
     if (std::find(cards_now.begin(), cards_now.end(), card_key) != cards_now.end()) continue;
-    LogLine(2, "a card whose PIN made the login went away; log in again");
+    LogLine(LogLevel::k_warning, "a card whose PIN made the login went away; log in again");
     LogoutAll();
     return;
   }
@@ -441,7 +444,7 @@ CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prom
     case X509_Auth_ResultCode_KeyOpenFailed:
       return prompts.answered > 0 ? CKR_PIN_INCORRECT : CKR_FUNCTION_FAILED;
     case X509_Auth_ResultCode_CertificateNotFound:
-      LogLine(3, "the certificate of this key is no longer offered");
+      LogLine(LogLevel::k_error, "the certificate of this key is no longer offered");
       return CKR_FUNCTION_FAILED;
     case X509_Auth_ResultCode_AlgorithmNotSupported: return CKR_KEY_TYPE_INCONSISTENT;
     case X509_Auth_ResultCode_MechanismNotSupported: return CKR_MECHANISM_INVALID;

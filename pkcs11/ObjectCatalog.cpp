@@ -44,7 +44,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     listed = X509_Auth_LoadClientCertificates(&count, &certificates);
   }
   if (!listed) {
-    LogLine(3, "the library could not list the certificates");
+    LogLine(LogLevel::k_error, "the library could not list the certificates");
     return false;
   }
   LibraryFree free_certificates(certificates);
@@ -73,7 +73,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     }
   }
 
-  for (const std::string& line : left_out_.Report(key_paths)) LogLine(3, "%s", line.c_str());
+  for (const std::string& line : left_out_.Report(key_paths))
+    LogLine(LogLevel::k_error, "%s", line.c_str());
 
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current;
   std::set<Thumbprint> seen;
@@ -139,7 +140,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   needs_login_ = needs_login;
   files_asking_ = std::move(files_asking);
   tokens_asking_ = std::move(tokens_asking);
-  LogLine(0, "listing: %zu certificate(s), %zu object(s)", offered.size(), current_.size());
+  LogLine(LogLevel::k_debug, "listing: %zu certificate(s), %zu object(s)", offered.size(),
+          current_.size());
   return true;
 }
 
