@@ -59,13 +59,8 @@ Command AddDecryptCommand(CLI::App& app, const GlobalOptions& global) {
       ->type_name("pkcs1|oaep")
       ->required()
       ->check(OneOf({"pkcs1", "oaep"}));
-  command->add_option("--in", options->in, "Input file, - for standard input")
-      ->type_name("FILE")
-      ->transform(AbsolutePath())
-      ->capture_default_str();
-  command->add_option("--out", options->out, "Write the plaintext here instead of stdout")
-      ->type_name("FILE")
-      ->transform(AbsolutePath());
+  AddInputAndOutput(*command, options->in, options->out,
+                    "Write the plaintext here instead of stdout");
   return {command, [&global, options] { return RunDecrypt(global, *options); }, nullptr};
 }
 

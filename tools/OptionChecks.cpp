@@ -67,4 +67,13 @@ void AddThumbprintArgument(CLI::App& command, std::string& thumbprint) {
       ->check(Thumbprint());
 }
 
+void AddInputAndOutput(CLI::App& command, std::string& in, std::string& out,
+                       const std::string& out_help) {
+  command.add_option("--in", in, "Input file, - for standard input")
+      ->type_name("FILE")
+      ->transform(AbsolutePath())
+      ->capture_default_str();
+  command.add_option("--out", out, out_help)->type_name("FILE")->transform(AbsolutePath());
+}
+
 }  // namespace x509auth_tool

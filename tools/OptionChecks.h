@@ -20,5 +20,9 @@ CLI::Validator OneOf(std::vector<std::string> choices);
 
 // The positional THUMBPRINT that most commands take.
 void AddThumbprintArgument(CLI::App& command, std::string& thumbprint);
+// --in FILE (standard input by default) and --out FILE, which |out_help|
+// describes.
+void AddInputAndOutput(CLI::App& command, std::string& in, std::string& out,
+                       const std::string& out_help);
 
 }  // namespace x509auth_tool

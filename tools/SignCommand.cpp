@@ -131,14 +131,8 @@ Command AddSignCommand(CLI::App& app, const GlobalOptions& global) {
       ->type_name("sha1|sha256|sha384|sha512")
       ->check(OneOf({"sha1", "sha256", "sha384", "sha512"}))
       ->capture_default_str();
-  command->add_option("--in", options->in, "Input file, - for standard input")
-      ->type_name("FILE")
-      ->transform(AbsolutePath())
-      ->capture_default_str();
-  command
-      ->add_option("--out", options->out, "Write the raw signature here instead of hex to stdout")
-      ->type_name("FILE")
-      ->transform(AbsolutePath());
+  AddInputAndOutput(*command, options->in, options->out,
+                    "Write the raw signature here instead of hex to stdout");
   command->add_flag("--pss", options->pss,
                     "RSA-PSS (salt as long as the digest) instead of PKCS#1 v1.5");
   return {command, [&global, options] { return RunSign(global, *options); }, nullptr};
