@@ -134,48 +134,60 @@ std::string DigestParam(EVP_PKEY_CTX* context, const char* key) {
   return EVP_PKEY_CTX_get_params(context, params) == 1 ? name : "";
 }
 
-TEST_F(ProviderInProcessTest, DigestPropertiesChooseWhereTheSignaturesDigestIsFetched) {
-  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
-  ASSERT_NE(key, nullptr) << ErrorText();
-  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
-  ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
-  EXPECT_TRUE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA256",
+// A signing context of an RSA client's key loaded through the provider.
+class ProviderSignatureParamsTest : public ProviderInProcessTest {
+ protected:
+  void SetUp() override {
+    ProviderInProcessTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+    loaded_ = Load(base_);
+    key_.reset(LoadKey(*loaded_, rsa, &answer_));
+    ASSERT_NE(key_, nullptr) << ErrorText();
+    context_.reset(EVP_PKEY_CTX_new_from_pkey(loaded_->ctx, key_.get(), nullptr));
+    ASSERT_EQ(EVP_PKEY_sign_init(context_.get()), 1);
+  }
+  void TearDown() override {
+    context_.reset();
+    key_.reset();
+    loaded_.reset();
+    ProviderInProcessTest::TearDown();
+  }
+
+  std::unique_ptr<Loaded> loaded_;
+  Answer answer_;
+  x509auth_openssl::EvpPkeyPtr key_;
+  EvpPkeyCtxPtr context_;
+};
+
+TEST_F(ProviderSignatureParamsTest, DigestPropertiesChooseWhereTheSignaturesDigestIsFetched) {
+  EXPECT_TRUE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA256",
                               OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=default"))
       << ErrorText();
-  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
   // No implementation has those properties: the digest is refused and the
   // one set before stays.
-  EXPECT_FALSE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA384",
+  EXPECT_FALSE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA384",
                                OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=nowhere"));
   EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
-  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
   // Properties without a digest name change nothing.
-  EXPECT_TRUE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_DIGEST, nullptr,
+  EXPECT_TRUE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST, nullptr,
                               OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=nowhere"))
       << ErrorText();
-  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
 }
 
-TEST_F(ProviderInProcessTest, Mgf1PropertiesChooseWhereTheMaskDigestIsFetched) {
-  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
-  ASSERT_NE(key, nullptr) << ErrorText();
-  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
-  ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
-  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING), 1);
-  EXPECT_TRUE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA384",
+TEST_F(ProviderSignatureParamsTest, Mgf1PropertiesChooseWhereTheMaskDigestIsFetched) {
+  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context_.get(), RSA_PKCS1_PSS_PADDING), 1);
+  EXPECT_TRUE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA384",
                               OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES, "provider=default"))
       << ErrorText();
-  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
-  EXPECT_FALSE(SetDigestParams(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA512",
+  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
+  EXPECT_FALSE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA512",
                                OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES, "provider=nowhere"));
   EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
-  EXPECT_EQ(DigestParam(context.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
+  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
 }
 
 TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfTheKey) {
