@@ -154,6 +154,19 @@ class ProviderSignatureParamsTest : public ProviderInProcessTest {
     ProviderInProcessTest::TearDown();
   }
 
+  // The digest |key| set to SHA-256 with properties OpenSSL's default
+  // provider has, then to SHA-384 with properties nothing has: refused, and
+  // SHA-256 stays.
+  void ExpectPropertiesChoose(const char* key, const char* properties_key) {
+    EXPECT_TRUE(SetDigestParams(context_.get(), key, "SHA256", properties_key, "provider=default"))
+        << ErrorText();
+    EXPECT_EQ(DigestParam(context_.get(), key), "SHA2-256");
+    EXPECT_FALSE(
+        SetDigestParams(context_.get(), key, "SHA384", properties_key, "provider=nowhere"));
+    EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
+    EXPECT_EQ(DigestParam(context_.get(), key), "SHA2-256");
+  }
+
   std::unique_ptr<Loaded> loaded_;
   Answer answer_;
   x509auth_openssl::EvpPkeyPtr key_;
@@ -161,16 +174,7 @@ class ProviderSignatureParamsTest : public ProviderInProcessTest {
 };
 
 TEST_F(ProviderSignatureParamsTest, DigestPropertiesChooseWhereTheSignaturesDigestIsFetched) {
-  EXPECT_TRUE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA256",
-                              OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=default"))
-      << ErrorText();
-  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
-  // No implementation has those properties: the digest is refused and the
-  // one set before stays.
-  EXPECT_FALSE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST, "SHA384",
-                               OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=nowhere"));
-  EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
-  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+  ExpectPropertiesChoose(OSSL_SIGNATURE_PARAM_DIGEST, OSSL_SIGNATURE_PARAM_PROPERTIES);
   // Properties without a digest name change nothing.
   EXPECT_TRUE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST, nullptr,
                               OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=nowhere"))
@@ -180,14 +184,7 @@ TEST_F(ProviderSignatureParamsTest, DigestPropertiesChooseWhereTheSignaturesDige
 
 TEST_F(ProviderSignatureParamsTest, Mgf1PropertiesChooseWhereTheMaskDigestIsFetched) {
   ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context_.get(), RSA_PKCS1_PSS_PADDING), 1);
-  EXPECT_TRUE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA384",
-                              OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES, "provider=default"))
-      << ErrorText();
-  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
-  EXPECT_FALSE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST, "SHA512",
-                               OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES, "provider=nowhere"));
-  EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
-  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_MGF1_DIGEST), "SHA2-384");
+  ExpectPropertiesChoose(OSSL_SIGNATURE_PARAM_MGF1_DIGEST, OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES);
 }
 
 TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfTheKey) {
