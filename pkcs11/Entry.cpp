@@ -10,6 +10,7 @@
 #include "Module.h"
 
 using x509auth_pkcs11::HostErrorQueue;
+using x509auth_pkcs11::LogLevel;
 using x509auth_pkcs11::Module;
 using x509auth_pkcs11::ModuleLock;
 
@@ -23,7 +24,7 @@ CK_RV Guarded(Call&& call) noexcept {
   } catch (const std::bad_alloc&) {
     return CKR_HOST_MEMORY;
   } catch (const std::exception& error) {
-    x509auth_pkcs11::LogLine(3, "internal error: %s", error.what());
+    x509auth_pkcs11::LogLine(LogLevel::k_error, "internal error: %s", error.what());
     return CKR_GENERAL_ERROR;
   } catch (...) {
     return CKR_GENERAL_ERROR;
@@ -43,287 +44,108 @@ CK_RV Locked(Call&& call) noexcept {
   });
 }
 
-CK_RV C_Initialize(CK_VOID_PTR args) {
-  return Locked([&](Module& m) { return m.Initialize(args); });
-}
-CK_RV C_Finalize(CK_VOID_PTR reserved) {
-  return Locked([&](Module& m) { return m.Finalize(reserved); });
-}
-CK_RV C_GetInfo(CK_INFO_PTR info) {
-  return Locked([&](Module& m) { return m.GetInfo(info); });
-}
-CK_RV C_GetFunctionListInternal(CK_FUNCTION_LIST_PTR_PTR list);
-CK_RV C_GetSlotList(CK_BBOOL present, CK_SLOT_ID_PTR slots, CK_ULONG_PTR count) {
-  return Locked([&](Module& m) { return m.GetSlotList(present, slots, count); });
-}
-CK_RV C_GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
-  return Locked([&](Module& m) { return m.GetSlotInfo(slot, info); });
-}
-CK_RV C_GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO_PTR info) {
-  return Locked([&](Module& m) { return m.GetTokenInfo(slot, info); });
-}
-CK_RV C_GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR list, CK_ULONG_PTR count) {
-  return Locked([&](Module& m) { return m.GetMechanismList(slot, list, count); });
-}
-CK_RV C_GetMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR info) {
-  return Locked([&](Module& m) { return m.GetMechanismInfo(slot, type, info); });
-}
+// The entry point of |Slot|'s type (CK_C_Sign and so on) that calls
+// |Method| on the module: the type comes from the function list, so a
+// method whose arguments do not fit is a build error.
+template <typename Slot, auto Method>
+struct Forward;
+
+template <typename... Arguments, auto Method>
+struct Forward<CK_RV (*)(Arguments...), Method> {
+  static CK_RV Call(Arguments... arguments) {
+    return Locked([&](Module& m) { return (m.*Method)(arguments...); });
+  }
+};
+
+// What the token cannot do: it holds no writable objects, generates nothing,
+// verifies and encrypts nothing (the program does that with the
+// certificate's public key), and runs no function in parallel.
+template <typename Slot, CK_RV k_result = CKR_FUNCTION_NOT_SUPPORTED>
+struct Refuse;
+
+template <typename... Arguments, CK_RV k_result>
+struct Refuse<CK_RV (*)(Arguments...), k_result> {
+  static CK_RV Call(Arguments...) { return k_result; }
+};
+
+// The application's callback is not kept: the module never calls back.
 CK_RV C_OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
                     CK_SESSION_HANDLE_PTR session) {
   return Locked([&](Module& m) { return m.OpenSession(slot, flags, session); });
 }
-CK_RV C_CloseSession(CK_SESSION_HANDLE session) {
-  return Locked([&](Module& m) { return m.CloseSession(session); });
-}
-CK_RV C_CloseAllSessions(CK_SLOT_ID slot) {
-  return Locked([&](Module& m) { return m.CloseAllSessions(slot); });
-}
-CK_RV C_GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO_PTR info) {
-  return Locked([&](Module& m) { return m.GetSessionInfo(session, info); });
-}
-CK_RV C_Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR_PTR pin, CK_ULONG length) {
-  return Locked([&](Module& m) { return m.Login(session, user, pin, length); });
-}
-CK_RV C_Logout(CK_SESSION_HANDLE session) {
-  return Locked([&](Module& m) { return m.Logout(session); });
-}
-CK_RV C_GetObjectSize(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ULONG_PTR size) {
-  return Locked([&](Module& m) { return m.GetObjectSize(session, object, size); });
-}
-CK_RV C_GetAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
-                          CK_ATTRIBUTE_PTR templ, CK_ULONG count) {
-  return Locked([&](Module& m) { return m.GetAttributeValue(session, object, templ, count); });
-}
-CK_RV C_FindObjectsInit(CK_SESSION_HANDLE session, CK_ATTRIBUTE_PTR templ, CK_ULONG count) {
-  return Locked([&](Module& m) { return m.FindObjectsInit(session, templ, count); });
-}
-CK_RV C_FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE_PTR objects, CK_ULONG max,
-                    CK_ULONG_PTR count) {
-  return Locked([&](Module& m) { return m.FindObjects(session, objects, max, count); });
-}
-CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE session) {
-  return Locked([&](Module& m) { return m.FindObjectsFinal(session); });
-}
-CK_RV C_DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
-  return Locked([&](Module& m) { return m.DecryptInit(session, mechanism, key); });
-}
-CK_RV C_Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR in, CK_ULONG in_length, CK_BYTE_PTR out,
-                CK_ULONG_PTR out_length) {
-  return Locked([&](Module& m) { return m.Decrypt(session, in, in_length, out, out_length); });
-}
-CK_RV C_SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism, CK_OBJECT_HANDLE key) {
-  return Locked([&](Module& m) { return m.SignInit(session, mechanism, key); });
-}
-CK_RV C_Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG length, CK_BYTE_PTR signature,
-             CK_ULONG_PTR signature_length) {
-  return Locked(
-      [&](Module& m) { return m.Sign(session, data, length, signature, signature_length); });
-}
-CK_RV C_SignUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG length) {
-  return Locked([&](Module& m) { return m.SignUpdate(session, part, length); });
-}
-CK_RV C_SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature, CK_ULONG_PTR length) {
-  return Locked([&](Module& m) { return m.SignFinal(session, signature, length); });
-}
 
-CK_RV C_DigestInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism) {
-  return Locked([&](Module& m) { return m.DigestInit(session, mechanism); });
-}
-CK_RV C_Digest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG length, CK_BYTE_PTR digest,
-               CK_ULONG_PTR digest_length) {
-  return Locked([&](Module& m) { return m.Digest(session, data, length, digest, digest_length); });
-}
-CK_RV C_DigestUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG length) {
-  return Locked([&](Module& m) { return m.DigestUpdate(session, part, length); });
-}
-CK_RV C_DigestKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
-  return Locked([&](Module& m) { return m.DigestKey(session, key); });
-}
-CK_RV C_DigestFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR digest, CK_ULONG_PTR length) {
-  return Locked([&](Module& m) { return m.DigestFinal(session, digest, length); });
-}
-CK_RV C_SeedRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR seed, CK_ULONG length) {
-  return Locked([&](Module& m) { return m.SeedRandom(session, seed, length); });
-}
-CK_RV C_GenerateRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG length) {
-  return Locked([&](Module& m) { return m.GenerateRandom(session, data, length); });
-}
+CK_RV C_GetFunctionListInternal(CK_FUNCTION_LIST_PTR_PTR list);
 
-// What the token cannot do: it holds no writable objects, generates nothing,
-// verifies and encrypts nothing (the program does that with the
-// certificate's public key).
-CK_RV C_InitToken(CK_SLOT_ID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_InitPIN(CK_SESSION_HANDLE, CK_UTF8CHAR_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_SetPIN(CK_SESSION_HANDLE, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_GetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_SetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_OBJECT_HANDLE,
-                          CK_OBJECT_HANDLE) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_CreateObject(CK_SESSION_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_CopyObject(CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG,
-                   CK_OBJECT_HANDLE_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DestroyObject(CK_SESSION_HANDLE, CK_OBJECT_HANDLE) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_SetAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_EncryptInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_Encrypt(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_EncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_EncryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DecryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DecryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_SignRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_SignRecover(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_VerifyInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_Verify(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_VerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_VerifyFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) { return CKR_FUNCTION_NOT_SUPPORTED; }
-CK_RV C_VerifyRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_VerifyRecover(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DigestEncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DecryptDigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_SignEncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DecryptVerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_GenerateKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
-                    CK_OBJECT_HANDLE_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
-                        CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_WrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE,
-                CK_BYTE_PTR, CK_ULONG_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_UnwrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_BYTE_PTR, CK_ULONG,
-                  CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_DeriveKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR, CK_ULONG,
-                  CK_OBJECT_HANDLE_PTR) {
-  return CKR_FUNCTION_NOT_SUPPORTED;
-}
-CK_RV C_GetFunctionStatus(CK_SESSION_HANDLE) { return CKR_FUNCTION_NOT_PARALLEL; }
-CK_RV C_CancelFunction(CK_SESSION_HANDLE) { return CKR_FUNCTION_NOT_PARALLEL; }
-CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR slot, CK_VOID_PTR reserved) {
-  return Locked([&](Module& m) { return m.WaitForSlotEvent(flags, slot, reserved); });
-}
-
+// In the order of CK_FUNCTION_LIST.
 CK_FUNCTION_LIST k_functions = {{CRYPTOKI_VERSION_MAJOR, CRYPTOKI_VERSION_MINOR},
-                                C_Initialize,
-                                C_Finalize,
-                                C_GetInfo,
+                                Forward<CK_C_Initialize, &Module::Initialize>::Call,
+                                Forward<CK_C_Finalize, &Module::Finalize>::Call,
+                                Forward<CK_C_GetInfo, &Module::GetInfo>::Call,
                                 C_GetFunctionListInternal,
-                                C_GetSlotList,
-                                C_GetSlotInfo,
-                                C_GetTokenInfo,
-                                C_GetMechanismList,
-                                C_GetMechanismInfo,
-                                C_InitToken,
-                                C_InitPIN,
-                                C_SetPIN,
+                                Forward<CK_C_GetSlotList, &Module::GetSlotList>::Call,
+                                Forward<CK_C_GetSlotInfo, &Module::GetSlotInfo>::Call,
+                                Forward<CK_C_GetTokenInfo, &Module::GetTokenInfo>::Call,
+                                Forward<CK_C_GetMechanismList, &Module::GetMechanismList>::Call,
+                                Forward<CK_C_GetMechanismInfo, &Module::GetMechanismInfo>::Call,
+                                Refuse<CK_C_InitToken>::Call,
+                                Refuse<CK_C_InitPIN>::Call,
+                                Refuse<CK_C_SetPIN>::Call,
                                 C_OpenSession,
-                                C_CloseSession,
-                                C_CloseAllSessions,
-                                C_GetSessionInfo,
-                                C_GetOperationState,
-                                C_SetOperationState,
-                                C_Login,
-                                C_Logout,
-                                C_CreateObject,
-                                C_CopyObject,
-                                C_DestroyObject,
-                                C_GetObjectSize,
-                                C_GetAttributeValue,
-                                C_SetAttributeValue,
-                                C_FindObjectsInit,
-                                C_FindObjects,
-                                C_FindObjectsFinal,
-                                C_EncryptInit,
-                                C_Encrypt,
-                                C_EncryptUpdate,
-                                C_EncryptFinal,
-                                C_DecryptInit,
-                                C_Decrypt,
-                                C_DecryptUpdate,
-                                C_DecryptFinal,
-                                C_DigestInit,
-                                C_Digest,
-                                C_DigestUpdate,
-                                C_DigestKey,
-                                C_DigestFinal,
-                                C_SignInit,
-                                C_Sign,
-                                C_SignUpdate,
-                                C_SignFinal,
-                                C_SignRecoverInit,
-                                C_SignRecover,
-                                C_VerifyInit,
-                                C_Verify,
-                                C_VerifyUpdate,
-                                C_VerifyFinal,
-                                C_VerifyRecoverInit,
-                                C_VerifyRecover,
-                                C_DigestEncryptUpdate,
-                                C_DecryptDigestUpdate,
-                                C_SignEncryptUpdate,
-                                C_DecryptVerifyUpdate,
-                                C_GenerateKey,
-                                C_GenerateKeyPair,
-                                C_WrapKey,
-                                C_UnwrapKey,
-                                C_DeriveKey,
-                                C_SeedRandom,
-                                C_GenerateRandom,
-                                C_GetFunctionStatus,
-                                C_CancelFunction,
-                                C_WaitForSlotEvent};
+                                Forward<CK_C_CloseSession, &Module::CloseSession>::Call,
+                                Forward<CK_C_CloseAllSessions, &Module::CloseAllSessions>::Call,
+                                Forward<CK_C_GetSessionInfo, &Module::GetSessionInfo>::Call,
+                                Refuse<CK_C_GetOperationState>::Call,
+                                Refuse<CK_C_SetOperationState>::Call,
+                                Forward<CK_C_Login, &Module::Login>::Call,
+                                Forward<CK_C_Logout, &Module::Logout>::Call,
+                                Refuse<CK_C_CreateObject>::Call,
+                                Refuse<CK_C_CopyObject>::Call,
+                                Refuse<CK_C_DestroyObject>::Call,
+                                Forward<CK_C_GetObjectSize, &Module::GetObjectSize>::Call,
+                                Forward<CK_C_GetAttributeValue, &Module::GetAttributeValue>::Call,
+                                Refuse<CK_C_SetAttributeValue>::Call,
+                                Forward<CK_C_FindObjectsInit, &Module::FindObjectsInit>::Call,
+                                Forward<CK_C_FindObjects, &Module::FindObjects>::Call,
+                                Forward<CK_C_FindObjectsFinal, &Module::FindObjectsFinal>::Call,
+                                Refuse<CK_C_EncryptInit>::Call,
+                                Refuse<CK_C_Encrypt>::Call,
+                                Refuse<CK_C_EncryptUpdate>::Call,
+                                Refuse<CK_C_EncryptFinal>::Call,
+                                Forward<CK_C_DecryptInit, &Module::DecryptInit>::Call,
+                                Forward<CK_C_Decrypt, &Module::Decrypt>::Call,
+                                Refuse<CK_C_DecryptUpdate>::Call,
+                                Refuse<CK_C_DecryptFinal>::Call,
+                                Forward<CK_C_DigestInit, &Module::DigestInit>::Call,
+                                Forward<CK_C_Digest, &Module::Digest>::Call,
+                                Forward<CK_C_DigestUpdate, &Module::DigestUpdate>::Call,
+                                Forward<CK_C_DigestKey, &Module::DigestKey>::Call,
+                                Forward<CK_C_DigestFinal, &Module::DigestFinal>::Call,
+                                Forward<CK_C_SignInit, &Module::SignInit>::Call,
+                                Forward<CK_C_Sign, &Module::Sign>::Call,
+                                Forward<CK_C_SignUpdate, &Module::SignUpdate>::Call,
+                                Forward<CK_C_SignFinal, &Module::SignFinal>::Call,
+                                Refuse<CK_C_SignRecoverInit>::Call,
+                                Refuse<CK_C_SignRecover>::Call,
+                                Refuse<CK_C_VerifyInit>::Call,
+                                Refuse<CK_C_Verify>::Call,
+                                Refuse<CK_C_VerifyUpdate>::Call,
+                                Refuse<CK_C_VerifyFinal>::Call,
+                                Refuse<CK_C_VerifyRecoverInit>::Call,
+                                Refuse<CK_C_VerifyRecover>::Call,
+                                Refuse<CK_C_DigestEncryptUpdate>::Call,
+                                Refuse<CK_C_DecryptDigestUpdate>::Call,
+                                Refuse<CK_C_SignEncryptUpdate>::Call,
+                                Refuse<CK_C_DecryptVerifyUpdate>::Call,
+                                Refuse<CK_C_GenerateKey>::Call,
+                                Refuse<CK_C_GenerateKeyPair>::Call,
+                                Refuse<CK_C_WrapKey>::Call,
+                                Refuse<CK_C_UnwrapKey>::Call,
+                                Refuse<CK_C_DeriveKey>::Call,
+                                Forward<CK_C_SeedRandom, &Module::SeedRandom>::Call,
+                                Forward<CK_C_GenerateRandom, &Module::GenerateRandom>::Call,
+                                Refuse<CK_C_GetFunctionStatus, CKR_FUNCTION_NOT_PARALLEL>::Call,
+                                Refuse<CK_C_CancelFunction, CKR_FUNCTION_NOT_PARALLEL>::Call,
+                                Forward<CK_C_WaitForSlotEvent, &Module::WaitForSlotEvent>::Call};
 
 CK_RV C_GetFunctionListInternal(CK_FUNCTION_LIST_PTR_PTR list) {
   return Guarded([&] {

@@ -52,7 +52,8 @@ bool KeyFileProbe::IsEncrypted(const std::string& path) {
     }
     const std::string reason = file.Reason();
     std::string& said = refused_[path];
-    if (reason != said) LogLine(2, "key file %s skipped: %s", path.c_str(), reason.c_str());
+    if (reason != said)
+      LogLine(LogLevel::k_warning, "key file %s skipped: %s", path.c_str(), reason.c_str());
     said = reason;
     return false;
   }

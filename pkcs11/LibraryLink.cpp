@@ -35,11 +35,14 @@ void LibraryLog(X509_Auth_LogPriority priority, const char* format, va_list argu
   va_copy(followed, arguments);
   x509auth_common::LeftOutCertificates::Observe(format, followed);
   va_end(followed);
-  LogLineV(x509auth_common::ShownPriority(static_cast<int>(priority), format), format, arguments);
+  LogLineV(
+      static_cast<LogLevel>(x509auth_common::ShownPriority(static_cast<int>(priority), format)),
+      format, arguments);
 }
 
 void LibraryMessage(const char* message, const char* title) {
-  LogLine(3, "%s: %s", title != nullptr ? title : "", message != nullptr ? message : "");
+  LogLine(LogLevel::k_error, "%s: %s", title != nullptr ? title : "",
+          message != nullptr ? message : "");
 }
 
 // The record the library reads, followed by a copy of the PIN; wiped and
@@ -64,7 +67,8 @@ X509_Auth_PinEntryResult* PinEntry(const char* title, const char* prompt) noexce
   const bool have_pin = g_pin != nullptr && g_pin->Present();
   if (have_pin && !key_file && !g_pin_for_tokens) {
     if (g_record != nullptr) ++g_record->withheld;
-    LogLine(2, "%s: not answered, the login PIN is a key file's password and never goes to a token",
+    LogLine(LogLevel::k_warning,
+            "%s: not answered, the login PIN is a key file's password and never goes to a token",
             prompt != nullptr ? prompt : "");
   } else if (have_pin) {
     answer->size = std::strlen(g_pin->Value()) + 1;
@@ -107,7 +111,7 @@ void AddCaFile(const std::string& file) {
   std::vector<unsigned char> content;
   std::string reason;
   if (!x509auth_common::RegularFile::ReadFile(file, content, reason)) {
-    LogLine(3, "CA file %s skipped: %s", file.c_str(), reason.c_str());
+    LogLine(LogLevel::k_error, "CA file %s skipped: %s", file.c_str(), reason.c_str());
     return;
   }
   const std::string bytes(content.begin(), content.end());
@@ -128,9 +132,9 @@ void AddCaFile(const std::string& file) {
         reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
   }
   if (added == 0)
-    LogLine(3, "CA file %s holds no certificate the library took", file.c_str());
+    LogLine(LogLevel::k_error, "CA file %s holds no certificate the library took", file.c_str());
   else
-    LogLine(1, "CA file %s: %d certificate(s) added", file.c_str(), added);
+    LogLine(LogLevel::k_info, "CA file %s: %d certificate(s) added", file.c_str(), added);
 }
 
 }  // namespace
@@ -151,12 +155,14 @@ std::string LibraryLink::ChooseTokenModule(const ModuleSettings& settings) {
   if (!settings.token_certificates || settings.module.empty()) return "";
   const std::string& path = settings.module;
   if (path[0] != '/') {
-    LogLine(3, "module %s: not an absolute path; token certificates are off", path.c_str());
+    LogLine(LogLevel::k_error, "module %s: not an absolute path; token certificates are off",
+            path.c_str());
     return "";
   }
   const std::string resolved = RealPath(path);
   if (resolved.empty()) {
-    LogLine(3, "module %s cannot be found; token certificates are off", path.c_str());
+    LogLine(LogLevel::k_error, "module %s cannot be found; token certificates are off",
+            path.c_str());
     return "";
   }
   Dl_info self{};
@@ -165,12 +171,13 @@ std::string LibraryLink::ChooseTokenModule(const ModuleSettings& settings) {
       self.dli_fname != nullptr)
     self_path = RealPath(self.dli_fname);
   if (!self_path.empty() && resolved == self_path) {
-    LogLine(3, "module %s is this module itself; refusing to load it, token certificates are off",
+    LogLine(LogLevel::k_error,
+            "module %s is this module itself; refusing to load it, token certificates are off",
             path.c_str());
     return "";
   }
   if (IsP11KitProxy(path) || IsP11KitProxy(resolved)) {
-    LogLine(3,
+    LogLine(LogLevel::k_error,
             "module %s is p11-kit's proxy, which may load this module again; refusing it, "
             "token certificates are off",
             path.c_str());
@@ -197,7 +204,8 @@ bool LibraryLink::Start(const ModuleSettings& settings, std::string& failure) {
   // Never null: null would bring back the working-directory lookup.
   const std::string module = ChooseTokenModule(settings);
   if (X509_Auth_SetPkcs11Module(module.c_str()) != X509_Auth_ResultCode_Success) {
-    LogLine(3, "the library refused module %s; token certificates are off", module.c_str());
+    LogLine(LogLevel::k_error, "the library refused module %s; token certificates are off",
+            module.c_str());
     X509_Auth_SetPkcs11Module("");
   }
   for (const std::string& file : settings.ca_files) AddCaFile(file);

@@ -12,7 +12,8 @@ const char* const k_names[] = {"debug", "info", "warning", "error"};
 void SetLogThreshold(int threshold) { g_threshold = threshold; }
 int LogThreshold() { return g_threshold; }
 
-void LogLineV(int priority, const char* format, va_list arguments) {
+void LogLineV(LogLevel level, const char* format, va_list arguments) {
+  const int priority = static_cast<int>(level);
   if (priority < g_threshold || priority < 0 || priority > 3) return;
   // One fprintf per piece; stderr is unbuffered, so build the line first.
   char line[2048];
@@ -20,10 +21,10 @@ void LogLineV(int priority, const char* format, va_list arguments) {
   std::fprintf(stderr, "x509auth-pkcs11: [%s] %s\n", k_names[priority], line);
 }
 
-void LogLine(int priority, const char* format, ...) {
+void LogLine(LogLevel level, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  LogLineV(priority, format, arguments);
+  LogLineV(level, format, arguments);
   va_end(arguments);
 }
 

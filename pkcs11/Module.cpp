@@ -82,12 +82,15 @@ CK_RV Module::Initialize(CK_VOID_PTR init_args) {
   SetLogThreshold(settings_.log_threshold);
   catalog_.SetCertificateDirs(x509auth_common::LeftOutCertificates::CertificateDirs(
       settings_.dirs, settings_.home_dirs, std::getenv("HOME")));
-  if (!settings_.file_refusal.empty()) LogLine(3, "%s", settings_.file_refusal.c_str());
-  for (const std::string& problem : settings_.problems) LogLine(2, "%s", problem.c_str());
-  if (!settings_.config_file.empty()) LogLine(1, "settings from %s", settings_.config_file.c_str());
+  if (!settings_.file_refusal.empty())
+    LogLine(LogLevel::k_error, "%s", settings_.file_refusal.c_str());
+  for (const std::string& problem : settings_.problems)
+    LogLine(LogLevel::k_warning, "%s", problem.c_str());
+  if (!settings_.config_file.empty())
+    LogLine(LogLevel::k_info, "settings from %s", settings_.config_file.c_str());
   std::string failure;
   if (!link_.Start(settings_, failure)) {
-    LogLine(3, "%s", failure.c_str());
+    LogLine(LogLevel::k_error, "%s", failure.c_str());
     return CKR_GENERAL_ERROR;
   }
   unsigned char digest[SHA256_DIGEST_LENGTH];
@@ -125,16 +128,9 @@ CK_RV Module::GetSlotList(CK_BBOOL /*token_present*/, CK_SLOT_ID_PTR slots, CK_U
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   // The token is always present, so both lists are the one slot.
-  if (slots == nullptr) {
-    *count = 1;
-    return CKR_OK;
-  }
-  if (*count < 1) {
-    *count = 1;
-    return CKR_BUFFER_TOO_SMALL;
-  }
-  slots[0] = k_slot;
-  *count = 1;
+  OutputArray<CK_SLOT_ID> output(slots, count);
+  if (!output.Takes(1)) return output.Answer();
+  output.Fill({k_slot});
   return CKR_OK;
 }
 
@@ -160,7 +156,7 @@ void Module::Refresh() {
   const std::vector<Thumbprint>& cards_now = catalog_.TokenKeysAsking();
   for (const Thumbprint& card_key : cards_before) {
     if (std::find(cards_now.begin(), cards_now.end(), card_key) != cards_now.end()) continue;
-    LogLine(2, "a card whose PIN made the login went away; log in again");
+    LogLine(LogLevel::k_warning, "a card whose PIN made the login went away; log in again");
     LogoutAll();
     return;
   }
@@ -214,16 +210,9 @@ CK_RV Module::GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE_PTR mechanisms
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   if (slot != k_slot) return CKR_SLOT_ID_INVALID;
   const std::vector<CK_MECHANISM_TYPE> list = Mechanisms::List(link_.SignHashPss() != nullptr);
-  if (mechanisms == nullptr) {
-    *count = list.size();
-    return CKR_OK;
-  }
-  if (*count < list.size()) {
-    *count = list.size();
-    return CKR_BUFFER_TOO_SMALL;
-  }
-  std::copy(list.begin(), list.end(), mechanisms);
-  *count = list.size();
+  OutputArray<CK_MECHANISM_TYPE> output(mechanisms, count);
+  if (!output.Takes(list.size())) return output.Answer();
+  output.Fill(list);
   return CKR_OK;
 }
 
@@ -455,7 +444,7 @@ CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prom
     case X509_Auth_ResultCode_KeyOpenFailed:
       return prompts.answered > 0 ? CKR_PIN_INCORRECT : CKR_FUNCTION_FAILED;
     case X509_Auth_ResultCode_CertificateNotFound:
-      LogLine(3, "the certificate of this key is no longer offered");
+      LogLine(LogLevel::k_error, "the certificate of this key is no longer offered");
       return CKR_FUNCTION_FAILED;
     case X509_Auth_ResultCode_AlgorithmNotSupported: return CKR_KEY_TYPE_INCONSISTENT;
     case X509_Auth_ResultCode_MechanismNotSupported: return CKR_MECHANISM_INVALID;
@@ -496,7 +485,7 @@ CK_RV Module::Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_le
   if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
   if (found->sign == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
   // A length query must not consume the data: it is given again with the
-  // buffer, so the operation is copied until then.
+  // buffer, so the length is answered before the operation sees any data.
   OutputBuffer probe(signature, signature_length);
   if (!probe.Takes(found->sign->SignatureLength())) return probe.Answer();
   const CK_RV updated = found->sign->Update(data, data_length);

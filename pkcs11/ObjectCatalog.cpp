@@ -47,7 +47,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   const bool versioned = X509_Auth_GetListingVersion(&version) == X509_Auth_ResultCode_Success;
   if (versioned && listed_version_ != 0 && version == listed_version_ &&
       token_certificates == listed_tokens_ && KeyFilesUnchanged()) {
-    LogLine(0, "listing unchanged: %zu object(s)", current_.size());
+    LogLine(LogLevel::k_debug, "listing unchanged: %zu object(s)", current_.size());
     return true;
   }
   listed_version_ = 0;
@@ -59,7 +59,7 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     listed = X509_Auth_LoadClientCertificates(&count, &certificates);
   }
   if (!listed) {
-    LogLine(3, "the library could not list the certificates");
+    LogLine(LogLevel::k_error, "the library could not list the certificates");
     return false;
   }
   LibraryFree free_certificates(certificates);
@@ -92,7 +92,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
     }
   }
 
-  for (const std::string& line : left_out_.Report(key_paths)) LogLine(3, "%s", line.c_str());
+  for (const std::string& line : left_out_.Report(key_paths))
+    LogLine(LogLevel::k_error, "%s", line.c_str());
 
   std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current;
   std::set<Thumbprint> seen;
@@ -164,7 +165,8 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   probed_ = std::move(probed);
   listed_version_ = versioned ? version : 0;
   listed_tokens_ = token_certificates;
-  LogLine(0, "listing: %zu certificate(s), %zu object(s)", offered.size(), current_.size());
+  LogLine(LogLevel::k_debug, "listing: %zu certificate(s), %zu object(s)", offered.size(),
+          current_.size());
   return true;
 }
 

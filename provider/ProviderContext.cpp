@@ -227,9 +227,9 @@ std::string ProviderContext::Parameter(const char* name, const char* environment
 bool ProviderContext::Start() {
   std::error_code error;
   // The session enters the module's directory around each call, so relative
-  // directories are fixed now, against the application's working directory.
-  // Fixed now, against the application's working directory when it loaded
-  // the provider: a later chdir of the application changes nothing.
+  // directories are fixed now, against the application's working directory
+  // when it loaded the provider: a later chdir of the application changes
+  // nothing.
   for (const std::string& dir : SplitColons(Parameter("dirs", "X509AUTH_DIRS")))
     settings_.dirs.push_back(std::filesystem::absolute(dir, error).lexically_normal().string());
   settings_.home_dirs = SplitColons(Parameter("home_dirs", "X509AUTH_HOME_DIRS"));
@@ -365,7 +365,10 @@ void ProviderContext::ReportLeftOut(const std::vector<std::string>& offered_key_
   for (const std::string& line : lines) std::fprintf(stderr, "x509auth: %s\n", line.c_str());
 }
 
-EvpMdPtr ProviderContext::Digest(const char* name) const {
+EvpMdPtr ProviderContext::Digest(const char* name, const char* properties) const {
+  // The digests kept are fetched without properties: a caller that names
+  // some gets what they select.
+  if (properties != nullptr) return EvpMdPtr(EVP_MD_fetch(Crypto(), name, properties));
   for (const auto& [known, md] : digests_) {
     if (strcasecmp(known.c_str(), name) == 0) {
       EVP_MD_up_ref(md.get());

@@ -66,9 +66,9 @@ class ProviderContext {
   // The digest |name| from Crypto(). The SHA-1 and SHA-2 digests, by their
   // usual names, are fetched once when the context starts and shared: a
   // fetch costs more than a third of a P-256 signature, and libssl asks for
-  // one at every signature. Others are fetched each time. Null when there
-  // is none.
-  EvpMdPtr Digest(const char* name) const;
+  // one at every signature. Others, and any with |properties|, are fetched
+  // each time. Null when there is none.
+  EvpMdPtr Digest(const char* name, const char* properties = nullptr) const;
 
   // What one call into the library left for the caller's error report.
   struct CallReport {

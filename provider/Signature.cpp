@@ -138,12 +138,13 @@ void* DupContext(void* context) {
 
 // A digest the library can sign, fetched from the provider's own library
 // context; null after raising an error.
-EvpMdPtr FetchDigest(const SignatureContext* context, const char* name) {
+EvpMdPtr FetchDigest(const SignatureContext* context, const char* name,
+                     const char* properties = nullptr) {
   EvpMdPtr md;
   {
     // An unknown name is reported by the one error below.
     const ErrorMark mark;
-    md = context->provider->Digest(name);
+    md = context->provider->Digest(name, properties);
   }
   if (md == nullptr || HashTypeOf(md.get()) < 0) {
     X509AUTH_RAISE(context->provider, k_reason_unsupported_digest, "digest %s", name);
@@ -171,17 +172,28 @@ bool SetPadding(SignatureContext* context, const OSSL_PARAM* p) {
   return true;
 }
 
+// The digest named by |p|, fetched with the properties |properties_key| names
+// beside it, as OpenSSL's own RSA signature does: properties alone change
+// nothing.
+bool SetDigest(SignatureContext* context, const OSSL_PARAM* p, const OSSL_PARAM params[],
+               const char* properties_key, EvpMdPtr* to) {
+  const char* name = nullptr;
+  if (!OSSL_PARAM_get_utf8_string_ptr(p, &name)) return false;
+  const char* properties = nullptr;
+  const OSSL_PARAM* given = OSSL_PARAM_locate_const(params, properties_key);
+  if (given != nullptr && !OSSL_PARAM_get_utf8_string_ptr(given, &properties)) return false;
+  EvpMdPtr md = FetchDigest(context, name, properties);
+  if (md == nullptr) return false;
+  *to = std::move(md);
+  return true;
+}
+
 int SetParams(void* opaque, const OSSL_PARAM params[]) {
   SignatureContext* context = AsContext(opaque);
   if (params == nullptr) return 1;
   const OSSL_PARAM* p = OSSL_PARAM_locate_const(params, OSSL_SIGNATURE_PARAM_DIGEST);
-  if (p != nullptr) {
-    const char* name = nullptr;
-    if (!OSSL_PARAM_get_utf8_string_ptr(p, &name)) return 0;
-    EvpMdPtr md = FetchDigest(context, name);
-    if (md == nullptr) return 0;
-    context->md = std::move(md);
-  }
+  if (p != nullptr && !SetDigest(context, p, params, OSSL_SIGNATURE_PARAM_PROPERTIES, &context->md))
+    return 0;
   p = OSSL_PARAM_locate_const(params, OSSL_SIGNATURE_PARAM_PAD_MODE);
   if (p != nullptr && !SetPadding(context, p)) return 0;
   p = OSSL_PARAM_locate_const(params, OSSL_SIGNATURE_PARAM_PSS_SALTLEN);
@@ -196,14 +208,10 @@ int SetParams(void* opaque, const OSSL_PARAM params[]) {
     context->salt_length = salt_length;
   }
   p = OSSL_PARAM_locate_const(params, OSSL_SIGNATURE_PARAM_MGF1_DIGEST);
-  if (p != nullptr) {
-    const char* name = nullptr;
-    if (context->algorithm != X509_Auth_Algorithm_Rsa || !OSSL_PARAM_get_utf8_string_ptr(p, &name))
-      return 0;
-    EvpMdPtr md = FetchDigest(context, name);
-    if (md == nullptr) return 0;
-    context->mgf1_md = std::move(md);
-  }
+  if (p != nullptr &&
+      (context->algorithm != X509_Auth_Algorithm_Rsa ||
+       !SetDigest(context, p, params, OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES, &context->mgf1_md)))
+    return 0;
   return 1;
 }
 
@@ -425,32 +433,48 @@ int DigestVerifyFinal(void* opaque, const unsigned char* sig, size_t siglen) {
   return VerifyHash(context, sig, siglen, hash, length);
 }
 
-#define X509AUTH_SIGNATURE_TABLE(new_function)                                        \
-  {                                                                                   \
-    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast<new_function>()},                       \
-        {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast<FreeContext>()},                   \
-        {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast<DupContext>()},                     \
-        {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast<Init>()},                        \
-        {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast<Sign>()},                             \
-        {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast<Init>()},                      \
-        {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast<Verify>()},                         \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast<DigestInit>()},           \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast<DigestUpdate>()},       \
-        {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast<DigestSignFinal>()},     \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast<DigestInit>()},         \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast<DigestUpdate>()},     \
-        {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast<DigestVerifyFinal>()}, \
-        {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast<GetParams>()},              \
-        {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast<GettableParams>()},    \
-        {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast<SetParams>()},              \
-        {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()}, {  \
-      0, nullptr                                                                      \
-    }                                                                                 \
-  }
-
 }  // namespace
 
-const OSSL_DISPATCH k_rsa_signature_functions[] = X509AUTH_SIGNATURE_TABLE(NewRsa);
-const OSSL_DISPATCH k_ecdsa_signature_functions[] = X509AUTH_SIGNATURE_TABLE(NewEcdsa);
+// The two tables differ in their first entry only: the algorithm a new
+// context is for.
+const OSSL_DISPATCH k_rsa_signature_functions[] = {
+    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast<NewRsa>()},
+    {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast<FreeContext>()},
+    {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast<DupContext>()},
+    {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast<Sign>()},
+    {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast<Verify>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast<DigestInit>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast<DigestUpdate>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast<DigestSignFinal>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast<DigestInit>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast<DigestUpdate>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast<DigestVerifyFinal>()},
+    {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast<GetParams>()},
+    {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast<GettableParams>()},
+    {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast<SetParams>()},
+    {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()},
+    {0, nullptr}};
+
+const OSSL_DISPATCH k_ecdsa_signature_functions[] = {
+    {OSSL_FUNC_SIGNATURE_NEWCTX, DispatchCast<NewEcdsa>()},
+    {OSSL_FUNC_SIGNATURE_FREECTX, DispatchCast<FreeContext>()},
+    {OSSL_FUNC_SIGNATURE_DUPCTX, DispatchCast<DupContext>()},
+    {OSSL_FUNC_SIGNATURE_SIGN_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_SIGNATURE_SIGN, DispatchCast<Sign>()},
+    {OSSL_FUNC_SIGNATURE_VERIFY_INIT, DispatchCast<Init>()},
+    {OSSL_FUNC_SIGNATURE_VERIFY, DispatchCast<Verify>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_INIT, DispatchCast<DigestInit>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_UPDATE, DispatchCast<DigestUpdate>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_SIGN_FINAL, DispatchCast<DigestSignFinal>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_INIT, DispatchCast<DigestInit>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_UPDATE, DispatchCast<DigestUpdate>()},
+    {OSSL_FUNC_SIGNATURE_DIGEST_VERIFY_FINAL, DispatchCast<DigestVerifyFinal>()},
+    {OSSL_FUNC_SIGNATURE_GET_CTX_PARAMS, DispatchCast<GetParams>()},
+    {OSSL_FUNC_SIGNATURE_GETTABLE_CTX_PARAMS, DispatchCast<GettableParams>()},
+    {OSSL_FUNC_SIGNATURE_SET_CTX_PARAMS, DispatchCast<SetParams>()},
+    {OSSL_FUNC_SIGNATURE_SETTABLE_CTX_PARAMS, DispatchCast<SettableParams>()},
+    {0, nullptr}};
 
 }  // namespace x509auth_provider

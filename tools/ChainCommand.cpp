@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "CommandLibrarySession.h"
@@ -9,6 +10,7 @@
 #include "Formatting.h"
 #include "InputOutput.h"
 #include "OpenSslHandles.h"
+#include "OptionChecks.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -59,6 +61,15 @@ int RunChain(const GlobalOptions& global, const ChainOptions& options) {
     PrintOut(std::to_string(i) + "  " + hex + "  " + Printable(subject) + "\n");
   }
   return k_exit_ok;
+}
+
+Command AddChainCommand(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<ChainOptions>();
+  CLI::App* command = app.add_subcommand("chain", "Show a certificate's chain, leaf first");
+  AddThumbprintArgument(*command, options->thumbprint);
+  command->add_flag("--pem", options->pem,
+                    "Write the leaf and the CA certificates the library hands out as PEM");
+  return {command, [&global, options] { return RunChain(global, *options); }, nullptr};
 }
 
 }  // namespace x509auth_tool

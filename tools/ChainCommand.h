@@ -1,6 +1,7 @@
 #pragma once
 #include <string>
 
+#include "Command.h"
 #include "GlobalOptions.h"
 
 namespace x509auth_tool {
@@ -13,5 +14,8 @@ struct ChainOptions {
 // `chain`: the thumbprints and subjects of a certificate's chain, leaf
 // first; with --pem the leaf and the CA certificates the library hands out.
 int RunChain(const GlobalOptions& global, const ChainOptions& options);
+
+// Registers `chain` and its options on |app|.
+Command AddChainCommand(CLI::App& app, const GlobalOptions& global);
 
 }  // namespace x509auth_tool

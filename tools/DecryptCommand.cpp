@@ -1,5 +1,6 @@
 #include "DecryptCommand.h"
 
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -7,6 +8,7 @@
 #include "Evidence.h"
 #include "Formatting.h"
 #include "InputOutput.h"
+#include "OptionChecks.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -46,6 +48,20 @@ int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
   if (!options.out.empty())
     Note("decrypted " + std::to_string(length) + " bytes to " + options.out);
   return k_exit_ok;
+}
+
+Command AddDecryptCommand(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<DecryptOptions>();
+  CLI::App* command =
+      app.add_subcommand("decrypt", "Decrypt the input with a certificate's RSA key");
+  AddThumbprintArgument(*command, options->thumbprint);
+  command->add_option("--padding", options->padding, "RSA padding of the input")
+      ->type_name("pkcs1|oaep")
+      ->required()
+      ->check(OneOf({"pkcs1", "oaep"}));
+  AddInputAndOutput(*command, options->in, options->out,
+                    "Write the plaintext here instead of stdout");
+  return {command, [&global, options] { return RunDecrypt(global, *options); }, nullptr};
 }
 
 }  // namespace x509auth_tool

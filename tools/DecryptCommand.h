@@ -1,6 +1,7 @@
 #pragma once
 #include <string>
 
+#include "Command.h"
 #include "GlobalOptions.h"
 
 namespace x509auth_tool {
@@ -14,5 +15,8 @@ struct DecryptOptions {
 
 // `decrypt`: decrypts the input with a certificate's RSA private key.
 int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options);
+
+// Registers `decrypt` and its options on |app|.
+Command AddDecryptCommand(CLI::App& app, const GlobalOptions& global);
 
 }  // namespace x509auth_tool

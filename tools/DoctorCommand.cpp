@@ -1,6 +1,7 @@
 #include "DoctorCommand.h"
 
 #include <cstdio>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -10,6 +11,7 @@
 #include "Formatting.h"
 #include "InputOutput.h"
 #include "OfferingReport.h"
+#include "OptionChecks.h"
 
 namespace x509auth_tool {
 namespace {
@@ -92,6 +94,14 @@ int RunDoctor(const GlobalOptions& global, const DoctorOptions& options) {
     PrintHuman(*findings);
   }
   return k_exit_ok;
+}
+
+Command AddDoctorCommand(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<DoctorOptions>();
+  CLI::App* command = app.add_subcommand(
+      "doctor", "Explain, entry by entry, which certificates are offered and why not");
+  command->add_flag("--json", options->json, "A JSON array of objects instead of the report");
+  return {command, [&global, options] { return RunDoctor(global, *options); }, nullptr};
 }
 
 }  // namespace x509auth_tool

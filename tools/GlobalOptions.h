@@ -1,6 +1,7 @@
 #pragma once
 // The options every command shares, as parsed from the command line. Paths
 // are made absolute while they are read.
+#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,15 @@ struct GlobalOptions {
   int verbose = 0;                     // -v: every library line as it comes
   bool quiet = false;                  // -q: the result and the failure line only
 };
+
+// Registers the shared options on |app|. The option returned is --module's:
+// whether it was given at all decides how the module is chosen.
+CLI::Option* AddGlobalOptions(CLI::App& app, GlobalOptions& global);
+// A usage error for shared options that exclude each other, "" for none.
+std::string GlobalConflict(const GlobalOptions& global);
+// --dir names a base directory, the one holding certs/ and keys/: a warning
+// for each that cannot be one, since the library just finds nothing there.
+void WarnAboutBaseDirectories(const std::vector<std::string>& dirs);
 
 // The exit statuses every command returns.
 constexpr int k_exit_ok = 0;

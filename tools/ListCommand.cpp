@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -17,6 +18,7 @@
 #include "InputOutput.h"
 #include "KeyFileCheck.h"
 #include "OpenSslHandles.h"
+#include "OptionChecks.h"
 #include "RecordJson.h"
 #include "Report.h"
 
@@ -122,6 +124,13 @@ int RunList(const GlobalOptions& global, const ListOptions& options) {
   }
   PrintTable(session.Records());
   return k_exit_ok;
+}
+
+Command AddListCommand(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<ListOptions>();
+  CLI::App* command = app.add_subcommand("list", "List the offered certificates");
+  command->add_flag("--json", options->json, "A JSON array of objects instead of a table");
+  return {command, [&global, options] { return RunList(global, *options); }, nullptr};
 }
 
 }  // namespace x509auth_tool

@@ -28,6 +28,11 @@ int FailPlain(const std::string& message) {
   return k_exit_failed;
 }
 
+int FailUsage(const std::string& message) {
+  FailPlain(message);
+  return k_exit_usage;
+}
+
 int Fail(const std::string& message) {
   FailPlain(message);
   if (!g_quiet)

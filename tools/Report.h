@@ -12,6 +12,8 @@ namespace x509auth_tool {
 int Fail(const std::string& message);
 // The same, without the library's lines: for failures of the tool's own.
 int FailPlain(const std::string& message);
+// The same for a usage error; returns k_exit_usage.
+int FailUsage(const std::string& message);
 // Prints an indented detail line under a failure (e.g. candidates).
 void FailDetail(const std::string& line);
 // Prints "x509-auth: warning: |message|" unless the tool is quiet; the exit

@@ -4,10 +4,12 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <sstream>
 
 #include "CommandLibrarySession.h"
 #include "Evidence.h"
+#include "OptionChecks.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -68,6 +70,14 @@ int RunShow(const GlobalOptions& global, const ShowOptions& options) {
   if (!started) return Fail(std::string("the certificate viewer could not be started"));
   Note("opened " + std::string(record->name) + " in " + k_viewer);
   return k_exit_ok;
+}
+
+Command AddShowCommand(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<ShowOptions>();
+  CLI::App* command =
+      app.add_subcommand("show", "Open a certificate in the desktop's certificate viewer");
+  AddThumbprintArgument(*command, options->thumbprint);
+  return {command, [&global, options] { return RunShow(global, *options); }, nullptr};
 }
 
 }  // namespace x509auth_tool

@@ -1,6 +1,7 @@
 #pragma once
 #include <string>
 
+#include "Command.h"
 #include "GlobalOptions.h"
 
 namespace x509auth_tool {
@@ -11,5 +12,8 @@ struct ShowOptions {
 
 // `show`: opens the certificate in the desktop's certificate viewer.
 int RunShow(const GlobalOptions& global, const ShowOptions& options);
+
+// Registers `show` and its options on |app|.
+Command AddShowCommand(CLI::App& app, const GlobalOptions& global);
 
 }  // namespace x509auth_tool

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "InputOutput.h"
 #include "KeyFileCheck.h"
 #include "OpenSslHandles.h"
+#include "OptionChecks.h"
 #include "Report.h"
 
 namespace x509auth_tool {
@@ -118,6 +120,22 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
   if (!verified) return Fail("the " + what + " does NOT verify with the certificate's public key");
   Note(what + ", verified with the certificate's public key");
   return k_exit_ok;
+}
+
+Command AddSignCommand(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<SignOptions>();
+  CLI::App* command =
+      app.add_subcommand("sign", "Hash the input and sign the digest with a certificate's key");
+  AddThumbprintArgument(*command, options->thumbprint);
+  command->add_option("--hash", options->hash, "Digest algorithm")
+      ->type_name("sha1|sha256|sha384|sha512")
+      ->check(OneOf({"sha1", "sha256", "sha384", "sha512"}))
+      ->capture_default_str();
+  AddInputAndOutput(*command, options->in, options->out,
+                    "Write the raw signature here instead of hex to stdout");
+  command->add_flag("--pss", options->pss,
+                    "RSA-PSS (salt as long as the digest) instead of PKCS#1 v1.5");
+  return {command, [&global, options] { return RunSign(global, *options); }, nullptr};
 }
 
 }  // namespace x509auth_tool

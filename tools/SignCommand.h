@@ -1,6 +1,7 @@
 #pragma once
 #include <string>
 
+#include "Command.h"
 #include "GlobalOptions.h"
 
 namespace x509auth_tool {
@@ -16,5 +17,8 @@ struct SignOptions {
 // `sign`: hashes the input, signs the digest through the library, and
 // verifies the signature with the certificate's public key.
 int RunSign(const GlobalOptions& global, const SignOptions& options);
+
+// Registers `sign` and its options on |app|.
+Command AddSignCommand(CLI::App& app, const GlobalOptions& global);
 
 }  // namespace x509auth_tool

@@ -28,6 +28,7 @@
 #include "Formatting.h"
 #include "InputOutput.h"
 #include "OpenSslHandles.h"
+#include "OptionChecks.h"
 #include "PinPrompt.h"
 #include "ProviderContext.h"
 #include "Report.h"
@@ -266,112 +267,141 @@ bool CanSignPss(OSSL_LIB_CTX* libctx, EVP_PKEY* key) {
   return can;
 }
 
-struct Client {
-  X509Ptr cert;
-  EvpPkeyPtr key;
+// The server named on the command line.
+struct Target {
+  std::string host, port;
 };
 
-}  // namespace
-
-int RunTls(const GlobalOptions& global, const TlsOptions& options) {
-  const std::size_t colon = options.target.rfind(':');
-  if (colon == std::string::npos || colon == 0 || colon + 1 == options.target.size())
-    return FailPlain("tls: give the server as HOST:PORT, not '" + options.target + "'"),
-           k_exit_usage;
-  std::string host = options.target.substr(0, colon);
-  if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-    host = host.substr(1, host.size() - 2);
-  const std::string port = options.target.substr(colon + 1);
-
-  // The certificate is looked up as for every command (a prefix, or why it
-  // is not offered) before the provider or the token key is involved.
-  auto session = std::make_unique<CommandLibrarySession>(global);
-  if (!session->Start()) return k_exit_failed;
-  const X509_Auth_Certificate* record = session->Find(options.thumbprint);
-  if (record == nullptr) return k_exit_failed;
-  const std::string thumbprint = ThumbprintHex(*record);
-  const bool smart_card = record->smart_card != 0;
-
-  // A library context of the tool's own with OpenSSL's default provider,
-  // loaded first so that generic look-ups get OpenSSL's implementations.
-  LibCtxPtr libctx(OSSL_LIB_CTX_new());
-  ProviderPtr fallback(OSSL_PROVIDER_load(libctx.get(), "default"));
-  if (fallback == nullptr)
-    return Fail("tls: cannot load OpenSSL's default provider: " + OpenSslReason());
+// What the handshake works with, in the order it is made: released in the
+// reverse order (the exported key lives inside the session's context).
+struct ClientSide {
+  std::unique_ptr<CommandLibrarySession> session;
+  LibCtxPtr libctx;
+  ProviderPtr fallback;
   ProviderPtr provider;
+  // Open until the end: its passphrase callback answers the library for
+  // every signature.
   StorePtr store;
   UiMethodPtr ui;
-  Client client;
+  X509Ptr cert;
+  EvpPkeyPtr key;
   std::unique_ptr<ProviderLog> provider_log;
-  if (options.token_key == "export") {
-    // The tool is a host of its own here, as for its other commands; the
-    // exported key works inside the library's PKCS#11 context, which the
-    // session keeps until the end.
-    if (!smart_card)
-      return FailPlain("tls: --token-key export is for token certificates; " +
-                       std::string(record->name) + " comes from a file (use --token-key library)"),
-             k_exit_usage;
-    client.cert = RecordCertificate(*record);
-    void* exported = nullptr;
-    Evidence::BeginStep();
-    const X509_Auth_ResultCode code = X509_Auth_GetPrivateKeyForCertificate(record, &exported);
-    client.key.reset(static_cast<EVP_PKEY*>(exported));
-    if (code != X509_Auth_ResultCode_Success || client.key == nullptr)
-      return Fail(CommandLibrarySession::WithPromptNote(
-          "tls: the token key of " + std::string(record->name) +
-          " could not be exported: result code " + std::to_string(code)));
-  } else {
-    // The provider built in, the same code as the module, starts a library
-    // session of its own: the tool's ends first. Its store stays open until
-    // the end: its passphrase callback answers the library for every
-    // signature (a password-protected key file is read each time; the
-    // prompt remembers the answer).
-    session.reset();
-    ConfigureProvider(global);
-    provider_log = std::make_unique<ProviderLog>();
-    Evidence::BeginStep();
-    if (OSSL_PROVIDER_add_builtin(libctx.get(), "x509auth",
-                                  x509auth_provider::X509AuthProviderInit) != 1 ||
-        (provider = ProviderPtr(OSSL_PROVIDER_load(libctx.get(), "x509auth"))) == nullptr)
-      return Fail("tls: cannot load the x509auth provider: " + OpenSslReason());
-    ui.reset(UI_create_method("x509-auth"));
-    UI_method_set_reader(ui.get(), ReadFromPrompt);
-    const std::string uri = "x509auth:thumbprint=" + thumbprint;
-    store.reset(OSSL_STORE_open_ex(uri.c_str(), libctx.get(), nullptr, ui.get(), nullptr, nullptr,
-                                   nullptr, nullptr));
-    if (store == nullptr) {
-      provider_log.reset();
-      return Fail("tls: cannot open " + uri + ": " + OpenSslReason());
-    }
-    while (!OSSL_STORE_eof(store.get())) {
-      OsslStoreInfoPtr info(OSSL_STORE_load(store.get()));
-      if (info == nullptr) break;
-      if (OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_CERT)
-        client.cert.reset(OSSL_STORE_INFO_get1_CERT(info.get()));
-      if (OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_PKEY)
-        client.key.reset(OSSL_STORE_INFO_get1_PKEY(info.get()));
-    }
-    if (client.cert == nullptr || client.key == nullptr) {
-      provider_log.reset();
-      const std::string reason = OpenSslReason();
-      const std::string wrong = WrongSecret();
-      return Fail(CommandLibrarySession::WithPromptNote(
-          "tls: cannot load the certificate and key of " + thumbprint + ": " +
-          (wrong.empty() ? reason : wrong)));
-    }
-  }
+};
 
-  // TLS 1.3 signs RSA with PSS only, and TLS 1.2 prefers it. A key that
-  // cannot (a provider or exported key without PSS) keeps to PKCS#1 v1.5,
-  // which only TLS 1.2 has.
+// What the handshake came to.
+struct Handshake {
+  SslPtr ssl;
+  int fd = -1;
+  bool connected = false;
+  bool accepted = false;
+  bool own_signature_failed = false;
+  std::string failure;
+  std::string reply;
+};
+
+std::optional<Target> ParseTarget(const std::string& target) {
+  const std::size_t colon = target.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == target.size()) return std::nullopt;
+  std::string host = target.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+    host = host.substr(1, host.size() - 2);
+  return Target{host, target.substr(colon + 1)};
+}
+
+// The tool is a host of its own here, as for its other commands; the
+// exported key works inside the library's PKCS#11 context, which the session
+// keeps until the end.
+int ExportTokenKey(ClientSide& client, const X509_Auth_Certificate& record) {
+  if (record.smart_card == 0)
+    return FailPlain("tls: --token-key export is for token certificates; " +
+                     std::string(record.name) + " comes from a file (use --token-key library)"),
+           k_exit_usage;
+  client.cert = RecordCertificate(record);
+  void* exported = nullptr;
+  Evidence::BeginStep();
+  const X509_Auth_ResultCode code = X509_Auth_GetPrivateKeyForCertificate(&record, &exported);
+  client.key.reset(static_cast<EVP_PKEY*>(exported));
+  if (code != X509_Auth_ResultCode_Success || client.key == nullptr)
+    return Fail(CommandLibrarySession::WithPromptNote(
+        "tls: the token key of " + std::string(record.name) +
+        " could not be exported: result code " + std::to_string(code)));
+  return k_exit_ok;
+}
+
+// The certificate and key as the store hands them out.
+void LoadFromStore(ClientSide& client) {
+  while (!OSSL_STORE_eof(client.store.get())) {
+    OsslStoreInfoPtr info(OSSL_STORE_load(client.store.get()));
+    if (info == nullptr) break;
+    if (OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_CERT)
+      client.cert.reset(OSSL_STORE_INFO_get1_CERT(info.get()));
+    if (OSSL_STORE_INFO_get_type(info.get()) == OSSL_STORE_INFO_PKEY)
+      client.key.reset(OSSL_STORE_INFO_get1_PKEY(info.get()));
+  }
+}
+
+// The provider built in, the same code as the module, starts a library
+// session of its own: the tool's ends first. A password-protected key file
+// is read at each signature; the prompt remembers the answer.
+int LoadThroughProvider(ClientSide& client, const GlobalOptions& global,
+                        const std::string& thumbprint) {
+  client.session.reset();
+  ConfigureProvider(global);
+  client.provider_log = std::make_unique<ProviderLog>();
+  Evidence::BeginStep();
+  if (OSSL_PROVIDER_add_builtin(client.libctx.get(), "x509auth",
+                                x509auth_provider::X509AuthProviderInit) != 1 ||
+      (client.provider = ProviderPtr(OSSL_PROVIDER_load(client.libctx.get(), "x509auth"))) ==
+          nullptr)
+    return Fail("tls: cannot load the x509auth provider: " + OpenSslReason());
+  client.ui.reset(UI_create_method("x509-auth"));
+  UI_method_set_reader(client.ui.get(), ReadFromPrompt);
+  const std::string uri = "x509auth:thumbprint=" + thumbprint;
+  client.store.reset(OSSL_STORE_open_ex(uri.c_str(), client.libctx.get(), nullptr, client.ui.get(),
+                                        nullptr, nullptr, nullptr, nullptr));
+  if (client.store == nullptr) {
+    client.provider_log.reset();
+    return Fail("tls: cannot open " + uri + ": " + OpenSslReason());
+  }
+  LoadFromStore(client);
+  if (client.cert != nullptr && client.key != nullptr) return k_exit_ok;
+  client.provider_log.reset();
+  const std::string reason = OpenSslReason();
+  const std::string wrong = WrongSecret();
+  return Fail(CommandLibrarySession::WithPromptNote("tls: cannot load the certificate and key of " +
+                                                    thumbprint + ": " +
+                                                    (wrong.empty() ? reason : wrong)));
+}
+
+// The certificate is looked up as for every command (a prefix, or why it is
+// not offered) before the provider or the token key is involved.
+int LoadKey(ClientSide& client, const GlobalOptions& global, const TlsOptions& options) {
+  client.session = std::make_unique<CommandLibrarySession>(global);
+  if (!client.session->Start()) return k_exit_failed;
+  const X509_Auth_Certificate* record = client.session->Find(options.thumbprint);
+  if (record == nullptr) return k_exit_failed;
+  // A library context of the tool's own with OpenSSL's default provider,
+  // loaded first so that generic look-ups get OpenSSL's implementations.
+  client.libctx.reset(OSSL_LIB_CTX_new());
+  client.fallback.reset(OSSL_PROVIDER_load(client.libctx.get(), "default"));
+  if (client.fallback == nullptr)
+    return Fail("tls: cannot load OpenSSL's default provider: " + OpenSslReason());
+  if (options.token_key == "export") return ExportTokenKey(client, *record);
+  return LoadThroughProvider(client, global, ThumbprintHex(*record));
+}
+
+// TLS 1.3 signs RSA with PSS only, and TLS 1.2 prefers it. A key that cannot
+// (a provider or exported key without PSS) keeps to PKCS#1 v1.5, which only
+// TLS 1.2 has. |requested| is set when the server asks for a certificate.
+int BuildContext(SslCtxPtr& ctx, const ClientSide& client, const TlsOptions& options,
+                 bool* requested) {
   const bool rsa = EVP_PKEY_is_a(X509_get0_pubkey(client.cert.get()), "RSA");
-  const bool pss = !rsa || CanSignPss(libctx.get(), client.key.get());
+  const bool pss = !rsa || CanSignPss(client.libctx.get(), client.key.get());
   if (!pss && options.tls1_3)
     return FailPlain("tls: the key of " + CommonName(client.cert.get()) +
                      " cannot sign RSA-PSS, which TLS 1.3 needs for RSA keys (use --tls1_2)"),
            k_exit_usage;
-
-  SslCtxPtr ctx(SSL_CTX_new_ex(libctx.get(), nullptr, TLS_client_method()));
+  ctx.reset(SSL_CTX_new_ex(client.libctx.get(), nullptr, TLS_client_method()));
   if (ctx == nullptr) return Fail("tls: " + OpenSslReason());
   const int version = options.tls1_2 ? TLS1_2_VERSION : options.tls1_3 ? TLS1_3_VERSION : 0;
   if (version != 0) {
@@ -383,9 +413,8 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
     SSL_CTX_set1_client_sigalgs_list(ctx.get(), "RSA+SHA256:RSA+SHA384:RSA+SHA512:RSA+SHA1");
   }
   // Called by libssl only when the server sends a CertificateRequest.
-  bool requested = false;
   SSL_CTX_set_cert_cb(
-      ctx.get(), [](SSL*, void* flag) { return *static_cast<bool*>(flag) = true, 1; }, &requested);
+      ctx.get(), [](SSL*, void* flag) { return *static_cast<bool*>(flag) = true, 1; }, requested);
   if (!options.ca_file.empty()
           ? SSL_CTX_load_verify_locations(ctx.get(), options.ca_file.c_str(), nullptr) != 1
           : SSL_CTX_set_default_verify_paths(ctx.get()) != 1)
@@ -393,93 +422,113 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
   if (SSL_CTX_use_certificate(ctx.get(), client.cert.get()) != 1 ||
       SSL_CTX_use_PrivateKey(ctx.get(), client.key.get()) != 1)
     return Fail("tls: the certificate and key do not go together: " + OpenSslReason());
+  return k_exit_ok;
+}
 
-  const int fd = Connect(host, port, options.timeout_seconds);
-  if (fd < 0) return k_exit_failed;
-  SslPtr ssl(SSL_new(ctx.get()));
-  SSL_set_fd(ssl.get(), fd);
-  const std::string servername = !options.servername.empty() ? options.servername : host;
-  SSL_set_tlsext_host_name(ssl.get(), servername.c_str());
-  if (!options.servername.empty()) SSL_set1_host(ssl.get(), options.servername.c_str());
-
-  Evidence::BeginStep();
-  const bool connected = SSL_connect(ssl.get()) == 1;
-  bool own_signature_failed = false;
-  std::string failure = connected ? "" : OpenSslReason(&own_signature_failed);
-  bool accepted = connected;
-  std::string reply;
-  if (connected) {
-    // TLS 1.3 finishes for the client before the server has looked at its
-    // certificate: the verdict (an alert, or the server's data) comes next.
-    if (!options.send.empty()) {
-      const std::string line = options.send + "\n";
-      accepted = SSL_write(ssl.get(), line.data(), static_cast<int>(line.size())) > 0;
-      char buffer[4096];
-      int n;
-      while (accepted && (n = SSL_read(ssl.get(), buffer, sizeof buffer)) > 0) {
-        reply.append(buffer, static_cast<std::size_t>(n));
-        if (reply.find('\n') != std::string::npos) break;
-      }
-    } else {
-      timeval brief{1, 0};
-      setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &brief, sizeof brief);
-      char byte;
-      SSL_peek(ssl.get(), &byte, 1);
+// TLS 1.3 finishes for the client before the server has looked at its
+// certificate: the verdict (an alert, or the server's data) comes next.
+void AwaitVerdict(Handshake& handshake, const std::string& send) {
+  SSL* ssl = handshake.ssl.get();
+  if (!send.empty()) {
+    const std::string line = send + "\n";
+    handshake.accepted = SSL_write(ssl, line.data(), static_cast<int>(line.size())) > 0;
+    char buffer[4096];
+    int n;
+    while (handshake.accepted && (n = SSL_read(ssl, buffer, sizeof buffer)) > 0) {
+      handshake.reply.append(buffer, static_cast<std::size_t>(n));
+      if (handshake.reply.find('\n') != std::string::npos) break;
     }
-    const unsigned long error = ERR_peek_error();
-    if (error != 0 && ERR_GET_LIB(error) == ERR_LIB_SSL &&
-        ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
-      accepted = false;
-      failure = OpenSslReason();
-    }
-    ERR_clear_error();
+  } else {
+    timeval brief{1, 0};
+    setsockopt(handshake.fd, SOL_SOCKET, SO_RCVTIMEO, &brief, sizeof brief);
+    char byte;
+    SSL_peek(ssl, &byte, 1);
   }
+  const unsigned long error = ERR_peek_error();
+  if (error != 0 && ERR_GET_LIB(error) == ERR_LIB_SSL &&
+      ERR_GET_REASON(error) != SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+    handshake.accepted = false;
+    handshake.failure = OpenSslReason();
+  }
+  ERR_clear_error();
+}
 
-  // What the server sent (its name, its reply) is shown through Printable.
-  const auto line = [](const char* label, const std::string& value) {
-    PrintOut(std::string(label) + value + "\n");
-  };
-  const char* version_name = SSL_get_version(ssl.get());
-  line("version:          ", connected ? version_name : "(none)");
-  line("cipher:           ", connected ? SSL_get_cipher_name(ssl.get()) : "(none)");
+int Shake(Handshake& handshake, SSL_CTX* ctx, const Target& target, const TlsOptions& options) {
+  handshake.fd = Connect(target.host, target.port, options.timeout_seconds);
+  if (handshake.fd < 0) return k_exit_failed;
+  handshake.ssl.reset(SSL_new(ctx));
+  SSL* ssl = handshake.ssl.get();
+  SSL_set_fd(ssl, handshake.fd);
+  const std::string servername = !options.servername.empty() ? options.servername : target.host;
+  SSL_set_tlsext_host_name(ssl, servername.c_str());
+  if (!options.servername.empty()) SSL_set1_host(ssl, options.servername.c_str());
+  Evidence::BeginStep();
+  handshake.connected = SSL_connect(ssl) == 1;
+  handshake.failure = handshake.connected ? "" : OpenSslReason(&handshake.own_signature_failed);
+  handshake.accepted = handshake.connected;
+  if (handshake.connected) AwaitVerdict(handshake, options.send);
+  return k_exit_ok;
+}
+
+void Close(Handshake& handshake) {
+  if (handshake.connected) SSL_shutdown(handshake.ssl.get());
+  close(handshake.fd);
+}
+
+// What the server sent (its name, its reply) is shown through Printable.
+void PrintLine(const char* label, const std::string& value) {
+  PrintOut(std::string(label) + value + "\n");
+}
+
+// The lines about the connection, up to the handshake's verdict.
+void PrintConnection(const Handshake& handshake, const TlsOptions& options) {
+  SSL* ssl = handshake.ssl.get();
+  const bool connected = handshake.connected;
+  PrintLine("version:          ", connected ? SSL_get_version(ssl) : "(none)");
+  PrintLine("cipher:           ", connected ? SSL_get_cipher_name(ssl) : "(none)");
   int type = NID_undef, md = NID_undef;
-  line("client signature: ", connected && SSL_get_signature_type_nid(ssl.get(), &type) == 1 &&
-                                     SSL_get_signature_nid(ssl.get(), &md) == 1
-                                 ? SchemeName(type, md)
-                                 : "(none)");
-  X509* server = SSL_get0_peer_certificate(ssl.get());
+  PrintLine("client signature: ", connected && SSL_get_signature_type_nid(ssl, &type) == 1 &&
+                                          SSL_get_signature_nid(ssl, &md) == 1
+                                      ? SchemeName(type, md)
+                                      : "(none)");
+  X509* server = SSL_get0_peer_certificate(ssl);
   char subject[512] = "(none)";
   if (server != nullptr) X509_NAME_oneline(X509_get_subject_name(server), subject, sizeof subject);
-  line("server:           ", Printable(subject));
-  const long verify = SSL_get_verify_result(ssl.get());
-  line("server verified:  ", server == nullptr     ? "no"
-                             : verify == X509_V_OK ? "yes"
-                                                   : X509_verify_cert_error_string(verify));
-  line("client key:       ",
-       options.token_key == "export" ? "exported from the token" : "x509auth provider");
-  provider_log.reset();
-  const bool asked = accepted && requested;
-  // A handshake that stopped at the client's own signature was rejected by
-  // nobody: the server never saw it.
-  line("handshake:        ", own_signature_failed
-                                 ? "failed: the client's signature with its key failed, so the "
-                                   "handshake could not go on: " +
-                                       Printable(failure)
-                             : !accepted ? "rejected: " + Printable(failure)
-                             : asked     ? "accepted"
-                                     : "completed, but the server asked for no client certificate");
-  if (!reply.empty()) {
+  PrintLine("server:           ", Printable(subject));
+  const long verify = SSL_get_verify_result(ssl);
+  PrintLine("server verified:  ", server == nullptr     ? "no"
+                                  : verify == X509_V_OK ? "yes"
+                                                        : X509_verify_cert_error_string(verify));
+  PrintLine("client key:       ",
+            options.token_key == "export" ? "exported from the token" : "x509auth provider");
+}
+
+// A handshake that stopped at the client's own signature was rejected by
+// nobody: the server never saw it.
+std::string Verdict(const Handshake& handshake, bool asked) {
+  if (handshake.own_signature_failed)
+    return "failed: the client's signature with its key failed, so the handshake could not go "
+           "on: " +
+           Printable(handshake.failure);
+  if (!handshake.accepted) return "rejected: " + Printable(handshake.failure);
+  return asked ? "accepted" : "completed, but the server asked for no client certificate";
+}
+
+// The report on stdout, then the exit status it comes to.
+int Report(Handshake& handshake, ClientSide& client, const TlsOptions& options, bool requested) {
+  PrintConnection(handshake, options);
+  client.provider_log.reset();
+  const bool asked = handshake.accepted && requested;
+  PrintLine("handshake:        ", Verdict(handshake, asked));
+  if (!handshake.reply.empty()) {
+    std::string reply = handshake.reply;
     if (reply.back() == '\n') reply.pop_back();
-    line("reply:            ", Printable(reply));
+    PrintLine("reply:            ", Printable(reply));
   }
-  if (!FlushStandardOutput()) {
-    if (connected) SSL_shutdown(ssl.get());
-    close(fd);
-    return k_exit_failed;
-  }
-  if (connected) SSL_shutdown(ssl.get());
-  close(fd);
-  if (!accepted) {
+  const bool flushed = FlushStandardOutput();
+  Close(handshake);
+  if (!flushed) return k_exit_failed;
+  if (!handshake.accepted) {
     const std::string wrong = WrongSecret();
     return Fail(CommandLibrarySession::WithPromptNote("tls: the handshake with " + options.target +
                                                       " failed" +
@@ -489,9 +538,73 @@ int RunTls(const GlobalOptions& global, const TlsOptions& options) {
     return FailPlain("tls: " + options.target +
                      " did not ask for a client certificate, so the certificate was not tried "
                      "(--allow-no-client-auth accepts that)");
-  if (server == nullptr || verify != X509_V_OK)
+  X509* server = SSL_get0_peer_certificate(handshake.ssl.get());
+  if (server == nullptr || SSL_get_verify_result(handshake.ssl.get()) != X509_V_OK)
     return Fail("tls: the server's certificate did not verify");
   return k_exit_ok;
+}
+
+}  // namespace
+
+int RunTls(const GlobalOptions& global, const TlsOptions& options) {
+  const std::optional<Target> target = ParseTarget(options.target);
+  if (!target) return FailUsage("tls: give the server as HOST:PORT, not '" + options.target + "'");
+  ClientSide client;
+  if (const int status = LoadKey(client, global, options); status != k_exit_ok) return status;
+  SslCtxPtr ctx;
+  bool requested = false;
+  if (const int status = BuildContext(ctx, client, options, &requested); status != k_exit_ok)
+    return status;
+  Handshake handshake;
+  if (const int status = Shake(handshake, ctx.get(), *target, options); status != k_exit_ok)
+    return status;
+  return Report(handshake, client, options, requested);
+}
+
+Command AddTlsCommand(CLI::App& app, const GlobalOptions& global) {
+  auto options = std::make_shared<TlsOptions>();
+  CLI::App* command = app.add_subcommand("tls", "A TLS handshake authenticated with a certificate");
+  command->add_option("TARGET", options->target, "The server, HOST:PORT")
+      ->type_name("")
+      ->required();
+  command->add_option("--cert", options->thumbprint, "The certificate")
+      ->required()
+      ->type_name("THUMBPRINT")
+      ->check(Thumbprint());
+  command
+      ->add_option("--CAfile", options->ca_file,
+                   "CAs to verify the server with (default: the system's)")
+      ->type_name("FILE")
+      ->transform(AbsolutePath())
+      ->check(ExistingFile());
+  command
+      ->add_option("--servername", options->servername,
+                   "Name sent (SNI) and checked in the server's certificate")
+      ->type_name("NAME");
+  command->add_flag("--tls1_2", options->tls1_2, "TLS 1.2 only");
+  command->add_flag("--tls1_3", options->tls1_3, "TLS 1.3 only");
+  command
+      ->add_option("--send", options->send,
+                   "Write this line after the handshake and print the reply")
+      ->type_name("TEXT");
+  command
+      ->add_option("--token-key", options->token_key,
+                   "Token keys: used through the library (provider) or exported from the token")
+      ->type_name("library|export")
+      ->check(OneOf({"library", "export"}))
+      ->capture_default_str();
+  command->add_option("--timeout", options->timeout_seconds, "Seconds to wait for the server")
+      ->type_name("SECONDS")
+      ->check(Seconds())
+      ->capture_default_str();
+  command->add_flag("--allow-no-client-auth", options->allow_no_client_auth,
+                    "Succeed also when the server asks for no client certificate");
+  return {command, [&global, options] { return RunTls(global, *options); },
+          [options] {
+            return options->tls1_2 && options->tls1_3
+                       ? std::string("tls: --tls1_2 and --tls1_3 exclude each other")
+                       : std::string();
+          }};
 }
 
 }  // namespace x509auth_tool

@@ -1,6 +1,7 @@
 #pragma once
 #include <string>
 
+#include "Command.h"
 #include "GlobalOptions.h"
 
 namespace x509auth_tool {
@@ -22,5 +23,8 @@ struct TlsOptions {
 // as the module), or, for a token certificate with --token-key export,
 // through the key X509_Auth_GetPrivateKeyForCertificate exports.
 int RunTls(const GlobalOptions& global, const TlsOptions& options);
+
+// Registers `tls` and its options on |app|.
+Command AddTlsCommand(CLI::App& app, const GlobalOptions& global);
 
 }  // namespace x509auth_tool

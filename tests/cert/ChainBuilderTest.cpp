@@ -26,22 +26,13 @@ using x509auth_test::TestX509;
 
 TestX509 Ca(const std::string& name, EVP_PKEY* key, X509* issuer = nullptr,
             EVP_PKEY* issuer_key = nullptr) {
-  CertOptions options;
-  options.common_name = name;
-  options.is_ca = true;
-  options.key_usage = "critical,keyCertSign,cRLSign";
-  return MakeCert(options, key, issuer, issuer_key);
+  return MakeCert(x509auth_test::CaOptions(name), key, issuer, issuer_key);
 }
 
 TestX509 Leaf(const std::string& name, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuer_key,
               const std::string& not_before = "", const std::string& not_after = "") {
-  CertOptions options;
-  options.common_name = name;
-  options.extended_key_usage = "clientAuth";
-  options.key_usage = "critical,digitalSignature";
-  options.not_before = not_before;
-  options.not_after = not_after;
-  return MakeCert(options, key, issuer, issuer_key);
+  return MakeCert(x509auth_test::ClientOptions(name, not_before, not_after), key, issuer,
+                  issuer_key);
 }
 
 struct Outcome {
@@ -181,16 +172,6 @@ TEST_F(ChainBuilderTest, UnopenedOwnStoreFailsAsBefore) {
   EXPECT_EQ(recorder_->Logs()[0].text, "Cert::CaChain failed to create new X509 store context");
 }
 
-// The certificates of a store, in its stack's order after OpenSSL sorted it.
-std::vector<X509*> SortedCerts(X509_STORE* store) {
-  STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
-  sk_X509_OBJECT_sort(objects);
-  std::vector<X509*> certs;
-  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
-    certs.push_back(X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)));
-  return certs;
-}
-
 TEST(X509StoreBatchTest, HoldsWhatOneByOneAddingHoldsInTheSameOrder) {
   TestKey key_a = SharedKey(KeyKind::k_rsa, 40), key_b = SharedKey(KeyKind::k_ec, 43);
   std::vector<TestX509> certs;
@@ -213,8 +194,9 @@ TEST(X509StoreBatchTest, HoldsWhatOneByOneAddingHoldsInTheSameOrder) {
     X509StoreBatch batch(batched.get());
     for (X509* cert : input) ASSERT_EQ(batch.Add(cert), 1);
   }
-  EXPECT_EQ(SortedCerts(one_by_one.get()), SortedCerts(batched.get()));
-  EXPECT_EQ(SortedCerts(batched.get()).size(), certs.size());
+  EXPECT_EQ(x509auth_test::SortedStoreCerts(one_by_one.get()),
+            x509auth_test::SortedStoreCerts(batched.get()));
+  EXPECT_EQ(x509auth_test::SortedStoreCerts(batched.get()).size(), certs.size());
   EXPECT_EQ(X509StoreBatch(batched.get()).Add(nullptr), 0);
 }
 

@@ -210,6 +210,40 @@ class HostTokenWatchTest : public HostTest {
     ASSERT_EQ(X509_Auth_SetTokenWatch(watch ? 1 : 0), X509_Auth_ResultCode_Success);
   }
 
+  // Card A with its certificate and key, and the library started on it.
+  void StartWithCardA(bool watch) {
+    hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+    Start(watch);
+  }
+
+  // StartWithCardA, listed into |records|, and Token A's key used once
+  // after the PIN: the state each change below is made in. Token A's record.
+  const X509_Auth_Certificate* SignedOnceWithCardA(
+      bool watch, std::vector<const X509_Auth_Certificate*>& records) {
+    StartWithCardA(watch);
+    records = List();
+    const X509_Auth_Certificate* record = Find(records, "Token A");
+    if (record == nullptr) {
+      ADD_FAILURE() << "Token A is not listed\n" << rec().Dump();
+      return nullptr;
+    }
+    rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+    const X509_Auth_Signature* signature = nullptr;
+    if (Sign(record, Sha256("one"), &signature).code != 0) {
+      ADD_FAILURE() << "the first signature failed\n" << rec().Dump();
+      return nullptr;
+    }
+    return record;
+  }
+
+  // Every session of Card A ended through the loaded module, as when a card
+  // is pulled and put back between two requests.
+  static void EndSessionsOfCardA() {
+    LoadedModule module;
+    ASSERT_TRUE(module.Loaded());
+    ASSERT_EQ(module.CloseAllSessions("Card A"), CKR_OK);
+  }
+
   // Card B initialised and given its certificate through the loaded module.
   void InsertCardB() {
     LoadedModule module;
@@ -224,8 +258,7 @@ class HostTokenWatchTest : public HostTest {
 };
 
 TEST_F(HostTokenWatchTest, TokenAppearingAfterTheFirstListingIsListedWithTheWatchOn) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(true);
+  StartWithCardA(true);
   EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"})) << rec().Dump();
   InsertCardB();
   EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A", "Token B"})) << rec().Dump();
@@ -234,8 +267,7 @@ TEST_F(HostTokenWatchTest, TokenAppearingAfterTheFirstListingIsListedWithTheWatc
 }
 
 TEST_F(HostTokenWatchTest, TokenAppearingAfterTheFirstListingIsNotListedWithTheWatchOff) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(false);
+  StartWithCardA(false);
   EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"})) << rec().Dump();
   InsertCardB();
   EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"})) << rec().Dump();
@@ -243,16 +275,14 @@ TEST_F(HostTokenWatchTest, TokenAppearingAfterTheFirstListingIsNotListedWithTheW
 }
 
 TEST_F(HostTokenWatchTest, UnchangedTokensAreNotListedAgain) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(true);
+  StartWithCardA(true);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"}));
   EXPECT_TRUE(rec().WithFormat("Token watch: the tokens changed; listing the slots again").empty())
       << rec().Dump();
 }
 
 TEST_F(HostTokenWatchTest, TokenThatWentAwayDisappearsWithTheWatchOn) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(true);
+  StartWithCardA(true);
   EXPECT_EQ(Names(List()), (std::vector<std::string>{"Token A"}));
   hsm_->DeleteToken("Card A");
   EXPECT_TRUE(List().empty()) << rec().Dump();
@@ -263,8 +293,7 @@ TEST_F(HostTokenWatchTest, TokenThatWentAwayDisappearsWithTheWatchOn) {
 }
 
 TEST_F(HostTokenWatchTest, HeldRecordOfATokenThatWentAwayFailsToSignAsNotFound) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(true);
+  StartWithCardA(true);
   const auto records = List();
   const X509_Auth_Certificate* held = Find(records, "Token A");
   ASSERT_NE(held, nullptr) << rec().Dump();
@@ -283,8 +312,7 @@ TEST_F(HostTokenWatchTest, HeldRecordOfATokenThatWentAwayFailsToSignAsNotFound) 
 }
 
 TEST_F(HostTokenWatchTest, ChangedTokensAskForThePinAgainWithTheWatchOn) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(true);
+  StartWithCardA(true);
   const auto records = List();
   const X509_Auth_Certificate* record = Find(records, "Token A");
   ASSERT_NE(record, nullptr);
@@ -312,14 +340,10 @@ TEST_F(HostTokenWatchTest, ChangedTokensAskForThePinAgainWithTheWatchOn) {
 }
 
 TEST_F(HostTokenWatchTest, ChangedTokensKeepTheLoginWithTheWatchOff) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(false);
-  const auto records = List();
-  const X509_Auth_Certificate* record = Find(records, "Token A");
+  std::vector<const X509_Auth_Certificate*> records;
+  const X509_Auth_Certificate* record = SignedOnceWithCardA(false, records);
   ASSERT_NE(record, nullptr);
-  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   const X509_Auth_Signature* signature = nullptr;
-  ASSERT_EQ(Sign(record, Sha256("one"), &signature).code, 0) << rec().Dump();
   InsertCardB();
   ASSERT_EQ(Sign(record, Sha256("two"), &signature).code, 0) << rec().Dump();
   EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 1u);
@@ -327,22 +351,14 @@ TEST_F(HostTokenWatchTest, ChangedTokensKeepTheLoginWithTheWatchOff) {
 }
 
 TEST_F(HostTokenWatchTest, SessionsEndedUnderTheLibraryAreListedAgainAndAskForThePinAgain) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(true);
-  const auto records = List();
-  const X509_Auth_Certificate* record = Find(records, "Token A");
+  std::vector<const X509_Auth_Certificate*> records;
+  const X509_Auth_Certificate* record = SignedOnceWithCardA(true, records);
   ASSERT_NE(record, nullptr);
-  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   const X509_Auth_Signature* signature = nullptr;
-  ASSERT_EQ(Sign(record, Sha256("one"), &signature).code, 0) << rec().Dump();
 
   // The same card, its sessions gone: nothing the slot list shows, as when
   // a card is pulled and put back between two requests.
-  {
-    LoadedModule module;
-    ASSERT_TRUE(module.Loaded());
-    ASSERT_EQ(module.CloseAllSessions("Card A"), CKR_OK);
-  }
+  ASSERT_NO_FATAL_FAILURE(EndSessionsOfCardA());
   rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   const Bytes digest = Sha256("two");
   ASSERT_EQ(Sign(record, digest, &signature).code, 0) << rec().Dump();
@@ -359,19 +375,11 @@ TEST_F(HostTokenWatchTest, SessionsEndedUnderTheLibraryAreListedAgainAndAskForTh
 }
 
 TEST_F(HostTokenWatchTest, SessionsEndedUnderTheLibraryFailTheSignatureWithTheWatchOff) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(false);
-  const auto records = List();
-  const X509_Auth_Certificate* record = Find(records, "Token A");
+  std::vector<const X509_Auth_Certificate*> records;
+  const X509_Auth_Certificate* record = SignedOnceWithCardA(false, records);
   ASSERT_NE(record, nullptr);
-  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   const X509_Auth_Signature* signature = nullptr;
-  ASSERT_EQ(Sign(record, Sha256("one"), &signature).code, 0) << rec().Dump();
-  {
-    LoadedModule module;
-    ASSERT_TRUE(module.Loaded());
-    ASSERT_EQ(module.CloseAllSessions("Card A"), CKR_OK);
-  }
+  ASSERT_NO_FATAL_FAILURE(EndSessionsOfCardA());
   signature = nullptr;
   // libp11 reads the token through its pooled, now dead, session.
   const X509_Auth_Result result = Sign(record, Sha256("two"), &signature);
@@ -501,8 +509,7 @@ TEST_F(HostTokenWatchRetryTest, TokenLostDuringThePinPromptIsAWrongPinWithTheWat
 }
 
 TEST_F(HostTokenWatchTest, ExportedTokenKeyOutlivesATokenChangeAndFailsWithoutItsLogin) {
-  hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
-  Start(true);
+  StartWithCardA(true);
   const auto records = List();
   const X509_Auth_Certificate* record = Find(records, "Token A");
   ASSERT_NE(record, nullptr);

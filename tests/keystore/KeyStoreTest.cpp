@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "FakeCertificate.h"
 #include "RecordingCallbacks.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "cert/ICertificate.h"
@@ -15,35 +16,16 @@ namespace {
 using x509auth_test::RecordingCallbacks;
 
 // A certificate that reports the usages a test gives it.
-class UsageCertificate : public ICertificate {
- public:
-  UsageCertificate(std::uint32_t eku, std::uint32_t ku, bool ku_ok = true)
-      : eku_(eku), ku_(ku), ku_ok_(ku_ok) {}
-  std::string PublicKeyAlgorithm() const override { return "1.2.840.113549.1.1.1"; }
-  Algorithm PublicKeyAlgorithmGroup() const override { return Algorithm::k_rsa; }
-  bool IntendedKeyUsage(std::uint32_t& usage) const override {
-    usage = ku_;
-    return ku_ok_;
-  }
-  std::uint32_t EnhancedKeyUsage() const override { return eku_; }
-  std::string Name() const override { return "usage"; }
-  std::string IssuerName() const override { return "usage"; }
-  std::time_t NotBefore() const override { return 0; }
-  std::time_t NotAfter() const override { return 0; }
-  bool SupportsSmartCard() const override { return false; }
-  std::vector<unsigned char> Encode() const override { return {}; }
-  bool Thumbprint(x509::Thumbprint&) const override { return true; }
-  bool CaChain(std::vector<x509::Thumbprint>&, const ICertificateStore*) const override {
-    return true;
-  }
-  bool ShowDialog(void*) const override { return false; }
-  const CertContext& GetContext() const override { return context_; }
-
- private:
-  std::uint32_t eku_, ku_;
-  bool ku_ok_;
-  CertContext context_;
-};
+x509auth_test::FakeCertificate UsageCertificate(std::uint32_t eku, std::uint32_t ku,
+                                                bool ku_ok = true) {
+  x509auth_test::FakeCertificate::Answers answers = x509auth_test::FakeCertificate::Rsa("usage");
+  answers.chains = true;
+  answers.has_thumbprint = true;
+  answers.enhanced_usage = eku;
+  answers.intended_usage = ku;
+  answers.intended_usage_readable = ku_ok;
+  return x509auth_test::FakeCertificate(answers);
+}
 
 TEST(KeyStoreIsPermittedTest, ClientAuthExtendedUsageIsEnough) {
   EXPECT_TRUE(KeyStore::IsPermitted(UsageCertificate(0x2, 0)));

@@ -1,53 +1,26 @@
 #include <gtest/gtest.h>
 
-#include "cert/ICertificate.h"
+#include "FakeCertificate.h"
 #include "keystore/OfferDecision.h"
 
 namespace quorvant::shared::x509 {
 namespace {
 
-// A certificate whose usage, chain and thumbprint a test chooses, counting
-// the chain and thumbprint requests.
-class ScriptedCertificate : public ICertificate {
- public:
-  ScriptedCertificate(bool client_auth, bool chains, bool has_thumbprint)
-      : client_auth_(client_auth), chains_(chains), has_thumbprint_(has_thumbprint) {}
-  std::string PublicKeyAlgorithm() const override { return "1.2.840.113549.1.1.1"; }
-  Algorithm PublicKeyAlgorithmGroup() const override { return Algorithm::k_rsa; }
-  bool IntendedKeyUsage(std::uint32_t& usage) const override {
-    usage = 0x20;  // key encipherment only
-    return true;
-  }
-  std::uint32_t EnhancedKeyUsage() const override { return client_auth_ ? 0x2 : 0x1; }
-  std::string Name() const override { return "scripted"; }
-  std::string IssuerName() const override { return "scripted"; }
-  std::time_t NotBefore() const override { return 0; }
-  std::time_t NotAfter() const override { return 0; }
-  bool SupportsSmartCard() const override { return false; }
-  std::vector<unsigned char> Encode() const override { return {}; }
-  bool Thumbprint(x509::Thumbprint& thumbprint) const override {
-    ++thumbprint_requests;
-    thumbprint.fill(0xAB);
-    return has_thumbprint_;
-  }
-  bool CaChain(std::vector<x509::Thumbprint>& chain, const ICertificateStore*) const override {
-    ++chain_requests;
-    if (chains_) chain.push_back(x509::Thumbprint{});
-    return chains_;
-  }
-  bool ShowDialog(void*) const override { return false; }
-  const CertContext& GetContext() const override { return context_; }
+using x509auth_test::FakeCertificate;
 
-  mutable int chain_requests = 0;
-  mutable int thumbprint_requests = 0;
-
- private:
-  bool client_auth_, chains_, has_thumbprint_;
-  CertContext context_;
-};
+// Usage for client authentication or for servers only (key encipherment
+// either way), a chain or none, a thumbprint or none.
+FakeCertificate ScriptedCertificate(bool client_auth, bool chains, bool has_thumbprint) {
+  FakeCertificate::Answers answers = FakeCertificate::Rsa("scripted");
+  answers.intended_usage = 0x20;  // key encipherment only
+  answers.enhanced_usage = client_auth ? 0x2 : 0x1;
+  answers.chains = chains;
+  answers.has_thumbprint = has_thumbprint;
+  return FakeCertificate(answers);
+}
 
 TEST(OfferDecisionTest, OfferedWhenUsageChainAndThumbprintAllHold) {
-  const ScriptedCertificate cert(true, true, true);
+  const FakeCertificate cert = ScriptedCertificate(true, true, true);
   ChainBuilder builder;
   const OfferDecision decision =
       DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_until_refused);
@@ -60,7 +33,7 @@ TEST(OfferDecisionTest, OfferedWhenUsageChainAndThumbprintAllHold) {
 }
 
 TEST(OfferDecisionTest, ListingStopsAtARefusedKeyUsageWithoutBuildingAChain) {
-  const ScriptedCertificate cert(false, true, true);
+  const FakeCertificate cert = ScriptedCertificate(false, true, true);
   ChainBuilder builder;
   const OfferDecision decision =
       DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_until_refused);
@@ -71,7 +44,7 @@ TEST(OfferDecisionTest, ListingStopsAtARefusedKeyUsageWithoutBuildingAChain) {
 }
 
 TEST(OfferDecisionTest, ListingStopsAtAFailedChainWithoutTheThumbprint) {
-  const ScriptedCertificate cert(true, false, true);
+  const FakeCertificate cert = ScriptedCertificate(true, false, true);
   ChainBuilder builder;
   const OfferDecision decision =
       DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_until_refused);
@@ -81,7 +54,7 @@ TEST(OfferDecisionTest, ListingStopsAtAFailedChainWithoutTheThumbprint) {
 }
 
 TEST(OfferDecisionTest, EveryReasonGoesOnPastEachRefusal) {
-  const ScriptedCertificate cert(false, false, false);
+  const FakeCertificate cert = ScriptedCertificate(false, false, false);
   ChainBuilder builder;
   const OfferDecision decision =
       DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_every);

@@ -111,6 +111,82 @@ TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
   EXPECT_NE(errors.find("an RSA signature needs its digest set"), std::string::npos) << errors;
 }
 
+// Sets a digest (|name| under |key|) and its properties (|properties| under
+// |properties_key|; none when null) on |context|, as one call.
+bool SetDigestParams(EVP_PKEY_CTX* context, const char* key, const char* name,
+                     const char* properties_key, const char* properties) {
+  OSSL_PARAM params[3];
+  int count = 0;
+  if (name != nullptr)
+    params[count++] = OSSL_PARAM_construct_utf8_string(key, const_cast<char*>(name), 0);
+  if (properties != nullptr)
+    params[count++] =
+        OSSL_PARAM_construct_utf8_string(properties_key, const_cast<char*>(properties), 0);
+  params[count] = OSSL_PARAM_construct_end();
+  return EVP_PKEY_CTX_set_params(context, params) == 1;
+}
+
+// The name of the digest |key| reports on |context|, or "".
+std::string DigestParam(EVP_PKEY_CTX* context, const char* key) {
+  char name[64] = "";
+  OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(key, name, sizeof name),
+                         OSSL_PARAM_construct_end()};
+  return EVP_PKEY_CTX_get_params(context, params) == 1 ? name : "";
+}
+
+// A signing context of an RSA client's key loaded through the provider.
+class ProviderSignatureParamsTest : public ProviderInProcessTest {
+ protected:
+  void SetUp() override {
+    ProviderInProcessTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+    loaded_ = Load(base_);
+    key_.reset(LoadKey(*loaded_, rsa, &answer_));
+    ASSERT_NE(key_, nullptr) << ErrorText();
+    context_.reset(EVP_PKEY_CTX_new_from_pkey(loaded_->ctx, key_.get(), nullptr));
+    ASSERT_EQ(EVP_PKEY_sign_init(context_.get()), 1);
+  }
+  void TearDown() override {
+    context_.reset();
+    key_.reset();
+    loaded_.reset();
+    ProviderInProcessTest::TearDown();
+  }
+
+  // The digest |key| set to SHA-256 with properties OpenSSL's default
+  // provider has, then to SHA-384 with properties nothing has: refused, and
+  // SHA-256 stays.
+  void ExpectPropertiesChoose(const char* key, const char* properties_key) {
+    EXPECT_TRUE(SetDigestParams(context_.get(), key, "SHA256", properties_key, "provider=default"))
+        << ErrorText();
+    EXPECT_EQ(DigestParam(context_.get(), key), "SHA2-256");
+    EXPECT_FALSE(
+        SetDigestParams(context_.get(), key, "SHA384", properties_key, "provider=nowhere"));
+    EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
+    EXPECT_EQ(DigestParam(context_.get(), key), "SHA2-256");
+  }
+
+  std::unique_ptr<Loaded> loaded_;
+  Answer answer_;
+  x509auth_openssl::EvpPkeyPtr key_;
+  EvpPkeyCtxPtr context_;
+};
+
+TEST_F(ProviderSignatureParamsTest, DigestPropertiesChooseWhereTheSignaturesDigestIsFetched) {
+  ExpectPropertiesChoose(OSSL_SIGNATURE_PARAM_DIGEST, OSSL_SIGNATURE_PARAM_PROPERTIES);
+  // Properties without a digest name change nothing.
+  EXPECT_TRUE(SetDigestParams(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST, nullptr,
+                              OSSL_SIGNATURE_PARAM_PROPERTIES, "provider=nowhere"))
+      << ErrorText();
+  EXPECT_EQ(DigestParam(context_.get(), OSSL_SIGNATURE_PARAM_DIGEST), "SHA2-256");
+}
+
+TEST_F(ProviderSignatureParamsTest, Mgf1PropertiesChooseWhereTheMaskDigestIsFetched) {
+  ASSERT_EQ(EVP_PKEY_CTX_set_rsa_padding(context_.get(), RSA_PKCS1_PSS_PADDING), 1);
+  ExpectPropertiesChoose(OSSL_SIGNATURE_PARAM_MGF1_DIGEST, OSSL_SIGNATURE_PARAM_MGF1_PROPERTIES);
+}
+
 TEST_F(ProviderInProcessTest, PasswordGivenAtTheLoadServesEveryLaterOperationOfTheKey) {
   const std::string thumbprint = InstallClient(KeyKind::k_rsa, "Locked Client", "s3cret");
   auto loaded = Load(base_);

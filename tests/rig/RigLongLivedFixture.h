@@ -62,6 +62,19 @@ class RigLongLivedTest : public RigTest {
     return std::string::npos;
   }
 
+  // The card in (the module loop signs after its first login), out (no
+  // certificates) and in again, each step seen in |loop|'s output after
+  // |*at|, which follows along.
+  void InsertPullAndInsert(const BackgroundChild& loop, std::size_t* at) {
+    ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+    *at = WaitAfter(loop, "x509auth slots=1 certs=3 sign=ok logins=1", *at);
+    ASSERT_NE(*at, std::string::npos) << loop.Output();
+    ASSERT_TRUE(rig_->Pull()) << rig_->Log();
+    *at = WaitAfter(loop, "x509auth slots=1 certs=0", *at);
+    ASSERT_NE(*at, std::string::npos) << loop.Output();
+    ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  }
+
   // Ends the program through its stop file; its exit status.
   int Stop(BackgroundChild& program) {
     WriteFile(temp_ / "stop", std::string());

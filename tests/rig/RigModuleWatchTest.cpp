@@ -12,13 +12,7 @@ TEST_F(RigLongLivedTest, ModuleInALongLivedProcessFollowsTheCard) {
   auto loop = StartModuleLoop(false);
   std::size_t at = WaitAfter(*loop, "round 2 x509auth slots=1 certs=0", 0);
   ASSERT_NE(at, std::string::npos) << loop->Output();
-  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
-  at = WaitAfter(*loop, "x509auth slots=1 certs=3 sign=ok logins=1", at);
-  ASSERT_NE(at, std::string::npos) << loop->Output();
-  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
-  at = WaitAfter(*loop, "x509auth slots=1 certs=0", at);
-  ASSERT_NE(at, std::string::npos) << loop->Output();
-  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  ASSERT_NO_FATAL_FAILURE(InsertPullAndInsert(*loop, &at));
   // The card took the login its PIN made: the program logs in again.
   at = WaitAfter(*loop, "x509auth slots=1 certs=3 sign=ok logins=2", at);
   ASSERT_NE(at, std::string::npos) << loop->Output();
@@ -29,13 +23,7 @@ TEST_F(RigLongLivedTest, ModuleBesideOpenScsOwnModuleFollowsTheCardAsOpenScDoes)
   auto loop = StartModuleLoop(true);
   std::size_t at = WaitAfter(*loop, "round 2 opensc", 0);
   ASSERT_NE(at, std::string::npos) << loop->Output();
-  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
-  at = WaitAfter(*loop, "x509auth slots=1 certs=3 sign=ok logins=1", at);
-  ASSERT_NE(at, std::string::npos) << loop->Output();
-  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
-  at = WaitAfter(*loop, "x509auth slots=1 certs=0", at);
-  ASSERT_NE(at, std::string::npos) << loop->Output();
-  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  ASSERT_NO_FATAL_FAILURE(InsertPullAndInsert(*loop, &at));
   at = WaitAfter(*loop, "x509auth slots=1 certs=3 sign=ok logins=2", at);
   ASSERT_NE(at, std::string::npos) << loop->Output();
   // OpenSC's module, in the same rounds, saw the card back too.

@@ -19,6 +19,27 @@ constexpr int k_start_of_second_signature = 3;
 
 class RigPullTest : public RigTest {
  protected:
+  // The tool with the rig's global options and |arguments|, as one shell
+  // command.
+  std::string ToolCommand(const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv = {X509_AUTH_TOOL_PATH};
+    for (const std::string& a : ToolGlobals()) argv.push_back(a);
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return ShellCommand(argv);
+  }
+
+  // Runs |command| in a terminal, pulls the card when |prompt| shows, then
+  // types the PIN; |screen| gets the terminal once the command has ended.
+  void PullAtThePrompt(const std::string& command, const std::string& prompt, std::string* screen) {
+    TmuxPane pane(temp_ / "tmux.sock");
+    ASSERT_TRUE(pane.Start(command + "; echo \"exit=$?\""));
+    ASSERT_TRUE(pane.WaitFor(prompt)) << pane.Screen();
+    ASSERT_TRUE(rig_->Pull()) << rig_->Log();
+    pane.TypeLine(VirtualCardRig::k_pin);
+    ASSERT_TRUE(pane.WaitFor("exit=")) << pane.Screen();
+    *screen = pane.Screen();
+  }
+
   TlsTestServer server_{temp_.path()};
 };
 
@@ -59,19 +80,9 @@ TEST_F(RigPullTest, CardPulledMidHandshakeIsReportedAsTheClientSignatureFailing)
 TEST_F(RigPullTest, CardPulledWhileThePinIsTypedIsReportedAsRemovedNotAsAWrongPin) {
   if (std::system("command -v tmux > /dev/null") != 0) GTEST_SKIP() << "tmux missing";
   ASSERT_TRUE(rig_->Insert()) << rig_->Log();
-  std::vector<std::string> argv = {X509_AUTH_TOOL_PATH};
-  for (const std::string& a : ToolGlobals()) argv.push_back(a);
-  argv.push_back("sign");
-  argv.push_back(thumbprint_);
-  argv.push_back("--in");
-  argv.push_back("/dev/null");
-  TmuxPane pane(temp_ / "tmux.sock");
-  ASSERT_TRUE(pane.Start(ShellCommand(argv) + "; echo \"exit=$?\""));
-  ASSERT_TRUE(pane.WaitFor("PIN for the token")) << pane.Screen();
-  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
-  pane.TypeLine(VirtualCardRig::k_pin);
-  ASSERT_TRUE(pane.WaitFor("exit=")) << pane.Screen();
-  const std::string screen = pane.Screen();
+  std::string screen;
+  ASSERT_NO_FATAL_FAILURE(PullAtThePrompt(ToolCommand({"sign", thumbprint_, "--in", "/dev/null"}),
+                                          "PIN for the token", &screen));
   EXPECT_NE(screen.find("exit=1"), std::string::npos) << screen;
   EXPECT_EQ(screen.find("wrong PIN"), std::string::npos) << screen;
   EXPECT_NE(screen.find("the card \"Virtual Card User\" was removed while its PIN was entered"),
@@ -84,19 +95,11 @@ TEST_F(RigPullTest, CardPulledAtTheTlsCommandsPinPromptIsReportedAsRemoved) {
   ASSERT_TRUE(rig_->Insert()) << rig_->Log();
   auto server = server_.Start(CasFile(), {"-rev"});
   ASSERT_NE(server, nullptr);
-  std::vector<std::string> argv = {X509_AUTH_TOOL_PATH};
-  for (const std::string& a : ToolGlobals()) argv.push_back(a);
-  for (const std::string& a :
-       {std::string("tls"), server_.Address(), std::string("--cert"), thumbprint_,
-        std::string("--CAfile"), server_.CertificateFile().string()})
-    argv.push_back(a);
-  TmuxPane pane(temp_ / "tmux.sock");
-  ASSERT_TRUE(pane.Start(ShellCommand(argv) + "; echo \"exit=$?\""));
-  ASSERT_TRUE(pane.WaitFor("PIN for the token")) << pane.Screen();
-  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
-  pane.TypeLine(VirtualCardRig::k_pin);
-  ASSERT_TRUE(pane.WaitFor("exit=")) << pane.Screen();
-  const std::string screen = pane.Screen();
+  std::string screen;
+  ASSERT_NO_FATAL_FAILURE(
+      PullAtThePrompt(ToolCommand({"tls", server_.Address(), "--cert", thumbprint_, "--CAfile",
+                                   server_.CertificateFile().string()}),
+                      "PIN for the token", &screen));
   EXPECT_NE(screen.find("exit=1"), std::string::npos) << screen;
   // The provider behind the command loads the key, and says it.
   EXPECT_NE(screen.find("the card was removed while its PIN was entered"), std::string::npos)
@@ -121,19 +124,14 @@ TEST_F(RigPullTest, CardPulledAtOpensslsPinPromptIsReportedByTheProviderAsRemove
   ASSERT_TRUE(rig_->Insert()) << rig_->Log();
   auto server = server_.Start(CasFile(), {"-rev"});
   ASSERT_NE(server, nullptr);
-  TmuxPane pane(temp_ / "tmux.sock");
-  ASSERT_TRUE(pane.Start(
+  std::string screen;
+  ASSERT_NO_FATAL_FAILURE(PullAtThePrompt(
       ShellCommand({OpensslProgram(), "s_client", "-provider-path", X509AUTH_PROVIDER_DIR,
                     "-provider", "x509auth", "-provider", "default", "-connect", server_.Address(),
                     "-cert", "x509auth:thumbprint=" + thumbprint_, "-key",
                     "x509auth:thumbprint=" + thumbprint_, "-CAfile",
-                    server_.CertificateFile().string(), "-quiet"}) +
-      "; echo \"exit=$?\""));
-  ASSERT_TRUE(pane.WaitFor("Enter pass phrase")) << pane.Screen();
-  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
-  pane.TypeLine(VirtualCardRig::k_pin);
-  ASSERT_TRUE(pane.WaitFor("exit=")) << pane.Screen();
-  const std::string screen = pane.Screen();
+                    server_.CertificateFile().string(), "-quiet"}),
+      "Enter pass phrase", &screen));
   EXPECT_EQ(screen.find("exit=0"), std::string::npos) << screen;
   EXPECT_NE(screen.find("the card was removed while its PIN was entered"), std::string::npos)
       << screen;

@@ -35,44 +35,26 @@ unsigned int VisiblePrivateKeys(PKCS11_SLOT* slot) {
   return count;
 }
 
-class Libp11LoginHandlerTest : public SmartcardTest {
+class Libp11LoginHandlerTest : public ListedTokenTest {
  protected:
-  void SetUp() override {
-    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
-    SmartcardTest::SetUp();
-  }
-
   // One token "Card A" (and, when asked, "Card B") with an RSA certificate
   // and its key, listed by a fresh context; the recorder starts empty.
   void MakeTokens(bool second = false) {
-    hsm_.InitToken("Card A");
     TestKey key = SharedKey(KeyKind::k_rsa);
     TestX509 cert = MakeCert(Named("Login Leaf"), key.get());
-    hsm_.ImportCertAndKey("Card A", cert.get(), key.get(), "01", "leaf");
+    MakeCardA(cert.get(), key.get());
     if (second) {
       TestKey ec_key = SharedKey(KeyKind::k_ec);
       TestX509 ec_cert = MakeCert(Named("Login Leaf B"), ec_key.get());
       hsm_.InitToken("Card B", "4321");
       hsm_.ImportCertAndKey("Card B", ec_cert.get(), ec_key.get(), "02", "leaf b", "4321");
     }
-    context_ = Libp11Context::GetInstance();
-    ASSERT_EQ(context_->GetCerts(certs_), 0);
-    slot_a_ = FindSlot(*context_, "Card A");
+    ListTokens();
+    if (HasFatalFailure()) return;
     slot_b_ = FindSlot(*context_, "Card B");
-    ASSERT_NE(slot_a_, nullptr);
     rec().Reset();
   }
 
-  void TearDown() override {
-    certs_.clear();
-    context_.reset();
-    SmartcardTest::TearDown();
-  }
-
-  SoftHsmToken hsm_;
-  std::shared_ptr<Libp11Context> context_;
-  std::vector<Libp11Context::Libp11CertAndSlot> certs_;
-  PKCS11_SLOT* slot_a_ = nullptr;
   PKCS11_SLOT* slot_b_ = nullptr;
 };
 

@@ -22,39 +22,21 @@ using quorvant::shared::x509::Pkcs11SessionProbe;
 // SoftHSM2's answer to a session on a token it does not know as initialised.
 constexpr int k_token_not_recognized = -0xE1;
 
-class Pkcs11SessionProbeTest : public SmartcardTest {
+class Pkcs11SessionProbeTest : public ListedTokenTest {
  protected:
-  void SetUp() override {
-    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
-    SmartcardTest::SetUp();
-  }
-
   void ListTokens() {
-    hsm_.InitToken("Card A");
     TestKey key = SharedKey(KeyKind::k_ec);
     cert_ = MakeCert(Named("Probe Leaf"), key.get());
-    hsm_.ImportCertAndKey("Card A", cert_.get(), key.get(), "01", "leaf");
-    context_ = Libp11Context::GetInstance();
-    ASSERT_EQ(context_->GetCerts(certs_), 0);
-    slot_a_ = FindSlot(*context_, "Card A");
-    ASSERT_NE(slot_a_, nullptr);
+    MakeCardA(cert_.get(), key.get());
+    ListedTokenTest::ListTokens();
+    if (HasFatalFailure()) return;
     ASSERT_EQ(context_->SlotCount(), 2u);
     free_slot_ = &context_->Slots()[1];
     ASSERT_FALSE(free_slot_->token->initialized);
     rec().Reset();
   }
 
-  void TearDown() override {
-    certs_.clear();
-    context_.reset();
-    SmartcardTest::TearDown();
-  }
-
-  SoftHsmToken hsm_;
   TestX509 cert_;
-  std::shared_ptr<Libp11Context> context_;
-  std::vector<Libp11Context::Libp11CertAndSlot> certs_;
-  PKCS11_SLOT* slot_a_ = nullptr;
   PKCS11_SLOT* free_slot_ = nullptr;
 };
 

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "RecordingCallbacks.h"
+#include "SoftHsmToken.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "smartcard/Libp11Context.h"
@@ -62,5 +64,38 @@ inline PKCS11_SLOT* FindSlot(const quorvant::shared::x509::Libp11Context& contex
   }
   return nullptr;
 }
+
+// A smart-card test on SoftHSM2 tokens listed by the process's context;
+// skipped, saying why, where SoftHSM2 is not installed.
+class ListedTokenTest : public SmartcardTest {
+ protected:
+  void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+    SmartcardTest::SetUp();
+  }
+  void TearDown() override {
+    certs_.clear();
+    context_.reset();
+    SmartcardTest::TearDown();
+  }
+
+  // A token "Card A" holding |cert| and its |key| (ID 01, label "leaf").
+  void MakeCardA(X509* cert, EVP_PKEY* key) {
+    hsm_.InitToken("Card A");
+    hsm_.ImportCertAndKey("Card A", cert, key, "01", "leaf");
+  }
+  // Lists the tokens' certificates and finds the slot of "Card A".
+  void ListTokens() {
+    context_ = quorvant::shared::x509::Libp11Context::GetInstance();
+    ASSERT_EQ(context_->GetCerts(certs_), 0);
+    slot_a_ = FindSlot(*context_, "Card A");
+    ASSERT_NE(slot_a_, nullptr);
+  }
+
+  SoftHsmToken hsm_;
+  std::shared_ptr<quorvant::shared::x509::Libp11Context> context_;
+  std::vector<quorvant::shared::x509::Libp11Context::Libp11CertAndSlot> certs_;
+  PKCS11_SLOT* slot_a_ = nullptr;
+};
 
 }  // namespace x509auth_test

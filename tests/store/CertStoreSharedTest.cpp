@@ -12,16 +12,6 @@ using test::SetBaseDirectories;
 using test::StoreTest;
 using test::ThumbprintOf;
 
-// The certificates of a store in the order OpenSSL searches them.
-std::vector<X509*> SortedCerts(X509_STORE* store) {
-  STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
-  sk_X509_OBJECT_sort(objects);
-  std::vector<X509*> certs;
-  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
-    certs.push_back(X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)));
-  return certs;
-}
-
 class SharedCertificatesTest : public StoreTest {
  protected:
   void TearDown() override {
@@ -127,8 +117,8 @@ TEST_F(SharedCertificatesTest, TheX509StoreHoldsWhatAddingEachAtOnceWouldHaveLef
   const x509auth_test::Bytes der = x509auth_test::CertToDer(added.get());
   ASSERT_EQ(store_.AddEncodedCertificate(der.data(), der.size()), 0u);
 
-  const std::vector<X509*> want = SortedCerts(expected.get());
-  const std::vector<X509*> got = SortedCerts(store_.X509Store());
+  const std::vector<X509*> want = x509auth_test::SortedStoreCerts(expected.get());
+  const std::vector<X509*> got = x509auth_test::SortedStoreCerts(store_.X509Store());
   ASSERT_EQ(got.size(), want.size());
   ASSERT_EQ(got.size(), 3u);
   for (std::size_t i = 0; i < got.size(); ++i) EXPECT_EQ(X509_cmp(got[i], want[i]), 0) << i;

@@ -96,6 +96,34 @@ TestKey SharedKey(KeyKind kind, int index) {
   return TestKey(key.get());
 }
 
+CertOptions CaOptions(const std::string& common_name) {
+  CertOptions options;
+  options.common_name = common_name;
+  options.is_ca = true;
+  options.key_usage = "critical,keyCertSign,cRLSign";
+  return options;
+}
+
+CertOptions ClientOptions(const std::string& common_name, const std::string& not_before,
+                          const std::string& not_after) {
+  CertOptions options;
+  options.common_name = common_name;
+  options.extended_key_usage = "clientAuth";
+  options.key_usage = "critical,digitalSignature";
+  options.not_before = not_before;
+  options.not_after = not_after;
+  return options;
+}
+
+std::vector<X509*> SortedStoreCerts(X509_STORE* store) {
+  STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
+  sk_X509_OBJECT_sort(objects);
+  std::vector<X509*> certs;
+  for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
+    certs.push_back(X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i)));
+  return certs;
+}
+
 TestX509 MakeCert(const CertOptions& options, EVP_PKEY* subject_key, X509* issuer,
                   EVP_PKEY* issuer_key) {
   static long next_serial = 1000;

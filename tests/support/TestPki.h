@@ -55,6 +55,17 @@ struct CertOptions {
 TestX509 MakeCert(const CertOptions& options, EVP_PKEY* subject_key, X509* issuer = nullptr,
                   EVP_PKEY* issuer_key = nullptr);
 
+// The options of a CA certificate that signs certificates and CRLs.
+CertOptions CaOptions(const std::string& common_name);
+// The options of a client-authentication leaf with a digital-signature key;
+// |not_before| and |not_after| as in CertOptions.
+CertOptions ClientOptions(const std::string& common_name, const std::string& not_before = "",
+                          const std::string& not_after = "");
+
+// The certificates of |store| in the order OpenSSL searches them (its stack
+// sorted).
+std::vector<X509*> SortedStoreCerts(X509_STORE* store);
+
 // Root CA, intermediate CA and a client-auth leaf, each with its own key.
 struct Chain {
   TestKey root_key, intermediate_key, leaf_key;

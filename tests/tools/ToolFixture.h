@@ -117,13 +117,7 @@ class ToolTest : public ::testing::Test {
 // A self-signed client-authentication certificate.
 inline TestX509 ClientCert(const std::string& name, EVP_PKEY* key,
                            const std::string& not_before = "", const std::string& not_after = "") {
-  CertOptions options;
-  options.common_name = name;
-  options.extended_key_usage = "clientAuth";
-  options.key_usage = "critical,digitalSignature";
-  options.not_before = not_before;
-  options.not_after = not_after;
-  return MakeCert(options, key);
+  return MakeCert(ClientOptions(name, not_before, not_after), key);
 }
 
 inline std::string CommonNameOf(X509* cert) {
