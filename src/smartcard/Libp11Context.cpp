@@ -64,6 +64,7 @@ Libp11Context::~Libp11Context() {
   // The process ends: the module's state may already be gone (ModuleExit).
   if (ModuleExit::Begun()) {
     login_handler_.ForgetSlots();
+    ModuleExit::Abandon(pkcs11_ctx_);
     return;
   }
   login_handler_.LogOutOfAllSlots();

@@ -14,10 +14,17 @@ class ModuleExit {
   // Registers the handler once per process; call after loading a module.
   static void WatchAfterLoad();
   static bool Begun() { return begun_.load(std::memory_order_relaxed); }
+  // Keeps |memory|, left unreleased at exit because releasing it would call
+  // into the module, reachable from a plain global, so that a leak checker
+  // at exit sees it as held rather than lost.
+  static void Abandon(const void* memory);
 
  private:
   static void Note() { begun_.store(true, std::memory_order_relaxed); }
   static std::atomic<bool> begun_;
+  static constexpr int k_abandoned_max = 64;
+  static const void* abandoned_[k_abandoned_max];
+  static std::atomic<int> abandoned_count_;
 };
 
 }  // namespace quorvant::shared::x509

@@ -20,7 +20,10 @@ bool TokenSlots::Enumerate() {
 
 void TokenSlots::Release() {
   // Releasing closes the slots' sessions in a module that may be gone.
-  if (ModuleExit::Begun()) slots_ = nullptr;
+  if (ModuleExit::Begun()) {
+    ModuleExit::Abandon(slots_);
+    slots_ = nullptr;
+  }
   if (slots_ != nullptr) PKCS11_release_all_slots(context_, slots_, count_);
   slots_ = nullptr;
   count_ = 0;
