@@ -87,6 +87,36 @@ void SignLibrary(benchmark::State& state, bool rsa) {
   X509_Auth_DeInit();
 }
 
+// X509_Auth_OpenKey once (the PIN asked then), X509_Auth_OpenKeySignHash
+// timed: the slot, key object and login are kept. With the token watch on,
+// as the tool, the provider and the PKCS#11 module run, each signature
+// first asks the module whether the tokens changed.
+void SignOpenKey(benchmark::State& state, bool rsa, bool watch) {
+  Token& token = GetToken();
+  Material& m = MaterialFor(static_cast<int>(state.range(0)));
+  const std::string base = m.base.string();
+  const char* dirs[] = {base.c_str()};
+  const X509_Auth_Settings settings{dirs, 1, nullptr, 0};
+  X509_Auth_Init(&settings, X509_Auth_Callbacks{nullptr, AnswerPin, FreePin, nullptr});
+  X509_Auth_SetTokenWatch(watch ? 1 : 0);
+  const Bytes thumbprint = Sha1Thumbprint(rsa ? token.rsa.get() : token.ec.get());
+  const Bytes digest(32, 0x5a);
+  const uint32_t algorithms[] = {1, 2};
+  X509_Auth_KeyHandle key = 0;
+  if (X509_Auth_OpenKey(thumbprint.data(), &key).code != 0) state.SkipWithError("open failed");
+  for (auto _ : state) {
+    if (key == 0) break;
+    const X509_Auth_Signature* signature = nullptr;
+    const X509_Auth_Result result = X509_Auth_OpenKeySignHash(
+        key, 2, algorithms, X509_Auth_HashType_Sha256, digest.data(), &signature);
+    if (result.code != 0) state.SkipWithError("token signing failed");
+    X509_Auth_Free(signature);
+  }
+  X509_Auth_CloseKey(key);
+  X509_Auth_SetTokenWatch(0);
+  X509_Auth_DeInit();
+}
+
 // A libp11 context of its own (the library's is released first), the token
 // logged in and the key found outside the timed loop.
 void SignFloor(benchmark::State& state, bool rsa) {
@@ -142,11 +172,19 @@ void BM_TokenSignRsa_Library(benchmark::State& state) { SignLibrary(state, true)
 void BM_TokenSignRsa_Floor(benchmark::State& state) { SignFloor(state, true); }
 void BM_TokenSignEc_Library(benchmark::State& state) { SignLibrary(state, false); }
 void BM_TokenSignEc_Floor(benchmark::State& state) { SignFloor(state, false); }
+void BM_TokenSignRsa_OpenKey(benchmark::State& state) { SignOpenKey(state, true, true); }
+void BM_TokenSignRsa_OpenKeyUnwatched(benchmark::State& state) { SignOpenKey(state, true, false); }
+void BM_TokenSignEc_OpenKey(benchmark::State& state) { SignOpenKey(state, false, true); }
+void BM_TokenSignEc_OpenKeyUnwatched(benchmark::State& state) { SignOpenKey(state, false, false); }
 
 BENCHMARK(BM_TokenSignRsa_Library)->Arg(10)->Arg(1000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_TokenSignRsa_Floor)->Arg(10)->Arg(1000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_TokenSignEc_Library)->Arg(10)->Arg(1000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_TokenSignEc_Floor)->Arg(10)->Arg(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TokenSignRsa_OpenKey)->Arg(10)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TokenSignRsa_OpenKeyUnwatched)->Arg(10)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TokenSignEc_OpenKey)->Arg(10)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TokenSignEc_OpenKeyUnwatched)->Arg(10)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

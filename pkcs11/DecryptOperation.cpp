@@ -40,12 +40,17 @@ DecryptOperation::~DecryptOperation() {
 }
 
 CK_RV DecryptOperation::Decrypt(const unsigned char* ciphertext, std::size_t length,
-                                X509_Auth_ResultCode& library_code) {
+                                X509_Auth_ResultCode& library_code, OpenKeys& keys) {
   if (done_) return CKR_OK;
   if (length != key_->SignatureLength()) return CKR_ENCRYPTED_DATA_LEN_RANGE;
+  X509_Auth_Result result{};
+  const X509_Auth_KeyHandle open = keys.Get(key_->CertificateThumbprint(), result);
+  if (open == 0) {
+    library_code = static_cast<X509_Auth_ResultCode>(result.code);
+    return CKR_FUNCTION_FAILED;
+  }
   const X509_Auth_ASN_1* plaintext = nullptr;
-  const X509_Auth_Result result = X509_Auth_Decrypt(key_->CertificateThumbprint().data(), padding_,
-                                                    length, ciphertext, &plaintext);
+  result = X509_Auth_OpenKeyDecrypt(open, padding_, length, ciphertext, &plaintext);
   if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr) {
     library_code = result.code != X509_Auth_ResultCode_Success
                        ? result.code

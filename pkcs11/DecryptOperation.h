@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "LibraryLink.h"
+#include "OpenKeys.h"
 #include "TokenObject.h"
 
 namespace x509auth_pkcs11 {
@@ -19,11 +20,12 @@ class DecryptOperation {
   DecryptOperation(const DecryptOperation&) = delete;
   DecryptOperation& operator=(const DecryptOperation&) = delete;
 
-  // Decrypts |ciphertext| once; later calls return the same plaintext. On a
+  // Decrypts |ciphertext| once, with the key's open key in |keys| (opened
+  // now when it is not yet); later calls return the same plaintext. On a
   // refusal of the library returns CKR_FUNCTION_FAILED and sets
   // |library_code|. The caller routes the library's prompts.
   CK_RV Decrypt(const unsigned char* ciphertext, std::size_t length,
-                X509_Auth_ResultCode& library_code);
+                X509_Auth_ResultCode& library_code, OpenKeys& keys);
   const Bytes& Plaintext() const { return plaintext_; }
   bool Done() const { return done_; }
   const TokenObject& Key() const { return *key_; }

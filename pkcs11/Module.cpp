@@ -72,8 +72,10 @@ CK_RV Module::Initialize(CK_VOID_PTR init_args) {
     // The module locks with the operating system's primitives only.
     if (all && (args->flags & CKF_OS_LOCKING_OK) == 0) return CKR_CANT_LOCK;
   }
-  // A forked child starts over: the parent's sessions and login are not its.
+  // A forked child starts over: the parent's sessions and login are not its,
+  // nor are its open keys (the library below is started afresh).
   sessions_.clear();
+  open_keys_.Forget();
   LogoutAll();
   catalog_.Clear();
   prompted_without_pin_ = false;
@@ -108,6 +110,7 @@ CK_RV Module::Finalize(CK_VOID_PTR reserved) {
   sessions_.clear();
   LogoutAll();
   catalog_.Clear();
+  open_keys_.CloseAll();
   link_.Stop();
   initialized_ = false;
   return CKR_OK;
@@ -150,6 +153,16 @@ CK_RV Module::GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO_PTR info) {
 void Module::Refresh() {
   const std::vector<Thumbprint> cards_before = catalog_.TokenKeysAsking();
   catalog_.Refresh(settings_.token_certificates);
+  if (open_keys_.Count() > 0) {
+    // An open key goes with its object.
+    open_keys_.CloseIf([this](const Thumbprint& thumbprint) {
+      CK_OBJECT_CLASS key_class = CKO_PRIVATE_KEY;
+      Thumbprint id = thumbprint;
+      const CK_ATTRIBUTE wanted[] = {{CKA_CLASS, &key_class, sizeof(key_class)},
+                                     {CKA_ID, id.data(), id.size()}};
+      return catalog_.Find(wanted, 2, true).empty();
+    });
+  }
   if (!pin_for_tokens_ || !LoggedIn()) return;
   // A card that went away takes the login its PIN made: a card put back, or
   // another one, must not be handed that PIN without a new C_Login.
@@ -243,6 +256,8 @@ CK_RV Module::OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE_PTR
 }
 
 void Module::LogoutAll() {
+  // The keys a login opened end with it.
+  open_keys_.CloseAll();
   pin_.Clear();
   pin_for_tokens_ = false;
 }
@@ -446,6 +461,9 @@ CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prom
     case X509_Auth_ResultCode_CertificateNotFound:
       LogLine(LogLevel::k_error, "the certificate of this key is no longer offered");
       return CKR_FUNCTION_FAILED;
+    case X509_Auth_ResultCode_KeyMismatch:
+      LogLine(3, "the key file of this key no longer holds its certificate's key");
+      return CKR_KEY_CHANGED;
     case X509_Auth_ResultCode_AlgorithmNotSupported: return CKR_KEY_TYPE_INCONSISTENT;
     case X509_Auth_ResultCode_MechanismNotSupported: return CKR_MECHANISM_INVALID;
     case X509_Auth_ResultCode_InvalidArgument: return CKR_MECHANISM_PARAM_INVALID;
@@ -467,7 +485,7 @@ CK_RV Module::FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR s
   CK_RV rv;
   {
     LibraryLink::PromptScope scope(LoggedIn() ? &pin_ : nullptr, pin_for_tokens_, prompts);
-    rv = operation->Sign(made, code);
+    rv = operation->Sign(made, code, open_keys_);
   }
   if (rv == CKR_FUNCTION_FAILED && code != X509_Auth_ResultCode_Success)
     rv = LibraryFailure(code, prompts, false);
@@ -544,7 +562,7 @@ CK_RV Module::Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG
   CK_RV rv;
   {
     LibraryLink::PromptScope scope(LoggedIn() ? &pin_ : nullptr, pin_for_tokens_, prompts);
-    rv = found->decrypt->Decrypt(encrypted, encrypted_length, code);
+    rv = found->decrypt->Decrypt(encrypted, encrypted_length, code, open_keys_);
   }
   if (rv != CKR_OK) {
     found->decrypt.reset();

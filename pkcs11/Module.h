@@ -14,6 +14,7 @@
 #include "ModuleLock.h"
 #include "ModuleSettings.h"
 #include "ObjectCatalog.h"
+#include "OpenKeys.h"
 #include "Pin.h"
 #include "Pkcs11.h"
 #include "Session.h"
@@ -102,6 +103,7 @@ class Module {
   ModuleSettings settings_;
   LibraryLink link_;
   ObjectCatalog catalog_;
+  OpenKeys open_keys_;
   Pin pin_;
   // Whether the login PIN is the card's: checked against token keys at
   // C_Login because no key file asked. Only then does it answer a token's

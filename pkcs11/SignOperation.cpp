@@ -88,23 +88,27 @@ CK_RV SignOperation::Digest(Bytes& digest, const HashKind*& hash) {
   }
 }
 
-CK_RV SignOperation::Sign(Bytes& signature, X509_Auth_ResultCode& library_code) {
+CK_RV SignOperation::Sign(Bytes& signature, X509_Auth_ResultCode& library_code, OpenKeys& keys) {
   Bytes digest;
   const HashKind* hash = nullptr;
   const CK_RV digested = Digest(digest, hash);
   if (digested != CKR_OK) return digested;
 
-  const Thumbprint& thumbprint = key_->CertificateThumbprint();
-  const X509_Auth_Signature* made = nullptr;
   X509_Auth_Result result{};
+  const X509_Auth_KeyHandle open = keys.Get(key_->CertificateThumbprint(), result);
+  if (open == 0) {
+    library_code = static_cast<X509_Auth_ResultCode>(result.code);
+    return CKR_FUNCTION_FAILED;
+  }
+  const X509_Auth_Signature* made = nullptr;
   if (mechanism_->scheme == Scheme::k_rsa_pss) {
-    result = pss_(thumbprint.data(), hash->library_type, digest.data(),
-                  static_cast<int32_t>(salt_length_), &made);
+    result = X509_Auth_OpenKeySignHashPss(open, hash->library_type, digest.data(),
+                                          static_cast<int32_t>(salt_length_), &made);
   } else {
     const uint32_t algorithm =
         mechanism_->scheme == Scheme::k_ecdsa ? X509_Auth_Algorithm_Ec : X509_Auth_Algorithm_Rsa;
-    result = X509_Auth_SignHash(thumbprint.data(), 1, &algorithm, hash->library_type, digest.data(),
-                                &made);
+    result =
+        X509_Auth_OpenKeySignHash(open, 1, &algorithm, hash->library_type, digest.data(), &made);
   }
   if (result.code != X509_Auth_ResultCode_Success || made == nullptr) {
     library_code = result.code != X509_Auth_ResultCode_Success

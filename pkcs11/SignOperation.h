@@ -7,6 +7,7 @@
 
 #include "LibraryLink.h"
 #include "Mechanisms.h"
+#include "OpenKeys.h"
 #include "OpenSslPtr.h"
 #include "TokenObject.h"
 
@@ -23,11 +24,12 @@ class SignOperation {
   CK_RV Update(const unsigned char* data, std::size_t length);
   // The length of the signature Sign will make.
   std::size_t SignatureLength() const { return key_->SignatureLength(); }
-  // Signs what Update was given. On a refusal of the library returns
+  // Signs what Update was given with the key's open key in |keys| (opened
+  // now when it is not yet). On a refusal of the library returns
   // CKR_FUNCTION_FAILED and sets |library_code|; other failures are the
   // data's (CKR_DATA_INVALID, CKR_DATA_LEN_RANGE). The caller routes the
   // library's prompts.
-  CK_RV Sign(Bytes& signature, X509_Auth_ResultCode& library_code);
+  CK_RV Sign(Bytes& signature, X509_Auth_ResultCode& library_code, OpenKeys& keys);
   const TokenObject& Key() const { return *key_; }
 
  private:

@@ -112,7 +112,7 @@ std::int32_t Key::Classify() {
 void Key::Close() { algorithm = x509::Algorithm::k_unknown; }
 
 void Key::NoteTokenLoss(const std::optional<FreshTokenErrors>& fresh) const {
-  if (token_context && fresh && fresh->Lost()) token_context->NoteTokenLoss();
+  if (token_context && fresh && fresh->LostOrStale()) token_context->NoteTokenLoss();
 }
 
 x509::Algorithm Key::Algorithm() const { return algorithm; }
@@ -230,7 +230,8 @@ ResultPair Key::SignPss(const EVP_MD* digest, const std::vector<unsigned char>& 
   if (token_key != nullptr && token_context) {
     const TokenPssSigner signer(*token_context, token_slot, token_key, key.get());
     const ResultPair result = signer.Sign(digest, hash, salt, signature);
-    if (result.code != 0 && TokenLoss::IsLossResult(static_cast<CK_RV>(result.detail)))
+    const auto rv = static_cast<CK_RV>(result.detail);
+    if (result.code != 0 && (TokenLoss::IsLossResult(rv) || TokenLoss::IsStaleHandleResult(rv)))
       token_context->NoteTokenLoss();
     return result;
   }

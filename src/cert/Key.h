@@ -40,10 +40,17 @@ class Key : public IKey {
   ResultPair SignPss(const EVP_MD* digest, const std::vector<unsigned char>& hash, int salt_length,
                      std::vector<unsigned char>* signature);
 
+  // A token key's context and the slot listing it was found in; null for a
+  // key file's. A key held open compares the listing with the context's
+  // current one to tell whether the tokens changed under it.
+  const std::shared_ptr<Libp11Context>& TokenContext() const { return token_context; }
+  const std::shared_ptr<TokenSlots>& TokenListing() const { return token_slots; }
+
  private:
   // After a failed token operation: tells the context when libp11 reported
-  // a token or session that went away since |fresh| began (absent without
-  // the token watch), so that the request may retry.
+  // a token or session that went away, or a key handle it no longer knows,
+  // since |fresh| began (absent without the token watch), so that the
+  // request may retry.
   void NoteTokenLoss(const std::optional<FreshTokenErrors>& fresh) const;
 
   // Sets the algorithm from the key's type: 0, or 1 for any other type.

@@ -42,6 +42,9 @@ EvpPkeyPtr SharedKey(EVP_PKEY* key) {
 OpenKey::OpenKey(const Thumbprint& thumbprint, Algorithm group, std::unique_ptr<KeptKeyFile> file)
     : thumbprint_(thumbprint), group_(group), file_(std::move(file)) {}
 
+OpenKey::OpenKey(std::unique_ptr<OpenTokenKey> token)
+    : thumbprint_(), group_(Algorithm::k_unknown), token_(std::move(token)) {}
+
 std::unique_ptr<OpenKey> OpenKey::Open(const Thumbprint& thumbprint, X509_Auth_Result& failure) {
   CertStore users_store;
   std::unique_ptr<ICertificate> cert;
@@ -63,8 +66,10 @@ std::unique_ptr<OpenKey> OpenKey::Open(const Thumbprint& thumbprint, X509_Auth_R
   }
   const Algorithm group = cert->PublicKeyAlgorithmGroup();
   const CertContext& context = cert->GetContext();
-  if (std::holds_alternative<std::unique_ptr<Libp11CertContext>>(context))
-    return std::make_unique<OpenKey>(thumbprint, group, nullptr);
+  if (std::holds_alternative<std::unique_ptr<Libp11CertContext>>(context)) {
+    std::unique_ptr<OpenTokenKey> token = OpenTokenKey::Open(thumbprint, *cert, failure);
+    return token ? std::make_unique<OpenKey>(std::move(token)) : nullptr;
+  }
   const auto* file = std::get_if<std::unique_ptr<CertFileContext>>(&context);
   if (file == nullptr) {
     SafeCallbacksWrapper::Log(k_error, "Cannot load private key for encoded cert: [%s]",
@@ -103,6 +108,7 @@ std::optional<X509_Auth_Result> OpenKey::Prepare(Key& key) {
 KeyStoreResult<X509_Auth_Signature> OpenKey::SignHash(KeyStore& store,
                                                       const std::vector<Algorithm>& algorithms,
                                                       const std::vector<unsigned char>& hash) {
+  if (token_) return token_->SignHash(store, algorithms, hash);
   if (!file_) return store.SignHash(thumbprint_, algorithms, hash);
   if (group_ == Algorithm::k_unknown ||
       std::find(algorithms.begin(), algorithms.end(), group_) == algorithms.end()) {
@@ -124,6 +130,7 @@ KeyStoreResult<X509_Auth_Signature> OpenKey::SignHash(KeyStore& store,
 KeyStoreResult<X509_Auth_Signature> OpenKey::SignHashPss(KeyStore& store, const EVP_MD* digest,
                                                          const std::vector<unsigned char>& hash,
                                                          int salt_length) {
+  if (token_) return token_->SignHashPss(store, digest, hash, salt_length);
   if (!file_) return store.SignHashPss(thumbprint_, digest, hash, salt_length);
   Key key;
   if (group_ == Algorithm::k_rsa) {
@@ -145,6 +152,7 @@ KeyStoreResult<X509_Auth_Signature> OpenKey::SignHashPss(KeyStore& store, const 
 
 KeyStoreResult<X509_Auth_ASN_1> OpenKey::Decrypt(KeyStore& store, DecryptAlgorithm algorithm,
                                                  const std::vector<unsigned char>& data) {
+  if (token_) return token_->Decrypt(store, algorithm, data);
   if (!file_) return store.Decrypt(thumbprint_, algorithm, data);
   if (group_ != Algorithm::k_rsa) {
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");

@@ -9,6 +9,7 @@
 #include "base/Thumbprint.h"
 #include "files/KeptKeyFile.h"
 #include "keystore/IKeyStore.h"
+#include "keystore/OpenTokenKey.h"
 
 namespace quorvant::shared::x509 {
 
@@ -17,10 +18,8 @@ class KeyStore;
 
 // One certificate's private key held open by the host between operations.
 // A file key is kept parsed (KeptKeyFile) and used as long as its file is
-// unchanged. A token key is, for now, found and opened again by each
-// operation through the key store's per-request path (PIN prompts
-// included); a later token branch keeps its slot, session and handle here
-// instead, behind the same three operations.
+// unchanged. A token key keeps its slot, key object and login
+// (OpenTokenKey), behind the same three operations.
 class OpenKey {
  public:
   // Finds the certificate and opens its key, asking for a key file's
@@ -28,6 +27,7 @@ class OpenKey {
   static std::unique_ptr<OpenKey> Open(const Thumbprint& thumbprint, X509_Auth_Result& failure);
   // |file| null: a key opened per request.
   OpenKey(const Thumbprint& thumbprint, Algorithm group, std::unique_ptr<KeptKeyFile> file);
+  explicit OpenKey(std::unique_ptr<OpenTokenKey> token);
 
   // The key store's SignHash, SignHashPss and Decrypt, with this key.
   KeyStoreResult<X509_Auth_Signature> SignHash(KeyStore& store,
@@ -47,6 +47,7 @@ class OpenKey {
   Thumbprint thumbprint_;
   Algorithm group_;
   std::unique_ptr<KeptKeyFile> file_;  // null: opened per request
+  std::unique_ptr<OpenTokenKey> token_;
 };
 
 }  // namespace quorvant::shared::x509

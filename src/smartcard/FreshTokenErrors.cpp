@@ -10,4 +10,8 @@ FreshTokenErrors::~FreshTokenErrors() {
   TokenLoss::RaiseAgain(fresh);
 }
 
+bool FreshTokenErrors::LostOrStale() const {
+  return Lost() || TokenLoss::FirstInErrorQueue(TokenLoss::IsStaleHandleResult) != CKR_OK;
+}
+
 }  // namespace quorvant::shared::x509

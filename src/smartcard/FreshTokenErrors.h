@@ -23,6 +23,8 @@ class FreshTokenErrors {
   // CKR_OK.
   CK_RV Loss() const { return TokenLoss::LossInErrorQueue(); }
   bool Lost() const { return Loss() != CKR_OK; }
+  // A removal, or a key or object handle the token no longer knows.
+  bool LostOrStale() const;
 
  private:
   std::vector<TokenLoss::QueuedError> set_aside_;

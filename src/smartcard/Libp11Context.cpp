@@ -9,6 +9,7 @@
 
 #include "base/SafeCallbacksWrapper.h"
 #include "smartcard/FreshTokenErrors.h"
+#include "smartcard/ModuleExit.h"
 #include "smartcard/OwnModuleCheck.h"
 #include "smartcard/Pkcs11ModuleChoice.h"
 #include "smartcard/TokenLoss.h"
@@ -60,6 +61,12 @@ std::shared_ptr<Libp11Context> Libp11Context::GetInstance() {
 Libp11Context::Libp11Context(ConstructionKey) {}
 
 Libp11Context::~Libp11Context() {
+  // The process ends: the module's state may already be gone (ModuleExit).
+  if (ModuleExit::Begun()) {
+    login_handler_.ForgetSlots();
+    ModuleExit::Abandon(pkcs11_ctx_);
+    return;
+  }
   login_handler_.LogOutOfAllSlots();
   session_probe_.Detach();
   if (pkcs11_ctx_ != nullptr) {
@@ -104,6 +111,7 @@ void Libp11Context::InitialiseContextAndSlots() {
     return;
   }
   module_loaded_ = true;
+  ModuleExit::WatchAfterLoad();
   LogAllOpenSslErrors();
   if (RefuseOwnModule(*module_path)) {
     module_refused_ = true;
@@ -216,6 +224,10 @@ void Libp11Context::RefreshIfTokensChanged() {
   // the whole listing.
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error enumerating slots");
   LogAllOpenSslErrors();
+}
+
+void Libp11Context::FollowTokens() {
+  if (TokenWatch::Enabled() && pkcs11_ctx_ != nullptr) RefreshIfTokensChanged();
 }
 
 int Libp11Context::GetCerts(std::vector<Libp11CertAndSlot>& certs,

@@ -61,6 +61,10 @@ class Libp11Context {
   // point into.
   int GetCerts(std::vector<Libp11CertAndSlot>& certs,
                std::shared_ptr<TokenSlots>* listing = nullptr);
+  // With the token watch on, lists the slots again now when the tokens
+  // changed or a retry asked for it, as GetCerts does first; for a key held
+  // open, which lists no certificates.
+  void FollowTokens();
   // The listing in use; null before the first or after a failed one.
   std::shared_ptr<TokenSlots> CurrentSlots() const { return current_; }
   // Makes the next GetCerts list the slots again, changed or not.

@@ -33,6 +33,8 @@ class Libp11LoginHandler {
   // Logs out of every remembered slot once, in pointer order, and forgets
   // them.
   void LogOutOfAllSlots();
+  // Forgets the remembered slots without logging out (the module is gone).
+  void ForgetSlots() { logged_in_slots_.clear(); }
 
   const std::set<PKCS11_slot_st*>& LoggedInSlots() const { return logged_in_slots_; }
 

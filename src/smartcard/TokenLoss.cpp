@@ -10,6 +10,10 @@ bool TokenLoss::IsLossResult(CK_RV result) {
          result == CKR_SESSION_HANDLE_INVALID || result == CKR_SESSION_CLOSED;
 }
 
+bool TokenLoss::IsStaleHandleResult(CK_RV result) {
+  return result == CKR_KEY_HANDLE_INVALID || result == CKR_OBJECT_HANDLE_INVALID;
+}
+
 bool TokenLoss::IsLossProbe(int probe) {
   return probe < 0 && IsLossResult(static_cast<CK_RV>(-static_cast<long>(probe)));
 }
@@ -41,13 +45,15 @@ void TokenLoss::RaiseAgain(const std::vector<QueuedError>& errors) {
   }
 }
 
-CK_RV TokenLoss::LossInErrorQueue() {
+CK_RV TokenLoss::LossInErrorQueue() { return FirstInErrorQueue(IsLossResult); }
+
+CK_RV TokenLoss::FirstInErrorQueue(bool (*matches)(CK_RV)) {
   const int libp11 = ERR_get_CKR_code();
   const std::vector<QueuedError> queued = TakeErrorQueue();
   CK_RV found = CKR_OK;
   for (const QueuedError& error : queued) {
     const auto reason = static_cast<CK_RV>(ERR_GET_REASON(error.code));
-    if (libp11 != 0 && ERR_GET_LIB(error.code) == libp11 && IsLossResult(reason)) {
+    if (libp11 != 0 && ERR_GET_LIB(error.code) == libp11 && matches(reason)) {
       found = reason;
       break;
     }

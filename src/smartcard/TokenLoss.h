@@ -23,6 +23,10 @@ class TokenLoss {
   };
 
   static bool IsLossResult(CK_RV result);
+  // CKR_KEY_HANDLE_INVALID and CKR_OBJECT_HANDLE_INVALID: a key found
+  // earlier that the token no longer has under that handle (a token
+  // re-created, its objects made anew), worth one fresh lookup as well.
+  static bool IsStaleHandleResult(CK_RV result);
   // A session probe's code: the module's CK_RV negated.
   static bool IsLossProbe(int probe);
   // Whether OpenSSL's error queue holds such a result recorded by libp11.
@@ -30,6 +34,9 @@ class TokenLoss {
   static bool InErrorQueue() { return LossInErrorQueue() != CKR_OK; }
   // The first such result in the queue, or CKR_OK when there is none.
   static CK_RV LossInErrorQueue();
+  // The first result recorded by libp11 for which |matches| holds, or
+  // CKR_OK; the queue is left as it was found.
+  static CK_RV FirstInErrorQueue(bool (*matches)(CK_RV));
 
   // OpenSSL offers no way to read past the oldest entry without taking it:
   // the queue is taken whole, and raised again in the same order.

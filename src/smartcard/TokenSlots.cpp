@@ -1,5 +1,7 @@
 #include "smartcard/TokenSlots.h"
 
+#include "smartcard/ModuleExit.h"
+
 namespace quorvant::shared::x509 {
 
 TokenSlots::~TokenSlots() { Release(); }
@@ -17,6 +19,11 @@ bool TokenSlots::Enumerate() {
 }
 
 void TokenSlots::Release() {
+  // Releasing closes the slots' sessions in a module that may be gone.
+  if (ModuleExit::Begun()) {
+    ModuleExit::Abandon(slots_);
+    slots_ = nullptr;
+  }
   if (slots_ != nullptr) PKCS11_release_all_slots(context_, slots_, count_);
   slots_ = nullptr;
   count_ = 0;

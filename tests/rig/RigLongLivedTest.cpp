@@ -29,6 +29,31 @@ TEST_F(RigLongLivedTest, WatchedHostSeesTheCardArriveGoAndComeBackAndAsksThePinA
   EXPECT_NE(host->Output().find("done, 2 PIN prompts"), std::string::npos) << host->Output();
 }
 
+TEST_F(RigLongLivedTest, HostHoldingTheCardKeyOpenSignsAgainAfterTheCardIsPutBackWithOnePin) {
+  auto host = Start({RIG_HOST_PATH, VirtualCardRig::k_opensc_module, "1", "240",
+                     (temp_ / "root.der").string(), (temp_ / "intermediate.der").string()},
+                    {{"RIG_OPEN_KEY", "1"}});
+  std::size_t at = WaitAfter(*host, "round 2 count=0", 0);
+  ASSERT_NE(at, std::string::npos) << host->Output();
+
+  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  at = WaitAfter(*host, "open-key sign ok", at);
+  ASSERT_NE(at, std::string::npos) << host->Output();
+  EXPECT_NE(host->Output().find("pin-prompt 1"), std::string::npos) << host->Output();
+
+  // Pulled: the key held open fails with a defined code, without hanging.
+  ASSERT_TRUE(rig_->Pull()) << rig_->Log();
+  at = WaitAfter(*host, "open-key sign failed code=", at);
+  ASSERT_NE(at, std::string::npos) << host->Output();
+
+  // Put back: the same handle signs again after one more PIN prompt.
+  ASSERT_TRUE(rig_->Insert()) << rig_->Log();
+  at = WaitAfter(*host, "open-key sign ok", at);
+  ASSERT_NE(at, std::string::npos) << host->Output();
+  EXPECT_EQ(Stop(*host), 0) << host->Output();
+  EXPECT_NE(host->Output().find("done, 2 PIN prompts"), std::string::npos) << host->Output();
+}
+
 // What a process holds: resident memory, open descriptors, threads.
 struct Footprint {
   long rss_kib = -1;

@@ -7,7 +7,9 @@
  * The PIN comes from $RIG_PIN; each prompt is counted ("pin-prompt N"). The
  * host stops after <rounds> rounds, or earlier once $RIG_STOP_FILE exists.
  * With $RIG_PIN_GATE each prompt waits (30 s at most) until that file exists
- * before it answers: a user still typing. */
+ * before it answers: a user still typing. With $RIG_OPEN_KEY the first token
+ * certificate's key is opened once (X509_Auth_OpenKey) and every round signs
+ * with it, listed or not ("open-key sign ok"), as a host holding it open. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdio.h>
 #include <stdlib.h>
@@ -59,6 +61,31 @@ static int AddCa(const char* path) {
   return X509_Auth_AddAdditionalCertificateAuthorityToStore(buffer, length);
 }
 
+static X509_Auth_KeyHandle open_key = 0;
+
+static void SignWithOpenKey(int round, const uint8_t* thumbprint) {
+  if (open_key == 0 && thumbprint != NULL) {
+    const X509_Auth_Result opened = X509_Auth_OpenKey(thumbprint, &open_key);
+    printf("round %d open %s code=%d\n", round, opened.code == 0 ? "ok" : "failed",
+           (int)opened.code);
+  }
+  if (open_key == 0) return;
+  unsigned char hash[32];
+  memset(hash, round & 0xff, sizeof hash);
+  const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa};
+  const X509_Auth_Signature* signature = NULL;
+  const X509_Auth_Result result = X509_Auth_OpenKeySignHash(
+      open_key, 1, algorithms, X509_Auth_HashType_Sha256, hash, &signature);
+  if (result.code == X509_Auth_ResultCode_Success) {
+    printf("round %d open-key sign ok (%llu bytes)\n", round,
+           (unsigned long long)signature->length);
+    X509_Auth_Free(signature);
+  } else {
+    printf("round %d open-key sign failed code=%d\n", round, (int)result.code);
+  }
+  fflush(stdout);
+}
+
 static void Round(int round) {
   uint64_t count = 0;
   const X509_Auth_Certificate* records = NULL;
@@ -69,6 +96,15 @@ static void Round(int round) {
   }
   printf("round %d count=%llu\n", round, (unsigned long long)count);
   fflush(stdout);
+  if (getenv("RIG_OPEN_KEY") != NULL) {
+    const uint8_t* thumbprint = NULL;
+    for (uint64_t i = 0; i < count && thumbprint == NULL; ++i)
+      if (records[i].cert_type == X509_Auth_CertificateType_SmartCard)
+        thumbprint = records[i].thumbprint;
+    SignWithOpenKey(round, thumbprint);
+    X509_Auth_Free(records);
+    return;
+  }
   for (uint64_t i = 0; i < count; ++i) {
     if (records[i].cert_type != X509_Auth_CertificateType_SmartCard) continue;
     unsigned char hash[32];
@@ -109,6 +145,7 @@ int main(int argc, char** argv) {
     const struct timespec pause = {0, 500 * 1000 * 1000};
     nanosleep(&pause, NULL);
   }
+  if (open_key != 0) X509_Auth_CloseKey(open_key);
   X509_Auth_DeInit();
   printf("done, %d PIN prompts\n", pin_prompts);
   return 0;

@@ -1,0 +1,171 @@
+#include "keystore/OpenTokenKey.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/SafeCallbacksWrapper.h"
+#include "base/WipeOnExit.h"
+#include "cert/ICertificate.h"
+#include "cert/Key.h"
+#include "keystore/KeyStore.h"
+#include "smartcard/Libp11Context.h"
+#include "smartcard/TokenWatch.h"
+#include "store/CertStore.h"
+
+namespace quorvant::shared::x509 {
+
+namespace {
+
+constexpr auto k_info = X509_Auth_LogPriority_Info;
+constexpr auto k_warning = X509_Auth_LogPriority_Warning;
+constexpr auto k_error = X509_Auth_LogPriority_Error;
+
+X509_Auth_Result Outcome(std::int32_t code, std::uint64_t detail = 0) {
+  return X509_Auth_Result{code, 0, detail};
+}
+
+// Opens |cert|'s key as a request does; the failure result otherwise, with
+// the request's line.
+std::optional<X509_Auth_Result> OpenKeyOf(const ICertificate& cert, Key& key) {
+  const std::int32_t open_result = key.Open(cert);
+  if (open_result == 0) return std::nullopt;
+  SafeCallbacksWrapper::Log(k_error, "Failed to open private key for certificate (error: %d)",
+                            open_result);
+  return Outcome(X509_Auth_ResultCode_KeyOpenFailed, static_cast<std::uint64_t>(open_result));
+}
+
+}  // namespace
+
+OpenTokenKey::OpenTokenKey(const Thumbprint& thumbprint, Algorithm group, std::unique_ptr<Key> key)
+    : thumbprint_(thumbprint), group_(group), key_(std::move(key)) {}
+
+OpenTokenKey::~OpenTokenKey() = default;
+
+std::unique_ptr<OpenTokenKey> OpenTokenKey::Open(const Thumbprint& thumbprint,
+                                                 const ICertificate& cert,
+                                                 X509_Auth_Result& failure) {
+  auto key = std::make_unique<Key>();
+  if (auto refused = OpenKeyOf(cert, *key)) {
+    failure = *refused;
+    return nullptr;
+  }
+  return std::make_unique<OpenTokenKey>(thumbprint, cert.PublicKeyAlgorithmGroup(), std::move(key));
+}
+
+std::optional<X509_Auth_Result> OpenTokenKey::FindAgain() {
+  // The old key's share of its listing goes first, so that the lookup's
+  // fresh listing may release it.
+  key_.reset();
+  CertStore users_store;
+  const std::uint32_t store_error = users_store.Open(ICertificateStore::k_users_cert_store);
+  if (store_error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
+                              static_cast<int>(store_error));
+    return Outcome(X509_Auth_ResultCode_StoreOpenFailed, store_error);
+  }
+  std::unique_ptr<ICertificate> cert;
+  const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint_, &cert);
+  if (find_error != 0) {
+    SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
+                              static_cast<int>(find_error));
+    return Outcome(X509_Auth_ResultCode_CertificateNotFound, find_error);
+  }
+  auto key = std::make_unique<Key>();
+  if (auto refused = OpenKeyOf(*cert, *key)) return refused;
+  key_ = std::move(key);
+  return std::nullopt;
+}
+
+std::optional<X509_Auth_Result> OpenTokenKey::EnsureCurrent() {
+  if (key_ && !TokenWatch::Enabled()) return std::nullopt;
+  if (key_ && key_->TokenContext()) {
+    Libp11Context& context = *key_->TokenContext();
+    context.FollowTokens();
+    if (context.CurrentSlots() == key_->TokenListing()) return std::nullopt;
+    SafeCallbacksWrapper::Log(k_info,
+                              "The tokens changed under an open key; finding its key again");
+  }
+  return FindAgain();
+}
+
+template <typename Operation>
+auto OpenTokenKey::WithKey(Operation operation) -> decltype(operation(std::declval<Key&>())) {
+  if (auto failure = EnsureCurrent()) return {nullptr, *failure};
+  const std::shared_ptr<Libp11Context> context =
+      TokenWatch::Enabled() ? key_->TokenContext() : nullptr;
+  if (context) context->TakeTokenLoss();
+  auto outcome = operation(*key_);
+  if (outcome.result.code == X509_Auth_ResultCode_Success || !context || !context->TakeTokenLoss())
+    return outcome;
+  SafeCallbacksWrapper::Log(k_warning,
+                            "A token or its session went away during the operation; listing the "
+                            "tokens again and trying once more");
+  context->ForceRefresh();
+  if (auto failure = FindAgain()) return {nullptr, *failure};
+  return operation(*key_);
+}
+
+KeyStoreResult<X509_Auth_Signature> OpenTokenKey::SignHash(KeyStore& store,
+                                                           const std::vector<Algorithm>& algorithms,
+                                                           const std::vector<unsigned char>& hash) {
+  if (group_ == Algorithm::k_unknown ||
+      std::find(algorithms.begin(), algorithms.end(), group_) == algorithms.end()) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support requested algorithm");
+    return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
+  }
+  return WithKey([&](Key& key) -> KeyStoreResult<X509_Auth_Signature> {
+    std::vector<unsigned char> signature;
+    const ResultPair signed_result = key.Sign(hash, &signature);
+    if (signed_result.code != 0) {
+      SafeCallbacksWrapper::Log(k_error, "Failed to sign hash (error: %d, %lu)", signed_result.code,
+                                static_cast<unsigned long>(signed_result.detail));
+      return {nullptr, Outcome(signed_result.code, signed_result.detail)};
+    }
+    return {store.AllocateSignature(group_, std::move(signature)), Outcome(0)};
+  });
+}
+
+KeyStoreResult<X509_Auth_Signature> OpenTokenKey::SignHashPss(
+    KeyStore& store, const EVP_MD* digest, const std::vector<unsigned char>& hash,
+    int salt_length) {
+  if (group_ != Algorithm::k_rsa) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA-PSS signatures");
+    return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
+  }
+  return WithKey([&](Key& key) -> KeyStoreResult<X509_Auth_Signature> {
+    if (key.Algorithm() != Algorithm::k_rsa) {
+      SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA-PSS signatures");
+      return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
+    }
+    std::vector<unsigned char> signature;
+    const ResultPair signed_result = key.SignPss(digest, hash, salt_length, &signature);
+    if (signed_result.code != 0) {
+      SafeCallbacksWrapper::Log(k_error, "Failed to sign hash with RSA-PSS (error: %d, %lu)",
+                                signed_result.code,
+                                static_cast<unsigned long>(signed_result.detail));
+      return {nullptr, Outcome(signed_result.code, signed_result.detail)};
+    }
+    return {store.AllocateSignature(Algorithm::k_rsa, std::move(signature)), Outcome(0)};
+  });
+}
+
+KeyStoreResult<X509_Auth_ASN_1> OpenTokenKey::Decrypt(KeyStore& store, DecryptAlgorithm algorithm,
+                                                      const std::vector<unsigned char>& data) {
+  if (group_ != Algorithm::k_rsa) {
+    SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");
+    return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
+  }
+  return WithKey([&](Key& key) -> KeyStoreResult<X509_Auth_ASN_1> {
+    std::vector<unsigned char> plaintext;
+    const WipeOnExit wipe(plaintext);  // empty once moved into the kept record
+    const ResultPair decrypted = key.Decrypt(algorithm, data, &plaintext);
+    if (decrypted.code != 0) {
+      SafeCallbacksWrapper::Log(k_error, "Failed to decrypt data (error: %d, %lu)", decrypted.code,
+                                static_cast<unsigned long>(decrypted.detail));
+      return {nullptr, Outcome(decrypted.code, decrypted.detail)};
+    }
+    return {store.AllocatePlaintext(std::move(plaintext)), Outcome(0)};
+  });
+}
+
+}  // namespace quorvant::shared::x509

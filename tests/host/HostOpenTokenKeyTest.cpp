@@ -1,0 +1,379 @@
+// A token key held open by the host (X509_Auth_OpenKey on a SoftHSM2 token
+// certificate): its slot, key object and login kept between operations, one
+// PIN prompt for many signatures, found again once when the tokens changed
+// or its session went away, and a defined result when the token is gone.
+// Every signature is verified with the certificate's public key.
+#include <dlfcn.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <p11-kit/pkcs11.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "ForkedChild.h"
+#include "HostFixture.h"
+#include "SoftHsmToken.h"
+
+namespace x509auth_test {
+namespace {
+
+constexpr uint32_t k_rsa_and_ec[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
+constexpr const char* k_user_prompt = "Enter pin for token: Card A";
+constexpr const char* k_retry_line =
+    "A token or its session went away during the operation; listing the tokens again and trying "
+    "once more";
+constexpr const char* k_changed_line =
+    "The tokens changed under an open key; finding its key again";
+
+// The SoftHSM2 module the library loaded, driven directly as another part
+// of the host would: a reader reset ending the sessions, a card inserted.
+class LoadedSoftHsm {
+ public:
+  LoadedSoftHsm() {
+    handle_ = dlopen(SoftHsmToken::ModulePath().c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (handle_ == nullptr) return;
+    const auto get_list =
+        reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle_, "C_GetFunctionList"));
+    if (get_list != nullptr) get_list(&functions_);
+  }
+  ~LoadedSoftHsm() {
+    if (handle_ != nullptr) dlclose(handle_);
+  }
+  LoadedSoftHsm(const LoadedSoftHsm&) = delete;
+  LoadedSoftHsm& operator=(const LoadedSoftHsm&) = delete;
+
+  bool Loaded() const { return functions_ != nullptr; }
+
+  // Ends every session of this process on every slot, and so every login.
+  CK_RV CloseAllSessions() const {
+    CK_ULONG count = 16;
+    CK_SLOT_ID ids[16];
+    CK_RV rv = functions_->C_GetSlotList(CK_TRUE, ids, &count);
+    for (CK_ULONG i = 0; rv == CKR_OK && i < count; ++i)
+      rv = functions_->C_CloseAllSessions(ids[i]);
+    return rv;
+  }
+
+  // Initialises the free token as |label|: the slot list changes, as when a
+  // second card is inserted.
+  CK_RV InitFreeToken(const std::string& label) const {
+    CK_ULONG count = 16;
+    CK_SLOT_ID ids[16];
+    if (const CK_RV rv = functions_->C_GetSlotList(CK_TRUE, ids, &count); rv != CKR_OK) return rv;
+    for (CK_ULONG i = 0; i < count; ++i) {
+      CK_TOKEN_INFO info{};
+      if (functions_->C_GetTokenInfo(ids[i], &info) != CKR_OK ||
+          (info.flags & CKF_TOKEN_INITIALIZED) != 0)
+        continue;
+      std::string so_pin = SoftHsmToken::k_default_so_pin;
+      std::string padded = label;
+      padded.resize(32, ' ');
+      return functions_->C_InitToken(ids[i], reinterpret_cast<CK_UTF8CHAR_PTR>(so_pin.data()),
+                                     so_pin.size(),
+                                     reinterpret_cast<CK_UTF8CHAR_PTR>(padded.data()));
+    }
+    return CKR_SLOT_ID_INVALID;
+  }
+
+ private:
+  void* handle_ = nullptr;
+  CK_FUNCTION_LIST_PTR functions_ = nullptr;
+};
+
+Bytes Sha256(const std::string& message) {
+  Bytes digest(32);
+  EVP_Digest(message.data(), message.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+  return digest;
+}
+
+std::size_t UserPrompts() {
+  const std::vector<PromptEntry>& prompts = RecordingCallbacks::GetInstance().Prompts();
+  return static_cast<std::size_t>(
+      std::count_if(prompts.begin(), prompts.end(),
+                    [](const PromptEntry& entry) { return entry.prompt == k_user_prompt; }));
+}
+
+class HostOpenTokenKeyTest : public HostTest {
+ protected:
+  void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+    HostTest::SetUp();
+    hsm_.emplace();
+    hsm_->InitToken("Card A");
+    rsa_key_ = SharedKey(KeyKind::k_rsa, 1);
+    rsa_ = MakeClientCert("Token RSA", rsa_key_.get());
+    ec_key_ = SharedKey(KeyKind::k_ec, 2);
+    ec_ = MakeClientCert("Token EC", ec_key_.get());
+    hsm_->ImportCertAndKey("Card A", rsa_.get(), rsa_key_.get(), "01", "rsa");
+    hsm_->ImportCertAndKey("Card A", ec_.get(), ec_key_.get(), "02", "ec");
+  }
+  void TearDown() override {
+    HostTest::TearDown();
+    hsm_.reset();
+  }
+
+  void Start(bool watch) {
+    Init({});
+    ASSERT_EQ(X509_Auth_SetTokenWatch(watch ? 1 : 0), X509_Auth_ResultCode_Success);
+  }
+
+  // Opens |cert|'s key with the PIN scripted for it.
+  static X509_Auth_KeyHandle Open(X509* cert) {
+    rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+    const Bytes thumbprint = Sha1Thumbprint(cert);
+    X509_Auth_KeyHandle handle = 0;
+    EXPECT_EQ(X509_Auth_OpenKey(thumbprint.data(), &handle).code, 0) << rec().Dump();
+    EXPECT_NE(handle, 0u);
+    return handle;
+  }
+
+  // Signs a SHA-256 digest of |message|; the result code, and whether the
+  // signature verifies with |cert|.
+  static int32_t SignVerified(X509_Auth_KeyHandle handle, X509* cert, const std::string& message,
+                              bool* verified) {
+    const Bytes digest = Sha256(message);
+    const X509_Auth_Signature* signature = nullptr;
+    const X509_Auth_Result result = X509_Auth_OpenKeySignHash(
+        handle, 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
+    *verified = signature != nullptr && VerifiesWithCertificate(cert, EVP_sha256(), digest,
+                                                                signature->data, signature->length);
+    if (result.code != 0) {
+      EXPECT_EQ(signature, nullptr);
+    }
+    X509_Auth_Free(signature);
+    return result.code;
+  }
+
+  std::optional<SoftHsmToken> hsm_;
+  TestKey rsa_key_, ec_key_;
+  TestX509 rsa_, ec_;
+};
+
+TEST_F(HostOpenTokenKeyTest, ManySignaturesOnOneOpenTokenKeyAskForThePinOnceAndAllVerify) {
+  Start(true);
+  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  // The PIN is asked at the open, not at the first signature.
+  EXPECT_EQ(UserPrompts(), 1u);
+  const X509_Auth_KeyHandle ec = Open(ec_.get());
+  for (int i = 0; i < 20; ++i) {
+    bool verified = false;
+    EXPECT_EQ(SignVerified(rsa, rsa_.get(), "rsa " + std::to_string(i), &verified), 0)
+        << rec().Dump();
+    EXPECT_TRUE(verified);
+    EXPECT_EQ(SignVerified(ec, ec_.get(), "ec " + std::to_string(i), &verified), 0) << rec().Dump();
+    EXPECT_TRUE(verified);
+  }
+  EXPECT_EQ(UserPrompts(), 1u) << rec().Dump();
+  EXPECT_TRUE(rec().WithFormat(k_changed_line).empty());
+  EXPECT_EQ(X509_Auth_CloseKey(rsa), 0);
+  EXPECT_EQ(X509_Auth_CloseKey(ec), 0);
+  EXPECT_TRUE(rec().WithFormat("Failed to sign hash (error: %d, %lu)").empty());
+  EXPECT_TRUE(rec().WithFormat(k_retry_line).empty());
+}
+
+TEST_F(HostOpenTokenKeyTest, OpenTokenKeySignsWithPssAndDecryptsWithBothPaddings) {
+  Start(true);
+  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  const Bytes digest = Sha256("pss");
+  for (int i = 0; i < 3; ++i) {
+    const X509_Auth_Signature* signature = nullptr;
+    ASSERT_EQ(X509_Auth_OpenKeySignHashPss(rsa, X509_Auth_HashType_Sha256, digest.data(),
+                                           X509_AUTH_PSS_SALT_DIGEST, &signature)
+                  .code,
+              0)
+        << rec().Dump();
+    ASSERT_NE(signature, nullptr);
+    EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(X509_get0_pubkey(rsa_.get()), nullptr));
+    ASSERT_EQ(EVP_PKEY_verify_init(context.get()), 1);
+    EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING);
+    EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256());
+    EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), EVP_sha256());
+    EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), 32);
+    EXPECT_EQ(EVP_PKEY_verify(context.get(), signature->data, signature->length, digest.data(),
+                              digest.size()),
+              1);
+    X509_Auth_Free(signature);
+  }
+  const Bytes secret = {9, 8, 7, 6, 5};
+  struct Case {
+    uint32_t algorithm;
+    int padding;
+  } cases[] = {{X509_Auth_DecryptAlgorithm_RsaPkcs1, RSA_PKCS1_PADDING},
+               {X509_Auth_DecryptAlgorithm_RsaOaep, RSA_PKCS1_OAEP_PADDING}};
+  for (const Case& c : cases) {
+    const Bytes ciphertext = EncryptToCertificate(rsa_.get(), c.padding, secret);
+    const X509_Auth_ASN_1* plaintext = nullptr;
+    ASSERT_EQ(
+        X509_Auth_OpenKeyDecrypt(rsa, c.algorithm, ciphertext.size(), ciphertext.data(), &plaintext)
+            .code,
+        0)
+        << rec().Dump();
+    ASSERT_NE(plaintext, nullptr);
+    EXPECT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
+    X509_Auth_Free(plaintext);
+  }
+  EXPECT_EQ(UserPrompts(), 1u);
+}
+
+TEST_F(HostOpenTokenKeyTest, EcOpenTokenKeyRefusesPssAndDecryptionWithAlgorithmNotSupported) {
+  Start(true);
+  const X509_Auth_KeyHandle ec = Open(ec_.get());
+  const Bytes digest = Sha256("ec");
+  const X509_Auth_Signature* signature = nullptr;
+  EXPECT_EQ(X509_Auth_OpenKeySignHashPss(ec, X509_Auth_HashType_Sha256, digest.data(),
+                                         X509_AUTH_PSS_SALT_DIGEST, &signature)
+                .code,
+            X509_Auth_ResultCode_AlgorithmNotSupported);
+  EXPECT_EQ(signature, nullptr);
+  EXPECT_FALSE(rec().WithFormat("Certificate does not support RSA-PSS signatures").empty());
+  const X509_Auth_ASN_1* plaintext = nullptr;
+  const Bytes data(64, 1);
+  EXPECT_EQ(X509_Auth_OpenKeyDecrypt(ec, X509_Auth_DecryptAlgorithm_RsaPkcs1, data.size(),
+                                     data.data(), &plaintext)
+                .code,
+            X509_Auth_ResultCode_AlgorithmNotSupported);
+  const uint32_t rsa_only[] = {X509_Auth_Algorithm_Rsa};
+  EXPECT_EQ(X509_Auth_OpenKeySignHash(ec, 1, rsa_only, X509_Auth_HashType_Sha256, digest.data(),
+                                      &signature)
+                .code,
+            X509_Auth_ResultCode_AlgorithmNotSupported);
+}
+
+TEST_F(HostOpenTokenKeyTest, WrongPinAtOpenGivesKeyOpenFailedAndNoHandle) {
+  Start(true);
+  rec().ScriptAnswer(PinAnswer::Value("wrong"));
+  const Bytes thumbprint = Sha1Thumbprint(rsa_.get());
+  X509_Auth_KeyHandle handle = 99;
+  EXPECT_EQ(X509_Auth_OpenKey(thumbprint.data(), &handle).code, X509_Auth_ResultCode_KeyOpenFailed)
+      << rec().Dump();
+  EXPECT_EQ(handle, 0u);
+  ASSERT_EQ(rec().Messages().size(), 1u);
+  EXPECT_EQ(rec().Messages()[0].message, "Incorrect pin entered for: Card A");
+}
+
+TEST_F(HostOpenTokenKeyTest, TokensChangedUnderAnOpenKeyFindItAgainAndAskForThePinAgain) {
+  Start(true);
+  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  bool verified = false;
+  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
+  {
+    LoadedSoftHsm module;
+    ASSERT_TRUE(module.Loaded());
+    ASSERT_EQ(module.InitFreeToken("Card B"), CKR_OK);
+  }
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after " + std::to_string(i), &verified), 0)
+        << rec().Dump();
+    EXPECT_TRUE(verified);
+  }
+  EXPECT_EQ(rec().WithFormat(k_changed_line).size(), 1u) << rec().Dump();
+  EXPECT_EQ(UserPrompts(), 2u);
+}
+
+TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyIsFoundAgainOnceAndTheSignatureSucceeds) {
+  Start(true);
+  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  bool verified = false;
+  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
+  {
+    LoadedSoftHsm module;
+    ASSERT_TRUE(module.Loaded());
+    ASSERT_EQ(module.CloseAllSessions(), CKR_OK);
+  }
+  rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
+  EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified), 0) << rec().Dump();
+  EXPECT_TRUE(verified);
+  EXPECT_EQ(rec().WithFormat(k_retry_line).size(), 1u) << rec().Dump();
+  EXPECT_EQ(UserPrompts(), 2u);
+  // Found again, it is kept again: no further lookup or prompt.
+  EXPECT_EQ(SignVerified(rsa, rsa_.get(), "later", &verified), 0) << rec().Dump();
+  EXPECT_TRUE(verified);
+  EXPECT_EQ(rec().WithFormat(k_retry_line).size(), 1u);
+  EXPECT_EQ(UserPrompts(), 2u);
+}
+
+TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyFailsWithoutRetryWithTheWatchOff) {
+  Start(false);
+  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  bool verified = false;
+  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
+  {
+    LoadedSoftHsm module;
+    ASSERT_TRUE(module.Loaded());
+    ASSERT_EQ(module.CloseAllSessions(), CKR_OK);
+  }
+  EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
+            X509_Auth_ResultCode_KeyOperationFailed)
+      << rec().Dump();
+  EXPECT_TRUE(rec().WithFormat(k_retry_line).empty());
+  EXPECT_EQ(rec().WithFormat("Failed to sign hash (error: %d, %lu)").size(), 1u);
+  EXPECT_EQ(UserPrompts(), 1u);
+}
+
+TEST_F(HostOpenTokenKeyTest, TokenDeletedUnderAnOpenKeyFailsAsNotFoundAfterOneLookup) {
+  Start(true);
+  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  bool verified = false;
+  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
+  hsm_->DeleteToken("Card A");
+  rec().Reset();
+  EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
+            X509_Auth_ResultCode_CertificateNotFound)
+      << rec().Dump();
+  EXPECT_EQ(rec().WithFormat(k_changed_line).size(), 1u) << rec().Dump();
+  EXPECT_EQ(rec().WithFormat("Failed to find certificate thumbprint (error: %d)").size(), 1u);
+  // Each later use looks once more, and gives the same result while the
+  // token stays gone.
+  EXPECT_EQ(SignVerified(rsa, rsa_.get(), "again", &verified),
+            X509_Auth_ResultCode_CertificateNotFound);
+  EXPECT_EQ(rec().WithFormat("Failed to find certificate thumbprint (error: %d)").size(), 2u);
+  EXPECT_EQ(X509_Auth_CloseKey(rsa), 0);
+}
+
+TEST_F(HostOpenTokenKeyTest, DeInitWithAnOpenTokenKeyLeavesItsHandleInvalid) {
+  Start(true);
+  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  bool verified = false;
+  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
+  X509_Auth_DeInit();
+  Start(true);
+  EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
+            X509_Auth_ResultCode_InvalidArgument);
+  EXPECT_EQ(X509_Auth_CloseKey(rsa), X509_Auth_ResultCode_InvalidArgument);
+  // Opened again in the new library, it asks for the PIN again: the login
+  // ended with the library.
+  const X509_Auth_KeyHandle again = Open(rsa_.get());
+  EXPECT_NE(again, rsa);
+  EXPECT_EQ(SignVerified(again, rsa_.get(), "again", &verified), 0) << rec().Dump();
+  EXPECT_TRUE(verified);
+  EXPECT_EQ(UserPrompts(), 2u);
+}
+
+TEST_F(HostOpenTokenKeyTest, TokenKeyLeftOpenAtExitIsFreedWithTheProcessWithoutACrash) {
+  const std::string report = RunInChild([this] {
+    // The host exits without closing the key or ending the library: the
+    // module's own static objects go before the library's.
+    const pid_t host = fork();
+    if (host == 0) {
+      Start(true);
+      const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+      bool verified = false;
+      const bool signed_ok = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified;
+      std::exit(signed_ok ? 0 : 3);
+    }
+    int status = 0;
+    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
+    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+    return "exit " + std::to_string(WEXITSTATUS(status));
+  });
+  EXPECT_EQ(report, "exit 0");
+}
+
+}  // namespace
+}  // namespace x509auth_test
