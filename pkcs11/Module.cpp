@@ -462,7 +462,7 @@ CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prom
       LogLine(LogLevel::k_error, "the certificate of this key is no longer offered");
       return CKR_FUNCTION_FAILED;
     case X509_Auth_ResultCode_KeyMismatch:
-      LogLine(3, "the key file of this key no longer holds its certificate's key");
+      LogLine(LogLevel::k_error, "the key file of this key no longer holds its certificate's key");
       return CKR_KEY_CHANGED;
     case X509_Auth_ResultCode_AlgorithmNotSupported: return CKR_KEY_TYPE_INCONSISTENT;
     case X509_Auth_ResultCode_MechanismNotSupported: return CKR_MECHANISM_INVALID;

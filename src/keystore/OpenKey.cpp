@@ -45,23 +45,30 @@ OpenKey::OpenKey(const Thumbprint& thumbprint, Algorithm group, std::unique_ptr<
 OpenKey::OpenKey(std::unique_ptr<OpenTokenKey> token)
     : thumbprint_(), group_(Algorithm::k_unknown), token_(std::move(token)) {}
 
-std::unique_ptr<OpenKey> OpenKey::Open(const Thumbprint& thumbprint, X509_Auth_Result& failure) {
-  CertStore users_store;
-  std::unique_ptr<ICertificate> cert;
+std::optional<X509_Auth_Result> OpenKey::Find(const Thumbprint& thumbprint, CertStore& users_store,
+                                              std::unique_ptr<ICertificate>* cert) {
   std::uint32_t token_status = 0;
   // A file certificate's key opens without loading the PKCS#11 module.
-  const CertStore::Lookup found = users_store.OpenFor(thumbprint, &cert, &token_status);
+  const CertStore::Lookup found = users_store.OpenFor(thumbprint, cert, &token_status);
   if (found == CertStore::Lookup::k_tokens_failed) {
     SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
                               static_cast<int>(token_status));
-    failure = Outcome(X509_Auth_ResultCode_StoreOpenFailed, token_status);
-    return nullptr;
+    return Outcome(X509_Auth_ResultCode_StoreOpenFailed, token_status);
   }
   if (found == CertStore::Lookup::k_absent) {
-    const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint, &cert);
+    const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint, cert);
     SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
                               static_cast<int>(find_error));
-    failure = Outcome(X509_Auth_ResultCode_CertificateNotFound, find_error);
+    return Outcome(X509_Auth_ResultCode_CertificateNotFound, find_error);
+  }
+  return std::nullopt;
+}
+
+std::unique_ptr<OpenKey> OpenKey::Open(const Thumbprint& thumbprint, X509_Auth_Result& failure) {
+  CertStore users_store;
+  std::unique_ptr<ICertificate> cert;
+  if (auto missing = Find(thumbprint, users_store, &cert)) {
+    failure = *missing;
     return nullptr;
   }
   const Algorithm group = cert->PublicKeyAlgorithmGroup();

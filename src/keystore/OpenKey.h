@@ -13,6 +13,8 @@
 
 namespace quorvant::shared::x509 {
 
+class CertStore;
+class ICertificate;
 class Key;
 class KeyStore;
 
@@ -25,6 +27,11 @@ class OpenKey {
   // Finds the certificate and opens its key, asking for a key file's
   // password now. Null with |failure| set (and logged) when it cannot.
   static std::unique_ptr<OpenKey> Open(const Thumbprint& thumbprint, X509_Auth_Result& failure);
+  // Finds the certificate |thumbprint| names in |users_store| (files first;
+  // tokens only when no file holds it). The failure result, logged, when
+  // the tokens cannot be listed or no certificate is found.
+  static std::optional<X509_Auth_Result> Find(const Thumbprint& thumbprint, CertStore& users_store,
+                                              std::unique_ptr<ICertificate>* cert);
   // |file| null: a key opened per request.
   OpenKey(const Thumbprint& thumbprint, Algorithm group, std::unique_ptr<KeptKeyFile> file);
   explicit OpenKey(std::unique_ptr<OpenTokenKey> token);

@@ -8,6 +8,7 @@
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
 #include "keystore/KeyStore.h"
+#include "keystore/OpenKey.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/TokenWatch.h"
 #include "store/CertStore.h"
@@ -57,19 +58,8 @@ std::optional<X509_Auth_Result> OpenTokenKey::FindAgain() {
   // fresh listing may release it.
   key_.reset();
   CertStore users_store;
-  const std::uint32_t store_error = users_store.Open(ICertificateStore::k_users_cert_store);
-  if (store_error != 0) {
-    SafeCallbacksWrapper::Log(k_error, "Failed to open cert store (error: %d)",
-                              static_cast<int>(store_error));
-    return Outcome(X509_Auth_ResultCode_StoreOpenFailed, store_error);
-  }
   std::unique_ptr<ICertificate> cert;
-  const std::uint32_t find_error = users_store.FindThumbprintShared(thumbprint_, &cert);
-  if (find_error != 0) {
-    SafeCallbacksWrapper::Log(k_error, "Failed to find certificate thumbprint (error: %d)",
-                              static_cast<int>(find_error));
-    return Outcome(X509_Auth_ResultCode_CertificateNotFound, find_error);
-  }
+  if (auto missing = OpenKey::Find(thumbprint_, users_store, &cert)) return missing;
   auto key = std::make_unique<Key>();
   if (auto refused = OpenKeyOf(*cert, *key)) return refused;
   key_ = std::move(key);
