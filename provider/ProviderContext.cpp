@@ -17,6 +17,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
+#include <mutex>
 #include <sstream>
 
 #include "Dispatch.h"
@@ -268,17 +270,6 @@ bool ProviderContext::Start() {
     return false;
   }
   ca_files_ = SplitColons(Parameter("ca_files", "X509AUTH_CA_FILES"));
-  {
-    // One missing (a restricted default provider) is fetched, and fails,
-    // when asked for, as before.
-    const ErrorQueueGuard errors;
-    for (const char* name :
-         {"SHA1", "SHA-1", "SHA224", "SHA2-224", "SHA-224", "SHA256", "SHA2-256", "SHA-256",
-          "SHA384", "SHA2-384", "SHA-384", "SHA512", "SHA2-512", "SHA-512"}) {
-      EvpMdPtr md(EVP_MD_fetch(crypto_.get(), name, nullptr));
-      if (md) digests_.emplace_back(name, std::move(md));
-    }
-  }
   return true;
 }
 
@@ -366,13 +357,26 @@ void ProviderContext::ReportLeftOut(const std::vector<std::string>& offered_key_
 }
 
 EvpMdPtr ProviderContext::Digest(const char* name) const {
+  static constexpr const char* k_kept_names[] = {
+      "SHA1",    "SHA-1",  "SHA224",   "SHA2-224", "SHA-224", "SHA256",   "SHA2-256",
+      "SHA-256", "SHA384", "SHA2-384", "SHA-384",  "SHA512",  "SHA2-512", "SHA-512"};
+  const bool kept = std::any_of(std::begin(k_kept_names), std::end(k_kept_names),
+                                [name](const char* known) { return strcasecmp(known, name) == 0; });
+  if (!kept) return EvpMdPtr(EVP_MD_fetch(Crypto(), name, nullptr));
+  const std::lock_guard<std::mutex> lock(digests_lock_);
   for (const auto& [known, md] : digests_) {
     if (strcasecmp(known.c_str(), name) == 0) {
       EVP_MD_up_ref(md.get());
       return EvpMdPtr(md.get());
     }
   }
-  return EvpMdPtr(EVP_MD_fetch(Crypto(), name, nullptr));
+  // A failed fetch (a restricted default provider) is not kept: it is
+  // tried, and fails, each time it is asked for.
+  EvpMdPtr md(EVP_MD_fetch(Crypto(), name, nullptr));
+  if (md == nullptr) return md;
+  EVP_MD_up_ref(md.get());
+  digests_.emplace_back(name, EvpMdPtr(md.get()));
+  return md;
 }
 
 void ProviderContext::RaiseAt(const char* file, int line, const char* function, int reason,
