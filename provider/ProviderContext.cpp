@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <mutex>
@@ -291,8 +292,9 @@ SharedLibrarySession& ProviderContext::Session() {
 namespace {
 
 // The DER encodings of the certificates in |content|: every certificate of a
-// PEM file, or the file itself when it is not PEM (DER is checked by the
-// library when it is added).
+// PEM file, or the file itself when it is not PEM. Only the PEM armour is
+// taken off: the library parses and checks each one when it is added, and a
+// parse here too would cost as much as the rest of the start.
 std::vector<std::vector<unsigned char>> CertificatesIn(std::vector<unsigned char> content) {
   std::vector<std::vector<unsigned char>> found;
   static const std::string k_pem_marker = "-----BEGIN";
@@ -303,13 +305,19 @@ std::vector<std::vector<unsigned char>> CertificatesIn(std::vector<unsigned char
   }
   BioPtr pem(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
   while (pem != nullptr) {
-    X509Ptr cert(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
-    if (cert == nullptr) break;
-    unsigned char* der = nullptr;
-    const int length = i2d_X509(cert.get(), &der);
-    if (length <= 0) break;
-    OpenSslBytesPtr owned(der);
-    found.emplace_back(der, der + length);
+    char* name = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long length = 0;
+    if (PEM_read_bio(pem.get(), &name, &header, &data, &length) != 1) break;
+    const OpenSslBytesPtr owned_name(reinterpret_cast<unsigned char*>(name));
+    const OpenSslBytesPtr owned_header(reinterpret_cast<unsigned char*>(header));
+    const OpenSslBytesPtr owned_data(data);
+    // The names a certificate reader accepts; other blocks (a key kept in
+    // the same file) are passed over.
+    if (std::strcmp(name, PEM_STRING_X509) != 0 && std::strcmp(name, PEM_STRING_X509_OLD) != 0)
+      continue;
+    if (length > 0) found.emplace_back(data, data + length);
   }
   return found;
 }
