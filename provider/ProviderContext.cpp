@@ -16,7 +16,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <iterator>
+#include <mutex>
 #include <sstream>
 
 #include "Dispatch.h"
@@ -268,17 +271,6 @@ bool ProviderContext::Start() {
     return false;
   }
   ca_files_ = SplitColons(Parameter("ca_files", "X509AUTH_CA_FILES"));
-  {
-    // One missing (a restricted default provider) is fetched, and fails,
-    // when asked for, as before.
-    const ErrorQueueGuard errors;
-    for (const char* name :
-         {"SHA1", "SHA-1", "SHA224", "SHA2-224", "SHA-224", "SHA256", "SHA2-256", "SHA-256",
-          "SHA384", "SHA2-384", "SHA-384", "SHA512", "SHA2-512", "SHA-512"}) {
-      EvpMdPtr md(EVP_MD_fetch(crypto_.get(), name, nullptr));
-      if (md) digests_.emplace_back(name, std::move(md));
-    }
-  }
   return true;
 }
 
@@ -300,8 +292,9 @@ SharedLibrarySession& ProviderContext::Session() {
 namespace {
 
 // The DER encodings of the certificates in |content|: every certificate of a
-// PEM file, or the file itself when it is not PEM (DER is checked by the
-// library when it is added).
+// PEM file, or the file itself when it is not PEM. Only the PEM armour is
+// taken off: the library parses and checks each one when it is added, and a
+// parse here too would cost as much as the rest of the start.
 std::vector<std::vector<unsigned char>> CertificatesIn(std::vector<unsigned char> content) {
   std::vector<std::vector<unsigned char>> found;
   static const std::string k_pem_marker = "-----BEGIN";
@@ -312,13 +305,19 @@ std::vector<std::vector<unsigned char>> CertificatesIn(std::vector<unsigned char
   }
   BioPtr pem(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
   while (pem != nullptr) {
-    X509Ptr cert(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
-    if (cert == nullptr) break;
-    unsigned char* der = nullptr;
-    const int length = i2d_X509(cert.get(), &der);
-    if (length <= 0) break;
-    OpenSslBytesPtr owned(der);
-    found.emplace_back(der, der + length);
+    char* name = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long length = 0;
+    if (PEM_read_bio(pem.get(), &name, &header, &data, &length) != 1) break;
+    const OpenSslBytesPtr owned_name(reinterpret_cast<unsigned char*>(name));
+    const OpenSslBytesPtr owned_header(reinterpret_cast<unsigned char*>(header));
+    const OpenSslBytesPtr owned_data(data);
+    // The names a certificate reader accepts; other blocks (a key kept in
+    // the same file) are passed over.
+    if (std::strcmp(name, PEM_STRING_X509) != 0 && std::strcmp(name, PEM_STRING_X509_OLD) != 0)
+      continue;
+    if (length > 0) found.emplace_back(data, data + length);
   }
   return found;
 }
@@ -369,13 +368,26 @@ EvpMdPtr ProviderContext::Digest(const char* name, const char* properties) const
   // The digests kept are fetched without properties: a caller that names
   // some gets what they select.
   if (properties != nullptr) return EvpMdPtr(EVP_MD_fetch(Crypto(), name, properties));
+  static constexpr const char* k_kept_names[] = {
+      "SHA1",    "SHA-1",  "SHA224",   "SHA2-224", "SHA-224", "SHA256",   "SHA2-256",
+      "SHA-256", "SHA384", "SHA2-384", "SHA-384",  "SHA512",  "SHA2-512", "SHA-512"};
+  const bool kept = std::any_of(std::begin(k_kept_names), std::end(k_kept_names),
+                                [name](const char* known) { return strcasecmp(known, name) == 0; });
+  if (!kept) return EvpMdPtr(EVP_MD_fetch(Crypto(), name, nullptr));
+  const std::lock_guard<std::mutex> lock(digests_lock_);
   for (const auto& [known, md] : digests_) {
     if (strcasecmp(known.c_str(), name) == 0) {
       EVP_MD_up_ref(md.get());
       return EvpMdPtr(md.get());
     }
   }
-  return EvpMdPtr(EVP_MD_fetch(Crypto(), name, nullptr));
+  // A failed fetch (a restricted default provider) is not kept: it is
+  // tried, and fails, each time it is asked for.
+  EvpMdPtr md(EVP_MD_fetch(Crypto(), name, nullptr));
+  if (md == nullptr) return md;
+  EVP_MD_up_ref(md.get());
+  digests_.emplace_back(name, EvpMdPtr(md.get()));
+  return md;
 }
 
 void ProviderContext::RaiseAt(const char* file, int line, const char* function, int reason,

@@ -9,6 +9,7 @@
 #include <openssl/provider.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -64,10 +65,12 @@ class ProviderContext {
   const ProviderSettings& Settings() const { return settings_; }
 
   // The digest |name| from Crypto(). The SHA-1 and SHA-2 digests, by their
-  // usual names, are fetched once when the context starts and shared: a
-  // fetch costs more than a third of a P-256 signature, and libssl asks for
-  // one at every signature. Others, and any with |properties|, are fetched
-  // each time. Null when there is none.
+  // usual names, are fetched on first use and kept: a fetch costs more than
+  // a third of a P-256 signature, and libssl asks for one at every
+  // signature. Not at start: the first fetch starts the private context's
+  // default provider, which a process that only reads certificates never
+  // needs. Others, and any with |properties|, are fetched each time. Null
+  // when there is none.
   EvpMdPtr Digest(const char* name, const char* properties = nullptr) const;
 
   // What one call into the library left for the caller's error report.
@@ -130,8 +133,8 @@ class ProviderContext {
   ProviderSettings settings_;
   LibCtxPtr crypto_;
   std::vector<std::string> ca_files_;
-  // Filled once by Start, read without a lock afterwards.
-  std::vector<std::pair<std::string, EvpMdPtr>> digests_;
+  mutable std::mutex digests_lock_;
+  mutable std::vector<std::pair<std::string, EvpMdPtr>> digests_;
   std::shared_ptr<SharedLibrarySession> session_;  // joined on first use
   // Used only inside the library session, under its lock.
   x509auth_common::LeftOutCertificates left_out_;

@@ -132,6 +132,25 @@ TEST_F(ProviderSettingsTest, CaFilesMayBeDerOrPemWithSeveralCertificates) {
   EXPECT_NE(listed.out.find("Subject: CN=Chained Client"), std::string::npos);
 }
 
+TEST_F(ProviderSettingsTest, ADamagedCertificateInACaFileHidesNeitherTheCasAfterItNorOtherBlocks) {
+  Chain chain = MakeChain(KeyKind::k_ec, "Chained Client");
+  WriteFile(base_ / "certs" / "client.pem", CertToPem(chain.leaf.get()));
+  WriteFile(base_ / "keys" / "client.pem.key", KeyToPem(chain.leaf_key.get()));
+  WriteFile(temp_ / "root.der", CertToDer(chain.root.get()));
+  // A certificate block whose content is no certificate, and a key kept in
+  // the same file, both before the intermediate the chain needs.
+  const std::string damaged =
+      "-----BEGIN CERTIFICATE-----\nAAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8=\n"
+      "-----END CERTIFICATE-----\n";
+  WriteFile(temp_ / "intermediate.pem",
+            damaged + KeyToPem(chain.leaf_key.get()) + CertToPem(chain.intermediate.get()));
+  env_override_["X509AUTH_CA_FILES"] =
+      (temp_ / "root.der").string() + ":" + (temp_ / "intermediate.pem").string();
+  const ChildResult listed = Openssl("storeutl", {"-noout", "-text", "x509auth:"});
+  EXPECT_NE(listed.out.find("Total found: 1"), std::string::npos) << listed.out << listed.err;
+  EXPECT_NE(listed.out.find("Subject: CN=Chained Client"), std::string::npos) << listed.out;
+}
+
 TEST_F(ProviderSettingsTest, AtErrorALeftOutCertificateIsNamedWithTheSettingThatFixesIt) {
   InstallClient(KeyKind::k_rsa, "Offered Client");
   const ForeignClient client = MakeClientOfUnknownCa("Unchained Client");
