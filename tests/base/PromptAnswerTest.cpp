@@ -3,13 +3,13 @@
 // included), and the library's copy of the text wiped.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "RecordingCallbacks.h"
+#include "WipedBuffers.h"
 #include "base/PromptAnswer.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "base/SecretWipe.h"
@@ -20,21 +20,11 @@ namespace {
 using x509auth_test::PinAnswer;
 using x509auth_test::RecordingCallbacks;
 
-struct Wiped {
-  std::size_t size;
-  bool zero;
-};
-std::vector<Wiped> wiped;
-
-void Observe(const unsigned char* data, std::size_t size) {
-  wiped.push_back({size, std::all_of(data, data + size, [](unsigned char c) { return c == 0; })});
-}
-
 class PromptAnswerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     recorder().Reset();
-    wiped.clear();
+    x509auth_test::WipedBuffers().clear();
     Install();
   }
   void TearDown() override {
@@ -135,15 +125,16 @@ TEST_F(PromptAnswerTest, WithoutAReleaseCallbackTheRecordIsAbandoned) {
 
 TEST_F(PromptAnswerTest, TheTextIsReadFromACopyThatIsWipedWhenTheAnswerGoes) {
   recorder().ScriptAnswer(PinAnswer::Value("secret-pin"));
-  SecretWipe::SetObserverForTesting(Observe);
+  SecretWipe::SetObserverForTesting(x509auth_test::RecordWipedBuffer);
   {
     const PromptAnswer answer("Enter pin", "p");
     ASSERT_STREQ(answer.Text(), "secret-pin");
-    EXPECT_TRUE(wiped.empty());
+    EXPECT_TRUE(x509auth_test::WipedBuffers().empty());
   }
+  const std::vector<x509auth_test::WipedBuffer>& wiped = x509auth_test::WipedBuffers();
   ASSERT_EQ(wiped.size(), 1u);
   EXPECT_GE(wiped[0].size, std::strlen("secret-pin") + 1);
-  EXPECT_TRUE(wiped[0].zero);
+  EXPECT_TRUE(wiped[0].wiped);
 }
 
 }  // namespace
