@@ -19,12 +19,16 @@ void SafeCallbacksWrapper::Replace(const X509_Auth_Callbacks& callbacks) {
 }
 
 void SafeCallbacksWrapper::Log(X509_Auth_LogPriority priority, const char* format, ...) {
-  const X509_Auth_LogCallback log = GetInstance().log_;
-  if (log == nullptr) return;
   va_list arguments;
   va_start(arguments, format);
-  log(priority, format, arguments);
+  LogV(priority, format, arguments);
   va_end(arguments);
+}
+
+void SafeCallbacksWrapper::LogV(X509_Auth_LogPriority priority, const char* format,
+                                va_list arguments) {
+  const X509_Auth_LogCallback log = GetInstance().log_;
+  if (log != nullptr) log(priority, format, arguments);
 }
 
 namespace {
@@ -39,6 +43,14 @@ int LogOpenSslErrorLine(const char* text, size_t /*length*/, void* /*user*/) {
 
 void LogAllOpenSslErrors() {
   if (ERR_peek_last_error() != 0) ERR_print_errors_cb(LogOpenSslErrorLine, nullptr);
+}
+
+void LogWithOpenSslErrors(X509_Auth_LogPriority priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  SafeCallbacksWrapper::LogV(priority, format, arguments);
+  va_end(arguments);
+  LogAllOpenSslErrors();
 }
 
 }  // namespace quorvant::shared::x509

@@ -1,4 +1,6 @@
 #pragma once
+#include <cstdarg>
+
 #include "x509_auth.h"
 
 namespace quorvant::shared::x509 {
@@ -22,6 +24,7 @@ class SafeCallbacksWrapper {
   // the host formats, so there is no buffer and no truncation here.
   static void Log(X509_Auth_LogPriority priority, const char* format, ...)
       __attribute__((format(printf, 2, 3)));
+  static void LogV(X509_Auth_LogPriority priority, const char* format, va_list arguments);
 
   X509_Auth_LogCallback LogCallback() const { return log_; }
   X509_Auth_PinEntryCallback PinEntryCallback() const { return pin_entry_; }
@@ -42,5 +45,10 @@ class SafeCallbacksWrapper {
 // Logs the first queued OpenSSL error line at priority 1, if any is queued.
 // The print callback stops OpenSSL after one line, so the rest stay queued.
 void LogAllOpenSslErrors();
+
+// Logs one line, then the first queued OpenSSL error line if any: how a
+// failed OpenSSL call is reported, the line first so the host reads why.
+void LogWithOpenSslErrors(X509_Auth_LogPriority priority, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 }  // namespace quorvant::shared::x509

@@ -64,10 +64,9 @@ bool ChainBuilder::Prepare(X509_STORE* own, X509_STORE* extra) {
   extra_ = nullptr;
   if (!trusted_ || own == nullptr) {
     trusted_.reset();
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Cert::CaChain failed to create new X509 store context");
     last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Error,
+                         "Cert::CaChain failed to create new X509 store context");
     return false;
   }
   {
@@ -84,10 +83,9 @@ bool ChainBuilder::Prepare(X509_STORE* own, X509_STORE* extra) {
 
 bool ChainBuilder::InitContext(X509_STORE_CTX* context, X509* cert) {
   if (X509_STORE_CTX_init(context, trusted_.get(), cert, nullptr) == 1) return true;
-  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                            "Cert::CaChain failed to create new X509 store context");
   last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to create new X509 store context"};
-  LogAllOpenSslErrors();
+  LogWithOpenSslErrors(X509_Auth_LogPriority_Error,
+                       "Cert::CaChain failed to create new X509 store context");
   return false;
 }
 
@@ -96,10 +94,8 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
   last_changes_at_ = 0;
   X509StoreCtxPtr context(X509_STORE_CTX_new());
   if (!context) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                              "Cert::CaChain X509_STORE_CTX_new failed");
     last_failure_ = Failure{false, 0, 0, "Cert::CaChain X509_STORE_CTX_new failed"};
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning, "Cert::CaChain X509_STORE_CTX_new failed");
     return false;
   }
   if (!Prepare(own, extra)) return false;
@@ -122,20 +118,17 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
   if (verified != 1) {
     const int error = X509_STORE_CTX_get_error(context.get());
     const int depth = X509_STORE_CTX_get_error_depth(context.get());
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                              "Cert::CaChain X509_verify_cert failed. Error code: [%i], Error "
-                              "message: [%s], Error depth: [%i]",
-                              error, X509_verify_cert_error_string(error), depth);
     last_failure_ = Failure{true, error, depth, X509_verify_cert_error_string(error)};
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning,
+                         "Cert::CaChain X509_verify_cert failed. Error code: [%i], Error "
+                         "message: [%s], Error depth: [%i]",
+                         error, X509_verify_cert_error_string(error), depth);
     return false;
   }
   STACK_OF(X509)* members = X509_STORE_CTX_get0_chain(context.get());
   if (members == nullptr) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Cert::CaChain failed to extract CA chain");
     last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to extract CA chain"};
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "Cert::CaChain failed to extract CA chain");
     return false;
   }
   const int count = sk_X509_num(members);
@@ -144,10 +137,9 @@ bool ChainBuilder::CaChain(X509* cert, X509_STORE* own, X509_STORE* extra,
   for (int i = 0; i < count; ++i) {
     Thumbprint thumbprint{};
     if (!GetThumbprintForX509Cert(sk_X509_value(members, i), &thumbprint)) {
-      SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                                "Cert::CaChain failed to get certificate thumprint");
       last_failure_ = Failure{false, 0, 0, "Cert::CaChain failed to get certificate thumprint"};
-      LogAllOpenSslErrors();
+      LogWithOpenSslErrors(X509_Auth_LogPriority_Error,
+                           "Cert::CaChain failed to get certificate thumprint");
       return false;
     }
     chain.push_back(thumbprint);

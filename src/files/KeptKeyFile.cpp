@@ -105,9 +105,8 @@ KeptKeyFile::State KeptKeyFile::ReadAgain() {
   const std::array<unsigned char, 32> digest = DigestOf(bytes);
   EvpPkeyPtr key = ReadPrivateKeyFromOpenFile(std::move(file), key_path_);
   if (!key) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Failed to parse private key file [%s]",
-                              key_path_.c_str());
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "Failed to parse private key file [%s]",
+                         key_path_.c_str());
     return State::k_unreadable;
   }
   if (X509_check_private_key(certificate_.get(), key.get()) != 1) {

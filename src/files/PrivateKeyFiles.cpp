@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/PromptAnswer.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "base/WipeOnExit.h"
 #include "x509auth/RegularFile.h"
@@ -25,40 +26,13 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
-// Hands a PIN-entry result back to the host on every way out of the
-// password callback, including an exception while it is held.
-class PinEntryResultReleaser {
- public:
-  PinEntryResultReleaser(X509_Auth_FreePinEntryResultCallback release,
-                         X509_Auth_PinEntryResult* result)
-      : release_(release), result_(result) {}
-  ~PinEntryResultReleaser() {
-    if (release_ != nullptr && result_ != nullptr) release_(result_);
-  }
-  PinEntryResultReleaser(const PinEntryResultReleaser&) = delete;
-  PinEntryResultReleaser& operator=(const PinEntryResultReleaser&) = delete;
-
- private:
-  X509_Auth_FreePinEntryResultCallback release_;
-  X509_Auth_PinEntryResult* result_;
-};
-
 int AskHostForPassword(char* buffer, int size, const char* path) {
   const std::string prompt = std::string("Enter password for: ") + path;
-  const SafeCallbacksWrapper& callbacks = SafeCallbacksWrapper::GetInstance();
-  const X509_Auth_PinEntryCallback pin_entry = callbacks.PinEntryCallback();
-  if (pin_entry == nullptr) return -1;
-  // Copied before the prompt so the result goes back to the release
-  // function that belongs to the prompt that made it.
-  const X509_Auth_FreePinEntryResultCallback release = callbacks.FreePinEntryResultCallback();
-
-  X509_Auth_PinEntryResult* result = pin_entry("Enter password", prompt.c_str());
-  if (result == nullptr) return -1;
-  const PinEntryResultReleaser releaser(release, result);
+  const PromptAnswer answer("Enter password", prompt.c_str());
   // A status-0 result without text has no usable value either.
-  if (result->status != 0 || result->value == nullptr) return -1;
+  if (!answer.Received() || answer.Status() != 0 || answer.Text() == nullptr) return -1;
 
-  const std::size_t length = std::strlen(result->value);
+  const std::size_t length = answer.Length();
   if (size < 0 || length > static_cast<std::size_t>(size)) {
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                               "Password for [%s] is too long. Max length is [%i]", path, size);
@@ -66,7 +40,7 @@ int AskHostForPassword(char* buffer, int size, const char* path) {
   }
   // OpenSSL takes the returned length; it wants no terminating NUL, so a
   // password filling the whole buffer is accepted.
-  std::memcpy(buffer, result->value, length);
+  std::memcpy(buffer, answer.Text(), length);
   return static_cast<int>(length);
 }
 

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "base/PromptAnswer.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "smartcard/FreshTokenErrors.h"
 #include "smartcard/ModuleExit.h"
@@ -162,22 +163,12 @@ int Libp11Context::PinEntryUiWriter(UI* ui, UI_STRING* uis) {
   if (type != UIT_PROMPT && type != UIT_VERIFY) return 0;
   const char* prompt = UI_get0_output_string(uis);
 
-  const SafeCallbacksWrapper& callbacks = SafeCallbacksWrapper::GetInstance();
-  const X509_Auth_PinEntryCallback pin_entry = callbacks.PinEntryCallback();
-  if (pin_entry == nullptr) return -1;
-  const X509_Auth_FreePinEntryResultCallback release = callbacks.FreePinEntryResultCallback();
-  X509_Auth_PinEntryResult* result = pin_entry(k_pin_title, prompt);
-  if (result == nullptr) return -1;
-
-  int answer = 1;
-  if (result->status != 0)
-    answer = -1;
-  else if (result->value == nullptr || result->value[0] == '\0')
-    answer = 0;
-  else
-    UI_set_result(ui, uis, result->value);
-  if (release != nullptr) release(result);
-  return answer;
+  const PromptAnswer answer(k_pin_title, prompt);
+  if (!answer.Received()) return -1;
+  if (answer.Status() != 0) return -1;
+  if (answer.Length() == 0) return 0;
+  UI_set_result(ui, uis, answer.Text());
+  return 1;
 }
 
 int Libp11Context::PinEntryUiReader(UI* /*ui*/, UI_STRING* /*uis*/) { return 1; }

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "base/PromptAnswer.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "smartcard/FreshTokenErrors.h"
 #include "smartcard/TokenWatch.h"
@@ -13,12 +14,6 @@ namespace {
 
 constexpr const char* k_pin_title = "Enter pin";
 constexpr const char* k_notice_caption = "Smartcard error";
-
-// Hands a PIN-entry result back to the host through the release callback
-// copied before the prompt, if the host gave one.
-void Release(X509_Auth_FreePinEntryResultCallback release, X509_Auth_PinEntryResult* result) {
-  if (result != nullptr && release != nullptr) release(result);
-}
 
 }  // namespace
 
@@ -39,30 +34,20 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
   const std::string prompt = "Enter pin for token: " + std::string(slot->token->label);
 
   const SafeCallbacksWrapper& callbacks = SafeCallbacksWrapper::GetInstance();
-  int code = 1;
-  X509_Auth_PinEntryResult* result = nullptr;
-  X509_Auth_FreePinEntryResultCallback release = nullptr;
-  if (const X509_Auth_PinEntryCallback pin_entry = callbacks.PinEntryCallback()) {
-    release = callbacks.FreePinEntryResultCallback();
-    result = pin_entry(k_pin_title, prompt.c_str());
-    if (result != nullptr) code = result->status;
-  }
+  const PromptAnswer answer(k_pin_title, prompt.c_str());
+  const int code = answer.Received() ? answer.Status() : 1;
 
-  if (result != nullptr && code == 0) {
+  if (answer.Received() && code == 0) {
     // The card may have gone while the user typed; libp11 would then wait
     // forever in its session pool instead of failing the login.
-    if (const int probe = ProbeSession(slot); probe != 0) {
-      Release(release, result);
-      return probe;
-    }
+    if (const int probe = ProbeSession(slot); probe != 0) return probe;
     std::optional<FreshTokenErrors> fresh;
     if (TokenWatch::Enabled()) fresh.emplace();
-    const int login = PKCS11_login(slot, 0, result->value);
+    const int login = PKCS11_login(slot, 0, answer.Text());
     const CK_RV lost = login < 0 && fresh ? fresh->Loss() : CKR_OK;
     fresh.reset();
     if (login >= 0) {
       logged_in_slots_.insert(slot);
-      Release(release, result);
       return 0;
     }
     // A card pulled while the user typed is no wrong PIN: with the token
@@ -75,7 +60,6 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
           "The smart card was removed while logging in to: " + std::string(slot->token->label);
       if (const X509_Auth_MessageCallback message = callbacks.MessageCallback())
         message(notice.c_str(), k_notice_caption);
-      Release(release, result);
       return login;
     }
     SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
@@ -90,12 +74,10 @@ int Libp11LoginHandler::LoginIfRequired(PKCS11_slot_st* slot) {
       SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
                                 "The token [%s] was removed while its PIN was entered.",
                                 slot->token->label);
-    Release(release, result);
     return login;
   }
 
   SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Error getting login details: %i", code);
-  Release(release, result);
   return code;
 }
 

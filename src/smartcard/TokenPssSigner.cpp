@@ -137,9 +137,8 @@ ResultPair TokenPssSigner::Sign(const EVP_MD* digest, const std::vector<unsigned
     input.resize(static_cast<std::size_t>(RSA_size(rsa)));
     if (RSA_padding_add_PKCS1_PSS_mgf1(const_cast<RSA*>(rsa), input.data(), hash.data(), digest,
                                        digest, salt_length) != 1) {
-      SafeCallbacksWrapper::Log(k_error, "RSA-PSS on token [%s]: the block cannot be encoded",
-                                slot_->token->label);
-      LogAllOpenSslErrors();
+      LogWithOpenSslErrors(k_error, "RSA-PSS on token [%s]: the block cannot be encoded",
+                           slot_->token->label);
       return TokenFailure(CKR_GENERAL_ERROR);
     }
     mechanism = CK_MECHANISM{CKM_RSA_X_509, nullptr, 0};

@@ -116,8 +116,7 @@ std::uint32_t CertStore::Open(CertStoreType type) {
 
   x509_store.reset(X509_STORE_new());
   if (!x509_store) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to create X509 store");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning, "Failed to create X509 store");
     return 1;
   }
   if (type != k_users_cert_store) {
@@ -133,22 +132,18 @@ std::uint32_t CertStore::Open(CertStoreType type) {
   // Tokens come first, and a token source that fails ends the opening: the
   // system CAs and the files are then not loaded, although the store is open.
   if (const std::uint32_t status = OpenSmartCardStore(); status != 0) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                              "Failed to open smart card certificate store");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning,
+                         "Failed to open smart card certificate store");
     return status;
   }
   // The CA file's certificates join the store when a chain first needs one.
   if (DefaultCaPaths::SetOn(x509_store.get()) != 1) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to set CA paths");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning, "Failed to set CA paths");
     return k_status_failed;
   }
   if (const std::uint32_t status = OpenFileStore(); status != 0) {
     // OpenFileStore reports success always; kept as a guard.
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                              "Failed to open local certificate store");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning, "Failed to open local certificate store");
     return status;
   }
   return 0;
@@ -495,8 +490,7 @@ CertStore::Lookup CertStore::OpenFor(const Thumbprint& thumbprint,
   }
   x509_store.reset(X509_STORE_new());
   if (!x509_store) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning, "Failed to create X509 store");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning, "Failed to create X509 store");
     *token_status = 1;
     return Lookup::k_tokens_failed;
   }
@@ -505,9 +499,8 @@ CertStore::Lookup CertStore::OpenFor(const Thumbprint& thumbprint,
   OpenFileStore();
   if (FindQuietly(thumbprint, out, true)) return Lookup::k_found;
   if (const std::uint32_t status = OpenSmartCardStore(); status != 0) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Warning,
-                              "Failed to open smart card certificate store");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Warning,
+                         "Failed to open smart card certificate store");
     *token_status = status;
     return Lookup::k_tokens_failed;
   }

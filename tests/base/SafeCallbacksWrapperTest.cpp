@@ -121,5 +121,31 @@ TEST_F(SafeCallbacksWrapperTest, LogAllOpenSslErrorsWithoutALogCallbackStillStop
   EXPECT_EQ(remaining, 1);
 }
 
+TEST_F(SafeCallbacksWrapperTest, LogWithOpenSslErrorsLogsItsLineThenTheFirstQueuedError) {
+  SafeCallbacksWrapper::GetInstance().Replace(recorder().Callbacks());
+  ERR_put_error(ERR_LIB_X509, 0, X509_R_CERT_ALREADY_IN_HASH_TABLE, "first.c", 1);
+  ERR_put_error(ERR_LIB_PEM, 0, PEM_R_NO_START_LINE, "second.c", 2);
+
+  LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "Failed to parse [%s] (%i)", "k.pem", 7);
+
+  ASSERT_EQ(recorder().Logs().size(), 2u) << recorder().Dump();
+  EXPECT_EQ(recorder().Logs()[0].priority, X509_Auth_LogPriority_Error);
+  EXPECT_EQ(recorder().Logs()[0].format, "Failed to parse [%s] (%i)");
+  EXPECT_EQ(recorder().Logs()[0].text, "Failed to parse [k.pem] (7)");
+  EXPECT_EQ(recorder().Logs()[1].priority, X509_Auth_LogPriority_Info);
+  EXPECT_NE(recorder().Logs()[1].text.find("cert already in hash table"), std::string::npos)
+      << recorder().Logs()[1].text;
+  int remaining = 0;
+  while (ERR_get_error() != 0) ++remaining;
+  EXPECT_EQ(remaining, 1);
+}
+
+TEST_F(SafeCallbacksWrapperTest, LogWithOpenSslErrorsWithAnEmptyQueueLogsOnlyItsLine) {
+  SafeCallbacksWrapper::GetInstance().Replace(recorder().Callbacks());
+  LogWithOpenSslErrors(X509_Auth_LogPriority_Warning, "no context");
+  ASSERT_EQ(recorder().Logs().size(), 1u) << recorder().Dump();
+  EXPECT_TRUE(recorder().Has(X509_Auth_LogPriority_Warning, "no context", "no context"));
+}
+
 }  // namespace
 }  // namespace quorvant::shared::x509

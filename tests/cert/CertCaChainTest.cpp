@@ -3,20 +3,10 @@
 
 #include <cstdio>
 
-#include "CertTestSupport.h"
-#include "TestPki.h"
+#include "ChainTestNames.h"
 
 namespace quorvant::shared::x509 {
 namespace {
-
-using test::MakeFileCert;
-using test::X509OnlyStore;
-using x509auth_test::CertOptions;
-using x509auth_test::KeyKind;
-using x509auth_test::MakeCert;
-using x509auth_test::SharedKey;
-using x509auth_test::TestKey;
-using x509auth_test::TestX509;
 
 constexpr const char* k_verify_failed =
     "Cert::CaChain X509_verify_cert failed. Error code: [%i], Error message: [%s], Error depth: "

@@ -7,22 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "CertTestSupport.h"
-#include "TestPki.h"
+#include "ChainTestNames.h"
 #include "cert/ChainBuilder.h"
 #include "cert/X509StoreBatch.h"
 
 namespace quorvant::shared::x509 {
 namespace {
-
-using test::MakeFileCert;
-using test::X509OnlyStore;
-using x509auth_test::CertOptions;
-using x509auth_test::KeyKind;
-using x509auth_test::MakeCert;
-using x509auth_test::SharedKey;
-using x509auth_test::TestKey;
-using x509auth_test::TestX509;
 
 TestX509 Ca(const std::string& name, EVP_PKEY* key, X509* issuer = nullptr,
             EVP_PKEY* issuer_key = nullptr) {

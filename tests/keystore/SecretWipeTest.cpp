@@ -15,6 +15,7 @@
 #include "RecordingCallbacks.h"
 #include "ScopedTestEnvironment.h"
 #include "TestPki.h"
+#include "WipedBuffers.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "base/SecretWipe.h"
 #include "base/X509Settings.h"
@@ -27,16 +28,7 @@ namespace {
 namespace fs = std::filesystem;
 using x509auth_test::Bytes;
 
-struct Released {
-  std::size_t size;
-  bool wiped;
-};
-std::vector<Released> released;
-
-void Observe(const unsigned char* data, std::size_t size) {
-  released.push_back(
-      {size, std::all_of(data, data + size, [](unsigned char c) { return c == 0; })});
-}
+using x509auth_test::WipedBuffers;
 
 class SecretWipeTest : public ::testing::Test {
  protected:
@@ -44,8 +36,8 @@ class SecretWipeTest : public ::testing::Test {
     x509auth_test::RecordingCallbacks::GetInstance().Reset();
     SafeCallbacksWrapper::GetInstance().Replace(
         x509auth_test::RecordingCallbacks::GetInstance().Callbacks());
-    released.clear();
-    SecretWipe::SetObserverForTesting(Observe);
+    WipedBuffers().clear();
+    SecretWipe::SetObserverForTesting(x509auth_test::RecordWipedBuffer);
     x509auth_test::ScopedTestEnvironment::LinkModule(tmp_ / "work", OPENSC_MODULE_PATH);
     ASSERT_TRUE(env_.Enter(tmp_ / "work"));
     key_ = x509auth_test::SharedKey(x509auth_test::KeyKind::k_rsa);
@@ -73,8 +65,9 @@ class SecretWipeTest : public ::testing::Test {
   }
 
   static bool WipedOneOf(std::size_t at_least) {
-    return std::any_of(released.begin(), released.end(),
-                       [&](const Released& r) { return r.wiped && r.size >= at_least; });
+    return std::any_of(
+        WipedBuffers().begin(), WipedBuffers().end(),
+        [&](const x509auth_test::WipedBuffer& r) { return r.wiped && r.size >= at_least; });
   }
 
   x509auth_test::TempDir tmp_;
@@ -91,11 +84,11 @@ TEST_F(SecretWipeTest, DecryptedDataIsWipedWhenTheHostFreesIt) {
   const X509_Auth_ASN_1* plaintext = Decrypt(store, secret);
   ASSERT_NE(plaintext, nullptr) << x509auth_test::RecordingCallbacks::GetInstance().Dump();
   ASSERT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
-  released.clear();
+  WipedBuffers().clear();
   store.Free(plaintext);
-  ASSERT_EQ(released.size(), 1u);
-  EXPECT_TRUE(released[0].wiped);
-  EXPECT_GE(released[0].size, secret.size());
+  ASSERT_EQ(WipedBuffers().size(), 1u);
+  EXPECT_TRUE(WipedBuffers()[0].wiped);
+  EXPECT_GE(WipedBuffers()[0].size, secret.size());
 }
 
 TEST_F(SecretWipeTest, DecryptedDataStillHeldIsWipedWithTheKeyStore) {
@@ -103,29 +96,29 @@ TEST_F(SecretWipeTest, DecryptedDataStillHeldIsWipedWithTheKeyStore) {
   auto store = std::make_unique<KeyStore>();
   ASSERT_NE(Decrypt(*store, Bytes(16, 0x3C)), nullptr);
   ASSERT_NE(Decrypt(*store, Bytes(24, 0x3D)), nullptr);
-  released.clear();
+  WipedBuffers().clear();
   store.reset();
-  ASSERT_EQ(released.size(), 2u);
-  EXPECT_TRUE(released[0].wiped && released[1].wiped);
+  ASSERT_EQ(WipedBuffers().size(), 2u);
+  EXPECT_TRUE(WipedBuffers()[0].wiped && WipedBuffers()[1].wiped);
 }
 
 TEST_F(SecretWipeTest, DerKeyFileBytesAreWipedAfterParsing) {
   const Bytes der = x509auth_test::KeyToDer(key_.get());
   x509auth_test::WriteFile(tmp_ / "key.der", der);
-  released.clear();
+  WipedBuffers().clear();
   EXPECT_NE(ReadPrivateKeyFromDerFile(tmp_ / "key.der"), nullptr);
-  ASSERT_EQ(released.size(), 1u);
-  EXPECT_TRUE(released[0].wiped);
-  EXPECT_EQ(released[0].size, der.size());
+  ASSERT_EQ(WipedBuffers().size(), 1u);
+  EXPECT_TRUE(WipedBuffers()[0].wiped);
+  EXPECT_EQ(WipedBuffers()[0].size, der.size());
 }
 
 TEST_F(SecretWipeTest, StdioBufferOfAPemKeyFileIsWipedAfterClosing) {
   x509auth_test::WriteFile(tmp_ / "key.pem", x509auth_test::KeyToPem(key_.get()));
-  released.clear();
+  WipedBuffers().clear();
   EXPECT_NE(ReadPrivateKeyFromPemFile(tmp_ / "key.pem"), nullptr);
-  ASSERT_EQ(released.size(), 1u);
-  EXPECT_TRUE(released[0].wiped);
-  EXPECT_EQ(released[0].size, static_cast<std::size_t>(BUFSIZ));
+  ASSERT_EQ(WipedBuffers().size(), 1u);
+  EXPECT_TRUE(WipedBuffers()[0].wiped);
+  EXPECT_EQ(WipedBuffers()[0].size, static_cast<std::size_t>(BUFSIZ));
 }
 
 TEST_F(SecretWipeTest, KeyFileReadForSigningLeavesOnlyWipedBuffers) {
@@ -133,10 +126,10 @@ TEST_F(SecretWipeTest, KeyFileReadForSigningLeavesOnlyWipedBuffers) {
   // the file's bytes are both wiped.
   const Bytes der = x509auth_test::KeyToDer(key_.get());
   x509auth_test::WriteFile(tmp_ / "key.der", der);
-  released.clear();
+  WipedBuffers().clear();
   EXPECT_NE(GetPrivateKeyForX509Cert(cert_.get(), "cert.pem", tmp_ / "key.der"), nullptr);
-  ASSERT_EQ(released.size(), 2u);
-  EXPECT_TRUE(released[0].wiped && released[1].wiped);
+  ASSERT_EQ(WipedBuffers().size(), 2u);
+  EXPECT_TRUE(WipedBuffers()[0].wiped && WipedBuffers()[1].wiped);
   EXPECT_TRUE(WipedOneOf(der.size()));
 }
 
