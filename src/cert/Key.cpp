@@ -130,15 +130,13 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   if (token_context && TokenWatch::Enabled()) fresh.emplace();
   const EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
   if (!context) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Key::Sign unable to create private key context");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Error,
+                         "Key::Sign unable to create private key context");
     return Failure();
   }
   if (EVP_PKEY_sign_init(context.get()) <= 0) {
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error,
-                              "Key::Sign unable to initialise private key context for signing");
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Error,
+                         "Key::Sign unable to initialise private key context for signing");
     return Failure();
   }
 
@@ -146,22 +144,19 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
     case x509::Algorithm::k_rsa: {
       if (RSA_pkey_ctx_ctrl(context.get(), -1, EVP_PKEY_CTRL_RSA_PADDING, RSA_PKCS1_PADDING,
                             nullptr) <= 0) {
-        SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "couldn't set padding");
-        LogAllOpenSslErrors();
+        LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "couldn't set padding");
         return Failure();
       }
       const EVP_MD* digest = DigestForHashLength(hash.size());
       if (digest == nullptr) {
-        SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "couldn't get EVP md");
-        LogAllOpenSslErrors();
+        LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "couldn't get EVP md");
         return Failure();
       }
       // EVP_PKEY_OP_TYPE_SIG covers every signing and verifying operation;
       // OpenSSL 3.0 renumbered the operation bits, so no literal mask here.
       if (EVP_PKEY_CTX_ctrl(context.get(), -1, EVP_PKEY_OP_TYPE_SIG, EVP_PKEY_CTRL_MD, 0,
                             const_cast<EVP_MD*>(digest)) <= 0) {
-        SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "couldn't set signature md");
-        LogAllOpenSslErrors();
+        LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "couldn't set signature md");
         return Failure();
       }
       break;
@@ -176,9 +171,7 @@ ResultPair Key::Sign(const std::vector<unsigned char>& hash,
   const int query = EVP_PKEY_sign(context.get(), nullptr, &length, hash.data(), hash.size());
   if (query <= 0) {
     NoteTokenLoss(fresh);
-    SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Signing failed. Error code: [%i]",
-                              query);
-    LogAllOpenSslErrors();
+    LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "Signing failed. Error code: [%i]", query);
     return Failure();
   }
   *signature = std::vector<unsigned char>(length);
@@ -251,8 +244,7 @@ ResultPair Key::SignPss(const EVP_MD* digest, const std::vector<unsigned char>& 
       return ResultPair{X509_Auth_ResultCode_Success, 0};
     }
   }
-  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "Key::SignPss signing failed");
-  LogAllOpenSslErrors();
+  LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "Key::SignPss signing failed");
   signature->clear();
   return Failure();
 }

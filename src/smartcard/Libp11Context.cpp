@@ -213,8 +213,7 @@ void Libp11Context::RefreshIfTokensChanged() {
   }
   // No tokens until the next change: one token libp11 cannot read fails
   // the whole listing.
-  SafeCallbacksWrapper::Log(X509_Auth_LogPriority_Error, "error enumerating slots");
-  LogAllOpenSslErrors();
+  LogWithOpenSslErrors(X509_Auth_LogPriority_Error, "error enumerating slots");
 }
 
 void Libp11Context::FollowTokens() {

@@ -1,0 +1,240 @@
+// 500 TLS 1.3 handshakes with client authentication in one process, the
+// client key on a SoftHSM2 token: through the x509auth provider (an open
+// token key, the token watch on, as the provider runs it) beside libp11's
+// engine holding the same key. Client and server in memory, both in the
+// default library context (the engine knows no other). A process of its
+// own: SOFTHSM2_CONF, the provider's settings and the engine are
+// process-wide. Run with --benchmark_enable_random_interleaving=true
+// --benchmark_repetitions=N so that the pairs are measured interleaved.
+#include <benchmark/benchmark.h>
+#include <openssl/engine.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/provider.h>
+#include <openssl/ssl.h>
+#include <openssl/store.h>
+#include <openssl/ui.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "BenchMaterial.h"
+#include "ProviderContext.h"
+#include "SoftHsmToken.h"
+#include "TestPki.h"
+
+namespace {
+
+using namespace x509auth_test;
+using namespace x509auth_bench;
+
+constexpr int k_handshakes = 500;
+
+enum Kind { k_p256, k_rsa };
+
+using x509auth_openssl::OpenSslDeleter;
+using SslCtxPtr = std::unique_ptr<SSL_CTX, OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
+using SslPtr = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
+
+int PinCallback(char* buffer, int size, int, void*) {
+  const int length = static_cast<int>(std::strlen(SoftHsmToken::k_default_pin));
+  if (length > size) return -1;
+  std::memcpy(buffer, SoftHsmToken::k_default_pin, static_cast<std::size_t>(length));
+  return length;
+}
+
+// Releases the engine's functional and structural references.
+struct EngineRelease {
+  void operator()(ENGINE* engine) const {
+    ENGINE_finish(engine);
+    ENGINE_free(engine);
+  }
+};
+
+class Bench {
+ public:
+  static Bench& Get() {
+    static Bench bench;
+    return bench;
+  }
+
+  struct Client {
+    TestX509 cert;
+    EvpPkeyPtr through_provider;
+    EvpPkeyPtr through_engine;
+  };
+
+  Client& ClientFor(Kind kind) { return clients_.at(kind); }
+  SSL_CTX* Server() const { return server_.get(); }
+
+ private:
+  Bench() {
+    hsm_.InitToken("Bench");
+    Keys& keys = SharedKeys();
+    const struct {
+      Kind kind;
+      EVP_PKEY* key;
+      const char* name;
+      const char* id;
+    } made[] = {{k_p256, keys.ec_key.get(), "ec", "02"}, {k_rsa, keys.rsa_key.get(), "rsa", "01"}};
+    for (const auto& m : made) {
+      CertOptions options;
+      options.common_name = std::string("Token ") + m.name;
+      options.extended_key_usage = "clientAuth";
+      options.key_usage = "critical,digitalSignature";
+      Client client;
+      client.cert = MakeCert(options, m.key, keys.ca.get(), keys.ca_key.get());
+      hsm_.ImportCertAndKey("Bench", client.cert.get(), m.key, m.id, m.name);
+      clients_.emplace(m.kind, std::move(client));
+    }
+    WriteFile(dir_.path() / "ca.pem", CertToPem(keys.ca.get()));
+    const std::string module = SoftHsmToken::ModulePath().string();
+    setenv("X509AUTH_DIRS", dir_.path().c_str(), 1);  // no certs folder: token only
+    setenv("X509AUTH_CA_FILES", (dir_.path() / "ca.pem").c_str(), 1);
+    setenv("X509AUTH_MODULE", module.c_str(), 1);
+    setenv("X509AUTH_LOG", "none", 1);
+
+    if (OSSL_PROVIDER_add_builtin(nullptr, "x509auth", x509auth_provider::X509AuthProviderInit) !=
+        1)
+      throw std::runtime_error("provider not added");
+    default_.reset(OSSL_PROVIDER_load(nullptr, "default"));
+    x509auth_.reset(OSSL_PROVIDER_load(nullptr, "x509auth"));
+    if (!x509auth_ || !default_) throw std::runtime_error("providers not loaded");
+    ui_.reset(UI_UTIL_wrap_read_pem_callback(PinCallback, 0));
+
+    engine_.reset(ENGINE_by_id("pkcs11"));
+    if (!engine_ || ENGINE_ctrl_cmd_string(engine_.get(), "MODULE_PATH", module.c_str(), 0) != 1 ||
+        ENGINE_ctrl_cmd_string(engine_.get(), "PIN", SoftHsmToken::k_default_pin, 0) != 1 ||
+        ENGINE_init(engine_.get()) != 1)
+      throw std::runtime_error("libp11's engine (libengine-pkcs11-openssl) did not start");
+
+    for (const auto& m : made) {
+      Client& client = clients_.at(m.kind);
+      client.through_provider.reset(LoadThroughProvider(client.cert.get()));
+      const std::string uri = std::string("pkcs11:token=Bench;object=") + m.name + ";type=private";
+      client.through_engine.reset(
+          ENGINE_load_private_key(engine_.get(), uri.c_str(), nullptr, nullptr));
+      if (!client.through_provider || !client.through_engine)
+        throw std::runtime_error("a token key did not load");
+    }
+
+    server_key_ = MakeKey(KeyKind::k_ec);
+    CertOptions server_options;
+    server_options.common_name = "localhost";
+    server_cert_ = MakeCert(server_options, server_key_.get());
+    server_.reset(SSL_CTX_new(TLS_server_method()));
+    SSL_CTX_set_min_proto_version(server_.get(), TLS1_3_VERSION);
+    SSL_CTX_use_certificate(server_.get(), server_cert_.get());
+    SSL_CTX_use_PrivateKey(server_.get(), server_key_.get());
+    SSL_CTX_set_verify(server_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    X509_STORE_add_cert(SSL_CTX_get_cert_store(server_.get()), keys.ca.get());
+    SSL_CTX_set_session_cache_mode(server_.get(), SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_num_tickets(server_.get(), 0);
+  }
+
+  EVP_PKEY* LoadThroughProvider(X509* cert) {
+    const std::string uri = "x509auth:thumbprint=" + LowerHex(Sha1Thumbprint(cert));
+    OSSL_STORE_CTX* store = OSSL_STORE_open_ex(uri.c_str(), nullptr, nullptr, ui_.get(), nullptr,
+                                               nullptr, nullptr, nullptr);
+    EVP_PKEY* key = nullptr;
+    while (store != nullptr && !OSSL_STORE_eof(store)) {
+      OSSL_STORE_INFO* info = OSSL_STORE_load(store);
+      if (info == nullptr) break;
+      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY)
+        key = OSSL_STORE_INFO_get1_PKEY(info);
+      OSSL_STORE_INFO_free(info);
+    }
+    if (store != nullptr) OSSL_STORE_close(store);
+    return key;
+  }
+
+  SoftHsmToken hsm_;
+  TempDir dir_;
+  OsslProviderPtr default_, x509auth_;
+  UiMethodPtr ui_;
+  std::unique_ptr<ENGINE, EngineRelease> engine_;
+  std::map<Kind, Client> clients_;
+  TestKey server_key_;
+  TestX509 server_cert_;
+  SslCtxPtr server_;
+};
+
+// One full TLS 1.3 handshake over a memory BIO pair; false on failure.
+bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
+  SslPtr client(SSL_new(client_ctx));
+  SslPtr server(SSL_new(server_ctx));
+  BIO* client_bio = nullptr;
+  BIO* server_bio = nullptr;
+  if (!client || !server || BIO_new_bio_pair(&client_bio, 0, &server_bio, 0) != 1) return false;
+  SSL_set_bio(client.get(), client_bio, client_bio);
+  SSL_set_bio(server.get(), server_bio, server_bio);
+  SSL_set_connect_state(client.get());
+  SSL_set_accept_state(server.get());
+  bool client_done = false;
+  bool server_done = false;
+  for (int round = 0; round < 100 && !(client_done && server_done); ++round) {
+    if (!client_done) {
+      const int r = SSL_do_handshake(client.get());
+      if (r == 1)
+        client_done = true;
+      else if (SSL_get_error(client.get(), r) != SSL_ERROR_WANT_READ)
+        return false;
+    }
+    if (!server_done) {
+      const int r = SSL_do_handshake(server.get());
+      if (r == 1)
+        server_done = true;
+      else if (SSL_get_error(server.get(), r) != SSL_ERROR_WANT_READ)
+        return false;
+    }
+  }
+  return client_done && server_done;
+}
+
+void Handshakes(benchmark::State& state, Kind kind, bool provider) {
+  Bench& bench = Bench::Get();
+  Bench::Client& client = bench.ClientFor(kind);
+  SslCtxPtr client_ctx(SSL_CTX_new(TLS_client_method()));
+  SSL_CTX_set_min_proto_version(client_ctx.get(), TLS1_3_VERSION);
+  SSL_CTX_use_certificate(client_ctx.get(), client.cert.get());
+  EVP_PKEY* key = provider ? client.through_provider.get() : client.through_engine.get();
+  if (SSL_CTX_use_PrivateKey(client_ctx.get(), key) != 1) {
+    state.SkipWithError("client key refused");
+    return;
+  }
+  SSL_CTX_set_verify(client_ctx.get(), SSL_VERIFY_NONE, nullptr);
+  SSL_CTX_set_session_cache_mode(client_ctx.get(), SSL_SESS_CACHE_OFF);
+  for (auto _ : state) {
+    for (int i = 0; i < k_handshakes; ++i) {
+      if (!Handshake(client_ctx.get(), bench.Server())) {
+        state.SkipWithError("handshake failed");
+        ERR_print_errors_fp(stderr);
+        return;
+      }
+    }
+  }
+  state.counters["handshakes/s"] = benchmark::Counter(
+      static_cast<double>(state.iterations()) * k_handshakes, benchmark::Counter::kIsRate);
+}
+
+BENCHMARK_CAPTURE(Handshakes, TokenP256_Provider, k_p256, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, TokenP256_Engine, k_p256, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, TokenRsa2048_Provider, k_rsa, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Handshakes, TokenRsa2048_Engine, k_rsa, false)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+// The material is made before any benchmark runs, so that a profile of one
+// benchmark (callgrind --toggle-collect) holds its loop alone.
+int main(int argc, char** argv) {
+  Bench::Get();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
