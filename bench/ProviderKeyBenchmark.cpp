@@ -25,6 +25,7 @@
 #include <string>
 #include <thread>
 
+#include "MemoryHandshake.h"
 #include "ProviderContext.h"
 #include "TestPki.h"
 
@@ -45,9 +46,8 @@ int PemCallback(char* buffer, int size, int, void*) {
   return length;
 }
 
-using x509auth_openssl::OpenSslDeleter;
-using SslCtxPtr = std::unique_ptr<SSL_CTX, OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
-using SslPtr = std::unique_ptr<SSL, OpenSslDeleter<SSL, SSL_free>>;
+using x509auth_bench::LoadKeyThroughStore;
+using x509auth_bench::SslCtxPtr;
 
 // One library context with the provider built in and OpenSSL's default
 // provider, client certificates with key files in a "certs"/"keys" base,
@@ -146,19 +146,8 @@ class Bench {
   }
 
   EVP_PKEY* LoadThroughProvider(X509* cert) {
-    const std::string uri = "x509auth:thumbprint=" + LowerHex(Sha1Thumbprint(cert));
-    OSSL_STORE_CTX* store = OSSL_STORE_open_ex(uri.c_str(), ctx_.get(), nullptr, ui_.get(), nullptr,
-                                               nullptr, nullptr, nullptr);
-    EVP_PKEY* key = nullptr;
-    while (store != nullptr && !OSSL_STORE_eof(store)) {
-      OSSL_STORE_INFO* info = OSSL_STORE_load(store);
-      if (info == nullptr) break;
-      if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY)
-        key = OSSL_STORE_INFO_get1_PKEY(info);
-      OSSL_STORE_INFO_free(info);
-    }
-    if (store != nullptr) OSSL_STORE_close(store);
-    return key;
+    return LoadKeyThroughStore("x509auth:thumbprint=" + LowerHex(Sha1Thumbprint(cert)), ctx_.get(),
+                               ui_.get());
   }
 
   TempDir dir_;
@@ -193,38 +182,6 @@ void DigestSign(benchmark::State& state, Material material, bool provider) {
   }
 }
 
-// One full TLS 1.3 handshake over a memory BIO pair; false on failure.
-bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
-  SslPtr client(SSL_new(client_ctx));
-  SslPtr server(SSL_new(server_ctx));
-  BIO* client_bio = nullptr;
-  BIO* server_bio = nullptr;
-  if (!client || !server || BIO_new_bio_pair(&client_bio, 0, &server_bio, 0) != 1) return false;
-  SSL_set_bio(client.get(), client_bio, client_bio);
-  SSL_set_bio(server.get(), server_bio, server_bio);
-  SSL_set_connect_state(client.get());
-  SSL_set_accept_state(server.get());
-  bool client_done = false;
-  bool server_done = false;
-  for (int round = 0; round < 100 && !(client_done && server_done); ++round) {
-    if (!client_done) {
-      const int r = SSL_do_handshake(client.get());
-      if (r == 1)
-        client_done = true;
-      else if (SSL_get_error(client.get(), r) != SSL_ERROR_WANT_READ)
-        return false;
-    }
-    if (!server_done) {
-      const int r = SSL_do_handshake(server.get());
-      if (r == 1)
-        server_done = true;
-      else if (SSL_get_error(server.get(), r) != SSL_ERROR_WANT_READ)
-        return false;
-    }
-  }
-  return client_done && server_done;
-}
-
 void Handshakes(benchmark::State& state, Material material, bool provider) {
   Bench& bench = Bench::Get();
   Bench::Client& client = bench.ClientFor(material);
@@ -239,7 +196,7 @@ void Handshakes(benchmark::State& state, Material material, bool provider) {
   SSL_CTX_set_session_cache_mode(client_ctx.get(), SSL_SESS_CACHE_OFF);
   for (auto _ : state) {
     for (int i = 0; i < k_handshakes; ++i) {
-      if (!Handshake(client_ctx.get(), bench.Server())) {
+      if (!x509auth_bench::Handshake(client_ctx.get(), bench.Server())) {
         state.SkipWithError("handshake failed");
         ERR_print_errors_fp(stderr);
         return;

@@ -17,6 +17,7 @@
 #include "cert/Key.h"
 #include "files/CertificateFiles.h"
 #include "keystore/CertificateRecords.h"
+#include "keystore/KeyOperation.h"
 #include "keystore/OfferDecision.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/TokenPrivateKey.h"
@@ -335,16 +336,9 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashOnce(const Thumbprint& thu
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support requested algorithm");
     return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
   }
-  std::vector<unsigned char> signature;
-  const ResultPair signed_result = key.Sign(hash, &signature);
-  if (signed_result.code != 0) {
-    SafeCallbacksWrapper::Log(k_error, "Failed to sign hash (error: %d, %lu)", signed_result.code,
-                              static_cast<unsigned long>(signed_result.detail));
-    return {nullptr, {signed_result.code, 0, signed_result.detail}};
-  }
-  SafeCallbacksWrapper::Log(k_info, "Successfully signed hash");
-  const X509_Auth_Signature* record = AllocateSignature(group, std::move(signature));
-  return {record, {X509_Auth_ResultCode_Success, 0, signed_result.detail}};
+  KeyStoreResult<X509_Auth_Signature> signed_hash = KeyOperation::Sign(*this, key, group, hash);
+  if (signed_hash.record != nullptr) SafeCallbacksWrapper::Log(k_info, "Successfully signed hash");
+  return signed_hash;
 }
 
 KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPss(const Thumbprint& thumbprint,
@@ -368,16 +362,11 @@ KeyStoreResult<X509_Auth_Signature> KeyStore::SignHashPssOnce(
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA-PSS signatures");
     return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
   }
-  std::vector<unsigned char> signature;
-  const ResultPair signed_result = key.SignPss(digest, hash, salt_length, &signature);
-  if (signed_result.code != 0) {
-    SafeCallbacksWrapper::Log(k_error, "Failed to sign hash with RSA-PSS (error: %d, %lu)",
-                              signed_result.code, static_cast<unsigned long>(signed_result.detail));
-    return {nullptr, {signed_result.code, 0, signed_result.detail}};
-  }
-  SafeCallbacksWrapper::Log(k_info, "Successfully signed hash with RSA-PSS");
-  const X509_Auth_Signature* record = AllocateSignature(Algorithm::k_rsa, std::move(signature));
-  return {record, {X509_Auth_ResultCode_Success, 0, 0}};
+  KeyStoreResult<X509_Auth_Signature> signed_hash =
+      KeyOperation::SignPss(*this, key, digest, hash, salt_length);
+  if (signed_hash.record != nullptr)
+    SafeCallbacksWrapper::Log(k_info, "Successfully signed hash with RSA-PSS");
+  return signed_hash;
 }
 
 KeyStoreResult<X509_Auth_ASN_1> KeyStore::Decrypt(const Thumbprint& thumbprint,
@@ -398,17 +387,9 @@ KeyStoreResult<X509_Auth_ASN_1> KeyStore::DecryptOnce(const Thumbprint& thumbpri
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");
     return {nullptr, {X509_Auth_ResultCode_AlgorithmNotSupported, 0, 0}};
   }
-  std::vector<unsigned char> plaintext;
-  const WipeOnExit wipe(plaintext);  // empty once moved into the kept record
-  const ResultPair decrypted = key.Decrypt(algorithm, data, &plaintext);
-  if (decrypted.code != 0) {
-    SafeCallbacksWrapper::Log(k_error, "Failed to decrypt data (error: %d, %lu)", decrypted.code,
-                              static_cast<unsigned long>(decrypted.detail));
-    return {nullptr, {decrypted.code, 0, decrypted.detail}};
-  }
-  SafeCallbacksWrapper::Log(k_info, "Successfully decrypted data");
-  const X509_Auth_ASN_1* record = AllocatePlaintext(std::move(plaintext));
-  return {record, {X509_Auth_ResultCode_Success, 0, decrypted.detail}};
+  KeyStoreResult<X509_Auth_ASN_1> decrypted = KeyOperation::Decrypt(*this, key, algorithm, data);
+  if (decrypted.record != nullptr) SafeCallbacksWrapper::Log(k_info, "Successfully decrypted data");
+  return decrypted;
 }
 
 X509_Auth_ResultCode KeyStore::GetPrivateKeyForCertificate(const X509_Auth_Certificate* certificate,

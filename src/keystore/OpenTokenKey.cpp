@@ -7,6 +7,7 @@
 #include "base/WipeOnExit.h"
 #include "cert/ICertificate.h"
 #include "cert/Key.h"
+#include "keystore/KeyOperation.h"
 #include "keystore/KeyStore.h"
 #include "keystore/OpenKey.h"
 #include "smartcard/Libp11Context.h"
@@ -103,16 +104,7 @@ KeyStoreResult<X509_Auth_Signature> OpenTokenKey::SignHash(KeyStore& store,
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support requested algorithm");
     return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
   }
-  return WithKey([&](Key& key) -> KeyStoreResult<X509_Auth_Signature> {
-    std::vector<unsigned char> signature;
-    const ResultPair signed_result = key.Sign(hash, &signature);
-    if (signed_result.code != 0) {
-      SafeCallbacksWrapper::Log(k_error, "Failed to sign hash (error: %d, %lu)", signed_result.code,
-                                static_cast<unsigned long>(signed_result.detail));
-      return {nullptr, Outcome(signed_result.code, signed_result.detail)};
-    }
-    return {store.AllocateSignature(group_, std::move(signature)), Outcome(0)};
-  });
+  return WithKey([&](Key& key) { return KeyOperation::Sign(store, key, group_, hash); });
 }
 
 KeyStoreResult<X509_Auth_Signature> OpenTokenKey::SignHashPss(
@@ -127,15 +119,7 @@ KeyStoreResult<X509_Auth_Signature> OpenTokenKey::SignHashPss(
       SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA-PSS signatures");
       return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
     }
-    std::vector<unsigned char> signature;
-    const ResultPair signed_result = key.SignPss(digest, hash, salt_length, &signature);
-    if (signed_result.code != 0) {
-      SafeCallbacksWrapper::Log(k_error, "Failed to sign hash with RSA-PSS (error: %d, %lu)",
-                                signed_result.code,
-                                static_cast<unsigned long>(signed_result.detail));
-      return {nullptr, Outcome(signed_result.code, signed_result.detail)};
-    }
-    return {store.AllocateSignature(Algorithm::k_rsa, std::move(signature)), Outcome(0)};
+    return KeyOperation::SignPss(store, key, digest, hash, salt_length);
   });
 }
 
@@ -145,17 +129,7 @@ KeyStoreResult<X509_Auth_ASN_1> OpenTokenKey::Decrypt(KeyStore& store, DecryptAl
     SafeCallbacksWrapper::Log(k_error, "Certificate does not support RSA decryption");
     return {nullptr, Outcome(X509_Auth_ResultCode_AlgorithmNotSupported)};
   }
-  return WithKey([&](Key& key) -> KeyStoreResult<X509_Auth_ASN_1> {
-    std::vector<unsigned char> plaintext;
-    const WipeOnExit wipe(plaintext);  // empty once moved into the kept record
-    const ResultPair decrypted = key.Decrypt(algorithm, data, &plaintext);
-    if (decrypted.code != 0) {
-      SafeCallbacksWrapper::Log(k_error, "Failed to decrypt data (error: %d, %lu)", decrypted.code,
-                                static_cast<unsigned long>(decrypted.detail));
-      return {nullptr, Outcome(decrypted.code, decrypted.detail)};
-    }
-    return {store.AllocatePlaintext(std::move(plaintext)), Outcome(0)};
-  });
+  return WithKey([&](Key& key) { return KeyOperation::Decrypt(store, key, algorithm, data); });
 }
 
 }  // namespace quorvant::shared::x509

@@ -1,0 +1,67 @@
+#pragma once
+// What the provider's benchmarks share: one TLS handshake between a client
+// and a server in memory, and a key loaded through the provider's store.
+#include <openssl/ssl.h>
+#include <openssl/store.h>
+#include <openssl/ui.h>
+
+#include <memory>
+#include <string>
+
+#include "x509auth/OpenSslPtr.h"
+
+namespace x509auth_bench {
+
+using SslCtxPtr = std::unique_ptr<SSL_CTX, x509auth_openssl::OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
+using SslPtr = std::unique_ptr<SSL, x509auth_openssl::OpenSslDeleter<SSL, SSL_free>>;
+
+// One full handshake over a memory BIO pair; false on failure.
+inline bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
+  SslPtr client(SSL_new(client_ctx));
+  SslPtr server(SSL_new(server_ctx));
+  BIO* client_bio = nullptr;
+  BIO* server_bio = nullptr;
+  if (!client || !server || BIO_new_bio_pair(&client_bio, 0, &server_bio, 0) != 1) return false;
+  SSL_set_bio(client.get(), client_bio, client_bio);
+  SSL_set_bio(server.get(), server_bio, server_bio);
+  SSL_set_connect_state(client.get());
+  SSL_set_accept_state(server.get());
+  bool client_done = false;
+  bool server_done = false;
+  for (int round = 0; round < 100 && !(client_done && server_done); ++round) {
+    if (!client_done) {
+      const int r = SSL_do_handshake(client.get());
+      if (r == 1)
+        client_done = true;
+      else if (SSL_get_error(client.get(), r) != SSL_ERROR_WANT_READ)
+        return false;
+    }
+    if (!server_done) {
+      const int r = SSL_do_handshake(server.get());
+      if (r == 1)
+        server_done = true;
+      else if (SSL_get_error(server.get(), r) != SSL_ERROR_WANT_READ)
+        return false;
+    }
+  }
+  return client_done && server_done;
+}
+
+// The private key the store at |uri| gives in |ctx| (null: the default
+// context), its secrets asked through |ui|; null when there is none.
+inline EVP_PKEY* LoadKeyThroughStore(const std::string& uri, OSSL_LIB_CTX* ctx, UI_METHOD* ui) {
+  OSSL_STORE_CTX* store =
+      OSSL_STORE_open_ex(uri.c_str(), ctx, nullptr, ui, nullptr, nullptr, nullptr, nullptr);
+  EVP_PKEY* key = nullptr;
+  while (store != nullptr && !OSSL_STORE_eof(store)) {
+    OSSL_STORE_INFO* info = OSSL_STORE_load(store);
+    if (info == nullptr) break;
+    if (OSSL_STORE_INFO_get_type(info) == OSSL_STORE_INFO_PKEY)
+      key = OSSL_STORE_INFO_get1_PKEY(info);
+    OSSL_STORE_INFO_free(info);
+  }
+  if (store != nullptr) OSSL_STORE_close(store);
+  return key;
+}
+
+}  // namespace x509auth_bench
