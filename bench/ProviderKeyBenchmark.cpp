@@ -185,26 +185,8 @@ void DigestSign(benchmark::State& state, Material material, bool provider) {
 void Handshakes(benchmark::State& state, Material material, bool provider) {
   Bench& bench = Bench::Get();
   Bench::Client& client = bench.ClientFor(material);
-  SslCtxPtr client_ctx(SSL_CTX_new_ex(bench.Ctx(), nullptr, TLS_client_method()));
-  SSL_CTX_set_min_proto_version(client_ctx.get(), TLS1_3_VERSION);
-  SSL_CTX_use_certificate(client_ctx.get(), client.cert.get());
-  if (SSL_CTX_use_PrivateKey(client_ctx.get(), KeyOf(material, provider)) != 1) {
-    state.SkipWithError("client key refused");
-    return;
-  }
-  SSL_CTX_set_verify(client_ctx.get(), SSL_VERIFY_NONE, nullptr);
-  SSL_CTX_set_session_cache_mode(client_ctx.get(), SSL_SESS_CACHE_OFF);
-  for (auto _ : state) {
-    for (int i = 0; i < k_handshakes; ++i) {
-      if (!x509auth_bench::Handshake(client_ctx.get(), bench.Server())) {
-        state.SkipWithError("handshake failed");
-        ERR_print_errors_fp(stderr);
-        return;
-      }
-    }
-  }
-  state.counters["handshakes/s"] = benchmark::Counter(
-      static_cast<double>(state.iterations()) * k_handshakes, benchmark::Counter::kIsRate);
+  x509auth_bench::ClientHandshakes(state, bench.Ctx(), client.cert.get(), KeyOf(material, provider),
+                                   bench.Server(), k_handshakes);
 }
 
 BENCHMARK_CAPTURE(DigestSign, P256_Provider, k_p256, true);

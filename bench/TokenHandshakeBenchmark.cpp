@@ -152,27 +152,10 @@ class Bench {
 void Handshakes(benchmark::State& state, Kind kind, bool provider) {
   Bench& bench = Bench::Get();
   Bench::Client& client = bench.ClientFor(kind);
-  SslCtxPtr client_ctx(SSL_CTX_new(TLS_client_method()));
-  SSL_CTX_set_min_proto_version(client_ctx.get(), TLS1_3_VERSION);
-  SSL_CTX_use_certificate(client_ctx.get(), client.cert.get());
-  EVP_PKEY* key = provider ? client.through_provider.get() : client.through_engine.get();
-  if (SSL_CTX_use_PrivateKey(client_ctx.get(), key) != 1) {
-    state.SkipWithError("client key refused");
-    return;
-  }
-  SSL_CTX_set_verify(client_ctx.get(), SSL_VERIFY_NONE, nullptr);
-  SSL_CTX_set_session_cache_mode(client_ctx.get(), SSL_SESS_CACHE_OFF);
-  for (auto _ : state) {
-    for (int i = 0; i < k_handshakes; ++i) {
-      if (!x509auth_bench::Handshake(client_ctx.get(), bench.Server())) {
-        state.SkipWithError("handshake failed");
-        ERR_print_errors_fp(stderr);
-        return;
-      }
-    }
-  }
-  state.counters["handshakes/s"] = benchmark::Counter(
-      static_cast<double>(state.iterations()) * k_handshakes, benchmark::Counter::kIsRate);
+  x509auth_bench::ClientHandshakes(
+      state, nullptr, client.cert.get(),
+      provider ? client.through_provider.get() : client.through_engine.get(), bench.Server(),
+      k_handshakes);
 }
 
 BENCHMARK_CAPTURE(Handshakes, TokenP256_Provider, k_p256, true)->Unit(benchmark::kMillisecond);

@@ -17,6 +17,7 @@
 
 #include "ForkedChild.h"
 #include "HostFixture.h"
+#include "LoadedSoftHsm.h"
 #include "SoftHsmToken.h"
 
 namespace x509auth_test {
@@ -30,60 +31,13 @@ constexpr const char* k_retry_line =
 constexpr const char* k_changed_line =
     "The tokens changed under an open key; finding its key again";
 
-// The SoftHSM2 module the library loaded, driven directly as another part
-// of the host would: a reader reset ending the sessions, a card inserted.
-class LoadedSoftHsm {
- public:
-  LoadedSoftHsm() {
-    handle_ = dlopen(SoftHsmToken::ModulePath().c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (handle_ == nullptr) return;
-    const auto get_list =
-        reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle_, "C_GetFunctionList"));
-    if (get_list != nullptr) get_list(&functions_);
-  }
-  ~LoadedSoftHsm() {
-    if (handle_ != nullptr) dlclose(handle_);
-  }
-  LoadedSoftHsm(const LoadedSoftHsm&) = delete;
-  LoadedSoftHsm& operator=(const LoadedSoftHsm&) = delete;
-
-  bool Loaded() const { return functions_ != nullptr; }
-
-  // Ends every session of this process on every slot, and so every login.
-  CK_RV CloseAllSessions() const {
-    CK_ULONG count = 16;
-    CK_SLOT_ID ids[16];
-    CK_RV rv = functions_->C_GetSlotList(CK_TRUE, ids, &count);
-    for (CK_ULONG i = 0; rv == CKR_OK && i < count; ++i)
-      rv = functions_->C_CloseAllSessions(ids[i]);
-    return rv;
-  }
-
-  // Initialises the free token as |label|: the slot list changes, as when a
-  // second card is inserted.
-  CK_RV InitFreeToken(const std::string& label) const {
-    CK_ULONG count = 16;
-    CK_SLOT_ID ids[16];
-    if (const CK_RV rv = functions_->C_GetSlotList(CK_TRUE, ids, &count); rv != CKR_OK) return rv;
-    for (CK_ULONG i = 0; i < count; ++i) {
-      CK_TOKEN_INFO info{};
-      if (functions_->C_GetTokenInfo(ids[i], &info) != CKR_OK ||
-          (info.flags & CKF_TOKEN_INITIALIZED) != 0)
-        continue;
-      std::string so_pin = SoftHsmToken::k_default_so_pin;
-      std::string padded = label;
-      padded.resize(32, ' ');
-      return functions_->C_InitToken(ids[i], reinterpret_cast<CK_UTF8CHAR_PTR>(so_pin.data()),
-                                     so_pin.size(),
-                                     reinterpret_cast<CK_UTF8CHAR_PTR>(padded.data()));
-    }
-    return CKR_SLOT_ID_INVALID;
-  }
-
- private:
-  void* handle_ = nullptr;
-  CK_FUNCTION_LIST_PTR functions_ = nullptr;
-};
+// Ends every session of this process on every token through the module the
+// library loaded, as a reader reset does.
+void EndEverySession() {
+  LoadedSoftHsm module;
+  ASSERT_TRUE(module.Loaded());
+  ASSERT_EQ(module.CloseAllSessions(), CKR_OK);
+}
 
 Bytes Sha256(const std::string& message) {
   Bytes digest(32);
@@ -281,11 +235,7 @@ TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyIsFoundAgainOnceAndTheSig
   const X509_Auth_KeyHandle rsa = Open(rsa_.get());
   bool verified = false;
   ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
-  {
-    LoadedSoftHsm module;
-    ASSERT_TRUE(module.Loaded());
-    ASSERT_EQ(module.CloseAllSessions(), CKR_OK);
-  }
+  ASSERT_NO_FATAL_FAILURE(EndEverySession());
   rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified), 0) << rec().Dump();
   EXPECT_TRUE(verified);
@@ -303,11 +253,7 @@ TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyFailsWithoutRetryWithTheW
   const X509_Auth_KeyHandle rsa = Open(rsa_.get());
   bool verified = false;
   ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
-  {
-    LoadedSoftHsm module;
-    ASSERT_TRUE(module.Loaded());
-    ASSERT_EQ(module.CloseAllSessions(), CKR_OK);
-  }
+  ASSERT_NO_FATAL_FAILURE(EndEverySession());
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
             X509_Auth_ResultCode_KeyOperationFailed)
       << rec().Dump();
