@@ -157,13 +157,11 @@ TEST_F(HostFindCertificateTest, NullArgumentsGiveInvalidArgumentAndALine) {
   EXPECT_EQ(rec().WithFormat("%s: invalid argument").size(), 2u) << rec().Dump();
 }
 
-class HostFindTokenCertificateTest : public HostTest {
+class HostFindTokenCertificateTest : public HostCardTest {
  protected:
   void SetUp() override {
-    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
-    HostTest::SetUp();
-    hsm_.emplace();
-    hsm_->InitToken("Card A");
+    HostCardTest::SetUp();
+    if (IsSkipped()) return;
     token_key_ = SharedKey(KeyKind::k_ec, 1);
     token_ = MakeClientCert("Token EC", token_key_.get());
     hsm_->ImportCertAndKey("Card A", token_.get(), token_key_.get(), "01", "ec");
@@ -176,7 +174,6 @@ class HostFindTokenCertificateTest : public HostTest {
     hsm_.reset();
   }
 
-  std::optional<SoftHsmToken> hsm_;
   TestKey token_key_, file_key_;
   TestX509 token_, file_;
 };

@@ -14,6 +14,7 @@
 
 #include "RecordingCallbacks.h"
 #include "ScopedTestEnvironment.h"
+#include "SoftHsmToken.h"
 #include "TestPki.h"
 #include "x509_auth.h"
 
@@ -70,6 +71,21 @@ class HostTest : public ::testing::Test {
   std::filesystem::path work_, home_;
   // After temp_: the working directory is left before the directory goes.
   ScopedTestEnvironment env_;
+};
+
+// A host test beside a SoftHSM2 token store holding one empty card, "Card
+// A"; skipped where SoftHSM2 is missing. A fixture deriving from it returns
+// from its own SetUp when IsSkipped().
+class HostCardTest : public HostTest {
+ protected:
+  void SetUp() override {
+    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
+    HostTest::SetUp();
+    hsm_.emplace();
+    hsm_->InitToken("Card A");
+  }
+
+  std::optional<SoftHsmToken> hsm_;
 };
 
 // A self-signed client-authentication certificate: its chain is itself.

@@ -52,13 +52,11 @@ std::size_t UserPrompts() {
                     [](const PromptEntry& entry) { return entry.prompt == k_user_prompt; }));
 }
 
-class HostOpenTokenKeyTest : public HostTest {
+class HostOpenTokenKeyTest : public HostCardTest {
  protected:
   void SetUp() override {
-    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
-    HostTest::SetUp();
-    hsm_.emplace();
-    hsm_->InitToken("Card A");
+    HostCardTest::SetUp();
+    if (IsSkipped()) return;
     rsa_key_ = SharedKey(KeyKind::k_rsa, 1);
     rsa_ = MakeClientCert("Token RSA", rsa_key_.get());
     ec_key_ = SharedKey(KeyKind::k_ec, 2);
@@ -103,7 +101,6 @@ class HostOpenTokenKeyTest : public HostTest {
     return result.code;
   }
 
-  std::optional<SoftHsmToken> hsm_;
   TestKey rsa_key_, ec_key_;
   TestX509 rsa_, ec_;
 };

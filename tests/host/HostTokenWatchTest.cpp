@@ -63,13 +63,11 @@ constexpr const char* k_retry_line =
     "A token or its session went away during the operation; listing the tokens again and trying "
     "once more";
 
-class HostTokenWatchTest : public HostTest {
+class HostTokenWatchTest : public HostCardTest {
  protected:
   void SetUp() override {
-    X509AUTH_SKIP_WITHOUT_SOFTHSM2();
-    HostTest::SetUp();
-    hsm_.emplace();
-    hsm_->InitToken("Card A");
+    HostCardTest::SetUp();
+    if (IsSkipped()) return;
     key_ = SharedKey(KeyKind::k_rsa, 1);
     cert_ = MakeClientCert("Token A", key_.get());
     other_key_ = SharedKey(KeyKind::k_ec, 2);
@@ -128,7 +126,6 @@ class HostTokenWatchTest : public HostTest {
     ASSERT_EQ(module.CreateCertificate("Card B", other_cert_.get(), "b"), CKR_OK);
   }
 
-  std::optional<SoftHsmToken> hsm_;
   TestKey key_, other_key_;
   TestX509 cert_, other_cert_;
 };
