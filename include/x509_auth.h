@@ -392,8 +392,9 @@ X509_AUTH_EXPORT X509_Auth_ResultCode X509_Auth_SetTokenWatch(int32_t enabled);
 typedef uint64_t X509_Auth_KeyHandle;
 
 /* X509_Auth_OpenKey opens the private key of the certificate whose SHA-1
- * thumbprint is the 20 bytes at |thumbprint|, found as X509_Auth_SignHash
- * finds it, and writes a handle for it to |*key|. The functions below then
+ * thumbprint is the 20 bytes at |thumbprint|, found as
+ * X509_Auth_FindCertificate finds it (a file certificate's key opens without
+ * loading the PKCS#11 module), and writes a handle for it to |*key|. The functions below then
  * sign and decrypt with it many times, until X509_Auth_CloseKey,
  * X509_Auth_DeInit or the next X509_Auth_Init.
  *
@@ -405,9 +406,14 @@ typedef uint64_t X509_Auth_KeyHandle;
  * not belong to the certificate gives X509_Auth_ResultCode_KeyMismatch and
  * one error line, and a file that is gone gives
  * X509_Auth_ResultCode_KeyOpenFailed; the key read before is freed either
- * way. No password is kept. A smart-card certificate's key is, for now,
- * found and logged in to again by every operation, as X509_Auth_SignHash
- * does.
+ * way. No password is kept.
+ *
+ * A smart-card certificate's key keeps its slot, key object and the token's
+ * login: the PIN is asked here, and not again while the token stays. With
+ * the token watch on, an operation first looks whether the tokens changed
+ * (then the key is found again, its PIN asked again), and one that meets
+ * its token, session or key gone lists the tokens again, finds the key once
+ * more and tries once before it fails.
  *
  * Returns code 0 on success; otherwise |*key| is 0 and the code is 2 (store
  * not opened), 3 (no such certificate), 4 (key not opened: missing,
