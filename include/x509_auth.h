@@ -394,9 +394,9 @@ typedef uint64_t X509_Auth_KeyHandle;
 /* X509_Auth_OpenKey opens the private key of the certificate whose SHA-1
  * thumbprint is the 20 bytes at |thumbprint|, found as
  * X509_Auth_FindCertificate finds it (a file certificate's key opens without
- * loading the PKCS#11 module), and writes a handle for it to |*key|. The functions below then
- * sign and decrypt with it many times, until X509_Auth_CloseKey,
- * X509_Auth_DeInit or the next X509_Auth_Init.
+ * loading the PKCS#11 module), and writes a handle for it to |*key|. The
+ * functions below then sign and decrypt with it many times, until
+ * X509_Auth_CloseKey, X509_Auth_DeInit or the next X509_Auth_Init.
  *
  * A key file is read (and its password asked for, once) here, and the
  * parsed key is kept in the library's memory while the file stays the same
