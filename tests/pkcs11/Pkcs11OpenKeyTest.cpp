@@ -3,6 +3,7 @@
 // by another key or deleted between two of them.
 #include <openssl/rsa.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -94,12 +95,18 @@ TEST_F(Pkcs11OpenKeyTest, KeyFileRewrittenBetweenTwoSignaturesIsReadAgainAndSign
 TEST_F(Pkcs11OpenKeyTest, KeyFileReplacedByAnotherKeyIsKeyChangedUntilTheKeyIsBack) {
   const InstalledClient& rsa = Install(KeyKind::k_rsa, "Alice");
   const TestKey other = SharedKey(KeyKind::k_rsa, 3);
+  setenv("X509AUTH_LOG", "error", 1);
   LoadedModule module;
   ModuleSession s(module);
   bool verified = false;
   ASSERT_EQ(SignRsa(s, rsa, &verified), CKR_OK);
   ReplaceFile(rsa.key_file, KeyToPem(other.get()));
+  testing::internal::CaptureStderr();
   EXPECT_EQ(SignRsa(s, rsa, &verified), CKR_KEY_CHANGED);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "x509auth-pkcs11: [error] the key file of this key no longer holds its "
+                "certificate's key\n"),
+            std::string::npos);
   EXPECT_FALSE(verified);
   ReplaceFile(rsa.key_file, KeyToPem(rsa.key.get()));
   EXPECT_EQ(SignRsa(s, rsa, &verified), CKR_OK);
