@@ -34,7 +34,8 @@ mkdir -p "$TMPDIR"
 
 # A hang of 25 s on one input (a few ms is usual; the margin is for a busy
 # machine) or 2 GB of memory is a finding, not a wait.
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1
+# intercept_tls_get_addr=0 for the reason scripts/test.sh gives.
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:allocator_may_return_null=1:intercept_tls_get_addr=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 limits=(-timeout=25 -rss_limit_mb=2048 -malloc_limit_mb=1024)
 
