@@ -59,7 +59,7 @@ bool IsSha1(CipherContext* context, const OSSL_PARAM* p) {
   {
     // An unknown name is reported by the one error below.
     const ErrorMark mark;
-    md.reset(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
+    md = context->provider->Digest(name);
   }
   if (md != nullptr && EVP_MD_is_a(md.get(), "SHA1")) return true;
   X509AUTH_RAISE(context->provider, k_reason_unsupported_digest,
@@ -179,8 +179,9 @@ int Encrypt(void* opaque, unsigned char* out, size_t* outlen, size_t outsize,
   {
     // OpenSSL's lines give way to the provider's one error.
     const ErrorMark mark;
-    EvpPkeyCtxPtr encrypter(EVP_PKEY_CTX_new_from_pkey(context->provider->Crypto(),
-                                                       context->key->PublicKey(), nullptr));
+    const ProviderContext::CryptoContext crypto = context->provider->Crypto();
+    EvpPkeyCtxPtr encrypter(
+        EVP_PKEY_CTX_new_from_pkey(crypto.libctx, context->key->PublicKey(), crypto.properties));
     encrypted = encrypter != nullptr && EVP_PKEY_encrypt_init(encrypter.get()) > 0 &&
                 EVP_PKEY_CTX_set_rsa_padding(encrypter.get(), context->padding) > 0 &&
                 EVP_PKEY_encrypt(encrypter.get(), out, &length, in, inlen) == 1;

@@ -1,6 +1,6 @@
 #pragma once
 // The key behind one certificate, as the provider's operations see it: the
-// public half from the certificate (in the provider's own library context)
+// public half from the certificate (never one of this provider's keys)
 // and, for a key loaded through the store, the thumbprint by which the
 // library performs the private operations. Immutable once made and shared
 // (std::shared_ptr) by the store, the key data and the operation contexts.

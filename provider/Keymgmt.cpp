@@ -92,7 +92,8 @@ int ImportKey(void* keydata, int selection, const OSSL_PARAM params[], const cha
     return 0;
   // Refused without an error: OpenSSL tries imports routinely, comparing keys.
   const ErrorMark mark;
-  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(data->provider->Crypto(), type, nullptr));
+  const ProviderContext::CryptoContext crypto = data->provider->Crypto();
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(crypto.libctx, type, crypto.properties));
   EVP_PKEY* made = nullptr;
   if (context == nullptr || EVP_PKEY_fromdata_init(context.get()) <= 0 ||
       EVP_PKEY_fromdata(context.get(), &made, EVP_PKEY_PUBLIC_KEY,

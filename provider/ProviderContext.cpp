@@ -42,6 +42,9 @@ OSSL_FUNC_provider_query_operation_fn QueryOperation;
 OSSL_FUNC_provider_get_reason_strings_fn GetReasonStrings;
 
 constexpr const char* k_properties = "provider=x509auth";
+// Any implementation but this provider's, whatever name it was loaded by:
+// the property above is the provider's own definition.
+constexpr const char* k_other_providers = "provider!=x509auth";
 constexpr const char* k_default_home_dir = ".x509-auth";
 constexpr const char* k_default_pkcs11_module = X509AUTH_DEFAULT_PKCS11_MODULE;
 constexpr const char* k_rsa_names = "RSA:rsaEncryption:1.2.840.113549.1.1.1";
@@ -262,11 +265,13 @@ bool ProviderContext::Start() {
     // Without it (a FIPS-only application) nothing changes, and the failure
     // to load it is not the application's error.
     const ErrorQueueGuard errors;
-    OSSL_LIB_CTX* application = reinterpret_cast<OSSL_LIB_CTX*>(get_libctx_(handle_));
-    const OsslProviderPtr fallback(OSSL_PROVIDER_load(application, "default"));
+    application_ = reinterpret_cast<OSSL_LIB_CTX*>(get_libctx_(handle_));
+    const OsslProviderPtr fallback(OSSL_PROVIDER_load(application_, "default"));
   }
-  crypto_.reset(OSSL_LIB_CTX_new());
-  if (crypto_ == nullptr) {
+  // Made now so that a failure shows at start; it costs little until its
+  // default provider starts, at its first fetch.
+  own_.reset(OSSL_LIB_CTX_new());
+  if (own_ == nullptr) {
     X509AUTH_RAISE(this, k_reason_setup_failed, "cannot make a library context");
     return false;
   }
@@ -364,16 +369,46 @@ void ProviderContext::ReportLeftOut(const std::vector<std::string>& offered_key_
   for (const std::string& line : lines) std::fprintf(stderr, "x509auth: %s\n", line.c_str());
 }
 
+bool ProviderContext::ApplicationCanDoPublicKeyWork() const {
+  if (application_ == nullptr) return false;
+  // An application that loaded this provider alone has nothing else; the
+  // failed fetch is not its error.
+  const ErrorQueueGuard errors;
+  for (const char* type : {"RSA", "EC"}) {
+    const EvpKeymgmtPtr keymgmt(EVP_KEYMGMT_fetch(application_, type, k_other_providers));
+    if (keymgmt == nullptr) return false;
+  }
+  return true;
+}
+
+ProviderContext::CryptoContext ProviderContext::Crypto() const {
+  // The application's context, when it can, because there the
+  // implementations are started already (the application's own handshake
+  // uses them) and its choices (a FIPS provider, default properties) apply:
+  // starting a second default provider here costs more than the rest of a
+  // short process's work with this provider. Two threads deciding at once
+  // decide alike; no lock, so none to inherit in a forked child.
+  CryptoChoice choice = crypto_choice_.load(std::memory_order_acquire);
+  if (choice == CryptoChoice::k_undecided) {
+    choice = ApplicationCanDoPublicKeyWork() ? CryptoChoice::k_application : CryptoChoice::k_own;
+    crypto_choice_.store(choice, std::memory_order_release);
+  }
+  if (choice == CryptoChoice::k_application) return {application_, k_other_providers};
+  return {own_.get(), nullptr};
+}
+
 EvpMdPtr ProviderContext::Digest(const char* name, const char* properties) const {
-  // The digests kept are fetched without properties: a caller that names
-  // some gets what they select.
-  if (properties != nullptr) return EvpMdPtr(EVP_MD_fetch(Crypto(), name, properties));
+  const CryptoContext crypto = Crypto();
+  // The digests kept are fetched with Crypto()'s query: a caller that names
+  // properties gets what they select (this provider offers no digest, so
+  // they cannot select it).
+  if (properties != nullptr) return EvpMdPtr(EVP_MD_fetch(crypto.libctx, name, properties));
   static constexpr const char* k_kept_names[] = {
       "SHA1",    "SHA-1",  "SHA224",   "SHA2-224", "SHA-224", "SHA256",   "SHA2-256",
       "SHA-256", "SHA384", "SHA2-384", "SHA-384",  "SHA512",  "SHA2-512", "SHA-512"};
   const bool kept = std::any_of(std::begin(k_kept_names), std::end(k_kept_names),
                                 [name](const char* known) { return strcasecmp(known, name) == 0; });
-  if (!kept) return EvpMdPtr(EVP_MD_fetch(Crypto(), name, nullptr));
+  if (!kept) return EvpMdPtr(EVP_MD_fetch(crypto.libctx, name, crypto.properties));
   const std::lock_guard<std::mutex> lock(digests_lock_);
   for (const auto& [known, md] : digests_) {
     if (strcasecmp(known.c_str(), name) == 0) {
@@ -383,7 +418,7 @@ EvpMdPtr ProviderContext::Digest(const char* name, const char* properties) const
   }
   // A failed fetch (a restricted default provider) is not kept: it is
   // tried, and fails, each time it is asked for.
-  EvpMdPtr md(EVP_MD_fetch(Crypto(), name, nullptr));
+  EvpMdPtr md(EVP_MD_fetch(crypto.libctx, name, crypto.properties));
   if (md == nullptr) return md;
   EVP_MD_up_ref(md.get());
   digests_.emplace_back(name, EvpMdPtr(md.get()));

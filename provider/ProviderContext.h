@@ -1,13 +1,14 @@
 #pragma once
 // One provider context: what OpenSSL gets back from the provider's init
 // function. It holds the context's settings (from openssl.cnf or the
-// environment), a private library context for public-key work and hashing,
-// a share of the process's library session, and the core's error functions.
+// environment), where it does public-key work and hashing (Crypto), a share of the process's
+// library session, and the core's error functions.
 #include <openssl/core.h>
 #include <openssl/core_dispatch.h>
 #include <openssl/err.h>
 #include <openssl/provider.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -58,19 +59,24 @@ class ProviderContext {
 
   static ProviderContext* From(void* provctx) { return static_cast<ProviderContext*>(provctx); }
 
-  // A library context of the provider's own with OpenSSL's default
-  // implementations, so that public-key work and hashing never come back
-  // into this provider.
-  OSSL_LIB_CTX* Crypto() const { return crypto_.get(); }
+  // Where public-key work and hashing are done, never coming back into this
+  // provider: the application's library context, asking for any
+  // implementation but this provider's, where it has RSA and EC key
+  // management of another provider (its default or FIPS provider);
+  // otherwise a library context of the provider's own with OpenSSL's
+  // default implementations. Decided at the first call, then fixed.
+  struct CryptoContext {
+    OSSL_LIB_CTX* libctx = nullptr;
+    const char* properties = nullptr;  // the property query for every fetch
+  };
+  CryptoContext Crypto() const;
   const ProviderSettings& Settings() const { return settings_; }
 
   // The digest |name| from Crypto(). The SHA-1 and SHA-2 digests, by their
   // usual names, are fetched on first use and kept: a fetch costs more than
   // a third of a P-256 signature, and libssl asks for one at every
-  // signature. Not at start: the first fetch starts the private context's
-  // default provider, which a process that only reads certificates never
-  // needs. Others, and any with |properties|, are fetched each time. Null
-  // when there is none.
+  // signature. Others, and any with |properties| (which then replace
+  // Crypto()'s), are fetched each time. Null when there is none.
   EvpMdPtr Digest(const char* name, const char* properties = nullptr) const;
 
   // What one call into the library left for the caller's error report.
@@ -120,6 +126,9 @@ class ProviderContext {
   std::string Parameter(const char* name, const char* environment) const;
   // Settles the PKCS#11 module setting; false after raising an error.
   bool ChooseModule();
+  // Whether the application's library context can do this provider's
+  // public-key work without it.
+  bool ApplicationCanDoPublicKeyWork() const;
   SharedLibrarySession& Session();
   void AddCertificateAuthorities(SharedLibrarySession& session) const;
   void ReportLeftOut(const std::vector<std::string>& offered_key_paths);
@@ -131,7 +140,10 @@ class ProviderContext {
   OSSL_FUNC_core_vset_error_fn* vset_error_ = nullptr;
   OSSL_FUNC_core_get_libctx_fn* get_libctx_ = nullptr;
   ProviderSettings settings_;
-  LibCtxPtr crypto_;
+  OSSL_LIB_CTX* application_ = nullptr;  // the application's, not owned
+  LibCtxPtr own_;                        // made at start, started on first use
+  enum class CryptoChoice { k_undecided, k_application, k_own };
+  mutable std::atomic<CryptoChoice> crypto_choice_{CryptoChoice::k_undecided};
   std::vector<std::string> ca_files_;
   mutable std::mutex digests_lock_;
   mutable std::vector<std::pair<std::string, EvpMdPtr>> digests_;

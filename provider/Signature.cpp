@@ -136,8 +136,8 @@ void* DupContext(void* context) {
   return copy.release();
 }
 
-// A digest the library can sign, fetched from the provider's own library
-// context; null after raising an error.
+// A digest the library can sign, fetched where the provider hashes
+// (ProviderContext::Crypto); null after raising an error.
 EvpMdPtr FetchDigest(const SignatureContext* context, const char* name,
                      const char* properties = nullptr) {
   EvpMdPtr md;
@@ -361,15 +361,16 @@ int VerifyHash(SignatureContext* context, const unsigned char* sig, size_t sigle
                const unsigned char* hash, size_t length) {
   // A signature that does not verify is an answer, not an error.
   const ErrorMark mark;
+  const ProviderContext::CryptoContext crypto = context->provider->Crypto();
   EvpPkeyCtxPtr verifier(
-      EVP_PKEY_CTX_new_from_pkey(context->provider->Crypto(), context->key->PublicKey(), nullptr));
+      EVP_PKEY_CTX_new_from_pkey(crypto.libctx, context->key->PublicKey(), crypto.properties));
   if (verifier == nullptr || EVP_PKEY_verify_init(verifier.get()) <= 0) return 0;
   if (context->algorithm == X509_Auth_Algorithm_Rsa) {
     EvpMdPtr inferred;
     const EVP_MD* md = context->md.get();
     if (md == nullptr) {
       const char* name = DigestNameForLength(length);
-      if (name != nullptr) inferred.reset(EVP_MD_fetch(context->provider->Crypto(), name, nullptr));
+      if (name != nullptr) inferred = context->provider->Digest(name);
       md = inferred.get();
     }
     if (md == nullptr || EVP_PKEY_CTX_set_rsa_padding(verifier.get(), context->padding) <= 0 ||

@@ -8,9 +8,11 @@
 // only through x509_auth.h).
 #include <openssl/asn1.h>
 #include <openssl/bio.h>
+#include <openssl/bn.h>
 #include <openssl/crypto.h>
 #include <openssl/ec.h>
 #include <openssl/evp.h>
+#include <openssl/param_build.h>
 #include <openssl/params.h>
 #include <openssl/provider.h>
 #include <openssl/store.h>
@@ -38,6 +40,7 @@ using EvpPkeyCtxPtr =
 using EvpMdPtr = std::unique_ptr<EVP_MD, OpenSslDeleter<EVP_MD, EVP_MD_free>>;
 using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, OpenSslDeleter<EVP_MD_CTX, EVP_MD_CTX_free>>;
 using LibCtxPtr = std::unique_ptr<OSSL_LIB_CTX, OpenSslDeleter<OSSL_LIB_CTX, OSSL_LIB_CTX_free>>;
+using EvpKeymgmtPtr = std::unique_ptr<EVP_KEYMGMT, OpenSslDeleter<EVP_KEYMGMT, EVP_KEYMGMT_free>>;
 // Every BIO made here is a single one, for which BIO_free_all is BIO_free
 // with the void result a deleter needs.
 using BioPtr = std::unique_ptr<BIO, OpenSslDeleter<BIO, BIO_free_all>>;
@@ -49,6 +52,10 @@ using Asn1StringPtr = std::unique_ptr<ASN1_STRING, OpenSslDeleter<ASN1_STRING, A
 using Asn1OctetStringPtr =
     std::unique_ptr<ASN1_OCTET_STRING, OpenSslDeleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
 using X509NamePtr = std::unique_ptr<X509_NAME, OpenSslDeleter<X509_NAME, X509_NAME_free>>;
+using ParamBldPtr =
+    std::unique_ptr<OSSL_PARAM_BLD, OpenSslDeleter<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
+using BignumPtr = std::unique_ptr<BIGNUM, OpenSslDeleter<BIGNUM, BN_free>>;
+using Asn1ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpenSslDeleter<ASN1_OBJECT, ASN1_OBJECT_free>>;
 using OsslParamPtr = std::unique_ptr<OSSL_PARAM, OpenSslDeleter<OSSL_PARAM, OSSL_PARAM_free>>;
 using OsslStoreInfoPtr =
     std::unique_ptr<OSSL_STORE_INFO, OpenSslDeleter<OSSL_STORE_INFO, OSSL_STORE_INFO_free>>;

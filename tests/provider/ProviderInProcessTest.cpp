@@ -324,5 +324,48 @@ TEST_F(ProviderInProcessTest, TwoLibraryContextsKeepTheirDirectoriesAndOutliveEa
   (void)a;
 }
 
+// The provider context of |loaded|'s x509auth provider.
+const x509auth_provider::ProviderContext* ContextOf(const Loaded& loaded) {
+  return x509auth_provider::ProviderContext::From(
+      OSSL_PROVIDER_get0_provider_ctx(loaded.x509auth.get()));
+}
+
+TEST_F(ProviderInProcessTest, PublicKeyWorkIsTheApplicationsWhenItHasAnotherProvidersKeys) {
+  const std::string ec = InstallClient(KeyKind::k_ec, "EC Client");
+  auto loaded = Load(base_);
+  Answer answer;
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, ec, &answer));
+  ASSERT_NE(key, nullptr) << ErrorText();
+  EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get())) << ErrorText();
+  const x509auth_provider::ProviderContext::CryptoContext crypto = ContextOf(*loaded)->Crypto();
+  EXPECT_EQ(crypto.libctx, loaded->ctx);
+  EXPECT_STREQ(crypto.properties, "provider!=x509auth");
+}
+
+TEST_F(ProviderInProcessTest, AnApplicationWithThisProviderAloneHasItsKeysWorkInTheProvidersOwn) {
+  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+  setenv("X509AUTH_DIRS", base_.c_str(), 1);
+  setenv("X509AUTH_CA_FILES", CasFile().c_str(), 1);
+  Loaded loaded;
+  loaded.owned_ctx.reset(OSSL_LIB_CTX_new());
+  loaded.ctx = loaded.owned_ctx.get();
+  ASSERT_EQ(
+      OSSL_PROVIDER_add_builtin(loaded.ctx, "x509auth", x509auth_provider::X509AuthProviderInit),
+      1);
+  loaded.x509auth.reset(OSSL_PROVIDER_load(loaded.ctx, "x509auth"));
+  ASSERT_NE(loaded.x509auth, nullptr) << ErrorText();
+  Answer answer;
+  x509auth_openssl::EvpPkeyPtr key(LoadKey(loaded, rsa, &answer));
+  ASSERT_NE(key, nullptr) << ErrorText();
+  // The signature's digest and its check against the certificate are the
+  // provider's own context's: this one has nothing to give them.
+  EXPECT_TRUE(SignsAndVerifies(loaded, key.get(), "SHA256", chains_[0].leaf.get())) << ErrorText();
+  const x509auth_provider::ProviderContext::CryptoContext crypto = ContextOf(loaded)->Crypto();
+  EXPECT_NE(crypto.libctx, loaded.ctx);
+  EXPECT_NE(crypto.libctx, nullptr);
+  EXPECT_EQ(crypto.properties, nullptr);
+  EXPECT_EQ(ERR_peek_error(), 0u) << ErrorText();
+}
+
 }  // namespace
 }  // namespace x509auth_test
