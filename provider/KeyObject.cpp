@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "CertificatePublicKey.h"
 #include "ErrorMark.h"
 #include "SharedLibrarySession.h"
 
@@ -22,6 +23,30 @@ std::string Hex(const std::uint8_t* bytes, std::size_t length) {
   return text;
 }
 
+// The public key of the certificate |der|, made where the provider does its
+// public-key work, so that it is never one of this provider's keys; null
+// when it is of a kind OpenSSL does not know. False when the certificate
+// cannot be parsed.
+bool PublicKeyOf(const ProviderContext::CryptoContext& crypto,
+                 const std::vector<unsigned char>& der, EvpPkeyPtr* key) {
+  // Reported by the caller's one error.
+  const ErrorMark mark;
+  *key = CertificatePublicKey::Read(der, crypto.libctx, crypto.properties);
+  if (*key != nullptr) return true;
+  // Any other key: the whole certificate, parsed as OpenSSL does.
+  X509Ptr cert(X509_new_ex(crypto.libctx, crypto.properties));
+  if (cert == nullptr) return false;
+  X509* raw = cert.get();
+  const unsigned char* cursor = der.data();
+  if (d2i_X509(&raw, &cursor, static_cast<long>(der.size())) == nullptr) {
+    // A failed d2i into an existing object frees that object.
+    (void)cert.release();
+    return false;
+  }
+  key->reset(X509_get_pubkey(cert.get()));
+  return true;
+}
+
 }  // namespace
 
 std::shared_ptr<const KeyObject> KeyObject::ForCertificate(
@@ -29,25 +54,12 @@ std::shared_ptr<const KeyObject> KeyObject::ForCertificate(
     const std::array<std::uint8_t, X509_AUTH_THUMBPRINT_LENGTH>& thumbprint,
     std::shared_ptr<PassphraseSource> passphrase) {
   const std::string hex = Hex(thumbprint.data(), thumbprint.size());
-  // Parsed into an object of the provider's own library context, so that its
-  // public key is one of OpenSSL's default implementation.
-  X509Ptr cert(X509_new_ex(provider->Crypto(), nullptr));
-  X509* raw = cert.get();
-  {
-    // A certificate that does not parse is reported by the one error below.
-    const ErrorMark mark;
-    const unsigned char* cursor = der.data();
-    if (raw != nullptr && d2i_X509(&raw, &cursor, static_cast<long>(der.size())) == nullptr) {
-      // A failed d2i into an existing object frees that object.
-      (void)cert.release();
-    }
-  }
-  if (raw == nullptr) {
+  EvpPkeyPtr key;
+  if (!PublicKeyOf(provider->Crypto(), der, &key)) {
     X509AUTH_RAISE(provider, k_reason_unsupported_key,
                    "thumbprint=%s: the certificate cannot be parsed", hex.c_str());
     return nullptr;
   }
-  EvpPkeyPtr key(X509_get_pubkey(cert.get()));
   std::uint32_t algorithm = X509_Auth_Algorithm_Unknown;
   if (key != nullptr && EVP_PKEY_is_a(key.get(), "RSA")) algorithm = X509_Auth_Algorithm_Rsa;
   if (key != nullptr && EVP_PKEY_is_a(key.get(), "EC")) algorithm = X509_Auth_Algorithm_Ec;
