@@ -117,6 +117,7 @@ void DirectorySnapshots::CloseLocked() {
   // unloaded once it has ended it, losing whatever the maps still held.
   std::unordered_map<int, std::uint64_t>().swap(reports_);
   std::unordered_map<std::string, Kept>().swap(kept_);
+  std::unordered_map<std::string, unsigned>().swap(unwatched_);
 }
 
 std::shared_ptr<const DirectorySnapshots::Snapshot> DirectorySnapshots::Find(
@@ -139,9 +140,15 @@ std::shared_ptr<const DirectorySnapshots::Snapshot> DirectorySnapshots::Find(
   return kept.snapshot;
 }
 
-DirectorySnapshots::Ticket DirectorySnapshots::Begin(int directory) {
+DirectorySnapshots::Ticket DirectorySnapshots::Begin(int directory, const std::string& path,
+                                                     const std::string& key_prefix) {
   std::lock_guard<std::mutex> lock(mutex_);
   Ticket ticket;
+  unsigned& unwatched = unwatched_[KeyOf(path, key_prefix)];
+  if (unwatched < k_unwatched_scans) {
+    ++unwatched;
+    return ticket;
+  }
   if (!Ready() || !IsLocalFileSystem(directory)) return ticket;
   // The directory that was opened, whatever its path leads to by now.
   const std::string opened = "/proc/self/fd/" + std::to_string(directory);

@@ -63,9 +63,17 @@ class DirectorySnapshots {
   // since it was taken; null otherwise.
   std::shared_ptr<const Snapshot> Find(int directory, const std::string& path,
                                        const std::string& key_prefix);
-  // Starts watching the directory open as |directory| before a scan reads
-  // it; an invalid ticket when it cannot be watched.
-  Ticket Begin(int directory);
+  // Starts watching the directory open as |directory|, reached as |path|
+  // with keys below |key_prefix|, before a scan reads it; an invalid ticket
+  // when it cannot be watched, and for the first k_unwatched_scans scans of
+  // it. Closing an inotify descriptor that holds watches waits in the
+  // kernel for every mark's release (5 to 20 ms, at the latest when the
+  // process exits): a program that looks a few times (a one-shot openssl
+  // s_client through the provider looks up -cert, -key and the key's
+  // certificate when it opens the key) would wait longer for its exit than
+  // it works with the library.
+  Ticket Begin(int directory, const std::string& path, const std::string& key_prefix);
+  static constexpr unsigned k_unwatched_scans = 3;
   // Keeps the snapshot of a complete scan started with |ticket|, unless a
   // change was reported since.
   void Keep(const Ticket& ticket, int directory, const std::string& path,
@@ -99,6 +107,8 @@ class DirectorySnapshots {
   std::unordered_map<int, std::uint64_t> reports_;
   // Per directory path and key prefix.
   std::unordered_map<std::string, Kept> kept_;
+  // Per directory path and key prefix, the scans made without a watch.
+  std::unordered_map<std::string, unsigned> unwatched_;
 };
 
 }  // namespace quorvant::shared::x509

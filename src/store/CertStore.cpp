@@ -292,7 +292,10 @@ void CertStore::ScanDirectory(const fs::path& certs_directory, std::string& key_
   DirectorySnapshots::Ticket ticket;
   // Watched from before its first entry is read, so that any change made
   // while it is read is reported.
-  DirectoryEntries entries(certs_directory, [&](int opened) { ticket = snapshots.Begin(opened); });
+  key_file.resize(key_prefix);
+  DirectoryEntries entries(certs_directory, [&](int opened) {
+    ticket = snapshots.Begin(opened, certs_directory.native(), key_file);
+  });
   std::uint64_t mount = 0;
   bool keep = ticket.valid && MountOf(entries.Descriptor(), &mount);
   auto snapshot = std::make_shared<DirectorySnapshots::Snapshot>();

@@ -60,11 +60,19 @@ class SnapshotTest : public StoreTest {
     }
     return found + recorder_->Dump();
   }
-  // The same with nothing kept from earlier scans.
+  // The same with nothing kept from earlier scans. Two more scans follow,
+  // so that the directory is watched again and the next scan may come from
+  // a snapshot.
   std::string FullScan() {
     DirectorySnapshots::GetInstance().Clear();
     CertificateFileCache::GetInstance().Clear();
-    return Scan();
+    const std::string found = Scan();
+    Warm();
+    return found;
+  }
+  // Scans until the directory is watched and its snapshot kept.
+  void Warm() {
+    for (unsigned i = 0; i < DirectorySnapshots::k_unwatched_scans; ++i) Scan();
   }
   // A scan that must have been taken from the snapshot: no file was looked up.
   std::string ScanFromSnapshot() {
@@ -85,13 +93,15 @@ class SnapshotTest : public StoreTest {
     const timespec times[2] = {before.st_atim, before.st_mtim};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   }
-  // Starts from two settled files, scanned twice so that the second scan
-  // comes from the snapshot.
+  // Starts from two settled files, scanned until the next scan comes from
+  // the snapshot.
   void Start() {
     WriteFile(base_ / "certs" / "a.pem", pem_["Alpha"]);
     WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
     Settle();
     first_ = Scan();
+    EXPECT_EQ(DirectorySnapshots::GetInstance().Size(), 0u) << "watched from the first scan";
+    Warm();
     ASSERT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
     ASSERT_EQ(ScanFromSnapshot(), first_);
   }
@@ -116,6 +126,28 @@ TEST_F(SnapshotTest, AnUnchangedDirectoryIsTakenFromTheSnapshotWithTheSameResult
   // A full scan keeps a new snapshot.
   EXPECT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
   EXPECT_EQ(ScanFromSnapshot(), first_);
+}
+
+TEST_F(SnapshotTest, TheFirstThreeScansOfADirectoryAreMadeWithoutAWatch) {
+  WriteFile(base_ / "certs" / "a.pem", pem_["Alpha"]);
+  Settle();
+  const auto watches = [] {
+    // inotify descriptors of this process: "anon_inode:inotify" links.
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      std::error_code error;
+      if (fs::read_symlink(entry.path(), error).string() == "anon_inode:inotify") ++count;
+    }
+    return count;
+  };
+  const std::string first = Scan();
+  for (int i = 1; i < 3; ++i) EXPECT_EQ(Scan(), first);
+  EXPECT_EQ(watches(), 0);
+  EXPECT_EQ(DirectorySnapshots::GetInstance().Size(), 0u);
+  EXPECT_EQ(Scan(), first);
+  EXPECT_EQ(watches(), 1);
+  EXPECT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
+  EXPECT_EQ(ScanFromSnapshot(), first);
 }
 
 TEST_F(SnapshotTest, AFileRewrittenInPlaceWithItsTimesPutBackIsSeen) {
@@ -146,6 +178,7 @@ TEST_F(SnapshotTest, AFileWrittenThroughADescriptorOpenedEarlierIsSeen) {
   WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
   Settle();
   Scan();
+  Warm();
   ASSERT_EQ(ScanFromSnapshot().find("Alpha"), 0u);
   ASSERT_EQ(pwrite(file, pem_["Delta"].data(), pem_["Delta"].size(), 0),
             static_cast<ssize_t>(pem_["Delta"].size()));
@@ -159,6 +192,7 @@ TEST_F(SnapshotTest, AHardLinkedFileWrittenThroughItsOtherNameIsSeen) {
   WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
   Settle();
   Scan();
+  Warm();
   Scan();
   // The report of this write goes to the other name's directory.
   RewriteKeepingTimes(tmp_ / "outside" / "shared.pem", pem_["Gamma"]);
@@ -172,6 +206,7 @@ TEST_F(SnapshotTest, ALinkWhoseTargetIsRewrittenIsSeen) {
   WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
   Settle();
   Scan();
+  Warm();
   Scan();
   RewriteKeepingTimes(tmp_ / "outside" / "target.pem", pem_["Gamma"]);
   ExpectSeen("Gamma link.pem");
@@ -244,6 +279,7 @@ TEST_F(SnapshotTest, AFileTooLargeIsNamedOnEveryScanAlsoFromTheSnapshot) {
   EXPECT_NE(first.find("Alpha a.pem"), std::string::npos) << first;
   EXPECT_NE(first.find(line), std::string::npos) << first;
   EXPECT_EQ(first.find(line), first.rfind(line)) << first;
+  Warm();
   ASSERT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
   // Looked at again, opened and refused, and named again.
   EXPECT_EQ(Scan(), first);
