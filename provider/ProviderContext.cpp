@@ -382,11 +382,9 @@ bool ProviderContext::ApplicationCanDoPublicKeyWork() const {
 }
 
 ProviderContext::CryptoContext ProviderContext::Crypto() const {
-  // The application's context, when it can, because there the
-  // implementations are started already (the application's own handshake
-  // uses them) and its choices (a FIPS provider, default properties) apply:
-  // starting a second default provider here costs more than the rest of a
-  // short process's work with this provider. Two threads deciding at once
+  // The application's context, when it can: its choices (a FIPS provider,
+  // default properties) apply there, and no second default provider is
+  // started and kept for the provider's life. Two threads deciding at once
   // decide alike; no lock, so none to inherit in a forked child.
   CryptoChoice choice = crypto_choice_.load(std::memory_order_acquire);
   if (choice == CryptoChoice::k_undecided) {
