@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 
 #include "Mechanisms.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_pkcs11 {
 
@@ -49,17 +50,16 @@ CK_RV DecryptOperation::Decrypt(const unsigned char* ciphertext, std::size_t len
     library_code = static_cast<X509_Auth_ResultCode>(result.code);
     return CKR_FUNCTION_FAILED;
   }
-  const X509_Auth_ASN_1* plaintext = nullptr;
-  result = X509_Auth_OpenKeyDecrypt(open, padding_, length, ciphertext, &plaintext);
-  if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr) {
+  x509auth_common::LibraryOwned<X509_Auth_ASN_1> plaintext;
+  result = X509_Auth_OpenKeyDecrypt(open, padding_, length, ciphertext,
+                                    x509auth_common::Receive(plaintext));
+  if (result.code != X509_Auth_ResultCode_Success || !plaintext) {
     library_code = result.code != X509_Auth_ResultCode_Success
                        ? result.code
                        : X509_Auth_ResultCode_KeyOperationFailed;
-    if (plaintext != nullptr) X509_Auth_Free(plaintext);
     return CKR_FUNCTION_FAILED;
   }
   plaintext_.assign(plaintext->data, plaintext->data + plaintext->length);
-  X509_Auth_Free(plaintext);
   done_ = true;
   return CKR_OK;
 }

@@ -9,9 +9,13 @@
 #include "CertificatePublicKey.h"
 #include "ErrorMark.h"
 #include "SharedLibrarySession.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_provider {
 namespace {
+
+using x509auth_common::LibraryOwned;
+using x509auth_common::Receive;
 
 std::string Hex(const std::uint8_t* bytes, std::size_t length) {
   std::string text;
@@ -197,12 +201,10 @@ bool KeyObject::Sign(const char* what, std::vector<unsigned char>* signature, Ca
   X509_Auth_Result result{};
   try {
     result = provider_->Run(passphrase_.get(), &report, [&] {
-      const X509_Auth_Signature* made = nullptr;
-      const X509_Auth_Result r = call(&made);
-      if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
+      LibraryOwned<X509_Auth_Signature> made;
+      const X509_Auth_Result r = call(Receive(made));
+      if (r.code == X509_Auth_ResultCode_Success && made)
         signature->assign(made->data, made->data + made->length);
-        X509_Auth_Free(made);
-      }
       return r;
     });
   } catch (const std::exception& failure) {
@@ -247,13 +249,13 @@ bool KeyObject::Decrypt(std::uint32_t padding, const unsigned char* data, std::s
     result = provider_->Run(passphrase_.get(), &report, [&] {
       const X509_Auth_Result opened = EnsureOpen();
       if (opened.code != X509_Auth_ResultCode_Success) return opened;
-      const X509_Auth_ASN_1* made = nullptr;
-      const X509_Auth_Result r = X509_Auth_OpenKeyDecrypt(open_key_, padding, length, data, &made);
-      if (r.code == X509_Auth_ResultCode_Success && made != nullptr) {
+      LibraryOwned<X509_Auth_ASN_1> made;
+      const X509_Auth_Result r =
+          X509_Auth_OpenKeyDecrypt(open_key_, padding, length, data, Receive(made));
+      if (r.code == X509_Auth_ResultCode_Success && made) {
         plaintext->assign(made->data, made->data + made->length);
         // The plaintext may be a session key: wipe the library's copy too.
         OPENSSL_cleanse(const_cast<std::uint8_t*>(made->data), made->length);
-        X509_Auth_Free(made);
       }
       return r;
     });

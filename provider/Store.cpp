@@ -15,9 +15,13 @@
 #include "Dispatch.h"
 #include "DispatchCast.h"
 #include "KeyObject.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_provider {
 namespace {
+
+using x509auth_common::LibraryOwned;
+using x509auth_common::Receive;
 
 // Each entry point has OpenSSL's own type for its slot: a wrong signature
 // does not build.
@@ -111,8 +115,8 @@ bool FindOne(StoreContext* context) {
   // Run as a listing, so that a file left out for its chain is named as
   // the listing names it.
   context->provider->RunListing(&report, [&](std::vector<std::string>& offered_key_paths) {
-    const X509_Auth_Certificate* record = nullptr;
-    code = X509_Auth_FindCertificate(context->thumbprint.data(), &record);
+    LibraryOwned<X509_Auth_Certificate> record;
+    code = X509_Auth_FindCertificate(context->thumbprint.data(), Receive(record));
     if (code == X509_Auth_ResultCode_CertificateNotFound) return true;
     if (code != X509_Auth_ResultCode_Success) return false;
     if (record->key_path != nullptr && *record->key_path != '\0')
@@ -124,7 +128,6 @@ bool FindOne(StoreContext* context) {
     entry.smart_card = record->cert_type == X509_Auth_CertificateType_SmartCard;
     // An added CA certificate has no key: the listing never offers it.
     const bool offered = record->cert_type != X509_Auth_CertificateType_Other;
-    X509_Auth_Free(record);
     if (offered) {
       context->entries.push_back(std::move(entry));
     } else {
@@ -156,10 +159,10 @@ bool List(StoreContext* context) {
   const bool listed =
       context->provider->RunListing(&report, [&](std::vector<std::string>& offered_key_paths) {
         uint64_t count = 0;
-        const X509_Auth_Certificate* records = nullptr;
-        if (!X509_Auth_LoadClientCertificates(&count, &records)) return false;
+        LibraryOwned<X509_Auth_Certificate> records;
+        if (!X509_Auth_LoadClientCertificates(&count, Receive(records))) return false;
         for (uint64_t i = 0; i < count; ++i) {
-          const X509_Auth_Certificate& record = records[i];
+          const X509_Auth_Certificate& record = records.get()[i];
           if (record.key_path != nullptr && *record.key_path != '\0')
             offered_key_paths.push_back(record.key_path);
           if (!context->list_all && std::memcmp(record.thumbprint, context->thumbprint.data(),
@@ -172,7 +175,6 @@ bool List(StoreContext* context) {
           entry.smart_card = record.cert_type == X509_Auth_CertificateType_SmartCard;
           context->entries.push_back(std::move(entry));
         }
-        X509_Auth_Free(records);
         return true;
       });
   if (!listed) {

@@ -12,6 +12,7 @@
 #include "OpenSslHandles.h"
 #include "OptionChecks.h"
 #include "Report.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_tool {
 
@@ -22,21 +23,22 @@ int RunChain(const GlobalOptions& global, const ChainOptions& options) {
   if (record == nullptr) return k_exit_failed;
 
   uint64_t count = 0;
-  X509_Auth_ASN_1* blobs = nullptr;
+  x509auth_common::LibraryOwned<X509_Auth_ASN_1> blobs;
   Evidence::BeginStep();
-  const int32_t code = X509_Auth_GetChainedCAsForCertificate(record, &count, &blobs);
+  const int32_t code =
+      X509_Auth_GetChainedCAsForCertificate(record, &count, x509auth_common::Receive(blobs));
   if (code != 0)
     return Fail("the library could not return the chain (code " + std::to_string(code) + ")");
   std::map<std::string, X509Ptr> handed_out;  // by thumbprint
+  const X509_Auth_ASN_1* cas = blobs.get();
   for (uint64_t i = 0; i < count; ++i) {
-    X509Ptr cert = ParseDer(blobs[i].data, blobs[i].length);
+    X509Ptr cert = ParseDer(cas[i].data, cas[i].length);
     if (!cert) continue;
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     X509_digest(cert.get(), EVP_sha1(), digest, &length);
     handed_out[Hex(digest, length)] = std::move(cert);
   }
-  X509_Auth_Free(blobs);
 
   if (options.pem) {
     X509Ptr leaf = RecordCertificate(*record);

@@ -55,7 +55,8 @@ CommandLibrarySession::CommandLibrarySession(const GlobalOptions& options) : opt
 
 CommandLibrarySession::~CommandLibrarySession() {
   if (!started_) return;
-  if (array_ != nullptr) X509_Auth_Free(array_);
+  // The records are the library's: handed back before it ends.
+  array_.reset();
   X509_Auth_DeInit();
 }
 
@@ -147,12 +148,10 @@ bool CommandLibrarySession::Load() {
   if (loaded_) return true;
   uint64_t count = 0;
   Evidence::BeginStep();
-  if (!X509_Auth_LoadClientCertificates(&count, &array_)) {
-    array_ = nullptr;
+  if (!X509_Auth_LoadClientCertificates(&count, x509auth_common::Receive(array_)))
     return Fail("the certificate store could not be opened"), false;
-  }
   loaded_ = true;
-  for (uint64_t i = 0; i < count; ++i) records_.push_back(&array_[i]);
+  for (uint64_t i = 0; i < count; ++i) records_.push_back(&array_.get()[i]);
   return true;
 }
 

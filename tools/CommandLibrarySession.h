@@ -8,6 +8,7 @@
 
 #include "GlobalOptions.h"
 #include "x509_auth.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_tool {
 
@@ -51,7 +52,7 @@ class CommandLibrarySession {
   std::vector<const char*> dirs_, home_dirs_;
   bool started_ = false;
   bool loaded_ = false;
-  const X509_Auth_Certificate* array_ = nullptr;
+  x509auth_common::LibraryOwned<X509_Auth_Certificate> array_;
   std::vector<const X509_Auth_Certificate*> records_;
 };
 

@@ -10,6 +10,7 @@
 #include "InputOutput.h"
 #include "OptionChecks.h"
 #include "Report.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_tool {
 namespace {
@@ -32,21 +33,20 @@ int RunDecrypt(const GlobalOptions& global, const DecryptOptions& options) {
       ReadInput(options.in, k_max_ciphertext, "an RSA ciphertext");
   if (!input) return k_exit_failed;
 
-  const X509_Auth_ASN_1* plaintext = nullptr;
+  x509auth_common::LibraryOwned<X509_Auth_ASN_1> plaintext;
   Evidence::BeginStep();
   const X509_Auth_Result result =
-      X509_Auth_Decrypt(record->thumbprint, padding, input->size(), input->data(), &plaintext);
-  if (result.code != X509_Auth_ResultCode_Success || plaintext == nullptr)
+      X509_Auth_Decrypt(record->thumbprint, padding, input->size(), input->data(),
+                        x509auth_common::Receive(plaintext));
+  if (result.code != X509_Auth_ResultCode_Success || !plaintext)
     return Fail(
         CommandLibrarySession::KeyFailure("decrypting with " + std::string(record->name), result));
   // A new plaintext file is the user's alone.
   const bool written =
       WriteOutput(options.out, plaintext->data, static_cast<std::size_t>(plaintext->length), 0600);
-  const std::size_t length = static_cast<std::size_t>(plaintext->length);
-  X509_Auth_Free(plaintext);
   if (!written) return k_exit_failed;
   if (!options.out.empty())
-    Note("decrypted " + std::to_string(length) + " bytes to " + options.out);
+    Note("decrypted " + std::to_string(plaintext->length) + " bytes to " + options.out);
   return k_exit_ok;
 }
 
