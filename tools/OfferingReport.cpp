@@ -62,9 +62,7 @@ std::optional<bool> TokenCanPss(PKCS11_SLOT* slot) {
 // The library's decision for one certificate (lib::DecideOffer, which
 // X509_Auth_LoadClientCertificates takes too) with every reason, its chain
 // built against the key store's own store.
-Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) {
-  Finding finding;
-  finding.subject = cert.Name();
+void AddDecision(const lib::ICertificate& cert, const lib::KeyStore& key_store, Finding& finding) {
   // A trusted store of its own for each certificate, as a single chain
   // request makes.
   lib::ChainBuilder builder;
@@ -84,28 +82,60 @@ Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) 
   if (decision.expired) finding.Add("expired", "not valid after " + IsoTime(cert.NotAfter()));
   if (decision.not_yet_valid)
     finding.Add("not-yet-valid", "not valid before " + IsoTime(cert.NotBefore()));
+}
 
+// A certificate file's key file: its state, and what it means for signing.
+void AddKeyFile(const lib::ICertificate& cert, const lib::CertFileContext& file, Finding& finding) {
+  finding.kind = "file";
+  finding.path = file.cert_path.string();
+  finding.key_path = file.key_path.string();
   const std::vector<unsigned char> der = cert.Encode();
-  X509Ptr x509 = ParseDer(der.data(), der.size());
+  const X509Ptr x509 = ParseDer(der.data(), der.size());
+  const KeyFileStatus key = CheckKeyFile(x509.get(), file.cert_path, file.key_path);
+  finding.key = key.status;
+  if (!key.detail.empty()) finding.details["key"] = key.detail;
+  // Offered all the same: the library offers a certificate whatever its
+  // key file's state, and signing fails later.
+  if (finding.offered && key.status == "missing")
+    finding.Add("key-missing", "no key file " + finding.key_path + "; signing will fail");
+  if (finding.offered && key.status == "does-not-match")
+    finding.Add("key-mismatch",
+                finding.key_path + " is not this certificate's key; signing will fail");
+  if (const std::optional<std::string> exposed = KeyFileExposure(file.key_path))
+    finding.AddWarning("key-file-open", *exposed);
+}
 
+// The TLS versions the certificate's key can sign for. |token_pss|: for an
+// RSA key on a token, whether the token signs RSA-PSS (unknown: nullopt).
+void AddTlsVersions(lib::Algorithm group, std::optional<bool> token_pss, Finding& finding) {
+  const bool key_usable =
+      finding.key == "plain" || finding.key == "encrypted" || finding.key == "token";
+  if (!finding.offered) {
+    finding.tls_note = "not offered";
+  } else if (!key_usable) {
+    finding.tls_note = "no usable private key";
+  } else if (group == lib::Algorithm::k_rsa && finding.kind == "smartcard" && token_pss != true) {
+    finding.tls = {"tls1.2"};
+    finding.tls_note = token_pss == false
+                           ? "no TLS 1.3: the token offers neither CKM_RSA_PKCS_PSS nor "
+                             "CKM_RSA_X_509, and TLS 1.3 needs RSA-PSS"
+                           : "TLS 1.3 unknown: the token's mechanisms could not be read";
+  } else if (group == lib::Algorithm::k_rsa || group == lib::Algorithm::k_ec) {
+    finding.tls = {"tls1.2", "tls1.3"};
+  } else {
+    finding.tls_note = "the key's algorithm is neither RSA nor EC";
+  }
+}
+
+// Everything the report says of one certificate.
+Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) {
+  Finding finding;
+  finding.subject = cert.Name();
+  AddDecision(cert, key_store, finding);
   std::optional<bool> token_pss;
   const lib::CertContext& context = cert.GetContext();
   if (const auto* file = std::get_if<std::unique_ptr<lib::CertFileContext>>(&context)) {
-    finding.kind = "file";
-    finding.path = (*file)->cert_path.string();
-    finding.key_path = (*file)->key_path.string();
-    const KeyFileStatus key = CheckKeyFile(x509.get(), (*file)->cert_path, (*file)->key_path);
-    finding.key = key.status;
-    if (!key.detail.empty()) finding.details["key"] = key.detail;
-    // Offered all the same: the library offers a certificate whatever its
-    // key file's state, and signing fails later.
-    if (finding.offered && key.status == "missing")
-      finding.Add("key-missing", "no key file " + finding.key_path + "; signing will fail");
-    if (finding.offered && key.status == "does-not-match")
-      finding.Add("key-mismatch",
-                  finding.key_path + " is not this certificate's key; signing will fail");
-    if (const std::optional<std::string> exposed = KeyFileExposure((*file)->key_path))
-      finding.AddWarning("key-file-open", *exposed);
+    AddKeyFile(cert, **file, finding);
   } else if (const auto* token = std::get_if<std::unique_ptr<lib::Libp11CertContext>>(&context)) {
     finding.kind = "smartcard";
     PKCS11_SLOT* slot = (*token)->slot;
@@ -118,28 +148,7 @@ Finding Evaluate(const lib::ICertificate& cert, const lib::KeyStore& key_store) 
   } else {
     finding.kind = "other";
   }
-
-  const bool key_usable =
-      finding.key == "plain" || finding.key == "encrypted" || finding.key == "token";
-  if (finding.offered && key_usable) {
-    const lib::Algorithm group = cert.PublicKeyAlgorithmGroup();
-    if (group == lib::Algorithm::k_rsa && finding.kind == "smartcard" && token_pss != true) {
-      finding.tls = {"tls1.2"};
-      finding.tls_note =
-          token_pss == false
-              ? "no TLS 1.3: the token offers neither CKM_RSA_PKCS_PSS nor CKM_RSA_X_509, "
-                "and TLS 1.3 needs RSA-PSS"
-              : "TLS 1.3 unknown: the token's mechanisms could not be read";
-    } else if (group == lib::Algorithm::k_rsa || group == lib::Algorithm::k_ec) {
-      finding.tls = {"tls1.2", "tls1.3"};
-    } else {
-      finding.tls_note = "the key's algorithm is neither RSA nor EC";
-    }
-  } else if (!finding.offered) {
-    finding.tls_note = "not offered";
-  } else {
-    finding.tls_note = "no usable private key";
-  }
+  AddTlsVersions(cert.PublicKeyAlgorithmGroup(), token_pss, finding);
   return finding;
 }
 

@@ -160,78 +160,114 @@ X509_Auth_PinEntryResult* PinPrompt::OnPinEntry(const char* title, const char* p
   }
 }
 
-X509_Auth_PinEntryResult* PinPrompt::Ask(const char* title, const char* prompt) {
-  title = title != nullptr ? title : "";
-  prompt = prompt != nullptr ? prompt : "";
-  // The library titles token logins "Enter pin" and key files "Enter password".
-  const bool is_pin = std::strcmp(title, "Enter pin") == 0;
-  const std::string& env = is_pin ? g_sources.pin_env : g_sources.password_env;
-  const int fd = is_pin ? g_sources.pin_fd : g_sources.password_fd;
-  const char* env_option = is_pin ? "--pin-env" : "--password-env";
-  const char* fd_option = is_pin ? "--pin-fd" : "--password-fd";
-  // "Enter pin for token: LABEL" and "Enter password for: PATH".
-  const std::string subject =
-      is_pin ? After(prompt, "Enter pin for token: ") : After(prompt, "Enter password for: ");
-  const std::string what = is_pin ? "the PIN of the token \"" + subject + "\""
-                                  : "the password of the key file " + subject;
-  if (is_pin) g_last_token = subject;
+namespace {
 
+// One prompt of the library, read for what it asks: a token's PIN or a key
+// file's password, with the command-line sources for that kind.
+struct Question {
+  bool is_pin;
+  // The token's label or the key file's path.
+  std::string subject;
+  const std::string& env;
+  int fd;
+  const char* env_option;
+  const char* fd_option;
+};
+
+Question Understand(const char* title, const char* prompt) {
+  // The library titles token logins "Enter pin" and key files "Enter
+  // password", and asks "Enter pin for token: LABEL" and "Enter password
+  // for: PATH".
+  if (std::strcmp(title, "Enter pin") == 0)
+    return {true,
+            After(prompt, "Enter pin for token: "),
+            g_sources.pin_env,
+            g_sources.pin_fd,
+            "--pin-env",
+            "--pin-fd"};
+  return {false,
+          After(prompt, "Enter password for: "),
+          g_sources.password_env,
+          g_sources.password_fd,
+          "--password-env",
+          "--password-fd"};
+}
+
+// The answer from the environment, a descriptor or the terminal, in that
+// order of choice; false with |why| when there is none.
+bool ReadAnswer(const Question& question, std::string& value, std::string& why) {
+  if (!question.env.empty()) {
+    const char* from_env = std::getenv(question.env.c_str());
+    if (from_env != nullptr) {
+      value.assign(from_env);
+      return true;
+    }
+    why = "the environment variable " + question.env + " (" + question.env_option + ") is not set";
+    return false;
+  }
+  if (question.fd >= 0) {
+    const bool answered = ReadLine(question.fd, value);
+    Trim(value);
+    if (!answered)
+      why = std::string("nothing to read from ") + question.fd_option + " " +
+            std::to_string(question.fd);
+    return answered;
+  }
+  // The label and the path are anyone's text: shown escaped on the terminal.
+  std::string asked = question.is_pin ? "PIN for the token \"" + Printable(question.subject) + "\""
+                                      : "Password for the key file " + Printable(question.subject);
+  if (question.is_pin)
+    if (const std::string tries = PinPrompt::TriesLeft(); !tries.empty())
+      asked += " (" + tries + ")";
+  switch (ReadFromTerminal(asked + " (input hidden): ", value)) {
+    case TerminalAnswer::k_answered: return true;
+    case TerminalAnswer::k_empty: why = "nothing was entered"; break;
+    case TerminalAnswer::k_no_terminal:
+      why = std::string("there is no terminal to ask on; give ") + question.env_option +
+            " VAR or " + question.fd_option + " N";
+      break;
+  }
+  return false;
+}
+
+// Hands |held| to the library with |status| and its value; the library
+// gives it back through OnFree.
+X509_Auth_PinEntryResult* Hand(std::unique_ptr<HeldAnswer> held, int status) {
+  held->result.status = status;
+  held->result.value = held->secret.value.c_str();
+  return &held.release()->result;
+}
+
+}  // namespace
+
+X509_Auth_PinEntryResult* PinPrompt::Ask(const char* title, const char* prompt) {
+  const Question question =
+      Understand(title != nullptr ? title : "", prompt != nullptr ? prompt : "");
+  if (question.is_pin) g_last_token = question.subject;
   auto held = std::make_unique<HeldAnswer>();
   std::string& value = held->secret.value;
-  if (!is_pin) {
-    const auto given = g_passwords.find(subject);
+  // A key file's password, once given, answers that file's later prompts.
+  if (!question.is_pin) {
+    const auto given = g_passwords.find(question.subject);
     if (given != g_passwords.end()) {
       value = given->second->value;
-      held->result.status = 0;
-      held->result.value = value.c_str();
-      return &held.release()->result;
+      return Hand(std::move(held), 0);
     }
   }
   std::string why;
-  bool answered = false;
-  if (!env.empty()) {
-    const char* from_env = std::getenv(env.c_str());
-    answered = from_env != nullptr;
-    if (answered)
-      value.assign(from_env);
-    else
-      why = "the environment variable " + env + " (" + env_option + ") is not set";
-  } else if (fd >= 0) {
-    answered = ReadLine(fd, value);
-    Trim(value);
-    if (!answered)
-      why = std::string("nothing to read from ") + fd_option + " " + std::to_string(fd);
-  } else {
-    // The label and the path are anyone's text: shown escaped on the terminal.
-    std::string question = is_pin ? "PIN for the token \"" + Printable(subject) + "\""
-                                  : "Password for the key file " + Printable(subject);
-    if (is_pin) {
-      const std::string tries = TriesLeft();
-      if (!tries.empty()) question += " (" + tries + ")";
-    }
-    switch (ReadFromTerminal(question + " (input hidden): ", value)) {
-      case TerminalAnswer::k_answered: answered = true; break;
-      case TerminalAnswer::k_empty: why = "nothing was entered"; break;
-      case TerminalAnswer::k_no_terminal:
-        why = std::string("there is no terminal to ask on; give ") + env_option + " VAR or " +
-              fd_option + " N";
-        break;
-    }
-  }
-  if (!answered) {
+  if (!ReadAnswer(question, value, why)) {
+    const std::string what = question.is_pin ? "the PIN of the token \"" + question.subject + "\""
+                                             : "the password of the key file " + question.subject;
     g_last_unanswered = "the prompt for " + what + " went unanswered: " + why;
-    held->result.status = 1;
-  } else {
-    g_last_answered = subject;
-    held->result.status = 0;
-    if (!is_pin) {
-      auto kept = std::make_unique<Secret>();
-      kept->value = value;
-      g_passwords[subject] = std::move(kept);
-    }
+    return Hand(std::move(held), 1);
   }
-  held->result.value = value.c_str();
-  return &held.release()->result;
+  g_last_answered = question.subject;
+  if (!question.is_pin) {
+    auto kept = std::make_unique<Secret>();
+    kept->value = value;
+    g_passwords[question.subject] = std::move(kept);
+  }
+  return Hand(std::move(held), 0);
 }
 
 void PinPrompt::OnFree(X509_Auth_PinEntryResult* result) noexcept {

@@ -16,9 +16,13 @@
 #include "OpenSslHandles.h"
 #include "OptionChecks.h"
 #include "Report.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_tool {
 namespace {
+
+using x509auth_common::LibraryOwned;
+using x509auth_common::Receive;
 
 struct HashChoice {
   const char* name;
@@ -53,6 +57,66 @@ bool Verifies(const X509_Auth_Certificate& record, const EVP_MD* md, const unsig
   return EVP_PKEY_verify(ctx.get(), signature.data, signature.length, digest, digest_length) == 1;
 }
 
+// The input's digest.
+struct Digest {
+  unsigned char bytes[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+};
+
+// Hashes --in with |hash|; nullopt after printing why.
+std::optional<Digest> HashInput(const std::string& in, const HashChoice& hash) {
+  // A terminal on standard input would otherwise wait without a word.
+  if (in == "-" && isatty(STDIN_FILENO) == 1)
+    Note("reading the data to sign from the terminal; end it with Ctrl-D (or give --in FILE)");
+  Digest digest;
+  EvpMdCtxPtr context(EVP_MD_CTX_new());
+  const bool started = context && EVP_DigestInit_ex(context.get(), hash.md(), nullptr) == 1;
+  if (started && !DigestInput(in, context.get())) return std::nullopt;
+  if (!started || EVP_DigestFinal_ex(context.get(), digest.bytes, &digest.length) != 1) {
+    Fail("cannot hash the input with " + std::string(hash.name));
+    return std::nullopt;
+  }
+  return digest;
+}
+
+// The library's signature over |digest|; null after printing why.
+LibraryOwned<X509_Auth_Signature> SignDigest(const X509_Auth_Certificate& record,
+                                             const HashChoice& hash, const Digest& digest,
+                                             bool pss) {
+  const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
+  LibraryOwned<X509_Auth_Signature> signature;
+  Evidence::BeginStep();
+  // RSA-PSS with a salt as long as the digest, as TLS 1.3 signs.
+  const X509_Auth_Result result =
+      pss ? X509_Auth_SignHashPss(record.thumbprint, hash.type, digest.bytes,
+                                  X509_AUTH_PSS_SALT_DIGEST, Receive(signature))
+          : X509_Auth_SignHash(record.thumbprint, 2, algorithms, hash.type, digest.bytes,
+                               Receive(signature));
+  if (result.code != X509_Auth_ResultCode_Success || !signature) {
+    Fail(CommandLibrarySession::KeyFailure("signing with " + std::string(record.name), result));
+    return nullptr;
+  }
+  return signature;
+}
+
+// The signature to --out, or in hex to standard output; false when it did
+// not reach its file (the failure already said).
+bool WriteSignature(const std::string& out, const X509_Auth_Signature& signature) {
+  if (!out.empty())
+    return WriteOutput(out, signature.data, static_cast<std::size_t>(signature.length));
+  PrintOut(Hex(signature.data, static_cast<std::size_t>(signature.length)) + "\n");
+  // The note after it claims the signature: it must have reached its file.
+  return FlushStandardOutput();
+}
+
+std::string Describe(const X509_Auth_Signature& signature, const SignOptions& options) {
+  return std::to_string(signature.length) + "-byte " +
+         (signature.algorithm != X509_Auth_Algorithm_Rsa ? "ECDSA"
+          : options.pss                                  ? "RSA-PSS"
+                                                         : "RSA PKCS#1 v1.5") +
+         " signature over the " + options.hash + " digest";
+}
+
 }  // namespace
 
 int RunSign(const GlobalOptions& global, const SignOptions& options) {
@@ -68,55 +132,20 @@ int RunSign(const GlobalOptions& global, const SignOptions& options) {
   if (record->cert_type == X509_Auth_CertificateType_FileBased && record->key_path != nullptr)
     if (const std::optional<std::string> exposed = KeyFileExposure(record->key_path))
       Warn(*exposed);
-  // A terminal on standard input would otherwise wait without a word.
-  if (options.in == "-" && isatty(STDIN_FILENO) == 1)
-    Note("reading the data to sign from the terminal; end it with Ctrl-D (or give --in FILE)");
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned int digest_length = 0;
-  {
-    EvpMdCtxPtr context(EVP_MD_CTX_new());
-    if (!context || EVP_DigestInit_ex(context.get(), hash->md(), nullptr) != 1)
-      return Fail("cannot hash the input with " + options.hash);
-    if (!DigestInput(options.in, context.get())) return k_exit_failed;
-    if (EVP_DigestFinal_ex(context.get(), digest, &digest_length) != 1)
-      return Fail("cannot hash the input with " + options.hash);
-  }
-
-  const uint32_t algorithms[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
-  const X509_Auth_Signature* signature = nullptr;
+  const std::optional<Digest> digest = HashInput(options.in, *hash);
+  if (!digest) return k_exit_failed;
   if (options.pss && record->key_algorithm_group != X509_Auth_KeyAlgorithmGroup_Rsa)
     return FailPlain("--pss is for RSA keys; " + std::string(record->name) + " has an " +
                      KeyAlgorithmName(record->key_algorithm_group) + " key"),
            k_exit_usage;
-  Evidence::BeginStep();
-  // RSA-PSS with a salt as long as the digest, as TLS 1.3 signs.
-  const X509_Auth_Result result =
-      options.pss
-          ? X509_Auth_SignHashPss(record->thumbprint, hash->type, digest, X509_AUTH_PSS_SALT_DIGEST,
-                                  &signature)
-          : X509_Auth_SignHash(record->thumbprint, 2, algorithms, hash->type, digest, &signature);
-  if (result.code != X509_Auth_ResultCode_Success || signature == nullptr)
-    return Fail(
-        CommandLibrarySession::KeyFailure("signing with " + std::string(record->name), result));
 
+  const LibraryOwned<X509_Auth_Signature> signature =
+      SignDigest(*record, *hash, *digest, options.pss);
+  if (!signature) return k_exit_failed;
   const bool verified =
-      Verifies(*record, hash->md(), digest, digest_length, *signature, options.pss);
-  bool written = true;
-  if (!options.out.empty()) {
-    written =
-        WriteOutput(options.out, signature->data, static_cast<std::size_t>(signature->length));
-  } else {
-    PrintOut(Hex(signature->data, static_cast<std::size_t>(signature->length)) + "\n");
-    // The note below claims the signature: it must have reached its file.
-    written = FlushStandardOutput();
-  }
-  const std::string what = std::to_string(signature->length) + "-byte " +
-                           (signature->algorithm != X509_Auth_Algorithm_Rsa ? "ECDSA"
-                            : options.pss                                   ? "RSA-PSS"
-                                                                            : "RSA PKCS#1 v1.5") +
-                           " signature over the " + options.hash + " digest";
-  X509_Auth_Free(signature);
-  if (!written) return k_exit_failed;
+      Verifies(*record, hash->md(), digest->bytes, digest->length, *signature, options.pss);
+  if (!WriteSignature(options.out, *signature)) return k_exit_failed;
+  const std::string what = Describe(*signature, options);
   if (!verified) return Fail("the " + what + " does NOT verify with the certificate's public key");
   Note(what + ", verified with the certificate's public key");
   return k_exit_ok;
