@@ -10,10 +10,8 @@ CK_RV DigestOperation::Begin(const CK_MECHANISM& mechanism,
     return CKR_MECHANISM_PARAM_INVALID;
   std::unique_ptr<DigestOperation> made(new DigestOperation());
   made->hash_ = found->hashing;
-  made->running_.reset(EVP_MD_CTX_new());
-  if (made->running_ == nullptr ||
-      EVP_DigestInit_ex(made->running_.get(), found->hashing->digest(), nullptr) != 1)
-    return CKR_HOST_MEMORY;
+  made->running_ = Mechanisms::BeginDigest(*found->hashing);
+  if (made->running_ == nullptr) return CKR_HOST_MEMORY;
   operation = std::move(made);
   return CKR_OK;
 }

@@ -99,4 +99,10 @@ const HashKind* Mechanisms::HashByNid(int nid) {
   }
 }
 
+EvpMdCtxPtr Mechanisms::BeginDigest(const HashKind& hash) {
+  EvpMdCtxPtr running(EVP_MD_CTX_new());
+  if (!running || EVP_DigestInit_ex(running.get(), hash.digest(), nullptr) != 1) return nullptr;
+  return running;
+}
+
 }  // namespace x509auth_pkcs11

@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "OpenSslPtr.h"
 #include "Pkcs11.h"
 #include "x509_auth.h"
 
@@ -47,6 +48,9 @@ class Mechanisms {
   static const HashKind* HashByMechanism(CK_MECHANISM_TYPE type);
   static const HashKind* HashByLength(std::size_t length);
   static const HashKind* HashByNid(int nid);
+  // A digest of |hash| begun, for data the program hands over in parts;
+  // null when OpenSSL cannot begin one.
+  static EvpMdCtxPtr BeginDigest(const HashKind& hash);
 };
 
 }  // namespace x509auth_pkcs11

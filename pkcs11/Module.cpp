@@ -11,6 +11,7 @@
 #include "Mechanisms.h"
 #include "OutputBuffer.h"
 #include "x509auth/LeftOutCertificates.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_pkcs11 {
 namespace {
@@ -302,14 +303,13 @@ CK_RV Module::TryPin(const std::vector<Thumbprint>& keys) {
   bool refused = false;
   for (const Thumbprint& thumbprint : keys) {
     PromptRecord prompts;
-    const X509_Auth_Signature* signature = nullptr;
+    x509auth_common::LibraryOwned<X509_Auth_Signature> signature;
     X509_Auth_Result result{};
     {
       LibraryLink::PromptScope scope(&pin_, pin_for_tokens_, prompts);
       result = X509_Auth_SignHash(thumbprint.data(), 2, algorithms, X509_Auth_HashType_Sha256,
-                                  digest, &signature);
+                                  digest, x509auth_common::Receive(signature));
     }
-    if (signature != nullptr) X509_Auth_Free(signature);
     if (result.code == X509_Auth_ResultCode_Success) return CKR_OK;
     if (prompts.answered > 0 && result.code == X509_Auth_ResultCode_KeyOpenFailed) refused = true;
   }
@@ -428,6 +428,38 @@ CK_RV Module::FindObjectsFinal(CK_SESSION_HANDLE session) {
   return CKR_OK;
 }
 
+template <typename Operation>
+Session* Module::Running(CK_SESSION_HANDLE handle, bool arguments_ok,
+                         SessionOperation<Operation> operation, CK_RV& rv) {
+  rv = Ready();
+  if (rv != CKR_OK) return nullptr;
+  if (!arguments_ok) {
+    rv = CKR_ARGUMENTS_BAD;
+    return nullptr;
+  }
+  Session* found = Find(handle);
+  if (found == nullptr) {
+    rv = CKR_SESSION_HANDLE_INVALID;
+    return nullptr;
+  }
+  if (found->*operation == nullptr) {
+    rv = CKR_OPERATION_NOT_INITIALIZED;
+    return nullptr;
+  }
+  return found;
+}
+
+template <typename Operation>
+CK_RV Module::Update(CK_SESSION_HANDLE handle, CK_BYTE_PTR part, CK_ULONG part_length,
+                     SessionOperation<Operation> operation) {
+  CK_RV rv = CKR_OK;
+  Session* found = Running(handle, part != nullptr || part_length == 0, operation, rv);
+  if (found == nullptr) return rv;
+  rv = (found->*operation)->Update(part, part_length);
+  if (rv != CKR_OK) (found->*operation).reset();
+  return rv;
+}
+
 CK_RV Module::SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
                        CK_OBJECT_HANDLE key) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
@@ -496,12 +528,11 @@ CK_RV Module::FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR s
 
 CK_RV Module::Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
                    CK_BYTE_PTR signature, CK_ULONG_PTR signature_length) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if ((data == nullptr && data_length != 0) || signature_length == nullptr)
-    return CKR_ARGUMENTS_BAD;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->sign == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  CK_RV refused = CKR_OK;
+  Session* found =
+      Running(session, (data != nullptr || data_length == 0) && signature_length != nullptr,
+              &Session::sign, refused);
+  if (found == nullptr) return refused;
   // A length query must not consume the data: it is given again with the
   // buffer, so the length is answered before the operation sees any data.
   OutputBuffer probe(signature, signature_length);
@@ -515,24 +546,14 @@ CK_RV Module::Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_le
 }
 
 CK_RV Module::SignUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG part_length) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if (part == nullptr && part_length != 0) return CKR_ARGUMENTS_BAD;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->sign == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
-  const CK_RV rv = found->sign->Update(part, part_length);
-  if (rv != CKR_OK) found->sign.reset();
-  return rv;
+  return Update(session, part, part_length, &Session::sign);
 }
 
 CK_RV Module::SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature,
                         CK_ULONG_PTR signature_length) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if (signature_length == nullptr) return CKR_ARGUMENTS_BAD;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->sign == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
-  return FinishSign(*found, signature, signature_length);
+  CK_RV refused = CKR_OK;
+  Session* found = Running(session, signature_length != nullptr, &Session::sign, refused);
+  return found == nullptr ? refused : FinishSign(*found, signature, signature_length);
 }
 
 CK_RV Module::DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
@@ -551,12 +572,11 @@ CK_RV Module::DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
 
 CK_RV Module::Decrypt(CK_SESSION_HANDLE session, CK_BYTE_PTR encrypted, CK_ULONG encrypted_length,
                       CK_BYTE_PTR data, CK_ULONG_PTR data_length) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if ((encrypted == nullptr && encrypted_length != 0) || data_length == nullptr)
-    return CKR_ARGUMENTS_BAD;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->decrypt == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  CK_RV refused = CKR_OK;
+  Session* found =
+      Running(session, (encrypted != nullptr || encrypted_length == 0) && data_length != nullptr,
+              &Session::decrypt, refused);
+  if (found == nullptr) return refused;
   X509_Auth_ResultCode code = X509_Auth_ResultCode_Success;
   PromptRecord prompts;
   CK_RV rv;
@@ -598,11 +618,11 @@ CK_RV Module::FinishDigest(Session& session, CK_BYTE_PTR digest, CK_ULONG_PTR di
 
 CK_RV Module::Digest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
                      CK_BYTE_PTR digest, CK_ULONG_PTR digest_length) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if ((data == nullptr && data_length != 0) || digest_length == nullptr) return CKR_ARGUMENTS_BAD;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  CK_RV refused = CKR_OK;
+  Session* found =
+      Running(session, (data != nullptr || data_length == 0) && digest_length != nullptr,
+              &Session::digest, refused);
+  if (found == nullptr) return refused;
   // As with C_Sign, the data comes again with the buffer after a length
   // query, so it is taken only once the buffer is big enough.
   OutputBuffer probe(digest, digest_length);
@@ -615,21 +635,13 @@ CK_RV Module::Digest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_
 }
 
 CK_RV Module::DigestUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG part_length) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if (part == nullptr && part_length != 0) return CKR_ARGUMENTS_BAD;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
-  const CK_RV rv = found->digest->Update(part, part_length);
-  if (rv != CKR_OK) found->digest.reset();
-  return rv;
+  return Update(session, part, part_length, &Session::digest);
 }
 
 CK_RV Module::DigestKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
+  CK_RV refused = CKR_OK;
+  Session* found = Running(session, true, &Session::digest, refused);
+  if (found == nullptr) return refused;
   const std::shared_ptr<const TokenObject> object = catalog_.Get(key);
   // Every way out here is an error, and an error ends the digest.
   found->digest.reset();
@@ -638,12 +650,9 @@ CK_RV Module::DigestKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
 
 CK_RV Module::DigestFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR digest,
                           CK_ULONG_PTR digest_length) {
-  if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
-  if (digest_length == nullptr) return CKR_ARGUMENTS_BAD;
-  Session* found = Find(session);
-  if (found == nullptr) return CKR_SESSION_HANDLE_INVALID;
-  if (found->digest == nullptr) return CKR_OPERATION_NOT_INITIALIZED;
-  return FinishDigest(*found, digest, digest_length);
+  CK_RV refused = CKR_OK;
+  Session* found = Running(session, digest_length != nullptr, &Session::digest, refused);
+  return found == nullptr ? refused : FinishDigest(*found, digest, digest_length);
 }
 
 CK_RV Module::SeedRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR seed, CK_ULONG seed_length) {

@@ -84,6 +84,20 @@ class Module {
   // Lists the objects again; a login made with a card's PIN ends when that
   // card's key is gone.
   void Refresh();
+  template <typename Operation>
+  using SessionOperation = std::unique_ptr<Operation> Session::*;
+  // The session |handle| names with its |operation| under way, after the
+  // checks every call on a running operation makes, in this order: the
+  // module initialised, the arguments (|arguments_ok|), the session, the
+  // operation. Null, with |rv| the first refusal, otherwise.
+  template <typename Operation>
+  Session* Running(CK_SESSION_HANDLE handle, bool arguments_ok,
+                   SessionOperation<Operation> operation, CK_RV& rv);
+  // C_SignUpdate and C_DigestUpdate: |part| added; an error ends the
+  // operation.
+  template <typename Operation>
+  CK_RV Update(CK_SESSION_HANDLE handle, CK_BYTE_PTR part, CK_ULONG part_length,
+               SessionOperation<Operation> operation);
   // Ends the signature of |session| with the data given so far.
   CK_RV FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR signature_length);
   // Ends the digest of |session|, unless the buffer only asks the length

@@ -6,23 +6,36 @@
 #include "CertificateObjects.h"
 #include "Log.h"
 #include "x509_auth.h"
+#include "x509auth/LibraryOwned.h"
 
 namespace x509auth_pkcs11 {
 namespace {
 
-// Frees what the library handed out when the scope ends.
-class LibraryFree {
- public:
-  explicit LibraryFree(const void* p) : p_(p) {}
-  ~LibraryFree() {
-    if (p_ != nullptr) X509_Auth_Free(p_);
-  }
-  LibraryFree(const LibraryFree&) = delete;
-  LibraryFree& operator=(const LibraryFree&) = delete;
+using x509auth_common::LibraryOwned;
+using x509auth_common::Receive;
 
- private:
-  const void* p_;
-};
+Thumbprint ThumbprintOf(const X509_Auth_Certificate& record) {
+  Thumbprint thumbprint{};
+  std::memcpy(thumbprint.data(), record.thumbprint, thumbprint.size());
+  return thumbprint;
+}
+
+bool HasKeyPath(const X509_Auth_Certificate& record) {
+  return record.key_path != nullptr && *record.key_path != '\0';
+}
+
+// The record with the certificate itself taken off the front of its chain:
+// the CA store does not hold it, and asking for it would only log a failed
+// lookup.
+X509_Auth_Certificate ChainOnly(const X509_Auth_Certificate& record) {
+  X509_Auth_Certificate chain_only = record;
+  if (chain_only.ca_chain_count > 0 && chain_only.ca_chain != nullptr &&
+      std::memcmp(chain_only.ca_chain[0], record.thumbprint, X509_AUTH_THUMBPRINT_LENGTH) == 0) {
+    ++chain_only.ca_chain;
+    --chain_only.ca_chain_count;
+  }
+  return chain_only;
+}
 
 }  // namespace
 
@@ -52,93 +65,60 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   }
   listed_version_ = 0;
   uint64_t count = 0;
-  const X509_Auth_Certificate* certificates = nullptr;
+  LibraryOwned<X509_Auth_Certificate> certificates;
   bool listed = false;
   {
     const x509auth_common::LeftOutCertificates::Watch watch(left_out_);
-    listed = X509_Auth_LoadClientCertificates(&count, &certificates);
+    listed = X509_Auth_LoadClientCertificates(&count, Receive(certificates));
   }
   if (!listed) {
     LogLine(LogLevel::k_error, "the library could not list the certificates");
     return false;
   }
-  LibraryFree free_certificates(certificates);
+  Listing listing = Sort(certificates.get(), count, token_certificates);
+  for (const std::string& line : left_out_.Report(listing.key_paths))
+    LogLine(LogLevel::k_error, "%s", line.c_str());
+  Build(listing);
+  listed_version_ = versioned ? version : 0;
+  listed_tokens_ = token_certificates;
+  LogLine(LogLevel::k_debug, "listing: %zu certificate(s), %zu object(s)", listing.offered.size(),
+          current_.size());
+  return true;
+}
 
-  std::vector<const X509_Auth_Certificate*> offered;
-  bool needs_login = false;
-  std::vector<Thumbprint> files_asking, tokens_asking;
-  std::vector<std::string> key_paths;
-  std::vector<std::pair<std::string, bool>> probed;
+ObjectCatalog::Listing ObjectCatalog::Sort(const X509_Auth_Certificate* certificates,
+                                           uint64_t count, bool token_certificates) {
+  Listing listing;
   for (uint64_t i = 0; i < count; ++i) {
     const X509_Auth_Certificate& record = certificates[i];
-    if (record.key_path != nullptr && *record.key_path != '\0')
-      key_paths.push_back(record.key_path);
+    if (HasKeyPath(record)) listing.key_paths.push_back(record.key_path);
     if (record.thumbprint == nullptr || record.encoded == nullptr) continue;
     if (record.smart_card != 0 && !token_certificates) continue;
-    offered.push_back(&record);
-    Thumbprint thumbprint{};
-    std::memcpy(thumbprint.data(), record.thumbprint, thumbprint.size());
+    listing.offered.push_back(&record);
     if (record.smart_card != 0) {
-      needs_login = true;
-      tokens_asking.push_back(thumbprint);
-    } else if (record.cert_type == X509_Auth_CertificateType_FileBased &&
-               record.key_path != nullptr && *record.key_path != '\0') {
+      listing.needs_login = true;
+      listing.tokens_asking.push_back(ThumbprintOf(record));
+    } else if (record.cert_type == X509_Auth_CertificateType_FileBased && HasKeyPath(record)) {
       const bool encrypted = probe_.IsEncrypted(record.key_path);
-      probed.emplace_back(record.key_path, encrypted);
+      listing.probed.emplace_back(record.key_path, encrypted);
       if (encrypted) {
-        needs_login = true;
-        files_asking.push_back(thumbprint);
+        listing.needs_login = true;
+        listing.files_asking.push_back(ThumbprintOf(record));
       }
     }
   }
+  return listing;
+}
 
-  for (const std::string& line : left_out_.Report(key_paths))
-    LogLine(LogLevel::k_error, "%s", line.c_str());
-
-  std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current;
+void ObjectCatalog::Build(Listing& listing) {
+  Objects current;
   std::set<Thumbprint> seen;
   std::vector<std::pair<Thumbprint, Bytes>> authorities;
-  for (const X509_Auth_Certificate* record : offered) {
-    Thumbprint thumbprint{};
-    std::memcpy(thumbprint.data(), record->thumbprint, thumbprint.size());
+  for (const X509_Auth_Certificate* record : listing.offered) {
+    const Thumbprint thumbprint = ThumbprintOf(*record);
     if (!seen.insert(thumbprint).second) continue;
-    Built& built = built_[thumbprint];
-    if (built.objects.empty() || built.keys_private != needs_login) {
-      const Bytes der(record->encoded, record->encoded + record->encoded_length);
-      built.objects = CertificateObjects::Client(thumbprint, der, needs_login);
-      built.keys_private = needs_login;
-    }
-    for (const auto& object : built.objects)
-      current[HandleFor(thumbprint, object->Kind())] = object;
-
-    // The chain starts with the certificate itself, which the CA store does
-    // not hold: asking for it would only log a failed lookup.
-    X509_Auth_Certificate chain_only = *record;
-    if (chain_only.ca_chain_count > 0 && chain_only.ca_chain != nullptr &&
-        std::memcmp(chain_only.ca_chain[0], record->thumbprint, thumbprint.size()) == 0) {
-      ++chain_only.ca_chain;
-      --chain_only.ca_chain_count;
-    }
-    // CA certificates already made are taken from what is kept (the store
-    // the library builds chains with only grows until C_Finalize); the
-    // library is asked only for a chain with one not made yet.
-    bool all_known = chain_only.ca_chain != nullptr || chain_only.ca_chain_count == 0;
-    for (uint64_t j = 0; all_known && j < chain_only.ca_chain_count; ++j) {
-      Thumbprint ca{};
-      std::memcpy(ca.data(), chain_only.ca_chain[j], ca.size());
-      all_known = authorities_.count(ca) != 0;
-      if (all_known) authorities.emplace_back(ca, Bytes());
-    }
-    if (all_known) continue;
-    uint64_t ca_count = 0;
-    X509_Auth_ASN_1* cas = nullptr;
-    if (chain_only.ca_chain_count > 0 &&
-        X509_Auth_GetChainedCAsForCertificate(&chain_only, &ca_count, &cas) == 0) {
-      LibraryFree free_cas(cas);
-      for (uint64_t j = 0; j < ca_count; ++j)
-        if (cas[j].data != nullptr)
-          authorities.emplace_back(Thumbprint{}, Bytes(cas[j].data, cas[j].data + cas[j].length));
-    }
+    AddClient(*record, listing.needs_login, current);
+    AddChain(*record, authorities);
   }
   for (auto& [thumbprint, der] : authorities) {
     if (!der.empty()) thumbprint = CertificateObjects::ThumbprintOf(der);
@@ -159,15 +139,46 @@ bool ObjectCatalog::Refresh(bool token_certificates) {
   by_id_.clear();
   for (const auto& [handle, object] : current_)
     if (const Bytes* id = object->Find(CKA_ID)) by_id_[*id].push_back(handle);
-  needs_login_ = needs_login;
-  files_asking_ = std::move(files_asking);
-  tokens_asking_ = std::move(tokens_asking);
-  probed_ = std::move(probed);
-  listed_version_ = versioned ? version : 0;
-  listed_tokens_ = token_certificates;
-  LogLine(LogLevel::k_debug, "listing: %zu certificate(s), %zu object(s)", offered.size(),
-          current_.size());
-  return true;
+  needs_login_ = listing.needs_login;
+  files_asking_ = std::move(listing.files_asking);
+  tokens_asking_ = std::move(listing.tokens_asking);
+  probed_ = std::move(listing.probed);
+}
+
+void ObjectCatalog::AddClient(const X509_Auth_Certificate& record, bool keys_private,
+                              Objects& current) {
+  const Thumbprint thumbprint = ThumbprintOf(record);
+  Built& built = built_[thumbprint];
+  if (built.objects.empty() || built.keys_private != keys_private) {
+    const Bytes der(record.encoded, record.encoded + record.encoded_length);
+    built.objects = CertificateObjects::Client(thumbprint, der, keys_private);
+    built.keys_private = keys_private;
+  }
+  for (const auto& object : built.objects) current[HandleFor(thumbprint, object->Kind())] = object;
+}
+
+void ObjectCatalog::AddChain(const X509_Auth_Certificate& record,
+                             std::vector<std::pair<Thumbprint, Bytes>>& authorities) const {
+  X509_Auth_Certificate chain_only = ChainOnly(record);
+  // CA certificates already made are taken from what is kept (the store
+  // the library builds chains with only grows until C_Finalize); the
+  // library is asked only for a chain with one not made yet.
+  bool all_known = chain_only.ca_chain != nullptr || chain_only.ca_chain_count == 0;
+  for (uint64_t j = 0; all_known && j < chain_only.ca_chain_count; ++j) {
+    Thumbprint ca{};
+    std::memcpy(ca.data(), chain_only.ca_chain[j], ca.size());
+    all_known = authorities_.count(ca) != 0;
+    if (all_known) authorities.emplace_back(ca, Bytes());
+  }
+  if (all_known) return;
+  uint64_t ca_count = 0;
+  LibraryOwned<X509_Auth_ASN_1> cas;
+  if (X509_Auth_GetChainedCAsForCertificate(&chain_only, &ca_count, Receive(cas)) != 0) return;
+  for (uint64_t j = 0; j < ca_count; ++j) {
+    const X509_Auth_ASN_1& ca = cas.get()[j];
+    if (ca.data != nullptr)
+      authorities.emplace_back(Thumbprint{}, Bytes(ca.data, ca.data + ca.length));
+  }
 }
 
 std::vector<CK_OBJECT_HANDLE> ObjectCatalog::Find(const CK_ATTRIBUTE* templ, CK_ULONG count,

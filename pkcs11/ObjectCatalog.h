@@ -17,6 +17,7 @@
 
 #include "KeyFileProbe.h"
 #include "TokenObject.h"
+#include "x509_auth.h"
 #include "x509auth/LeftOutCertificates.h"
 
 namespace x509auth_pkcs11 {
@@ -50,6 +51,29 @@ class ObjectCatalog {
   void Clear();
 
  private:
+  using Objects = std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>>;
+  // What one listing offers, before any object is made from it.
+  struct Listing {
+    std::vector<const X509_Auth_Certificate*> offered;
+    bool needs_login = false;
+    std::vector<Thumbprint> files_asking, tokens_asking;
+    // Every key path the listing names, offered or not, to name the
+    // certificates it leaves out.
+    std::vector<std::string> key_paths;
+    std::vector<std::pair<std::string, bool>> probed;
+  };
+
+  // The steps of Refresh: which records are offered and whose keys ask
+  // (probing key files), then the objects made or taken from what is kept.
+  Listing Sort(const X509_Auth_Certificate* certificates, uint64_t count, bool token_certificates);
+  void Build(Listing& listing);
+  // A client certificate's objects (certificate, public and private key),
+  // made once per thumbprint and per privacy of its keys.
+  void AddClient(const X509_Auth_Certificate& record, bool keys_private, Objects& current);
+  // The CA certificates of the record's chain, appended to |authorities|:
+  // thumbprints alone for those already made, encodings for the others.
+  void AddChain(const X509_Auth_Certificate& record,
+                std::vector<std::pair<Thumbprint, Bytes>>& authorities) const;
   CK_OBJECT_HANDLE HandleFor(const Thumbprint& thumbprint, ObjectKind kind);
   // Whether every key file the latest listing probed is still as encrypted
   // (or not) as it was then.
@@ -63,7 +87,7 @@ class ObjectCatalog {
   std::map<Thumbprint, std::shared_ptr<const TokenObject>> authorities_;
   std::map<std::pair<Thumbprint, int>, CK_OBJECT_HANDLE> handles_;
   CK_OBJECT_HANDLE next_handle_ = 1;
-  std::map<CK_OBJECT_HANDLE, std::shared_ptr<const TokenObject>> current_;
+  Objects current_;
   // The handles of current_ by their CKA_ID, each list in handle order.
   std::map<Bytes, std::vector<CK_OBJECT_HANDLE>> by_id_;
   KeyFileProbe probe_;

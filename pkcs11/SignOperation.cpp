@@ -44,10 +44,8 @@ CK_RV SignOperation::Begin(const CK_MECHANISM& mechanism, std::shared_ptr<const 
     return CKR_MECHANISM_PARAM_INVALID;
   }
   if (found->hashing != nullptr) {
-    made->running_.reset(EVP_MD_CTX_new());
-    if (made->running_ == nullptr ||
-        EVP_DigestInit_ex(made->running_.get(), found->hashing->digest(), nullptr) != 1)
-      return CKR_HOST_MEMORY;
+    made->running_ = Mechanisms::BeginDigest(*found->hashing);
+    if (made->running_ == nullptr) return CKR_HOST_MEMORY;
   }
   operation = std::move(made);
   return CKR_OK;
