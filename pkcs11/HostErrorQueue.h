@@ -6,8 +6,9 @@
 // program's errors are taken out on entry, and on exit what the module left
 // is dropped and the program's errors are put back: every call leaves the
 // queue as it found it, however many errors the call made.
-#include <string>
 #include <vector>
+
+#include "x509auth/OpenSslErrorQueue.h"
 
 namespace x509auth_pkcs11 {
 
@@ -19,16 +20,8 @@ class HostErrorQueue {
   HostErrorQueue& operator=(const HostErrorQueue&) = delete;
 
  private:
-  struct Error {
-    unsigned long code = 0;
-    std::string file;
-    int line = 0;
-    std::string function;
-    std::string data;
-    bool has_text = false;
-  };
   // Oldest first, as the queue held them.
-  std::vector<Error> saved_;
+  std::vector<x509auth_common::QueuedOpenSslError> saved_;
   // Marks the program had set (ERR_set_mark). OpenSSL does not tell on
   // which error each sits; they go back on the newest, where a mark made
   // just before calling the module was.

@@ -5,8 +5,9 @@
 // error off the queue, which would be the application's. So the queued
 // errors are set aside first (code, place and data), everything the call
 // queues is dropped, and the application's are queued again as they were.
-#include <string>
 #include <vector>
+
+#include "x509auth/OpenSslErrorQueue.h"
 
 namespace x509auth_provider {
 
@@ -18,13 +19,7 @@ class ErrorQueueGuard {
   ErrorQueueGuard& operator=(const ErrorQueueGuard&) = delete;
 
  private:
-  struct SavedError {
-    unsigned long code = 0;
-    std::string file, function, data;
-    int line = 0;
-    bool has_data = false;
-  };
-  std::vector<SavedError> saved_;
+  std::vector<x509auth_common::QueuedOpenSslError> saved_;
 };
 
 }  // namespace x509auth_provider

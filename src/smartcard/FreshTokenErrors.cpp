@@ -2,12 +2,13 @@
 
 namespace quorvant::shared::x509 {
 
-FreshTokenErrors::FreshTokenErrors() : set_aside_(TokenLoss::TakeErrorQueue()) {}
+FreshTokenErrors::FreshTokenErrors() : set_aside_(x509auth_common::TakeOpenSslErrors()) {}
 
 FreshTokenErrors::~FreshTokenErrors() {
-  const std::vector<TokenLoss::QueuedError> fresh = TokenLoss::TakeErrorQueue();
-  TokenLoss::RaiseAgain(set_aside_);
-  TokenLoss::RaiseAgain(fresh);
+  const std::vector<x509auth_common::QueuedOpenSslError> fresh =
+      x509auth_common::TakeOpenSslErrors();
+  x509auth_common::RaiseOpenSslErrors(set_aside_);
+  x509auth_common::RaiseOpenSslErrors(fresh);
 }
 
 bool FreshTokenErrors::LostOrStale() const {

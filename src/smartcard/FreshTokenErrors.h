@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "smartcard/TokenLoss.h"
+#include "x509auth/OpenSslErrorQueue.h"
 
 namespace quorvant::shared::x509 {
 
@@ -27,7 +28,7 @@ class FreshTokenErrors {
   bool LostOrStale() const;
 
  private:
-  std::vector<TokenLoss::QueuedError> set_aside_;
+  std::vector<x509auth_common::QueuedOpenSslError> set_aside_;
 };
 
 }  // namespace quorvant::shared::x509

@@ -1,9 +1,6 @@
 #pragma once
 #include <p11-kit/pkcs11.h>
 
-#include <string>
-#include <vector>
-
 namespace quorvant::shared::x509 {
 
 // Recognises the results that mean a token, or the sessions on it, went
@@ -12,16 +9,6 @@ namespace quorvant::shared::x509 {
 // such a failure earns one fresh listing and one retry.
 class TokenLoss {
  public:
-  // One entry of OpenSSL's error queue, enough to raise it again.
-  struct QueuedError {
-    unsigned long code;
-    const char* file;
-    int line;
-    const char* function;
-    std::string data;
-    bool has_data;
-  };
-
   static bool IsLossResult(CK_RV result);
   // CKR_KEY_HANDLE_INVALID and CKR_OBJECT_HANDLE_INVALID: a key found
   // earlier that the token no longer has under that handle (a token
@@ -37,11 +24,6 @@ class TokenLoss {
   // The first result recorded by libp11 for which |matches| holds, or
   // CKR_OK; the queue is left as it was found.
   static CK_RV FirstInErrorQueue(bool (*matches)(CK_RV));
-
-  // OpenSSL offers no way to read past the oldest entry without taking it:
-  // the queue is taken whole, and raised again in the same order.
-  static std::vector<QueuedError> TakeErrorQueue();
-  static void RaiseAgain(const std::vector<QueuedError>& errors);
 };
 
 }  // namespace quorvant::shared::x509
