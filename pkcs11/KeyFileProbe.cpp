@@ -31,11 +31,7 @@ bool KeyFileProbe::IsEncrypted(const std::string& path) {
   if (const auto known = known_.find(path); known != known_.end()) {
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-        known->second.device == status.st_dev && known->second.inode == status.st_ino &&
-        known->second.size == status.st_size &&
-        known->second.modified_ns ==
-            status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec &&
-        known->second.changed_ns == status.st_ctim.tv_sec * 1000000000LL + status.st_ctim.tv_nsec)
+        known->second.identity == x509auth_common::FileIdentity::Of(status))
       return known->second.encrypted;
   }
   // Opened without blocking and checked on the descriptor: a FIFO or a
@@ -58,18 +54,10 @@ bool KeyFileProbe::IsEncrypted(const std::string& path) {
     return false;
   }
   refused_.erase(path);
-  const struct stat& status = file.Status();
   Entry entry;
-  entry.device = status.st_dev;
-  entry.inode = status.st_ino;
-  entry.size = status.st_size;
-  entry.modified_ns = status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec;
-  entry.changed_ns = status.st_ctim.tv_sec * 1000000000LL + status.st_ctim.tv_nsec;
+  entry.identity = x509auth_common::FileIdentity::Of(file.Status());
   const auto found = known_.find(path);
-  if (found != known_.end() && found->second.device == entry.device &&
-      found->second.inode == entry.inode && found->second.size == entry.size &&
-      found->second.modified_ns == entry.modified_ns &&
-      found->second.changed_ns == entry.changed_ns)
+  if (found != known_.end() && found->second.identity == entry.identity)
     return found->second.encrypted;
   std::vector<unsigned char> bytes;
   if (!file.ReadAll(bytes)) {

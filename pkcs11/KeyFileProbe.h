@@ -9,6 +9,8 @@
 #include <map>
 #include <string>
 
+#include "x509auth/FileIdentity.h"
+
 namespace x509auth_pkcs11 {
 
 class KeyFileProbe {
@@ -22,11 +24,7 @@ class KeyFileProbe {
 
  private:
   struct Entry {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    long long modified_ns = 0;
-    long long changed_ns = 0;
+    x509auth_common::FileIdentity identity;
     bool encrypted = false;
   };
   std::map<std::string, Entry> known_;

@@ -4,9 +4,10 @@
 #include <ctime>
 #include <tuple>
 
-namespace quorvant::shared::x509 {
+namespace x509auth_common {
 
-// What tells one version of a file from another without reading it:
+// What tells one version of a file from another without reading it
+// (the library's kept files, the PKCS#11 module's key-file probe):
 // device, inode, size, modification and change times. Those times move in
 // clock ticks, so a file changed within the last seconds could change again
 // and keep them all: Settled() says whether they can vouch for it.
@@ -40,4 +41,4 @@ struct FileIdentity {
   bool operator!=(const FileIdentity& other) const { return !(*this == other); }
 };
 
-}  // namespace quorvant::shared::x509
+}  // namespace x509auth_common

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <tuple>
 #include <vector>
 
 #include "files/CertificateFiles.h"
@@ -30,11 +29,6 @@ X509Ptr AnotherReference(const X509Ptr& cert) {
 }
 
 }  // namespace
-
-bool CertificateFileCache::Identity::operator==(const Identity& other) const {
-  return std::tie(device, inode, size, modified_ns, changed_ns) ==
-         std::tie(other.device, other.inode, other.size, other.modified_ns, other.changed_ns);
-}
 
 CertificateFileCache::CertificateFileCache(std::size_t capacity)
     : capacity_(std::max<std::size_t>(capacity, 2)) {}
@@ -63,23 +57,26 @@ std::shared_ptr<const CertificateFile> MakeRecord(X509Ptr cert, const std::strin
   return file;
 }
 
-long long Nanoseconds(const statx_timestamp& time) {
-  return static_cast<long long>(time.tv_sec) * k_ns_per_second + time.tv_nsec;
+timespec Timespec(const statx_timestamp& time) {
+  timespec converted{};
+  converted.tv_sec = static_cast<time_t>(time.tv_sec);
+  converted.tv_nsec = static_cast<long>(time.tv_nsec);
+  return converted;
 }
 
 // The file's status, links followed, as stat gives it, and the mount it is
 // on where the kernel tells. Where statx itself is unavailable (an old
 // kernel, a filter that refuses it) fstatat gives all but the mount.
-bool TakeStatus(int directory, const char* name, CertificateFileCache::Facts* facts, dev_t* device,
-                ino_t* inode, off_t* size, long long* modified_ns, long long* changed_ns) {
+bool TakeStatus(int directory, const char* name, CertificateFileCache::Facts* facts,
+                FileIdentity* identity) {
   struct statx status {};
   if (statx(directory, name, AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_MNT_ID, &status) ==
       0) {
-    *device = makedev(status.stx_dev_major, status.stx_dev_minor);
-    *inode = status.stx_ino;
-    *size = static_cast<off_t>(status.stx_size);
-    *modified_ns = Nanoseconds(status.stx_mtime);
-    *changed_ns = Nanoseconds(status.stx_ctime);
+    identity->device = makedev(status.stx_dev_major, status.stx_dev_minor);
+    identity->inode = status.stx_ino;
+    identity->size = static_cast<off_t>(status.stx_size);
+    identity->modified = Timespec(status.stx_mtime);
+    identity->changed = Timespec(status.stx_ctime);
     facts->links = status.stx_nlink;
     facts->mount_known = (status.stx_mask & STATX_MNT_ID) != 0;
     facts->mount_id = status.stx_mnt_id;
@@ -88,11 +85,7 @@ bool TakeStatus(int directory, const char* name, CertificateFileCache::Facts* fa
   if (errno != ENOSYS && errno != EPERM) return false;
   struct stat fallback {};
   if (fstatat(directory, name, &fallback, 0) != 0) return false;
-  *device = fallback.st_dev;
-  *inode = fallback.st_ino;
-  *size = fallback.st_size;
-  *modified_ns = Nanoseconds(fallback.st_mtim);
-  *changed_ns = Nanoseconds(fallback.st_ctim);
+  *identity = FileIdentity::Of(fallback);
   facts->links = fallback.st_nlink;
   return true;
 }
@@ -106,11 +99,10 @@ std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory,
   Facts ignored;
   if (facts == nullptr) facts = &ignored;
   *facts = Facts();
-  Identity identity;
+  FileIdentity identity;
   // What cannot be identified is read as it is, and not kept. Relative to
   // the open directory the lookup costs less than walking the whole path.
-  if (!TakeStatus(directory, name, facts, &identity.device, &identity.inode, &identity.size,
-                  &identity.modified_ns, &identity.changed_ns)) {
+  if (!TakeStatus(directory, name, facts, &identity)) {
     X509Ptr cert = ReadX509FromDerOrPemFile(cert_path, &facts->refusal, &facts->reason);
     if (!cert) return nullptr;
     return MakeRecord(std::move(cert), cert_path, key_path);
@@ -158,7 +150,7 @@ std::shared_ptr<const CertificateFile> CertificateFileCache::Read(int directory,
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   const long long settled = Nanoseconds(now) - k_ns_per_second;
-  if (identity.modified_ns < settled && identity.changed_ns < settled) {
+  if (Nanoseconds(identity.modified) < settled && Nanoseconds(identity.changed) < settled) {
     facts->settled = true;
     std::lock_guard<std::mutex> lock(mutex_);
     if (entries_.size() >= capacity_) EvictOldHalf();

@@ -11,6 +11,7 @@
 
 #include "base/OpenSslPtr.h"
 #include "files/CertificateFile.h"
+#include "files/FileIdentity.h"
 #include "x509auth/RegularFile.h"
 
 namespace quorvant::shared::x509 {
@@ -71,16 +72,8 @@ class CertificateFileCache {
   void Clear();
 
  private:
-  struct Identity {
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    long long modified_ns = 0;
-    long long changed_ns = 0;
-    bool operator==(const Identity& other) const;
-  };
   struct Entry {
-    Identity identity;
+    FileIdentity identity;
     std::shared_ptr<const CertificateFile> file;  // null: no certificate in it
     std::uint64_t last_used = 0;
   };
