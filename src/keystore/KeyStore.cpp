@@ -19,6 +19,7 @@
 #include "keystore/CertificateRecords.h"
 #include "keystore/KeyOperation.h"
 #include "keystore/OfferDecision.h"
+#include "keystore/TokenLossRetry.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/TokenPrivateKey.h"
 #include "smartcard/TokenWatch.h"
@@ -94,17 +95,8 @@ std::optional<X509_Auth_Result> OpenForKeyOperation(const Thumbprint& thumbprint
 // attempt's hold on the old listing is gone before the second lists again.
 template <typename Attempt>
 auto WithOneRetryAfterTokenLoss(Attempt attempt) {
-  const std::shared_ptr<Libp11Context> context =
-      TokenWatch::Enabled() ? Libp11Context::GetInstance() : nullptr;
-  if (context) context->TakeTokenLoss();
-  auto outcome = attempt();
-  if (outcome.result.code == X509_Auth_ResultCode_Success || !context || !context->TakeTokenLoss())
-    return outcome;
-  SafeCallbacksWrapper::Log(k_warning,
-                            "A token or its session went away during the operation; listing the "
-                            "tokens again and trying once more");
-  context->ForceRefresh();
-  return attempt();
+  return RetryOnceAfterTokenLoss(TokenWatch::Enabled() ? Libp11Context::GetInstance() : nullptr,
+                                 attempt, attempt);
 }
 
 // Opens a users' store and finds the certificate of a handed-out record, for

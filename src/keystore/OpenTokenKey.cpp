@@ -10,6 +10,7 @@
 #include "keystore/KeyOperation.h"
 #include "keystore/KeyStore.h"
 #include "keystore/OpenKey.h"
+#include "keystore/TokenLossRetry.h"
 #include "smartcard/Libp11Context.h"
 #include "smartcard/TokenWatch.h"
 #include "store/CertStore.h"
@@ -19,7 +20,6 @@ namespace quorvant::shared::x509 {
 namespace {
 
 constexpr auto k_info = X509_Auth_LogPriority_Info;
-constexpr auto k_warning = X509_Auth_LogPriority_Warning;
 constexpr auto k_error = X509_Auth_LogPriority_Error;
 
 X509_Auth_Result Outcome(std::int32_t code, std::uint64_t detail = 0) {
@@ -81,19 +81,14 @@ std::optional<X509_Auth_Result> OpenTokenKey::EnsureCurrent() {
 
 template <typename Operation>
 auto OpenTokenKey::WithKey(Operation operation) -> decltype(operation(std::declval<Key&>())) {
-  if (auto failure = EnsureCurrent()) return {nullptr, *failure};
-  const std::shared_ptr<Libp11Context> context =
-      TokenWatch::Enabled() ? key_->TokenContext() : nullptr;
-  if (context) context->TakeTokenLoss();
-  auto outcome = operation(*key_);
-  if (outcome.result.code == X509_Auth_ResultCode_Success || !context || !context->TakeTokenLoss())
-    return outcome;
-  SafeCallbacksWrapper::Log(k_warning,
-                            "A token or its session went away during the operation; listing the "
-                            "tokens again and trying once more");
-  context->ForceRefresh();
-  if (auto failure = FindAgain()) return {nullptr, *failure};
-  return operation(*key_);
+  using Outcome = decltype(operation(std::declval<Key&>()));
+  if (auto failure = EnsureCurrent()) return Outcome{nullptr, *failure};
+  return RetryOnceAfterTokenLoss(
+      TokenWatch::Enabled() ? key_->TokenContext() : nullptr, [&] { return operation(*key_); },
+      [&] {
+        if (auto failure = FindAgain()) return Outcome{nullptr, *failure};
+        return operation(*key_);
+      });
 }
 
 KeyStoreResult<X509_Auth_Signature> OpenTokenKey::SignHash(KeyStore& store,

@@ -1,5 +1,6 @@
 #pragma once
 #include <libp11.h>
+#include <p11-kit/pkcs11.h>
 
 #include <functional>
 #include <set>
@@ -39,6 +40,11 @@ class Libp11LoginHandler {
   const std::set<PKCS11_slot_st*>& LoggedInSlots() const { return logged_in_slots_; }
 
  private:
+  // Logs in to |slot| with the PIN the host gave; 0, else the failure's
+  // code after the lines and notice that tell the host what happened.
+  int LogIn(PKCS11_slot_st* slot, const char* pin);
+  // |lost|: the removal result libp11 recorded during the login, if any.
+  void ReportFailedLogin(const PKCS11_slot_st* slot, CK_RV lost) const;
   int ProbeSession(const PKCS11_slot_st* slot) const {
     return session_probe_ ? session_probe_(slot) : 0;
   }
