@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "FakeCertificate.h"
-#include "RecordingCallbacks.h"
+#include "RecordedCallbacksTest.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "cert/Key.h"
@@ -16,19 +16,7 @@
 namespace quorvant::shared::x509 {
 namespace {
 
-using x509auth_test::Bytes;
-using x509auth_test::CertOptions;
-using x509auth_test::FakeCertificate;
-using x509auth_test::KeyKind;
-using x509auth_test::KeyToPem;
-using x509auth_test::MakeCert;
-using x509auth_test::PinAnswer;
-using x509auth_test::RecordingCallbacks;
-using x509auth_test::SharedKey;
-using x509auth_test::TempDir;
-using x509auth_test::TestKey;
-using x509auth_test::TestX509;
-using x509auth_test::WriteFile;
+using namespace x509auth_test;
 
 constexpr const char* k_file_cert_failed = "Error loading private key for file system cert: [%s]";
 constexpr const char* k_encoded = "Cannot load private key for encoded cert: [%s]";
@@ -43,20 +31,8 @@ struct FileCredential {
   std::filesystem::path key_path;
 };
 
-class KeyTest : public ::testing::Test {
+class KeyTest : public RecordedCallbacksTest {
  protected:
-  void SetUp() override {
-    rec().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
-    ERR_clear_error();
-  }
-  void TearDown() override {
-    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
-    rec().Reset();
-    ERR_clear_error();
-  }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
-
   FileCredential Credential(KeyKind kind, const std::string& name, const char* password = nullptr) {
     FileCredential credential;
     credential.key = SharedKey(kind);

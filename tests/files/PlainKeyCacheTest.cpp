@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "RecordingCallbacks.h"
+#include "RecordedCallbacksTest.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/PlainKeyCache.h"
@@ -20,11 +20,10 @@ namespace {
 
 using namespace x509auth_test;
 
-class PlainKeyCacheTest : public ::testing::Test {
+class PlainKeyCacheTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    rec().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
+    RecordedCallbacksTest::SetUp();
     PlainKeyCache::GetInstance().Clear();
     key_ = SharedKey(KeyKind::k_ec);
     cert_ = MakeCert(CertOptions{}, key_.get());
@@ -33,11 +32,8 @@ class PlainKeyCacheTest : public ::testing::Test {
   }
   void TearDown() override {
     PlainKeyCache::GetInstance().Clear();
-    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
-    rec().Reset();
-    ERR_clear_error();
+    RecordedCallbacksTest::TearDown();
   }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
   EvpPkeyPtr Get() { return PlainKeyCache::GetInstance().Get(cert_.get(), cert_path_, key_path_); }
 
   TempDir dir_;

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "ForkedChild.h"
-#include "RecordingCallbacks.h"
+#include "RecordedCallbacksTest.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/PrivateKeyFiles.h"
@@ -20,22 +20,7 @@
 namespace quorvant::shared::x509 {
 namespace {
 
-using x509auth_test::Bytes;
-using x509auth_test::CertOptions;
-using x509auth_test::KeyKind;
-using x509auth_test::KeyToDer;
-using x509auth_test::KeyToEncryptedDer;
-using x509auth_test::KeyToPem;
-using x509auth_test::KeyToTraditionalDer;
-using x509auth_test::KeyToTraditionalPem;
-using x509auth_test::MakeCert;
-using x509auth_test::PinAnswer;
-using x509auth_test::RecordingCallbacks;
-using x509auth_test::SharedKey;
-using x509auth_test::TempDir;
-using x509auth_test::TestKey;
-using x509auth_test::TestX509;
-using x509auth_test::WriteFile;
+using namespace x509auth_test;
 
 // The buffer OpenSSL 3.0 hands to a PEM password callback (PEM_BUFSIZE):
 // found by experiment, pinned by the two length tests below.
@@ -47,23 +32,15 @@ constexpr const char* k_does_not_exist = "Private key file [%s] does not exist";
 constexpr const char* k_failed_to_parse = "Failed to parse private key file [%s]";
 constexpr const char* k_does_not_match = "Private key file [%s] does not appear to match cert [%s]";
 
-class PrivateKeyFilesTest : public ::testing::Test {
+class PrivateKeyFilesTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    rec().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
-    ERR_clear_error();
+    RecordedCallbacksTest::SetUp();
     key_ = SharedKey(KeyKind::k_rsa);
     cert_ = MakeCert(CertOptions{}, key_.get());
     key_path_ = dir_ / "leaf.pem.key";
     cert_path_ = dir_ / "leaf.pem";
   }
-  void TearDown() override {
-    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
-    rec().Reset();
-    ERR_clear_error();
-  }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
   static bool Same(const EvpPkeyPtr& read, EVP_PKEY* expected) {
     return read && EVP_PKEY_eq(read.get(), expected) == 1;
   }
