@@ -9,19 +9,11 @@
 #include "TestPki.h"
 #include "ViewerTestDirectory.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
 
 namespace fs = std::filesystem;
-using test::HasChild;
-using test::MakeFileCert;
-using test::NowSeconds;
-using test::ReadText;
-using test::ViewerTest;
-using test::WaitForChild;
 using x509auth_test::KeyKind;
-
-constexpr const char* k_name_failed = "Error geting temporary filename for cert: [%s]";
 
 // Runs every test with TMPDIR and PATH pointing into a test directory, where
 // a stand-in viewer records its arguments and copies the file it was given.
@@ -193,4 +185,4 @@ TEST_F(CertShowDialogTest, ViewerThatCannotBeExecutedLeavesTheChildReturningFals
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

@@ -16,19 +16,13 @@
 #include "TestPki.h"
 #include "ViewerTestDirectory.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
 
 namespace fs = std::filesystem;
-using test::HasChild;
-using test::NowSeconds;
-using test::ReadText;
-using test::ViewerTest;
 using x509auth_test::ChildOptions;
 using x509auth_test::k_nobody;
 using x509auth_test::RunInChild;
-
-constexpr const char* k_name_failed = "Error geting temporary filename for cert: [%s]";
 
 class ViewerFaultsTest : public ViewerTest {
  protected:
@@ -179,4 +173,4 @@ TEST_F(ViewerFaultsTest, ForkFailureIsLoggedAndReturnsFalse) {
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

@@ -17,6 +17,9 @@
 
 namespace quorvant::shared::x509::test {
 
+// The line logged when no file name can be had for the viewer.
+constexpr const char* k_name_failed = "Error geting temporary filename for cert: [%s]";
+
 inline std::string ReadText(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

@@ -14,6 +14,7 @@
 
 #include "ForkedChild.h"
 #include "RecordedCallbacksTest.h"
+#include "SparseFile.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/CertificateFiles.h"
@@ -22,11 +23,11 @@ namespace quorvant::shared::x509 {
 namespace {
 
 using namespace x509auth_test;
+using test::MakeSparseFile;
 
 class CertificateFilesTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    RecordedCallbacksTest::SetUp();
     key_ = SharedKey(KeyKind::k_rsa);
     CertOptions first;
     first.common_name = "First";
@@ -184,13 +185,6 @@ std::string ReadEveryWay(const std::filesystem::path& path) {
   report += ReadX509FromDerOrPemFile(path, &refusal, &reason) ? "cert" : "none";
   report += refusal == x509auth_common::RegularFile::Refusal::k_none ? "" : " [" + reason + "]";
   return report;
-}
-
-void MakeSparseFile(const std::filesystem::path& path, off_t size) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(ftruncate(fd, size), 0);
-  close(fd);
 }
 
 TEST_F(CertificateFilesTest, FifoIsRefusedByEveryReaderWithoutWaitingForAWriter) {

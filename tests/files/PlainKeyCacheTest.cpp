@@ -23,17 +23,13 @@ using namespace x509auth_test;
 class PlainKeyCacheTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    RecordedCallbacksTest::SetUp();
     PlainKeyCache::GetInstance().Clear();
     key_ = SharedKey(KeyKind::k_ec);
     cert_ = MakeCert(CertOptions{}, key_.get());
     key_path_ = dir_ / "leaf.pem.key";
     cert_path_ = dir_ / "leaf.pem";
   }
-  void TearDown() override {
-    PlainKeyCache::GetInstance().Clear();
-    RecordedCallbacksTest::TearDown();
-  }
+  void TearDown() override { PlainKeyCache::GetInstance().Clear(); }
   EvpPkeyPtr Get() { return PlainKeyCache::GetInstance().Get(cert_.get(), cert_path_, key_path_); }
 
   TempDir dir_;

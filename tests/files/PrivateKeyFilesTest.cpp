@@ -12,6 +12,7 @@
 
 #include "ForkedChild.h"
 #include "RecordedCallbacksTest.h"
+#include "SparseFile.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/PrivateKeyFiles.h"
@@ -21,6 +22,7 @@ namespace quorvant::shared::x509 {
 namespace {
 
 using namespace x509auth_test;
+using test::MakeSparseFile;
 
 // The buffer OpenSSL 3.0 hands to a PEM password callback (PEM_BUFSIZE):
 // found by experiment, pinned by the two length tests below.
@@ -35,7 +37,6 @@ constexpr const char* k_does_not_match = "Private key file [%s] does not appear 
 class PrivateKeyFilesTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    RecordedCallbacksTest::SetUp();
     key_ = SharedKey(KeyKind::k_rsa);
     cert_ = MakeCert(CertOptions{}, key_.get());
     key_path_ = dir_ / "leaf.pem.key";
@@ -46,6 +47,13 @@ class PrivateKeyFilesTest : public RecordedCallbacksTest {
   }
   std::string KeyPath() const { return key_path_.string(); }
   std::string Prompt() const { return "Enter password for: " + KeyPath(); }
+  // The key file read with |first| as the prompt's answer; the right
+  // password waits behind it, so a second prompt would succeed.
+  EvpPkeyPtr ReadAnswering(const PinAnswer& first) {
+    rec().ScriptAnswer(first);
+    rec().ScriptAnswer(PinAnswer::Value("s3cret"));
+    return ReadPrivateKeyFromPemFile(key_path_);
+  }
   void ExpectOnePasswordPrompt() const {
     ASSERT_EQ(rec().Prompts().size(), 1u);
     EXPECT_EQ(rec().Prompts()[0].title, "Enter password");
@@ -242,9 +250,7 @@ TEST_F(PrivateKeyFilesTest, EmptyPasswordIsHandedOverAsZeroBytesAndOpensItsKey) 
 
 TEST_F(PrivateKeyFilesTest, NonZeroStatusIsReleasedAndRefusedWhateverItsText) {
   WriteFile(key_path_, KeyToPem(key_.get(), "s3cret"));
-  rec().ScriptAnswer(PinAnswer::Status(1, "s3cret"));
-  rec().ScriptAnswer(PinAnswer::Value("s3cret"));
-  EXPECT_FALSE(ReadPrivateKeyFromPemFile(key_path_));
+  EXPECT_FALSE(ReadAnswering(PinAnswer::Status(1, "s3cret")));
   ExpectOnePasswordPrompt();
   EXPECT_EQ(rec().Releases(), 1);
   EXPECT_EQ(rec().Outstanding(), 0);
@@ -253,9 +259,7 @@ TEST_F(PrivateKeyFilesTest, NonZeroStatusIsReleasedAndRefusedWhateverItsText) {
 
 TEST_F(PrivateKeyFilesTest, CancelledPromptOnTraditionalPemIsAskedOncePerRead) {
   WriteFile(key_path_, KeyToTraditionalPem(key_.get(), "s3cret"));
-  rec().ScriptAnswer(PinAnswer::Status(-1));
-  rec().ScriptAnswer(PinAnswer::Value("s3cret"));
-  EXPECT_FALSE(ReadPrivateKeyFromPemFile(key_path_));
+  EXPECT_FALSE(ReadAnswering(PinAnswer::Status(-1)));
   ExpectOnePasswordPrompt();
   EXPECT_EQ(rec().Releases(), 1);
 }
@@ -273,9 +277,7 @@ TEST_F(PrivateKeyFilesTest, EachReadPromptsAfresh) {
 
 TEST_F(PrivateKeyFilesTest, NullResultIsARefusalWithNothingToRelease) {
   WriteFile(key_path_, KeyToPem(key_.get(), "s3cret"));
-  rec().ScriptAnswer(PinAnswer::NullResult());
-  rec().ScriptAnswer(PinAnswer::Value("s3cret"));
-  EXPECT_FALSE(ReadPrivateKeyFromPemFile(key_path_));
+  EXPECT_FALSE(ReadAnswering(PinAnswer::NullResult()));
   ExpectOnePasswordPrompt();
   EXPECT_EQ(rec().Releases(), 0);
 }
@@ -440,13 +442,6 @@ TEST_F(PrivateKeyFilesTest, FifoIsRefusedByEachReaderWithoutWaitingForAWriter) {
                            " Could not open private key file [" + KeyPath() +
                            "]. Error message [not a regular file]\n";
   EXPECT_EQ(report, "none none\n" + line + line);
-}
-
-void MakeSparseFile(const std::filesystem::path& path, off_t size) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(ftruncate(fd, size), 0);
-  close(fd);
 }
 
 TEST_F(PrivateKeyFilesTest, TwoGigabyteKeyFileIsNamedInOneLineAndNeverRead) {

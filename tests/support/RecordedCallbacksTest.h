@@ -12,12 +12,14 @@ namespace x509auth_test {
 
 class RecordedCallbacksTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  // Done at construction and destruction, so that a suite's own SetUp and
+  // TearDown need not call back here.
+  RecordedCallbacksTest() {
     rec().Reset();
     quorvant::shared::x509::SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
     ERR_clear_error();
   }
-  void TearDown() override {
+  ~RecordedCallbacksTest() override {
     quorvant::shared::x509::SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
     rec().Reset();
     ERR_clear_error();
