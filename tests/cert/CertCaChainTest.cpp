@@ -170,10 +170,7 @@ TEST_F(CertCaChainTest, MissingRootFailsWithError2AtDepth1) {
 TEST_F(CertCaChainTest, ExpiredChainFailsVerificationAndReturnsNoChain) {
   TestKey root_key = SharedKey(KeyKind::k_rsa, 100);
   TestKey leaf_key = SharedKey(KeyKind::k_rsa, 102);
-  CertOptions root_options;
-  root_options.common_name = "Expired Root";
-  root_options.is_ca = true;
-  root_options.key_usage = "critical,keyCertSign,cRLSign";
+  CertOptions root_options = x509auth_test::CaOptions("Expired Root");
   root_options.not_before = "100101000000Z";
   root_options.not_after = "110101000000Z";
   TestX509 root = MakeCert(root_options, root_key.get());
