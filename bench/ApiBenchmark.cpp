@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 
+#include "BenchMain.h"
 #include "BenchMaterial.h"
 #include "TestPki.h"
 #include "x509_auth.h"
@@ -329,14 +330,11 @@ X509AUTH_PAIR(BM_InitDeInit);
 // files on a user's machine are: the library keeps no parsed certificate of
 // a file changed within the last second.
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  for (int n : {10, 100, 1000}) {
-    MaterialFor(n);
-    MaterialFor(n, true);
-  }
-  sleep(2);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return x509auth_bench::RunBenchmarks(argc, argv, [] {
+    for (int n : {10, 100, 1000}) {
+      MaterialFor(n);
+      MaterialFor(n, true);
+    }
+    sleep(2);
+  });
 }

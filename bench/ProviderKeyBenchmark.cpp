@@ -25,6 +25,7 @@
 #include <string>
 #include <thread>
 
+#include "BenchMain.h"
 #include "MemoryHandshake.h"
 #include "ProviderContext.h"
 #include "TestPki.h"
@@ -204,13 +205,6 @@ BENCHMARK_CAPTURE(Handshakes, Rsa2048Locked_InMemory, k_rsa_locked, false)
 
 }  // namespace
 
-// The material is made before any benchmark runs, so that a profile of one
-// benchmark (callgrind --toggle-collect) holds its loop alone.
 int main(int argc, char** argv) {
-  Bench::Get();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return x509auth_bench::RunBenchmarks(argc, argv, [] { Bench::Get(); });
 }

@@ -22,6 +22,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "BenchMain.h"
 #include "BenchMaterial.h"
 #include "MemoryHandshake.h"
 #include "ProviderContext.h"
@@ -165,13 +166,6 @@ BENCHMARK_CAPTURE(Handshakes, TokenRsa2048_Engine, k_rsa, false)->Unit(benchmark
 
 }  // namespace
 
-// The material is made before any benchmark runs, so that a profile of one
-// benchmark (callgrind --toggle-collect) holds its loop alone.
 int main(int argc, char** argv) {
-  Bench::Get();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return x509auth_bench::RunBenchmarks(argc, argv, [] { Bench::Get(); });
 }
