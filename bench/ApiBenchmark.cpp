@@ -72,21 +72,19 @@ Material& Use(int n, bool cold = false) {
   return material;
 }
 
-X509* ReadPem(const fs::path& path) {
+// The first object |read| finds in the PEM file at |path|, or null.
+template <class T>
+T* ReadPemObject(const fs::path& path, T* (*read)(FILE*, T**, pem_password_cb*, void*)) {
   FILE* file = std::fopen(path.c_str(), "r");
   if (file == nullptr) return nullptr;
-  X509* cert = PEM_read_X509(file, nullptr, nullptr, nullptr);
+  T* object = read(file, nullptr, nullptr, nullptr);
   std::fclose(file);
-  return cert;
+  return object;
 }
 
-EVP_PKEY* ReadKey(const fs::path& path) {
-  FILE* file = std::fopen(path.c_str(), "r");
-  if (file == nullptr) return nullptr;
-  EVP_PKEY* key = PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
-  std::fclose(file);
-  return key;
-}
+X509* ReadPem(const fs::path& path) { return ReadPemObject(path, PEM_read_X509); }
+
+EVP_PKEY* ReadKey(const fs::path& path) { return ReadPemObject(path, PEM_read_PrivateKey); }
 
 // ---- Listing -------------------------------------------------------------
 
