@@ -17,6 +17,18 @@ namespace x509auth_bench {
 using SslCtxPtr = std::unique_ptr<SSL_CTX, x509auth_openssl::OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
 using SslPtr = std::unique_ptr<SSL, x509auth_openssl::OpenSslDeleter<SSL, SSL_free>>;
 
+// One step of |ssl|'s side of a handshake, none once it is |done|; false
+// when it failed rather than waited for the other side.
+inline bool HandshakeStep(SSL* ssl, bool& done) {
+  if (done) return true;
+  const int r = SSL_do_handshake(ssl);
+  if (r == 1)
+    done = true;
+  else if (SSL_get_error(ssl, r) != SSL_ERROR_WANT_READ)
+    return false;
+  return true;
+}
+
 // One full handshake over a memory BIO pair; false on failure.
 inline bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
   SslPtr client(SSL_new(client_ctx));
@@ -31,20 +43,8 @@ inline bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
   bool client_done = false;
   bool server_done = false;
   for (int round = 0; round < 100 && !(client_done && server_done); ++round) {
-    if (!client_done) {
-      const int r = SSL_do_handshake(client.get());
-      if (r == 1)
-        client_done = true;
-      else if (SSL_get_error(client.get(), r) != SSL_ERROR_WANT_READ)
-        return false;
-    }
-    if (!server_done) {
-      const int r = SSL_do_handshake(server.get());
-      if (r == 1)
-        server_done = true;
-      else if (SSL_get_error(server.get(), r) != SSL_ERROR_WANT_READ)
-        return false;
-    }
+    if (!HandshakeStep(client.get(), client_done) || !HandshakeStep(server.get(), server_done))
+      return false;
   }
   return client_done && server_done;
 }
