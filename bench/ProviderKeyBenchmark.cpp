@@ -17,7 +17,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -41,10 +40,7 @@ constexpr const char* k_password = "bench-secret";
 enum Material { k_p256, k_rsa, k_rsa_locked };
 
 int PemCallback(char* buffer, int size, int, void*) {
-  const int length = static_cast<int>(std::strlen(k_password));
-  if (length > size) return -1;
-  std::memcpy(buffer, k_password, static_cast<std::size_t>(length));
-  return length;
+  return x509auth_bench::AnswerPassword(buffer, size, k_password);
 }
 
 using x509auth_bench::LoadKeyThroughStore;

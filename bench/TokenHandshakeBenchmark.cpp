@@ -16,7 +16,6 @@
 #include <openssl/ui.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -39,10 +38,7 @@ constexpr int k_handshakes = 500;
 enum Kind { k_p256, k_rsa };
 
 int PinCallback(char* buffer, int size, int, void*) {
-  const int length = static_cast<int>(std::strlen(SoftHsmToken::k_default_pin));
-  if (length > size) return -1;
-  std::memcpy(buffer, SoftHsmToken::k_default_pin, static_cast<std::size_t>(length));
-  return length;
+  return x509auth_bench::AnswerPassword(buffer, size, SoftHsmToken::k_default_pin);
 }
 
 // Releases the engine's functional and structural references.
