@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 
+#include "BenchMain.h"
 #include "BenchMaterial.h"
 #include "TestPki.h"
 #include "x509_auth.h"
@@ -71,33 +72,37 @@ Material& Use(int n, bool cold = false) {
   return material;
 }
 
-X509* ReadPem(const fs::path& path) {
+// The first object |read| finds in the PEM file at |path|, or null.
+template <class T>
+T* ReadPemObject(const fs::path& path, T* (*read)(FILE*, T**, pem_password_cb*, void*)) {
   FILE* file = std::fopen(path.c_str(), "r");
   if (file == nullptr) return nullptr;
-  X509* cert = PEM_read_X509(file, nullptr, nullptr, nullptr);
+  T* object = read(file, nullptr, nullptr, nullptr);
   std::fclose(file);
-  return cert;
+  return object;
 }
 
-EVP_PKEY* ReadKey(const fs::path& path) {
-  FILE* file = std::fopen(path.c_str(), "r");
-  if (file == nullptr) return nullptr;
-  EVP_PKEY* key = PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
-  std::fclose(file);
-  return key;
-}
+X509* ReadPem(const fs::path& path) { return ReadPemObject(path, PEM_read_X509); }
+
+EVP_PKEY* ReadKey(const fs::path& path) { return ReadPemObject(path, PEM_read_PrivateKey); }
 
 // ---- Listing -------------------------------------------------------------
+
+// One listing through the API, as a host makes it: whether it listed every
+// certificate of |m|.
+bool ListsAll(const Material& m) {
+  uint64_t count = 0;
+  const X509_Auth_Certificate* certificates = nullptr;
+  const bool listed = X509_Auth_LoadClientCertificates(&count, &certificates) &&
+                      count == static_cast<uint64_t>(m.count);
+  X509_Auth_Free(certificates);
+  return listed;
+}
 
 void BM_List_Library(benchmark::State& state) {
   Material& m = Use(static_cast<int>(state.range(0)));
   for (auto _ : state) {
-    uint64_t count = 0;
-    const X509_Auth_Certificate* certificates = nullptr;
-    if (!X509_Auth_LoadClientCertificates(&count, &certificates) ||
-        count != static_cast<uint64_t>(m.count))
-      state.SkipWithError("listing failed");
-    X509_Auth_Free(certificates);
+    if (!ListsAll(m)) state.SkipWithError("listing failed");
   }
 }
 
@@ -132,12 +137,7 @@ void BM_ListCold_Library(benchmark::State& state) {
     for (const fs::directory_entry& entry : fs::directory_iterator(m.base / "certs"))
       fs::last_write_time(entry.path(), fs::file_time_type::clock::now());
     state.ResumeTiming();
-    uint64_t count = 0;
-    const X509_Auth_Certificate* certificates = nullptr;
-    if (!X509_Auth_LoadClientCertificates(&count, &certificates) ||
-        count != static_cast<uint64_t>(m.count))
-      state.SkipWithError("listing failed");
-    X509_Auth_Free(certificates);
+    if (!ListsAll(m)) state.SkipWithError("listing failed");
   }
 }
 
@@ -329,14 +329,11 @@ X509AUTH_PAIR(BM_InitDeInit);
 // files on a user's machine are: the library keeps no parsed certificate of
 // a file changed within the last second.
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  for (int n : {10, 100, 1000}) {
-    MaterialFor(n);
-    MaterialFor(n, true);
-  }
-  sleep(2);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return x509auth_bench::RunBenchmarks(argc, argv, [] {
+    for (int n : {10, 100, 1000}) {
+      MaterialFor(n);
+      MaterialFor(n, true);
+    }
+    sleep(2);
+  });
 }

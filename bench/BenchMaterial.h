@@ -66,6 +66,18 @@ struct Material {
   int count = 0;
 };
 
+// The PKCS#11 module's settings for |material|: its base directory, its CA
+// as "ca.der" beside it, and no token module, log or configuration file.
+inline void SetModuleEnvironment(const Material& material) {
+  WriteFile(material.dir.path() / "ca.der", material.ca_der);
+  setenv("X509AUTH_DIRS", material.base.c_str(), 1);
+  setenv("X509AUTH_HOME_DIRS", "", 1);
+  setenv("X509AUTH_CA_FILES", (material.dir.path() / "ca.der").c_str(), 1);
+  setenv("X509AUTH_MODULE", "", 1);
+  setenv("X509AUTH_LOG", "none", 1);
+  setenv("X509AUTH_PKCS11_CONF", "/nonexistent", 1);
+}
+
 // One working directory with the OpenSC module for the whole process.
 inline void EnterWorkingDirectory() {
   static TempDir work;

@@ -1,12 +1,14 @@
 #pragma once
 // What the provider's benchmarks share: one TLS handshake between a client
-// and a server in memory, and a key loaded through the provider's store.
+// and a server in memory, a key loaded through the provider's store, and
+// the answer to its password prompt.
 #include <benchmark/benchmark.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/store.h>
 #include <openssl/ui.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -16,6 +18,27 @@ namespace x509auth_bench {
 
 using SslCtxPtr = std::unique_ptr<SSL_CTX, x509auth_openssl::OpenSslDeleter<SSL_CTX, SSL_CTX_free>>;
 using SslPtr = std::unique_ptr<SSL, x509auth_openssl::OpenSslDeleter<SSL, SSL_free>>;
+
+// A PEM password callback's answer: |password| copied into |buffer|, or -1
+// when it does not fit in |size| bytes.
+inline int AnswerPassword(char* buffer, int size, const char* password) {
+  const int length = static_cast<int>(std::strlen(password));
+  if (length > size) return -1;
+  std::memcpy(buffer, password, static_cast<std::size_t>(length));
+  return length;
+}
+
+// One step of |ssl|'s side of a handshake, none once it is |done|; false
+// when it failed rather than waited for the other side.
+inline bool HandshakeStep(SSL* ssl, bool& done) {
+  if (done) return true;
+  const int r = SSL_do_handshake(ssl);
+  if (r == 1)
+    done = true;
+  else if (SSL_get_error(ssl, r) != SSL_ERROR_WANT_READ)
+    return false;
+  return true;
+}
 
 // One full handshake over a memory BIO pair; false on failure.
 inline bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
@@ -31,20 +54,8 @@ inline bool Handshake(SSL_CTX* client_ctx, SSL_CTX* server_ctx) {
   bool client_done = false;
   bool server_done = false;
   for (int round = 0; round < 100 && !(client_done && server_done); ++round) {
-    if (!client_done) {
-      const int r = SSL_do_handshake(client.get());
-      if (r == 1)
-        client_done = true;
-      else if (SSL_get_error(client.get(), r) != SSL_ERROR_WANT_READ)
-        return false;
-    }
-    if (!server_done) {
-      const int r = SSL_do_handshake(server.get());
-      if (r == 1)
-        server_done = true;
-      else if (SSL_get_error(server.get(), r) != SSL_ERROR_WANT_READ)
-        return false;
-    }
+    if (!HandshakeStep(client.get(), client_done) || !HandshakeStep(server.get(), server_done))
+      return false;
   }
   return client_done && server_done;
 }

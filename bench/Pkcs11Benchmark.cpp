@@ -32,13 +32,7 @@ CK_FUNCTION_LIST* Module() {
 // The module initialised over N certificates, with one session.
 struct Setup {
   explicit Setup(int n) : material(n) {
-    WriteFile(material.dir.path() / "ca.der", material.ca_der);
-    setenv("X509AUTH_DIRS", material.base.c_str(), 1);
-    setenv("X509AUTH_HOME_DIRS", "", 1);
-    setenv("X509AUTH_CA_FILES", (material.dir.path() / "ca.der").c_str(), 1);
-    setenv("X509AUTH_MODULE", "", 1);
-    setenv("X509AUTH_LOG", "none", 1);
-    setenv("X509AUTH_PKCS11_CONF", "/nonexistent", 1);
+    SetModuleEnvironment(material);
     Module()->C_Finalize(nullptr);
     if (Module()->C_Initialize(nullptr) != CKR_OK) std::abort();
     if (Module()->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK)

@@ -78,13 +78,7 @@ struct Setup {
     hsm.InitToken("Bench");
     hsm.ImportCertAndKey("Bench", material.rsa.get(), SharedKeys().rsa_key.get(), "01", "rsa");
     hsm.ImportCertAndKey("Bench", material.ec.get(), SharedKeys().ec_key.get(), "02", "ec");
-    WriteFile(material.dir.path() / "ca.der", material.ca_der);
-    setenv("X509AUTH_DIRS", material.base.c_str(), 1);
-    setenv("X509AUTH_HOME_DIRS", "", 1);
-    setenv("X509AUTH_CA_FILES", (material.dir.path() / "ca.der").c_str(), 1);
-    setenv("X509AUTH_MODULE", "", 1);
-    setenv("X509AUTH_LOG", "none", 1);
-    setenv("X509AUTH_PKCS11_CONF", "/nonexistent", 1);
+    SetModuleEnvironment(material);
     module.Start(Load(X509AUTH_PKCS11_MODULE_PATH), material.rsa_thumbprint,
                  material.ec_thumbprint);
     softhsm.Start(Load(SoftHsmToken::ModulePath().string()), Bytes{0x01}, Bytes{0x02});

@@ -17,7 +17,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -25,6 +24,7 @@
 #include <string>
 #include <thread>
 
+#include "BenchMain.h"
 #include "MemoryHandshake.h"
 #include "ProviderContext.h"
 #include "TestPki.h"
@@ -40,10 +40,7 @@ constexpr const char* k_password = "bench-secret";
 enum Material { k_p256, k_rsa, k_rsa_locked };
 
 int PemCallback(char* buffer, int size, int, void*) {
-  const int length = static_cast<int>(std::strlen(k_password));
-  if (length > size) return -1;
-  std::memcpy(buffer, k_password, static_cast<std::size_t>(length));
-  return length;
+  return x509auth_bench::AnswerPassword(buffer, size, k_password);
 }
 
 using x509auth_bench::LoadKeyThroughStore;
@@ -204,13 +201,6 @@ BENCHMARK_CAPTURE(Handshakes, Rsa2048Locked_InMemory, k_rsa_locked, false)
 
 }  // namespace
 
-// The material is made before any benchmark runs, so that a profile of one
-// benchmark (callgrind --toggle-collect) holds its loop alone.
 int main(int argc, char** argv) {
-  Bench::Get();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return x509auth_bench::RunBenchmarks(argc, argv, [] { Bench::Get(); });
 }

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 
+#include "BenchMain.h"
 #include "BenchMaterial.h"
 #include "SoftHsmToken.h"
 #include "x509_auth.h"
@@ -60,14 +61,20 @@ Material& MaterialFor(int n) {
   return *slot;
 }
 
-void SignLibrary(benchmark::State& state, bool rsa) {
+// The library initialised on the benchmark's material, the PIN answered;
+// the thumbprint of the token certificate to sign with.
+Bytes InitOnMaterial(benchmark::State& state, bool rsa) {
   Token& token = GetToken();
   Material& m = MaterialFor(static_cast<int>(state.range(0)));
   const std::string base = m.base.string();
   const char* dirs[] = {base.c_str()};
   const X509_Auth_Settings settings{dirs, 1, nullptr, 0};
   X509_Auth_Init(&settings, X509_Auth_Callbacks{nullptr, AnswerPin, FreePin, nullptr});
-  const Bytes thumbprint = Sha1Thumbprint(rsa ? token.rsa.get() : token.ec.get());
+  return Sha1Thumbprint(rsa ? token.rsa.get() : token.ec.get());
+}
+
+void SignLibrary(benchmark::State& state, bool rsa) {
+  const Bytes thumbprint = InitOnMaterial(state, rsa);
   const Bytes digest(32, 0x5a);
   const uint32_t algorithms[] = {1, 2};
   // The first request after X509_Auth_Init loads the module and reads the
@@ -92,14 +99,8 @@ void SignLibrary(benchmark::State& state, bool rsa) {
 // as the tool, the provider and the PKCS#11 module run, each signature
 // first asks the module whether the tokens changed.
 void SignOpenKey(benchmark::State& state, bool rsa, bool watch) {
-  Token& token = GetToken();
-  Material& m = MaterialFor(static_cast<int>(state.range(0)));
-  const std::string base = m.base.string();
-  const char* dirs[] = {base.c_str()};
-  const X509_Auth_Settings settings{dirs, 1, nullptr, 0};
-  X509_Auth_Init(&settings, X509_Auth_Callbacks{nullptr, AnswerPin, FreePin, nullptr});
+  const Bytes thumbprint = InitOnMaterial(state, rsa);
   X509_Auth_SetTokenWatch(watch ? 1 : 0);
-  const Bytes thumbprint = Sha1Thumbprint(rsa ? token.rsa.get() : token.ec.get());
   const Bytes digest(32, 0x5a);
   const uint32_t algorithms[] = {1, 2};
   X509_Auth_KeyHandle key = 0;
@@ -190,12 +191,9 @@ BENCHMARK(BM_TokenSignEc_OpenKeyUnwatched)->Arg(10)->Unit(benchmark::kMicrosecon
 
 // Material first, left to settle as in bench_api.
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  GetToken();
-  for (int n : {10, 1000}) MaterialFor(n);
-  sleep(2);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return x509auth_bench::RunBenchmarks(argc, argv, [] {
+    GetToken();
+    for (int n : {10, 1000}) MaterialFor(n);
+    sleep(2);
+  });
 }

@@ -16,12 +16,12 @@
 #include <openssl/ui.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
+#include "BenchMain.h"
 #include "BenchMaterial.h"
 #include "MemoryHandshake.h"
 #include "ProviderContext.h"
@@ -38,10 +38,7 @@ constexpr int k_handshakes = 500;
 enum Kind { k_p256, k_rsa };
 
 int PinCallback(char* buffer, int size, int, void*) {
-  const int length = static_cast<int>(std::strlen(SoftHsmToken::k_default_pin));
-  if (length > size) return -1;
-  std::memcpy(buffer, SoftHsmToken::k_default_pin, static_cast<std::size_t>(length));
-  return length;
+  return x509auth_bench::AnswerPassword(buffer, size, SoftHsmToken::k_default_pin);
 }
 
 // Releases the engine's functional and structural references.
@@ -165,13 +162,6 @@ BENCHMARK_CAPTURE(Handshakes, TokenRsa2048_Engine, k_rsa, false)->Unit(benchmark
 
 }  // namespace
 
-// The material is made before any benchmark runs, so that a profile of one
-// benchmark (callgrind --toggle-collect) holds its loop alone.
 int main(int argc, char** argv) {
-  Bench::Get();
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return x509auth_bench::RunBenchmarks(argc, argv, [] { Bench::Get(); });
 }

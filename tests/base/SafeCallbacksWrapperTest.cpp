@@ -13,6 +13,13 @@ namespace {
 using x509auth_test::PinAnswer;
 using x509auth_test::RecordingCallbacks;
 
+// How many errors OpenSSL's queue still held; it is empty after.
+int DrainErrorQueue() {
+  int remaining = 0;
+  while (ERR_get_error() != 0) ++remaining;
+  return remaining;
+}
+
 class SafeCallbacksWrapperTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -100,9 +107,7 @@ TEST_F(SafeCallbacksWrapperTest, LogAllOpenSslErrorsLogsOneLineAndLeavesTheRestQ
   // The oldest error is the one handed over; its text names its reason.
   EXPECT_NE(recorder().Logs()[0].text.find("cert already in hash table"), std::string::npos)
       << recorder().Logs()[0].text;
-  int remaining = 0;
-  while (ERR_get_error() != 0) ++remaining;
-  EXPECT_EQ(remaining, 2);
+  EXPECT_EQ(DrainErrorQueue(), 2);
 }
 
 TEST_F(SafeCallbacksWrapperTest, LogAllOpenSslErrorsWithAnEmptyQueueLogsNothing) {
@@ -116,9 +121,7 @@ TEST_F(SafeCallbacksWrapperTest, LogAllOpenSslErrorsWithoutALogCallbackStillStop
   ERR_put_error(ERR_LIB_X509, 0, X509_R_CERT_ALREADY_IN_HASH_TABLE, "first.c", 1);
   ERR_put_error(ERR_LIB_PEM, 0, PEM_R_NO_START_LINE, "second.c", 2);
   LogAllOpenSslErrors();
-  int remaining = 0;
-  while (ERR_get_error() != 0) ++remaining;
-  EXPECT_EQ(remaining, 1);
+  EXPECT_EQ(DrainErrorQueue(), 1);
 }
 
 TEST_F(SafeCallbacksWrapperTest, LogWithOpenSslErrorsLogsItsLineThenTheFirstQueuedError) {
@@ -135,9 +138,7 @@ TEST_F(SafeCallbacksWrapperTest, LogWithOpenSslErrorsLogsItsLineThenTheFirstQueu
   EXPECT_EQ(recorder().Logs()[1].priority, X509_Auth_LogPriority_Info);
   EXPECT_NE(recorder().Logs()[1].text.find("cert already in hash table"), std::string::npos)
       << recorder().Logs()[1].text;
-  int remaining = 0;
-  while (ERR_get_error() != 0) ++remaining;
-  EXPECT_EQ(remaining, 1);
+  EXPECT_EQ(DrainErrorQueue(), 1);
 }
 
 TEST_F(SafeCallbacksWrapperTest, LogWithOpenSslErrorsWithAnEmptyQueueLogsOnlyItsLine) {

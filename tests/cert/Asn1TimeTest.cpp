@@ -1,33 +1,21 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <ostream>
 #include <string>
 
+#include "LocalTimeZone.h"
 #include "base/OpenSslPtr.h"
 #include "cert/Asn1Time.h"
 
 namespace quorvant::shared::x509 {
 namespace {
 
-// Seconds since the epoch of these fields read as UTC, computed without mktime.
-std::time_t Utc(int year, int month, int day, int hour, int minute, int second) {
-  std::tm fields{};
-  fields.tm_year = year - 1900;
-  fields.tm_mon = month - 1;
-  fields.tm_mday = day;
-  fields.tm_hour = hour;
-  fields.tm_min = minute;
-  fields.tm_sec = second;
-  return timegm(&fields);
-}
+using test::East;
+using test::k_east;
+using test::Utc;
 
-// A zone three hours east of UTC without daylight saving, so that a
-// conversion that used UTC would be off by 10800 seconds.
-constexpr const char* k_east = "XST-3";
-constexpr std::time_t k_east_offset = 3 * 3600;
 // Central Europe: UTC+1, UTC+2 in summer.
 constexpr const char* k_cet = "CET-1CEST,M3.5.0,M10.5.0/3";
 
@@ -41,10 +29,6 @@ struct TimeCase {
 };
 
 void PrintTo(const TimeCase& c, std::ostream* out) { *out << c.name << " \"" << c.text << "\""; }
-
-std::time_t East(int year, int month, int day, int hour, int minute, int second) {
-  return Utc(year, month, day, hour, minute, second) - k_east_offset;
-}
 
 const TimeCase k_cases[] = {
     // Times shorter than their layout come from certificates OpenSSL parses
@@ -100,14 +84,7 @@ const TimeCase k_cases[] = {
 // Each case runs in its own zone, restored to the process's default after.
 class Asn1TimeTest : public ::testing::TestWithParam<TimeCase> {
  protected:
-  void SetUp() override {
-    setenv("TZ", GetParam().zone, 1);
-    tzset();
-  }
-  void TearDown() override {
-    unsetenv("TZ");
-    tzset();
-  }
+  test::ScopedTimeZone zone_{GetParam().zone};
 };
 
 TEST_P(Asn1TimeTest, ConvertsAsTheTableSays) {

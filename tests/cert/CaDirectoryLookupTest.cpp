@@ -51,9 +51,7 @@ class CaDirectoryLookupTest : public ::testing::Test {
     // No CA file: only the directory can complete a chain.
     setenv("SSL_CERT_FILE", (dir_.path() / "no-bundle.pem").c_str(), 1);
     // A self-issued CA and a leaf it issued, both single-level.
-    CertOptions ca_options;
-    ca_options.common_name = "Directory CA";
-    ca_options.is_ca = true;
+    CertOptions ca_options = CaOptions("Directory CA");
     ca_options.key_usage = "critical,keyCertSign";
     ca_key_ = MakeKey(KeyKind::k_ec);
     ca_ = MakeCert(ca_options, ca_key_.get());

@@ -19,6 +19,18 @@ Thumbprint ThumbprintOf(X509* cert) {
   return thumbprint;
 }
 
+// A chain over two stores: the intermediate in the certificate's own, the
+// root only in the extra store a caller passes.
+struct SplitChain {
+  SplitChain() {
+    own.Add(pki.intermediate.get());
+    extra.Add(pki.root.get());
+  }
+  x509auth_test::Chain pki = x509auth_test::MakeChain();
+  X509OnlyStore own;
+  X509OnlyStore extra;
+};
+
 class CertCaChainTest : public ::testing::Test {
  protected:
   void SetUp() override { recorder_ = &test::InstallRecorder(); }
@@ -84,33 +96,25 @@ TEST_F(CertCaChainTest, ChainIsAppendedAfterWhatTheArrayAlreadyHolds) {
 }
 
 TEST_F(CertCaChainTest, ExtraStoreContributesTrustedCertificates) {
-  x509auth_test::Chain pki = x509auth_test::MakeChain();
-  X509OnlyStore own;
-  own.Add(pki.intermediate.get());
-  X509OnlyStore extra;
-  extra.Add(pki.root.get());
-  auto cert = MakeFileCert(&own, pki.leaf.get());
+  const SplitChain split;
+  auto cert = MakeFileCert(&split.own, split.pki.leaf.get());
 
   std::vector<Thumbprint> without_extra;
   EXPECT_FALSE(cert->CaChain(without_extra, nullptr));
   EXPECT_TRUE(without_extra.empty());
 
   std::vector<Thumbprint> chain;
-  ASSERT_TRUE(cert->CaChain(chain, &extra)) << recorder_->Dump();
+  ASSERT_TRUE(cert->CaChain(chain, &split.extra)) << recorder_->Dump();
   ASSERT_EQ(chain.size(), 3u);
-  EXPECT_EQ(chain[2], ThumbprintOf(pki.root.get()));
+  EXPECT_EQ(chain[2], ThumbprintOf(split.pki.root.get()));
 }
 
 TEST_F(CertCaChainTest, ExtraStoreIsNotChangedByChainBuilding) {
-  x509auth_test::Chain pki = x509auth_test::MakeChain();
-  X509OnlyStore own;
-  own.Add(pki.intermediate.get());
-  X509OnlyStore extra;
-  extra.Add(pki.root.get());
+  const SplitChain split;
   std::vector<Thumbprint> chain;
-  ASSERT_TRUE(MakeFileCert(&own, pki.leaf.get())->CaChain(chain, &extra));
-  EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(own.X509Store())), 1);
-  EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(extra.X509Store())), 1);
+  ASSERT_TRUE(MakeFileCert(&split.own, split.pki.leaf.get())->CaChain(chain, &split.extra));
+  EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(split.own.X509Store())), 1);
+  EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(split.extra.X509Store())), 1);
 }
 
 TEST_F(CertCaChainTest, OwnStoreGivenAgainAsExtraStoreIsHarmless) {
@@ -166,10 +170,7 @@ TEST_F(CertCaChainTest, MissingRootFailsWithError2AtDepth1) {
 TEST_F(CertCaChainTest, ExpiredChainFailsVerificationAndReturnsNoChain) {
   TestKey root_key = SharedKey(KeyKind::k_rsa, 100);
   TestKey leaf_key = SharedKey(KeyKind::k_rsa, 102);
-  CertOptions root_options;
-  root_options.common_name = "Expired Root";
-  root_options.is_ca = true;
-  root_options.key_usage = "critical,keyCertSign,cRLSign";
+  CertOptions root_options = x509auth_test::CaOptions("Expired Root");
   root_options.not_before = "100101000000Z";
   root_options.not_after = "110101000000Z";
   TestX509 root = MakeCert(root_options, root_key.get());

@@ -37,22 +37,24 @@ X509Ptr ParsedCertWithRawTimes(int type, const std::string& not_before,
   return X509Ptr(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
 }
 
+// Both validity times read as -1.
+void ExpectNoTimes(const Cert& cert) {
+  EXPECT_EQ(cert.NotBefore(), -1);
+  EXPECT_EQ(cert.NotAfter(), -1);
+}
+
 TEST(CertMalformedInputTest, ShortUtcTimesGiveMinusOne) {
   X509OnlyStore store;
   const X509Ptr parsed = ParsedCertWithRawTimes(V_ASN1_UTCTIME, "2501", "");
   ASSERT_NE(parsed, nullptr);
-  const auto cert = MakeFileCert(&store, parsed.get());
-  EXPECT_EQ(cert->NotBefore(), -1);
-  EXPECT_EQ(cert->NotAfter(), -1);
+  ExpectNoTimes(*MakeFileCert(&store, parsed.get()));
 }
 
 TEST(CertMalformedInputTest, ShortGeneralizedTimesGiveMinusOne) {
   X509OnlyStore store;
   const X509Ptr parsed = ParsedCertWithRawTimes(V_ASN1_GENERALIZEDTIME, "2025010112000", "20");
   ASSERT_NE(parsed, nullptr);
-  const auto cert = MakeEncodedCert(&store, parsed.get());
-  EXPECT_EQ(cert->NotBefore(), -1);
-  EXPECT_EQ(cert->NotAfter(), -1);
+  ExpectNoTimes(*MakeEncodedCert(&store, parsed.get()));
 }
 
 // Empty subject and issuer names (no attribute at all), and a common name of

@@ -1,101 +1,57 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "CertTestSupport.h"
 #include "TestPki.h"
+#include "ViewerTestDirectory.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
 
 namespace fs = std::filesystem;
-using test::MakeFileCert;
-using test::X509OnlyStore;
 using x509auth_test::KeyKind;
-
-constexpr const char* k_name_failed = "Error geting temporary filename for cert: [%s]";
-
-long NowSeconds() {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(
-                               std::chrono::system_clock::now().time_since_epoch())
-                               .count());
-}
-
-std::string ReadText(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// Exit status of the one child the test started, or -1.
-int WaitForChild() {
-  int status = 0;
-  if (waitpid(-1, &status, 0) <= 0) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-bool HasChild() {
-  int status = 0;
-  return waitpid(-1, &status, WNOHANG) != -1;
-}
 
 // Runs every test with TMPDIR and PATH pointing into a test directory, where
 // a stand-in viewer records its arguments and copies the file it was given.
-class CertShowDialogTest : public ::testing::Test {
+class CertShowDialogTest : public ViewerTest {
  protected:
   void SetUp() override {
-    recorder_ = &test::InstallRecorder();
-    saved_path_ = std::getenv("PATH") ? std::getenv("PATH") : "";
-    fs::create_directories(tmp_ / "tmp");
-    fs::create_directories(tmp_ / "bin");
+    const std::string record = (tmp_ / "record").string();
+    SetUpViewer(
+        // Two viewers started in the same instant each claim their own number
+        // (mkdir is atomic), or both would write the same record files.
+        "#!/bin/sh\n"
+        "n=0\n"
+        "while ! mkdir '" +
+            record +
+            "'/.slot.$n 2>/dev/null; do n=$((n + 1)); done\n"
+            "printf '%s\\n' \"$#\" \"$@\" > '" +
+            record +
+            "'/args.$n\n"
+            "cp \"$1\" '" +
+            record + "'/copy.$n\n",
+        fs::perms::owner_all);
     fs::create_directories(tmp_ / "record");
     fs::create_directories(tmp_ / "empty-bin");
-    const std::string record = (tmp_ / "record").string();
-    x509auth_test::WriteFile(tmp_ / "bin" / "gcr-viewer",
-                             // Two viewers started in the same instant each claim
-                             // their own number (mkdir is atomic), or both would
-                             // write the same record files.
-                             "#!/bin/sh\n"
-                             "n=0\n"
-                             "while ! mkdir '" +
-                                 record +
-                                 "'/.slot.$n 2>/dev/null; do n=$((n + 1)); done\n"
-                                 "printf '%s\\n' \"$#\" \"$@\" > '" +
-                                 record +
-                                 "'/args.$n\n"
-                                 "cp \"$1\" '" +
-                                 record + "'/copy.$n\n");
-    fs::permissions(tmp_ / "bin" / "gcr-viewer", fs::perms::owner_all);
-    setenv("TMPDIR", (tmp_ / "tmp").c_str(), 1);
-    setenv("PATH", ((tmp_ / "bin").string() + ":/usr/bin:/bin").c_str(), 1);
-    key_ = x509auth_test::SharedKey(KeyKind::k_rsa);
-    cert_ = x509auth_test::MakeCert(x509auth_test::CertOptions(), key_.get());
-  }
-  void TearDown() override {
-    while (HasChild()) WaitForChild();
-    setenv("PATH", saved_path_.c_str(), 1);
-    unsetenv("TMPDIR");
   }
 
-  fs::path Folder() const { return tmp_ / "tmp" / "Quorvant"; }
   fs::path Record() const { return tmp_ / "record"; }
-
-  x509auth_test::TempDir tmp_;
-  x509auth_test::RecordingCallbacks* recorder_ = nullptr;
-  std::string saved_path_;
-  X509OnlyStore store_;
-  x509auth_test::TestKey key_;
-  x509auth_test::TestX509 cert_;
+  // The log's one line of |k_name_failed|: an error saying |text|.
+  void ExpectNameFailedLine(const std::string& text) const {
+    const auto lines = recorder_->WithFormat(k_name_failed);
+    ASSERT_EQ(lines.size(), 1u) << recorder_->Dump();
+    EXPECT_EQ(lines[0].priority, X509_Auth_LogPriority_Error);
+    EXPECT_EQ(lines[0].text, text);
+  }
 };
 
 TEST_F(CertShowDialogTest, WritesOnePemFileAndStartsTheViewerOnIt) {
   const long before = NowSeconds();
-  ASSERT_TRUE(MakeFileCert(&store_, cert_.get())->ShowDialog(nullptr)) << recorder_->Dump();
+  ASSERT_TRUE(Show()) << recorder_->Dump();
   const long after = NowSeconds();
   ASSERT_EQ(WaitForChild(), 0);
 
@@ -153,7 +109,7 @@ TEST_F(CertShowDialogTest, SecondCallInTheSameSecondOverwritesTheFirstFile) {
 TEST_F(CertShowDialogTest, ExistingFolderIsReused) {
   fs::create_directories(Folder());
   x509auth_test::WriteFile(Folder() / "unrelated.txt", std::string("keep"));
-  ASSERT_TRUE(MakeFileCert(&store_, cert_.get())->ShowDialog(nullptr));
+  ASSERT_TRUE(Show());
   EXPECT_EQ(WaitForChild(), 0);
   EXPECT_EQ(ReadText(Folder() / "unrelated.txt"), "keep");
   std::size_t count = 0;
@@ -171,29 +127,20 @@ TEST_F(CertShowDialogTest, OpaqueHostPointerHasNoEffect) {
 
 TEST_F(CertShowDialogTest, RegularFileNamedQuorvantFailsTheFolderCreation) {
   x509auth_test::WriteFile(Folder(), std::string("not a folder"));
-  EXPECT_FALSE(MakeFileCert(&store_, cert_.get())->ShowDialog(nullptr));
+  EXPECT_FALSE(Show());
   EXPECT_FALSE(HasChild());
-  const auto lines = recorder_->WithFormat(k_name_failed);
-  ASSERT_EQ(lines.size(), 1u) << recorder_->Dump();
-  EXPECT_EQ(lines[0].priority, X509_Auth_LogPriority_Error);
-  EXPECT_EQ(lines[0].text,
-            "Error geting temporary filename for cert: [filesystem error: cannot create "
-            "directory: File exists [" +
-                Folder().string() + "]]");
+  ExpectNameFailedLine(FolderRefusedText("cannot create directory: File exists"));
   EXPECT_EQ(recorder_->Logs().size(), 1u);
   EXPECT_EQ(ReadText(Folder()), "not a folder");
 }
 
 TEST_F(CertShowDialogTest, MissingTemporaryDirectoryFailsTheFileName) {
   setenv("TMPDIR", (tmp_ / "no-such-dir").c_str(), 1);
-  EXPECT_FALSE(MakeFileCert(&store_, cert_.get())->ShowDialog(nullptr));
+  EXPECT_FALSE(Show());
   EXPECT_FALSE(HasChild());
-  const auto lines = recorder_->WithFormat(k_name_failed);
-  ASSERT_EQ(lines.size(), 1u) << recorder_->Dump();
-  EXPECT_EQ(lines[0].priority, X509_Auth_LogPriority_Error);
-  EXPECT_EQ(lines[0].text,
-            "Error geting temporary filename for cert: [filesystem error: temp_directory_path: No "
-            "such file or directory]");
+  ExpectNameFailedLine(
+      "Error geting temporary filename for cert: [filesystem error: temp_directory_path: No "
+      "such file or directory]");
 }
 
 TEST_F(CertShowDialogTest, UnopenableFileIsReportedWithItsPath) {
@@ -202,7 +149,7 @@ TEST_F(CertShowDialogTest, UnopenableFileIsReportedWithItsPath) {
   const long now = NowSeconds();
   for (long second = now; second <= now + 30; ++second)
     fs::create_directory(Folder() / ("cert-" + std::to_string(second) + ".pem"));
-  EXPECT_FALSE(MakeFileCert(&store_, cert_.get())->ShowDialog(nullptr));
+  EXPECT_FALSE(Show());
   EXPECT_FALSE(HasChild());
   const auto lines = recorder_->WithFormat("Error opening file [%s]");
   ASSERT_EQ(lines.size(), 1u) << recorder_->Dump();
@@ -218,7 +165,7 @@ TEST_F(CertShowDialogTest, UnopenableFileIsReportedWithItsPath) {
 TEST_F(CertShowDialogTest, ViewerThatCannotBeExecutedLeavesTheChildReturningFalse) {
   setenv("PATH", (tmp_ / "empty-bin").c_str(), 1);
   const pid_t parent = getpid();
-  const bool result = MakeFileCert(&store_, cert_.get())->ShowDialog(nullptr);
+  const bool result = Show();
   if (getpid() != parent) {
     // The child carries on here. It checks its own outcome and leaves at once,
     // so the test process is not duplicated.
@@ -238,4 +185,4 @@ TEST_F(CertShowDialogTest, ViewerThatCannotBeExecutedLeavesTheChildReturningFals
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

@@ -1,17 +1,17 @@
 #include <gtest/gtest.h>
 #include <openssl/x509v3.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <stdexcept>
 
 #include "CertTestSupport.h"
+#include "LocalTimeZone.h"
 #include "TestPki.h"
 #include "cert/Cert.h"
 
 namespace quorvant::shared::x509 {
 namespace {
 
+using test::East;
 using test::MakeEncodedCert;
 using test::MakeFileCert;
 using test::MakeTokenCert;
@@ -230,63 +230,48 @@ TEST(CertTest, GetX509StoreAsksTheStoreThatMadeTheCertificate) {
   EXPECT_EQ(MakeEncodedCert(&unopened, x509.get())->GetX509Store(), nullptr);
 }
 
+// Three hours east of UTC, no daylight saving: reading the dates as UTC
+// would be off by 10800 seconds.
 class CertValidityTest : public ::testing::Test {
  protected:
-  // Three hours east of UTC, no daylight saving: reading the dates as UTC
-  // would be off by 10800 seconds.
-  void SetUp() override {
-    setenv("TZ", "XST-3", 1);
-    tzset();
+  // A self-signed certificate valid from |not_before| to |not_after|.
+  static x509auth_test::TestX509 ValidBetween(KeyKind kind, const char* not_before,
+                                              const char* not_after) {
+    CertOptions options;
+    options.not_before = not_before;
+    options.not_after = not_after;
+    return SelfSigned(kind, options);
   }
-  void TearDown() override {
-    unsetenv("TZ");
-    tzset();
-  }
-  static std::time_t Utc(int year, int month, int day, int hour, int minute, int second) {
-    std::tm fields{};
-    fields.tm_year = year - 1900;
-    fields.tm_mon = month - 1;
-    fields.tm_mday = day;
-    fields.tm_hour = hour;
-    fields.tm_min = minute;
-    fields.tm_sec = second;
-    return timegm(&fields);
-  }
+
+  test::ScopedTimeZone zone_{test::k_east};
   X509OnlyStore store_;
 };
 
 TEST_F(CertValidityTest, NotBeforeAndNotAfterAreReadAsLocalTime) {
-  CertOptions options;
-  options.not_before = "240101080000Z";
-  options.not_after = "20340630235959Z";
-  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::k_rsa, options).get());
-  EXPECT_EQ(cert->NotBefore(), Utc(2024, 1, 1, 8, 0, 0) - 3 * 3600);
-  EXPECT_EQ(cert->NotAfter(), Utc(2034, 6, 30, 23, 59, 59) - 3 * 3600);
+  auto cert =
+      MakeFileCert(&store_, ValidBetween(KeyKind::k_rsa, "240101080000Z", "20340630235959Z").get());
+  EXPECT_EQ(cert->NotBefore(), East(2024, 1, 1, 8, 0, 0));
+  EXPECT_EQ(cert->NotAfter(), East(2034, 6, 30, 23, 59, 59));
 }
 
 TEST_F(CertValidityTest, UtcTimeYears69And70And50FollowThePivotOf70) {
-  CertOptions options;
-  options.not_before = "700101000000Z";
-  options.not_after = "690101000000Z";
-  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::k_ec, options).get());
-  EXPECT_EQ(cert->NotBefore(), Utc(1970, 1, 1, 0, 0, 0) - 3 * 3600);
-  EXPECT_EQ(cert->NotAfter(), Utc(2069, 1, 1, 0, 0, 0) - 3 * 3600);
+  auto cert =
+      MakeFileCert(&store_, ValidBetween(KeyKind::k_ec, "700101000000Z", "690101000000Z").get());
+  EXPECT_EQ(cert->NotBefore(), East(1970, 1, 1, 0, 0, 0));
+  EXPECT_EQ(cert->NotAfter(), East(2069, 1, 1, 0, 0, 0));
 
   // OpenSSL itself reads UTCTime 50 as 1950; this certificate's end is 2050.
-  options.not_before = "500101000000Z";
-  options.not_after = "500102000000Z";
-  auto fifty = MakeEncodedCert(&store_, SelfSigned(KeyKind::k_ec, options).get());
-  EXPECT_EQ(fifty->NotBefore(), Utc(2050, 1, 1, 0, 0, 0) - 3 * 3600);
-  EXPECT_EQ(fifty->NotAfter(), Utc(2050, 1, 2, 0, 0, 0) - 3 * 3600);
+  auto fifty =
+      MakeEncodedCert(&store_, ValidBetween(KeyKind::k_ec, "500101000000Z", "500102000000Z").get());
+  EXPECT_EQ(fifty->NotBefore(), East(2050, 1, 1, 0, 0, 0));
+  EXPECT_EQ(fifty->NotAfter(), East(2050, 1, 2, 0, 0, 0));
 }
 
 TEST_F(CertValidityTest, GeneralizedTimeValidityIsReadAsLocalTime) {
-  CertOptions options;
-  options.not_before = "20500101000000Z";
-  options.not_after = "21000101000000Z";
-  auto cert = MakeFileCert(&store_, SelfSigned(KeyKind::k_rsa, options).get());
-  EXPECT_EQ(cert->NotBefore(), Utc(2050, 1, 1, 0, 0, 0) - 3 * 3600);
-  EXPECT_EQ(cert->NotAfter(), Utc(2100, 1, 1, 0, 0, 0) - 3 * 3600);
+  auto cert = MakeFileCert(
+      &store_, ValidBetween(KeyKind::k_rsa, "20500101000000Z", "21000101000000Z").get());
+  EXPECT_EQ(cert->NotBefore(), East(2050, 1, 1, 0, 0, 0));
+  EXPECT_EQ(cert->NotAfter(), East(2100, 1, 1, 0, 0, 0));
 }
 
 }  // namespace

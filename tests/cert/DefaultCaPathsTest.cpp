@@ -72,9 +72,7 @@ TEST_F(DefaultCaPathsTest, FollowsTheCaFileNamedByTheEnvironmentAndItsChanges) {
   TempDir dir;
   Chain first = MakeChain(KeyKind::k_ec, "First Leaf");
   TestKey other_root_key = MakeKey(KeyKind::k_ec);
-  CertOptions root_options;
-  root_options.common_name = "Other Root";
-  root_options.is_ca = true;
+  CertOptions root_options = CaOptions("Other Root");
   root_options.key_usage = "critical,keyCertSign";
   TestX509 other_root = MakeCert(root_options, other_root_key.get());
   CertOptions leaf_options;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "FakeCertificate.h"
-#include "RecordingCallbacks.h"
+#include "RecordedCallbacksTest.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "cert/Key.h"
@@ -16,19 +16,7 @@
 namespace quorvant::shared::x509 {
 namespace {
 
-using x509auth_test::Bytes;
-using x509auth_test::CertOptions;
-using x509auth_test::FakeCertificate;
-using x509auth_test::KeyKind;
-using x509auth_test::KeyToPem;
-using x509auth_test::MakeCert;
-using x509auth_test::PinAnswer;
-using x509auth_test::RecordingCallbacks;
-using x509auth_test::SharedKey;
-using x509auth_test::TempDir;
-using x509auth_test::TestKey;
-using x509auth_test::TestX509;
-using x509auth_test::WriteFile;
+using namespace x509auth_test;
 
 constexpr const char* k_file_cert_failed = "Error loading private key for file system cert: [%s]";
 constexpr const char* k_encoded = "Cannot load private key for encoded cert: [%s]";
@@ -43,20 +31,8 @@ struct FileCredential {
   std::filesystem::path key_path;
 };
 
-class KeyTest : public ::testing::Test {
+class KeyTest : public RecordedCallbacksTest {
  protected:
-  void SetUp() override {
-    rec().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
-    ERR_clear_error();
-  }
-  void TearDown() override {
-    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
-    rec().Reset();
-    ERR_clear_error();
-  }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
-
   FileCredential Credential(KeyKind kind, const std::string& name, const char* password = nullptr) {
     FileCredential credential;
     credential.key = SharedKey(kind);
@@ -106,8 +82,17 @@ bool VerifyEcdsa(EVP_PKEY* public_key, const Bytes& hash, const Bytes& signature
              1;
 }
 
-Bytes Encrypt(EVP_PKEY* public_key, int padding, const Bytes& message) {
-  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(public_key, nullptr));
+// |key| signs a 32-byte hash with what |cert|'s ECDSA public key verifies.
+void ExpectEcdsaSignatureVerifiedBy(Key& key, X509* cert) {
+  Bytes signature;
+  const Bytes hash = Hash(32);
+  ASSERT_EQ(key.Sign(hash, &signature).code, 0);
+  EXPECT_TRUE(VerifyEcdsa(X509_get0_pubkey(cert), hash, signature));
+}
+
+// |message| encrypted to |cert|'s public key.
+Bytes Encrypt(X509* cert, int padding, const Bytes& message) {
+  EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(X509_get0_pubkey(cert), nullptr));
   EXPECT_EQ(EVP_PKEY_encrypt_init(ctx.get()), 1);
   EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding), 1);
   std::size_t length = 0;
@@ -230,10 +215,7 @@ TEST_F(KeyTest, OpenEncodedCertKeepsAndClassifiesTheKeyAlreadyHeld) {
   EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, k_encoded,
                         "Cannot load private key for encoded cert: [Encoded Cert]"));
   // The held key still signs.
-  Bytes signature;
-  const Bytes hash = Hash(32);
-  ASSERT_EQ(key.Sign(hash, &signature).code, 0);
-  EXPECT_TRUE(VerifyEcdsa(X509_get0_pubkey(credential.cert.get()), hash, signature));
+  ExpectEcdsaSignatureVerifiedBy(key, credential.cert.get());
 }
 
 TEST_F(KeyTest, ReopeningReplacesTheKeyAndItsAlgorithm) {
@@ -242,10 +224,7 @@ TEST_F(KeyTest, ReopeningReplacesTheKeyAndItsAlgorithm) {
   const FileCredential ec = Credential(KeyKind::k_ec, "Second");
   EXPECT_EQ(key.Open(FileCert(ec)), 0);
   EXPECT_EQ(key.Algorithm(), Algorithm::k_ec);
-  Bytes signature;
-  const Bytes hash = Hash(32);
-  ASSERT_EQ(key.Sign(hash, &signature).code, 0);
-  EXPECT_TRUE(VerifyEcdsa(X509_get0_pubkey(ec.cert.get()), hash, signature));
+  ExpectEcdsaSignatureVerifiedBy(key, ec.cert.get());
 }
 
 TEST_F(KeyTest, FailedReopenDropsTheKeySoSigningFailsWithoutCrash) {
@@ -396,8 +375,7 @@ TEST_F(KeyTest, DecryptPkcs1RoundTripTrimsPlaintextToTrueLength) {
   Key key;
   const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
   const Bytes message = Hash(32, 0x40);
-  const Bytes ciphertext =
-      Encrypt(X509_get0_pubkey(credential.cert.get()), RSA_PKCS1_PADDING, message);
+  const Bytes ciphertext = Encrypt(credential.cert.get(), RSA_PKCS1_PADDING, message);
   ASSERT_EQ(ciphertext.size(), 256u);
   Bytes plaintext(3000, 0xAB);
   const ResultPair result = key.Decrypt(DecryptAlgorithm::k_rsa_pkcs1, ciphertext, &plaintext);
@@ -411,8 +389,7 @@ TEST_F(KeyTest, DecryptOaepRoundTripWithDefaultSha1) {
   Key key;
   const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
   const Bytes message = Hash(48, 0x10);
-  const Bytes ciphertext =
-      Encrypt(X509_get0_pubkey(credential.cert.get()), RSA_PKCS1_OAEP_PADDING, message);
+  const Bytes ciphertext = Encrypt(credential.cert.get(), RSA_PKCS1_OAEP_PADDING, message);
   Bytes plaintext;
   ASSERT_EQ(key.Decrypt(DecryptAlgorithm::k_rsa_oaep, ciphertext, &plaintext).code, 0)
       << rec().Dump();
@@ -457,8 +434,7 @@ TEST_F(KeyTest, DecryptAlgorithmOutOfRangeIsUnsupportedWithItsValue) {
 TEST_F(KeyTest, BadOaepPaddingDrainsOpenSslErrorBeforeFailureMessage) {
   Key key;
   const FileCredential credential = OpenFresh(key, KeyKind::k_rsa);
-  const Bytes ciphertext =
-      Encrypt(X509_get0_pubkey(credential.cert.get()), RSA_PKCS1_PADDING, Hash(32));
+  const Bytes ciphertext = Encrypt(credential.cert.get(), RSA_PKCS1_PADDING, Hash(32));
   Bytes plaintext;
   const ResultPair result = key.Decrypt(DecryptAlgorithm::k_rsa_oaep, ciphertext, &plaintext);
   EXPECT_EQ(result.code, 1);

@@ -5,75 +5,36 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "CertTestSupport.h"
 #include "ForkedChild.h"
 #include "TestPki.h"
+#include "ViewerTestDirectory.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
 
 namespace fs = std::filesystem;
-using test::MakeFileCert;
-using test::X509OnlyStore;
 using x509auth_test::ChildOptions;
 using x509auth_test::k_nobody;
 using x509auth_test::RunInChild;
 
-std::string ReadText(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-long NowSeconds() {
-  return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(
-                               std::chrono::system_clock::now().time_since_epoch())
-                               .count());
-}
-
-bool HasChild() {
-  int status = 0;
-  return waitpid(-1, &status, WNOHANG) != -1;
-}
-
-class ViewerFaultsTest : public ::testing::Test {
+class ViewerFaultsTest : public ViewerTest {
  protected:
   void SetUp() override {
-    recorder_ = &test::InstallRecorder();
-    saved_path_ = std::getenv("PATH") ? std::getenv("PATH") : "";
-    fs::create_directories(tmp_ / "tmp");
-    fs::create_directories(tmp_ / "bin");
     // A stand-in viewer that does nothing: only whether it starts matters.
-    x509auth_test::WriteFile(tmp_ / "bin" / "gcr-viewer", std::string("#!/bin/sh\nexit 0\n"));
-    fs::permissions(tmp_ / "bin" / "gcr-viewer", fs::perms::all);
+    SetUpViewer("#!/bin/sh\nexit 0\n", fs::perms::all);
     // nobody must reach the test directories for the children that drop root.
     fs::permissions(tmp_.path(), fs::perms::owner_all | fs::perms::group_read |
                                      fs::perms::group_exec | fs::perms::others_read |
                                      fs::perms::others_exec);
-    setenv("TMPDIR", (tmp_ / "tmp").c_str(), 1);
-    setenv("PATH", ((tmp_ / "bin").string() + ":/usr/bin:/bin").c_str(), 1);
-    key_ = x509auth_test::SharedKey(x509auth_test::KeyKind::k_rsa);
-    cert_ = x509auth_test::MakeCert(x509auth_test::CertOptions(), key_.get());
-  }
-  void TearDown() override {
-    int status = 0;
-    while (waitpid(-1, &status, 0) > 0) {
-    }
-    setenv("PATH", saved_path_.c_str(), 1);
-    unsetenv("TMPDIR");
   }
 
-  fs::path Folder() const { return tmp_ / "tmp" / "Quorvant"; }
-  bool Show() { return MakeFileCert(&store_, cert_.get())->ShowDialog(nullptr); }
   // The outcome, then every log line; for calls made in a child.
   std::string ShowAndDump() {
     const bool shown = Show();
@@ -87,13 +48,6 @@ class ViewerFaultsTest : public ::testing::Test {
     for (long second = now; second <= now + 30; ++second)
       make(Folder() / ("cert-" + std::to_string(second) + ".pem"));
   }
-
-  x509auth_test::TempDir tmp_;
-  x509auth_test::RecordingCallbacks* recorder_ = nullptr;
-  std::string saved_path_;
-  X509OnlyStore store_;
-  x509auth_test::TestKey key_;
-  x509auth_test::TestX509 cert_;
 };
 
 TEST_F(ViewerFaultsTest, FolderPlantedAsLinkToAnotherDirectoryIsRefusedAndNothingIsWritten) {
@@ -102,11 +56,9 @@ TEST_F(ViewerFaultsTest, FolderPlantedAsLinkToAnotherDirectoryIsRefusedAndNothin
   EXPECT_FALSE(Show());
   EXPECT_FALSE(HasChild());
   EXPECT_TRUE(fs::is_empty(tmp_ / "elsewhere"));
-  EXPECT_TRUE(recorder_->Has(X509_Auth_LogPriority_Error,
-                             "Error geting temporary filename for cert: [%s]",
-                             "Error geting temporary filename for cert: [filesystem error: viewer "
-                             "folder is a symbolic link: Too many levels of symbolic links [" +
-                                 Folder().string() + "]]"))
+  EXPECT_TRUE(recorder_->Has(
+      X509_Auth_LogPriority_Error, k_name_failed,
+      FolderRefusedText("viewer folder is a symbolic link: Too many levels of symbolic links")))
       << recorder_->Dump();
   EXPECT_EQ(recorder_->Logs().size(), 1u) << recorder_->Dump();
 }
@@ -115,8 +67,7 @@ TEST_F(ViewerFaultsTest, DanglingLinkAsFolderIsRefusedAndItsTargetNotCreated) {
   fs::create_directory_symlink(tmp_ / "not-yet", Folder());
   EXPECT_FALSE(Show());
   EXPECT_FALSE(fs::exists(tmp_ / "not-yet"));
-  EXPECT_EQ(recorder_->WithFormat("Error geting temporary filename for cert: [%s]").size(), 1u)
-      << recorder_->Dump();
+  EXPECT_EQ(recorder_->WithFormat(k_name_failed).size(), 1u) << recorder_->Dump();
 }
 
 TEST_F(ViewerFaultsTest, FolderOfAnotherUserIsRefusedAndNothingIsWritten) {
@@ -125,11 +76,9 @@ TEST_F(ViewerFaultsTest, FolderOfAnotherUserIsRefusedAndNothingIsWritten) {
   EXPECT_FALSE(Show());
   EXPECT_FALSE(HasChild());
   EXPECT_TRUE(fs::is_empty(Folder()));
-  EXPECT_TRUE(recorder_->Has(X509_Auth_LogPriority_Error,
-                             "Error geting temporary filename for cert: [%s]",
-                             "Error geting temporary filename for cert: [filesystem error: viewer "
-                             "folder belongs to another user: Permission denied [" +
-                                 Folder().string() + "]]"))
+  EXPECT_TRUE(
+      recorder_->Has(X509_Auth_LogPriority_Error, k_name_failed,
+                     FolderRefusedText("viewer folder belongs to another user: Permission denied")))
       << recorder_->Dump();
 }
 
@@ -184,10 +133,8 @@ TEST_F(ViewerFaultsTest, ReadOnlyTemporaryDirectoryFailsTheFolderCreation) {
                                     fs::perms::group_exec | fs::perms::others_read |
                                     fs::perms::others_exec);
   const std::string report = RunInChild([&] { return ShowAndDump(); }, ChildOptions{true, 20});
-  EXPECT_EQ(report,
-            "refused\n3 | Error geting temporary filename for cert: [filesystem error: "
-            "cannot create directory: Permission denied [" +
-                Folder().string() + "]]\n");
+  EXPECT_EQ(report, "refused\n3 | " +
+                        FolderRefusedText("cannot create directory: Permission denied") + "\n");
   EXPECT_FALSE(fs::exists(Folder()));
 }
 
@@ -226,4 +173,4 @@ TEST_F(ViewerFaultsTest, ForkFailureIsLoggedAndReturnsFalse) {
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

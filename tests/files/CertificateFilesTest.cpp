@@ -13,7 +13,8 @@
 #include <vector>
 
 #include "ForkedChild.h"
-#include "RecordingCallbacks.h"
+#include "RecordedCallbacksTest.h"
+#include "SparseFile.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/CertificateFiles.h"
@@ -21,25 +22,12 @@
 namespace quorvant::shared::x509 {
 namespace {
 
-using x509auth_test::Bytes;
-using x509auth_test::CertOptions;
-using x509auth_test::CertToDer;
-using x509auth_test::CertToPem;
-using x509auth_test::KeyKind;
-using x509auth_test::MakeCert;
-using x509auth_test::RecordingCallbacks;
-using x509auth_test::SharedKey;
-using x509auth_test::TempDir;
-using x509auth_test::TestKey;
-using x509auth_test::TestX509;
-using x509auth_test::WriteFile;
+using namespace x509auth_test;
+using test::MakeSparseFile;
 
-class CertificateFilesTest : public ::testing::Test {
+class CertificateFilesTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    rec().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
-    ERR_clear_error();
     key_ = SharedKey(KeyKind::k_rsa);
     CertOptions first;
     first.common_name = "First";
@@ -48,12 +36,6 @@ class CertificateFilesTest : public ::testing::Test {
     second.common_name = "Second";
     other_ = MakeCert(second, key_.get());
   }
-  void TearDown() override {
-    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
-    rec().Reset();
-    ERR_clear_error();
-  }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
   static bool Same(const X509Ptr& read, X509* expected) {
     return read && X509_cmp(read.get(), expected) == 0;
   }
@@ -203,13 +185,6 @@ std::string ReadEveryWay(const std::filesystem::path& path) {
   report += ReadX509FromDerOrPemFile(path, &refusal, &reason) ? "cert" : "none";
   report += refusal == x509auth_common::RegularFile::Refusal::k_none ? "" : " [" + reason + "]";
   return report;
-}
-
-void MakeSparseFile(const std::filesystem::path& path, off_t size) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(ftruncate(fd, size), 0);
-  close(fd);
 }
 
 TEST_F(CertificateFilesTest, FifoIsRefusedByEveryReaderWithoutWaitingForAWriter) {

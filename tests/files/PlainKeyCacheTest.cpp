@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "RecordingCallbacks.h"
+#include "RecordedCallbacksTest.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/PlainKeyCache.h"
@@ -20,24 +20,16 @@ namespace {
 
 using namespace x509auth_test;
 
-class PlainKeyCacheTest : public ::testing::Test {
+class PlainKeyCacheTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    rec().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
     PlainKeyCache::GetInstance().Clear();
     key_ = SharedKey(KeyKind::k_ec);
     cert_ = MakeCert(CertOptions{}, key_.get());
     key_path_ = dir_ / "leaf.pem.key";
     cert_path_ = dir_ / "leaf.pem";
   }
-  void TearDown() override {
-    PlainKeyCache::GetInstance().Clear();
-    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
-    rec().Reset();
-    ERR_clear_error();
-  }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
+  void TearDown() override { PlainKeyCache::GetInstance().Clear(); }
   EvpPkeyPtr Get() { return PlainKeyCache::GetInstance().Get(cert_.get(), cert_path_, key_path_); }
 
   TempDir dir_;

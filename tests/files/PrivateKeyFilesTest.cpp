@@ -11,7 +11,8 @@
 #include <string>
 
 #include "ForkedChild.h"
-#include "RecordingCallbacks.h"
+#include "RecordedCallbacksTest.h"
+#include "SparseFile.h"
 #include "TestPki.h"
 #include "base/SafeCallbacksWrapper.h"
 #include "files/PrivateKeyFiles.h"
@@ -20,22 +21,8 @@
 namespace quorvant::shared::x509 {
 namespace {
 
-using x509auth_test::Bytes;
-using x509auth_test::CertOptions;
-using x509auth_test::KeyKind;
-using x509auth_test::KeyToDer;
-using x509auth_test::KeyToEncryptedDer;
-using x509auth_test::KeyToPem;
-using x509auth_test::KeyToTraditionalDer;
-using x509auth_test::KeyToTraditionalPem;
-using x509auth_test::MakeCert;
-using x509auth_test::PinAnswer;
-using x509auth_test::RecordingCallbacks;
-using x509auth_test::SharedKey;
-using x509auth_test::TempDir;
-using x509auth_test::TestKey;
-using x509auth_test::TestX509;
-using x509auth_test::WriteFile;
+using namespace x509auth_test;
+using test::MakeSparseFile;
 
 // The buffer OpenSSL 3.0 hands to a PEM password callback (PEM_BUFSIZE):
 // found by experiment, pinned by the two length tests below.
@@ -47,28 +34,26 @@ constexpr const char* k_does_not_exist = "Private key file [%s] does not exist";
 constexpr const char* k_failed_to_parse = "Failed to parse private key file [%s]";
 constexpr const char* k_does_not_match = "Private key file [%s] does not appear to match cert [%s]";
 
-class PrivateKeyFilesTest : public ::testing::Test {
+class PrivateKeyFilesTest : public RecordedCallbacksTest {
  protected:
   void SetUp() override {
-    rec().Reset();
-    SafeCallbacksWrapper::GetInstance().Replace(rec().Callbacks());
-    ERR_clear_error();
     key_ = SharedKey(KeyKind::k_rsa);
     cert_ = MakeCert(CertOptions{}, key_.get());
     key_path_ = dir_ / "leaf.pem.key";
     cert_path_ = dir_ / "leaf.pem";
   }
-  void TearDown() override {
-    SafeCallbacksWrapper::GetInstance().Replace(X509_Auth_Callbacks{});
-    rec().Reset();
-    ERR_clear_error();
-  }
-  static RecordingCallbacks& rec() { return RecordingCallbacks::GetInstance(); }
   static bool Same(const EvpPkeyPtr& read, EVP_PKEY* expected) {
     return read && EVP_PKEY_eq(read.get(), expected) == 1;
   }
   std::string KeyPath() const { return key_path_.string(); }
   std::string Prompt() const { return "Enter password for: " + KeyPath(); }
+  // The key file read with |first| as the prompt's answer; the right
+  // password waits behind it, so a second prompt would succeed.
+  EvpPkeyPtr ReadAnswering(const PinAnswer& first) {
+    rec().ScriptAnswer(first);
+    rec().ScriptAnswer(PinAnswer::Value("s3cret"));
+    return ReadPrivateKeyFromPemFile(key_path_);
+  }
   void ExpectOnePasswordPrompt() const {
     ASSERT_EQ(rec().Prompts().size(), 1u);
     EXPECT_EQ(rec().Prompts()[0].title, "Enter password");
@@ -265,9 +250,7 @@ TEST_F(PrivateKeyFilesTest, EmptyPasswordIsHandedOverAsZeroBytesAndOpensItsKey) 
 
 TEST_F(PrivateKeyFilesTest, NonZeroStatusIsReleasedAndRefusedWhateverItsText) {
   WriteFile(key_path_, KeyToPem(key_.get(), "s3cret"));
-  rec().ScriptAnswer(PinAnswer::Status(1, "s3cret"));
-  rec().ScriptAnswer(PinAnswer::Value("s3cret"));
-  EXPECT_FALSE(ReadPrivateKeyFromPemFile(key_path_));
+  EXPECT_FALSE(ReadAnswering(PinAnswer::Status(1, "s3cret")));
   ExpectOnePasswordPrompt();
   EXPECT_EQ(rec().Releases(), 1);
   EXPECT_EQ(rec().Outstanding(), 0);
@@ -276,9 +259,7 @@ TEST_F(PrivateKeyFilesTest, NonZeroStatusIsReleasedAndRefusedWhateverItsText) {
 
 TEST_F(PrivateKeyFilesTest, CancelledPromptOnTraditionalPemIsAskedOncePerRead) {
   WriteFile(key_path_, KeyToTraditionalPem(key_.get(), "s3cret"));
-  rec().ScriptAnswer(PinAnswer::Status(-1));
-  rec().ScriptAnswer(PinAnswer::Value("s3cret"));
-  EXPECT_FALSE(ReadPrivateKeyFromPemFile(key_path_));
+  EXPECT_FALSE(ReadAnswering(PinAnswer::Status(-1)));
   ExpectOnePasswordPrompt();
   EXPECT_EQ(rec().Releases(), 1);
 }
@@ -296,9 +277,7 @@ TEST_F(PrivateKeyFilesTest, EachReadPromptsAfresh) {
 
 TEST_F(PrivateKeyFilesTest, NullResultIsARefusalWithNothingToRelease) {
   WriteFile(key_path_, KeyToPem(key_.get(), "s3cret"));
-  rec().ScriptAnswer(PinAnswer::NullResult());
-  rec().ScriptAnswer(PinAnswer::Value("s3cret"));
-  EXPECT_FALSE(ReadPrivateKeyFromPemFile(key_path_));
+  EXPECT_FALSE(ReadAnswering(PinAnswer::NullResult()));
   ExpectOnePasswordPrompt();
   EXPECT_EQ(rec().Releases(), 0);
 }
@@ -463,13 +442,6 @@ TEST_F(PrivateKeyFilesTest, FifoIsRefusedByEachReaderWithoutWaitingForAWriter) {
                            " Could not open private key file [" + KeyPath() +
                            "]. Error message [not a regular file]\n";
   EXPECT_EQ(report, "none none\n" + line + line);
-}
-
-void MakeSparseFile(const std::filesystem::path& path, off_t size) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(ftruncate(fd, size), 0);
-  close(fd);
 }
 
 TEST_F(PrivateKeyFilesTest, TwoGigabyteKeyFileIsNamedInOneLineAndNeverRead) {

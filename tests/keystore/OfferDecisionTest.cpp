@@ -19,11 +19,15 @@ FakeCertificate ScriptedCertificate(bool client_auth, bool chains, bool has_thum
   return FakeCertificate(answers);
 }
 
+// The decision on |cert| with no extra store, by a chain builder of its own.
+OfferDecision Decide(const FakeCertificate& cert, OfferDecision::Reasons reasons) {
+  ChainBuilder builder;
+  return DecideOffer(cert, nullptr, builder, reasons);
+}
+
 TEST(OfferDecisionTest, OfferedWhenUsageChainAndThumbprintAllHold) {
   const FakeCertificate cert = ScriptedCertificate(true, true, true);
-  ChainBuilder builder;
-  const OfferDecision decision =
-      DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_until_refused);
+  const OfferDecision decision = Decide(cert, OfferDecision::Reasons::k_until_refused);
   EXPECT_TRUE(decision.offered);
   EXPECT_TRUE(decision.key_usage_allowed);
   EXPECT_TRUE(decision.chained);
@@ -34,9 +38,7 @@ TEST(OfferDecisionTest, OfferedWhenUsageChainAndThumbprintAllHold) {
 
 TEST(OfferDecisionTest, ListingStopsAtARefusedKeyUsageWithoutBuildingAChain) {
   const FakeCertificate cert = ScriptedCertificate(false, true, true);
-  ChainBuilder builder;
-  const OfferDecision decision =
-      DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_until_refused);
+  const OfferDecision decision = Decide(cert, OfferDecision::Reasons::k_until_refused);
   EXPECT_FALSE(decision.offered);
   EXPECT_FALSE(decision.key_usage_allowed);
   EXPECT_EQ(cert.chain_requests, 0);
@@ -45,9 +47,7 @@ TEST(OfferDecisionTest, ListingStopsAtARefusedKeyUsageWithoutBuildingAChain) {
 
 TEST(OfferDecisionTest, ListingStopsAtAFailedChainWithoutTheThumbprint) {
   const FakeCertificate cert = ScriptedCertificate(true, false, true);
-  ChainBuilder builder;
-  const OfferDecision decision =
-      DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_until_refused);
+  const OfferDecision decision = Decide(cert, OfferDecision::Reasons::k_until_refused);
   EXPECT_FALSE(decision.offered);
   EXPECT_FALSE(decision.chained);
   EXPECT_EQ(cert.thumbprint_requests, 0);
@@ -55,9 +55,7 @@ TEST(OfferDecisionTest, ListingStopsAtAFailedChainWithoutTheThumbprint) {
 
 TEST(OfferDecisionTest, EveryReasonGoesOnPastEachRefusal) {
   const FakeCertificate cert = ScriptedCertificate(false, false, false);
-  ChainBuilder builder;
-  const OfferDecision decision =
-      DecideOffer(cert, nullptr, builder, OfferDecision::Reasons::k_every);
+  const OfferDecision decision = Decide(cert, OfferDecision::Reasons::k_every);
   EXPECT_FALSE(decision.offered);
   EXPECT_FALSE(decision.key_usage_allowed);
   EXPECT_FALSE(decision.chained);

@@ -39,6 +39,15 @@ std::string Total(int n) {
 const std::tuple<int, std::string, std::string> k_free_token_error{
     3, k_enumeration_error, "Error enumerating certificates on token []. Error code: [-1]"};
 
+// The lines of a listing of one token holding |count| certificates, SoftHSM2's
+// free token after it.
+LogLines OneTokenListing(int count) {
+  return {{0, k_started, k_started},
+          {1, k_slot_has, SlotHas(count)},
+          k_free_token_error,
+          {1, k_total, Total(count)}};
+}
+
 class Libp11ContextTest : public SmartcardTest {};
 
 TEST_F(Libp11ContextTest, MissingModuleLogsNotFoundOnEveryGetCertsAndReturnsMinusOne) {
@@ -162,11 +171,7 @@ TEST_F(Libp11ContextTest, UninitialisedSoftHsmTokenIsReportedAsFailedEnumeration
 
   EXPECT_EQ(context->SlotCount(), 2u);
   ASSERT_EQ(certs.size(), 1u);
-  const LogLines expected = {{0, k_started, k_started},
-                             {1, k_slot_has, SlotHas(1)},
-                             k_free_token_error,
-                             {1, k_total, Total(1)}};
-  EXPECT_EQ(OwnLogLines(), expected) << rec().Dump();
+  EXPECT_EQ(OwnLogLines(), OneTokenListing(1)) << rec().Dump();
 }
 
 TEST_F(Libp11ContextTest, TwoTokensAreListedInTokenOrderAfterEntriesAlreadyInTheArray) {
@@ -237,11 +242,7 @@ TEST_F(Libp11ContextTest, TokenWithoutCertificatesAddsNothing) {
   EXPECT_EQ(context->GetCerts(certs), 0);
 
   EXPECT_TRUE(certs.empty());
-  const LogLines expected = {{0, k_started, k_started},
-                             {1, k_slot_has, SlotHas(0)},
-                             k_free_token_error,
-                             {1, k_total, Total(0)}};
-  EXPECT_EQ(OwnLogLines(), expected) << rec().Dump();
+  EXPECT_EQ(OwnLogLines(), OneTokenListing(0)) << rec().Dump();
 }
 
 TEST_F(Libp11ContextTest, GetInstanceSharesTheLiveInstanceAndMakesAFreshOneAfterRelease) {

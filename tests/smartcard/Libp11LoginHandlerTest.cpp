@@ -55,6 +55,16 @@ class Libp11LoginHandlerTest : public ListedTokenTest {
     rec().Reset();
   }
 
+  // Card A counts as logged in with no prompt, no line, and nothing
+  // remembered to log out of.
+  void ExpectNoLoginNeeded() {
+    EXPECT_EQ(context_->LogInToSlotIfRequired(slot_a_), 0);
+
+    EXPECT_TRUE(rec().Prompts().empty());
+    EXPECT_TRUE(OwnLogLines().empty()) << rec().Dump();
+    EXPECT_TRUE(context_->LoginHandler().LoggedInSlots().empty());
+  }
+
   PKCS11_SLOT* slot_b_ = nullptr;
 };
 
@@ -188,11 +198,7 @@ TEST_F(Libp11LoginHandlerTest, TokenAlreadyLoggedInIsNotPromptedNorRemembered) {
   MakeTokens();
   ASSERT_EQ(PKCS11_login(slot_a_, 0, "1234"), 0);
 
-  EXPECT_EQ(context_->LogInToSlotIfRequired(slot_a_), 0);
-
-  EXPECT_TRUE(rec().Prompts().empty());
-  EXPECT_TRUE(OwnLogLines().empty()) << rec().Dump();
-  EXPECT_TRUE(context_->LoginHandler().LoggedInSlots().empty());
+  ExpectNoLoginNeeded();
 }
 
 TEST_F(Libp11LoginHandlerTest, TokenNotRequiringLoginIsNeverPrompted) {
@@ -201,11 +207,7 @@ TEST_F(Libp11LoginHandlerTest, TokenNotRequiringLoginIsNeverPrompted) {
   // what a card with only public objects presents.
   slot_a_->token->loginRequired = 0;
 
-  EXPECT_EQ(context_->LogInToSlotIfRequired(slot_a_), 0);
-
-  EXPECT_TRUE(rec().Prompts().empty());
-  EXPECT_TRUE(OwnLogLines().empty()) << rec().Dump();
-  EXPECT_TRUE(context_->LoginHandler().LoggedInSlots().empty());
+  ExpectNoLoginNeeded();
 }
 
 TEST_F(Libp11LoginHandlerTest, SecondSuccessfulLoginLeavesTheSlotRememberedOnce) {

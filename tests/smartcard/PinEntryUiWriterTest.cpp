@@ -58,6 +58,13 @@ class PinEntryUiWriterTest : public SmartcardTest {
               0);
   }
 
+  // UI_process's result for a PIN prompt the host answers with |answer|.
+  int ProcessAnswering(const PinAnswer& answer) {
+    rec().ScriptAnswer(answer);
+    AddPinPrompt();
+    return UI_process(ui_.get());
+  }
+
   UiMethodPtr method_;
   UiPtr ui_;
   std::array<char, 33> pin_{};
@@ -87,10 +94,7 @@ TEST_F(PinEntryUiWriterTest, MissingPinCallbackAnswersMinusOne) {
 }
 
 TEST_F(PinEntryUiWriterTest, HostReturningNoResultAnswersMinusOne) {
-  rec().ScriptAnswer(PinAnswer::NullResult());
-  AddPinPrompt();
-
-  EXPECT_LT(UI_process(ui_.get()), 0);
+  EXPECT_LT(ProcessAnswering(PinAnswer::NullResult()), 0);
 
   EXPECT_EQ(g_answers, (std::vector<int>{-1}));
   ASSERT_EQ(rec().Prompts().size(), 1u);
@@ -98,10 +102,7 @@ TEST_F(PinEntryUiWriterTest, HostReturningNoResultAnswersMinusOne) {
 }
 
 TEST_F(PinEntryUiWriterTest, HostDecliningAnswersMinusOneAndReleasesItsResult) {
-  rec().ScriptAnswer(PinAnswer::Status(2, "1234"));
-  AddPinPrompt();
-
-  EXPECT_LT(UI_process(ui_.get()), 0);
+  EXPECT_LT(ProcessAnswering(PinAnswer::Status(2, "1234")), 0);
 
   EXPECT_EQ(g_answers, (std::vector<int>{-1}));
   EXPECT_EQ(rec().Releases(), 1);
@@ -109,30 +110,21 @@ TEST_F(PinEntryUiWriterTest, HostDecliningAnswersMinusOneAndReleasesItsResult) {
 }
 
 TEST_F(PinEntryUiWriterTest, EmptyPinAnswersZeroAndReleasesItsResult) {
-  rec().ScriptAnswer(PinAnswer::Value(""));
-  AddPinPrompt();
-
-  EXPECT_LT(UI_process(ui_.get()), 0);
+  EXPECT_LT(ProcessAnswering(PinAnswer::Value("")), 0);
 
   EXPECT_EQ(g_answers, (std::vector<int>{0}));
   EXPECT_EQ(rec().Releases(), 1);
 }
 
 TEST_F(PinEntryUiWriterTest, NullPinTextAnswersZeroAndReleasesItsResult) {
-  rec().ScriptAnswer(PinAnswer::NullValue());
-  AddPinPrompt();
-
-  EXPECT_LT(UI_process(ui_.get()), 0);
+  EXPECT_LT(ProcessAnswering(PinAnswer::NullValue()), 0);
 
   EXPECT_EQ(g_answers, (std::vector<int>{0}));
   EXPECT_EQ(rec().Releases(), 1);
 }
 
 TEST_F(PinEntryUiWriterTest, PinIsHandedToTheUiWithAnswerOne) {
-  rec().ScriptAnswer(PinAnswer::Value("1234"));
-  AddPinPrompt();
-
-  EXPECT_EQ(UI_process(ui_.get()), 0);
+  EXPECT_EQ(ProcessAnswering(PinAnswer::Value("1234")), 0);
 
   EXPECT_EQ(g_answers, (std::vector<int>{1}));
   EXPECT_STREQ(UI_get0_result(ui_.get(), 0), "1234");
@@ -162,10 +154,7 @@ TEST_F(PinEntryUiWriterTest, VerifyPromptIsAnsweredLikeAPinPrompt) {
 
 TEST_F(PinEntryUiWriterTest, PinWithoutReleaseCallbackStaysWithTheHost) {
   InstallCallbacks(true, true, false, true);
-  rec().ScriptAnswer(PinAnswer::Value("1234"));
-  AddPinPrompt();
-
-  EXPECT_EQ(UI_process(ui_.get()), 0);
+  EXPECT_EQ(ProcessAnswering(PinAnswer::Value("1234")), 0);
 
   EXPECT_EQ(g_answers, (std::vector<int>{1}));
   EXPECT_EQ(rec().Outstanding(), 1);

@@ -8,13 +8,8 @@
 #include "ForkedChild.h"
 #include "StoreTestSupport.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
-
-using test::FileContext;
-using test::SetBaseDirectories;
-using test::StoreTest;
-namespace fs = std::filesystem;
 
 constexpr const char* k_no_certs_directory =
     "Certificates directory [%s] does not exist so no certificates can be loaded from it";
@@ -26,18 +21,22 @@ std::string NoCertsDirectoryText(const fs::path& certs) {
 
 // A store opened for another kind has an X509_STORE and nothing else, so the
 // file scan can be driven on its own, without any token source.
-class FileStoreTest : public StoreTest {
+class FileStoreTest : public CertStoreTest {
  protected:
   void SetUp() override {
-    StoreTest::SetUp();
+    CertStoreTest::SetUp();
     ASSERT_EQ(store_.Open(static_cast<ICertificateStore::CertStoreType>(1)), 0u);
     recorder_->Reset();
   }
-  void TearDown() override {
-    store_ = CertStore();
-    StoreTest::TearDown();
+  // Scans tmp_/base and expects |name| alone, read from certs/|file| with
+  // its key looked for at keys/|file|.key.
+  void LoadBaseExpectingOnly(const std::string& name, const std::string& file) {
+    store_.LoadFileStoreCertsFromPath(tmp_ / "base");
+    const auto certs = store_.Certificates();
+    ASSERT_EQ(Names(certs), std::vector<std::string>{name});
+    EXPECT_EQ(FileContext(certs[0]).cert_path, tmp_ / "base" / "certs" / file);
+    EXPECT_EQ(FileContext(certs[0]).key_path, tmp_ / "base" / "keys" / (file + ".key"));
   }
-  CertStore store_;
 };
 
 TEST_F(FileStoreTest, BaseWithoutCertsDirectoryIsLoggedAndTheNextBaseIsStillScanned) {
@@ -55,11 +54,7 @@ TEST_F(FileStoreTest, CertsAsSymbolicLinkToADirectoryIsAccepted) {
   x509auth_test::InstallFileCert(tmp_ / "real", "a.pem", NamedCert("Via Link").get());
   fs::create_directories(tmp_ / "base");
   fs::create_directory_symlink(tmp_ / "real" / "certs", tmp_ / "base" / "certs");
-  store_.LoadFileStoreCertsFromPath(tmp_ / "base");
-  const auto certs = store_.Certificates();
-  ASSERT_EQ(Names(certs), std::vector<std::string>{"Via Link"});
-  EXPECT_EQ(FileContext(certs[0]).cert_path, tmp_ / "base" / "certs" / "a.pem");
-  EXPECT_EQ(FileContext(certs[0]).key_path, tmp_ / "base" / "keys" / "a.pem.key");
+  LoadBaseExpectingOnly("Via Link", "a.pem");
   EXPECT_TRUE(recorder_->Logs().empty()) << recorder_->Dump();
 }
 
@@ -85,12 +80,8 @@ TEST_F(FileStoreTest, DerFileIsListedWithItsKeyPathAndTextFileIsSkipped) {
   auto ca = NamedCert("Der Cert");
   x509auth_test::InstallFileCert(tmp_ / "base", "ca.der", ca.get(), nullptr, true);
   x509auth_test::WriteFile(tmp_ / "base" / "certs" / "notes.txt", std::string("just notes\n"));
-  store_.LoadFileStoreCertsFromPath(tmp_ / "base");
-  const auto certs = store_.Certificates();
-  ASSERT_EQ(Names(certs), std::vector<std::string>{"Der Cert"});
-  EXPECT_EQ(FileContext(certs[0]).cert_path, tmp_ / "base" / "certs" / "ca.der");
-  EXPECT_EQ(FileContext(certs[0]).key_path, tmp_ / "base" / "keys" / "ca.der.key");
-  EXPECT_FALSE(fs::exists(FileContext(certs[0]).key_path));
+  LoadBaseExpectingOnly("Der Cert", "ca.der");
+  EXPECT_FALSE(fs::exists(tmp_ / "base" / "keys" / "ca.der.key"));
   EXPECT_TRUE(test::StoreHolds(store_.X509Store(), ca.get()));
   EXPECT_TRUE(recorder_->Logs().empty()) << recorder_->Dump();
 }
@@ -116,11 +107,7 @@ TEST_F(FileStoreTest, LinkToACertificateFileIsReadAndADanglingLinkIsSkipped) {
   fs::create_directories(tmp_ / "base" / "certs");
   fs::create_symlink(tmp_ / "elsewhere" / "target.pem", tmp_ / "base" / "certs" / "link.pem");
   fs::create_symlink(tmp_ / "elsewhere" / "missing.pem", tmp_ / "base" / "certs" / "dangling.pem");
-  store_.LoadFileStoreCertsFromPath(tmp_ / "base");
-  const auto certs = store_.Certificates();
-  ASSERT_EQ(Names(certs), std::vector<std::string>{"Linked"});
-  EXPECT_EQ(FileContext(certs[0]).cert_path, tmp_ / "base" / "certs" / "link.pem");
-  EXPECT_EQ(FileContext(certs[0]).key_path, tmp_ / "base" / "keys" / "link.pem.key");
+  LoadBaseExpectingOnly("Linked", "link.pem");
   EXPECT_TRUE(recorder_->Logs().empty()) << recorder_->Dump();
 }
 
@@ -205,6 +192,13 @@ class FileStorePermissionTest : public FileStoreTest {
                                      fs::perms::group_exec | fs::perms::others_read |
                                      fs::perms::others_exec);
   }
+  // The report of a scan of |base| by nobody.
+  std::string LoadAsNobody(const fs::path& base) {
+    return RunAsNobody([&] {
+      store_.LoadFileStoreCertsFromPath(base);
+      return Report(*recorder_, store_.Certificates());
+    });
+  }
 };
 
 TEST_F(FileStorePermissionTest, UnreadableCertsDirectoryLogsItsErrorAndOnlyThatBaseIsSkipped) {
@@ -231,10 +225,7 @@ TEST_F(FileStorePermissionTest, UnreadableSubdirectoryInsideCertsIsSkippedUnopen
   x509auth_test::InstallFileCert(tmp_ / "base" / "certs" / "locked", "b.pem",
                                  NamedCert("Hidden", 1).get());
   fs::permissions(tmp_ / "base" / "certs" / "locked", fs::perms::owner_all);
-  const std::string report = RunAsNobody([&] {
-    store_.LoadFileStoreCertsFromPath(tmp_ / "base");
-    return Report(*recorder_, store_.Certificates());
-  });
+  const std::string report = LoadAsNobody(tmp_ / "base");
   EXPECT_EQ(report, "cert Readable\n");
 }
 
@@ -242,23 +233,17 @@ TEST_F(FileStorePermissionTest, UnreadableCertificateFileIsSkippedSilently) {
   x509auth_test::InstallFileCert(tmp_ / "base", "a.pem", NamedCert("Readable").get());
   x509auth_test::InstallFileCert(tmp_ / "base", "b.pem", NamedCert("Private", 1).get());
   fs::permissions(tmp_ / "base" / "certs" / "b.pem", fs::perms::owner_read);
-  const std::string report = RunAsNobody([&] {
-    store_.LoadFileStoreCertsFromPath(tmp_ / "base");
-    return Report(*recorder_, store_.Certificates());
-  });
+  const std::string report = LoadAsNobody(tmp_ / "base");
   EXPECT_EQ(report, "cert Readable\n");
 }
 
 TEST_F(FileStorePermissionTest, UntraversableBaseLogsTheStatusError) {
   x509auth_test::InstallFileCert(tmp_ / "closed", "a.pem", NamedCert("Behind").get());
   fs::permissions(tmp_ / "closed", fs::perms::owner_all);
-  const std::string report = RunAsNobody([&] {
-    store_.LoadFileStoreCertsFromPath(tmp_ / "closed");
-    return Report(*recorder_, store_.Certificates());
-  });
+  const std::string report = LoadAsNobody(tmp_ / "closed");
   EXPECT_EQ(report, "log 3|%s|filesystem error: status: Permission denied [" +
                         (tmp_ / "closed" / "certs").string() + "]\n");
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

@@ -1,25 +1,14 @@
 #include "StoreTestSupport.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
-
-using test::FileContext;
-using test::SetBaseDirectories;
-using test::StoreTest;
-using test::ThumbprintOf;
-namespace fs = std::filesystem;
 
 constexpr const char* k_not_found = "Failed to find certificate with thumprint: [%s]";
 
 // A users' store over one base directory (OpenSC finds no readers, so no
 // token certificates).
-class LookupTest : public StoreTest {
+class LookupTest : public CertStoreTest {
  protected:
-  void TearDown() override {
-    // Drops the PKCS#11 context share before the fixture's module goes.
-    store_ = CertStore();
-    StoreTest::TearDown();
-  }
   void OpenWithFiles(const std::vector<std::pair<std::string, X509*>>& files) {
     for (const auto& [name, cert] : files)
       x509auth_test::InstallFileCert(tmp_ / "base", name, cert);
@@ -27,11 +16,6 @@ class LookupTest : public StoreTest {
     ASSERT_EQ(store_.Open(ICertificateStore::k_users_cert_store), 0u) << recorder_->Dump();
     recorder_->Reset();
   }
-  std::uint32_t Add(X509* cert) {
-    const x509auth_test::Bytes der = x509auth_test::CertToDer(cert);
-    return store_.AddEncodedCertificate(der.data(), der.size());
-  }
-  CertStore store_;
 };
 
 TEST_F(LookupTest, CertificatesListsFilesThenAddedCertificates) {
@@ -274,4 +258,4 @@ TEST_F(LookupTest, ChainTrustsCasAddedToTheExtraStore) {
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

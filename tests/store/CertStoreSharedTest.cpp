@@ -4,22 +4,10 @@
 // for, with what filling it at once would have given.
 #include "StoreTestSupport.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
 
-using test::FileContext;
-using test::SetBaseDirectories;
-using test::StoreTest;
-using test::ThumbprintOf;
-
-class SharedCertificatesTest : public StoreTest {
- protected:
-  void TearDown() override {
-    store_ = CertStore();
-    StoreTest::TearDown();
-  }
-  CertStore store_;
-};
+class SharedCertificatesTest : public CertStoreTest {};
 
 TEST_F(SharedCertificatesTest, MatchesCertificatesButSharesTheParsedObjects) {
   auto first = NamedCert("First");
@@ -29,8 +17,7 @@ TEST_F(SharedCertificatesTest, MatchesCertificatesButSharesTheParsedObjects) {
   SetBaseDirectories({(tmp_ / "b1").string(), (tmp_ / "b2").string()}, {});
   ASSERT_EQ(store_.Open(ICertificateStore::k_users_cert_store), 0u) << recorder_->Dump();
   auto added = NamedCert("Added", 2);
-  const x509auth_test::Bytes der = x509auth_test::CertToDer(added.get());
-  ASSERT_EQ(store_.AddEncodedCertificate(der.data(), der.size()), 0u);
+  ASSERT_EQ(Add(added.get()), 0u);
 
   const auto copies = store_.Certificates();
   const auto shared = store_.SharedCertificates();
@@ -69,8 +56,7 @@ TEST_F(SharedCertificatesTest, FindThumbprintSharedFindsWhatFindThumbprintFinds)
   SetBaseDirectories({(tmp_ / "b1").string(), (tmp_ / "b2").string()}, {});
   ASSERT_EQ(store_.Open(ICertificateStore::k_users_cert_store), 0u);
   auto added = NamedCert("Added", 2);
-  const x509auth_test::Bytes der = x509auth_test::CertToDer(added.get());
-  ASSERT_EQ(store_.AddEncodedCertificate(der.data(), der.size()), 0u);
+  ASSERT_EQ(Add(added.get()), 0u);
 
   std::unique_ptr<ICertificate> copy, shared;
   ASSERT_EQ(store_.FindThumbprint(ThumbprintOf(first.get()), &copy), 0u);
@@ -114,8 +100,7 @@ TEST_F(SharedCertificatesTest, TheX509StoreHoldsWhatAddingEachAtOnceWouldHaveLef
   auto added = NamedCert("Added", 4);
   X509_STORE_add_cert(expected.get(), added.get());
   // Adding fills the store first, so the added certificate comes last.
-  const x509auth_test::Bytes der = x509auth_test::CertToDer(added.get());
-  ASSERT_EQ(store_.AddEncodedCertificate(der.data(), der.size()), 0u);
+  ASSERT_EQ(Add(added.get()), 0u);
 
   const std::vector<X509*> want = x509auth_test::SortedStoreCerts(expected.get());
   const std::vector<X509*> got = x509auth_test::SortedStoreCerts(store_.X509Store());
@@ -125,4 +110,4 @@ TEST_F(SharedCertificatesTest, TheX509StoreHoldsWhatAddingEachAtOnceWouldHaveLef
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

@@ -14,13 +14,10 @@
 #include "files/CertificateFileCache.h"
 #include "files/DirectorySnapshots.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
 
-using test::FileContext;
-using test::StoreTest;
 using x509auth_test::WriteFile;
-namespace fs = std::filesystem;
 
 // Files changed within the last second are looked at again on every scan:
 // the cases below make sure theirs are not.
@@ -105,6 +102,14 @@ class SnapshotTest : public StoreTest {
     ASSERT_EQ(DirectorySnapshots::GetInstance().Size(), 1u);
     ASSERT_EQ(ScanFromSnapshot(), first_);
   }
+  // Adds b.pem beside what the test planted, lets both settle, and scans
+  // until the directory is watched, the scans' results unchecked.
+  void SettleWithBravo() {
+    WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
+    Settle();
+    Scan();
+    Warm();
+  }
   // The scan now, which must equal a full scan and hold |expected|.
   void ExpectSeen(const std::string& expected) {
     const std::string found = Scan();
@@ -175,10 +180,7 @@ TEST_F(SnapshotTest, AFileWrittenThroughADescriptorOpenedEarlierIsSeen) {
   WriteFile(base_ / "certs" / "a.pem", pem_["Alpha"]);
   const int file = open((base_ / "certs" / "a.pem").c_str(), O_WRONLY);
   ASSERT_GE(file, 0);
-  WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
-  Settle();
-  Scan();
-  Warm();
+  SettleWithBravo();
   ASSERT_EQ(ScanFromSnapshot().find("Alpha"), 0u);
   ASSERT_EQ(pwrite(file, pem_["Delta"].data(), pem_["Delta"].size(), 0),
             static_cast<ssize_t>(pem_["Delta"].size()));
@@ -189,10 +191,7 @@ TEST_F(SnapshotTest, AFileWrittenThroughADescriptorOpenedEarlierIsSeen) {
 TEST_F(SnapshotTest, AHardLinkedFileWrittenThroughItsOtherNameIsSeen) {
   WriteFile(tmp_ / "outside" / "shared.pem", pem_["Alpha"]);
   fs::create_hard_link(tmp_ / "outside" / "shared.pem", base_ / "certs" / "a.pem");
-  WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
-  Settle();
-  Scan();
-  Warm();
+  SettleWithBravo();
   Scan();
   // The report of this write goes to the other name's directory.
   RewriteKeepingTimes(tmp_ / "outside" / "shared.pem", pem_["Gamma"]);
@@ -203,10 +202,7 @@ TEST_F(SnapshotTest, ALinkWhoseTargetIsRewrittenIsSeen) {
   WriteFile(tmp_ / "outside" / "target.pem", pem_["Alpha"]);
   fs::create_symlink(tmp_ / "outside" / "target.pem", base_ / "certs" / "link.pem");
   fs::create_symlink(tmp_ / "outside" / "later.pem", base_ / "certs" / "dangling.pem");
-  WriteFile(base_ / "certs" / "b.pem", pem_["Bravo"]);
-  Settle();
-  Scan();
-  Warm();
+  SettleWithBravo();
   Scan();
   RewriteKeepingTimes(tmp_ / "outside" / "target.pem", pem_["Gamma"]);
   ExpectSeen("Gamma link.pem");
@@ -301,4 +297,4 @@ TEST_F(SnapshotTest, AFifoRenamedOverAKeptFileIsSkippedAndTheFileFoundAgainWhenB
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

@@ -3,18 +3,12 @@
 #include "StoreTestSupport.h"
 #include "smartcard/Libp11Context.h"
 
-namespace quorvant::shared::x509 {
+namespace quorvant::shared::x509::test {
 namespace {
-
-using test::FileContext;
-using test::SetBaseDirectories;
-using test::StoreTest;
-using test::ThumbprintOf;
-namespace fs = std::filesystem;
 
 // A users' store whose "./opensc-pkcs11.so" is SoftHSM2 with a token the test
 // fills before opening. A watchdog fails a test that hangs in the module.
-class TokenStoreTest : public StoreTest {
+class TokenStoreTest : public CertStoreTest {
  protected:
   void SetUp() override {
     X509AUTH_SKIP_WITHOUT_SOFTHSM2();
@@ -24,19 +18,12 @@ class TokenStoreTest : public StoreTest {
   }
   void TearDown() override {
     // The store's context share must go while the token still exists.
-    store_ = CertStore();
-    StoreTest::TearDown();
+    CertStoreTest::TearDown();
     alarm(0);
   }
   void OpenStore() {
     ASSERT_EQ(store_.Open(ICertificateStore::k_users_cert_store), 0u) << recorder_->Dump();
   }
-  std::uint32_t Add(X509* cert) {
-    const x509auth_test::Bytes der = x509auth_test::CertToDer(cert);
-    return store_.AddEncodedCertificate(der.data(), der.size());
-  }
-
-  CertStore store_;
 };
 
 TEST_F(TokenStoreTest, TokenCertificatesAreCountedAndAddedToTheX509Store) {
@@ -172,4 +159,4 @@ TEST_F(TokenStoreTest, EmptyTokenAddsNothingAndOpenSucceeds) {
 }
 
 }  // namespace
-}  // namespace quorvant::shared::x509
+}  // namespace quorvant::shared::x509::test

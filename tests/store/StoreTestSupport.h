@@ -102,4 +102,21 @@ class StoreTest : public ::testing::Test {
   std::unique_ptr<x509auth_test::SoftHsmToken> hsm_;
 };
 
+// A store test over one CertStore of its own, dropped before the fixture's
+// module goes: the store holds a share of the PKCS#11 context.
+class CertStoreTest : public StoreTest {
+ protected:
+  void TearDown() override {
+    store_ = CertStore();
+    StoreTest::TearDown();
+  }
+  // Adds |cert| as its DER bytes, as a host does.
+  std::uint32_t Add(X509* cert) {
+    const x509auth_test::Bytes der = x509auth_test::CertToDer(cert);
+    return store_.AddEncodedCertificate(der.data(), der.size());
+  }
+
+  CertStore store_;
+};
+
 }  // namespace quorvant::shared::x509::test
