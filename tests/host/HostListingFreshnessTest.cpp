@@ -1,31 +1,15 @@
 // Every listing sees the files, the default CA file and the added CAs as they
 // are at the time of the call, and one listing gives each of several
 // certificates the chain and the failure lines it would get alone.
-#include <chrono>
 #include <cstdlib>
-#include <thread>
 
 #include "HostFixture.h"
 
 namespace x509auth_test {
 namespace {
 
-class HostListingFreshnessTest : public HostTest {
+class HostListingFreshnessTest : public HostCaFileTest {
  protected:
-  void SetUp() override {
-    HostTest::SetUp();
-    bundle_ = temp_ / "bundle.pem";
-    env_.Set("SSL_CERT_FILE", bundle_.string());
-    env_.Set("SSL_CERT_DIR", (temp_ / "no-dir").string());
-  }
-  static std::vector<std::string> Names(const std::vector<const X509_Auth_Certificate*>& records) {
-    std::vector<std::string> names;
-    for (const X509_Auth_Certificate* record : records) names.push_back(record->name);
-    return names;
-  }
-  // Files changed more than a second ago may be served from the library's
-  // cache of parsed certificates: the tests below make sure they are.
-  static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
   static X509_Auth_Result Sign(const Bytes& thumbprint) {
     const Bytes digest(32, 0x42);
     const uint32_t algorithms[] = {1, 2};
@@ -35,7 +19,6 @@ class HostListingFreshnessTest : public HostTest {
     if (signature != nullptr) X509_Auth_Free(signature);
     return result;
   }
-  std::filesystem::path bundle_;
 };
 
 TEST_F(HostListingFreshnessTest, ACaFileThatChangesBetweenListingsIsSeenByTheSecond) {

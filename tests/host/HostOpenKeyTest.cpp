@@ -13,11 +13,10 @@
 
 #include "ForkedChild.h"
 #include "HostFixture.h"
+#include "HostOpenKeyChecks.h"
 
 namespace x509auth_test {
 namespace {
-
-constexpr uint32_t k_rsa_and_ec[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
 
 // Puts |content| in place of |path| as a new file (a new inode), as an
 // editor or a renewal tool replaces a key.
@@ -57,23 +56,6 @@ class HostOpenKeyTest : public HostTest {
     return handle;
   }
 
-  // Signs a SHA-256 digest of |message| with the open key; the result code,
-  // and whether the signature verifies with |cert|.
-  static int32_t SignVerified(X509_Auth_KeyHandle handle, X509* cert, const std::string& message,
-                              bool* verified) {
-    const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, message);
-    const X509_Auth_Signature* signature = nullptr;
-    const X509_Auth_Result result = X509_Auth_OpenKeySignHash(
-        handle, 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
-    *verified = signature != nullptr && VerifiesWithCertificate(cert, EVP_sha256(), digest,
-                                                                signature->data, signature->length);
-    if (result.code != 0) {
-      EXPECT_EQ(signature, nullptr);
-    }
-    X509_Auth_Free(signature);
-    return result.code;
-  }
-
   TestKey rsa_key_, ec_key_, other_key_;
   TestX509 rsa_, ec_;
   std::filesystem::path rsa_key_path_;
@@ -100,43 +82,10 @@ TEST_F(HostOpenKeyTest, OpenKeySignsManyTimesWithRsaAndEcAndEverySignatureVerifi
 TEST_F(HostOpenKeyTest, OpenKeySignsWithPssAndDecryptsWithBothPaddings) {
   const X509_Auth_KeyHandle rsa = Open(rsa_.get());
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha384, "pss");
-  const X509_Auth_Signature* signature = nullptr;
-  ASSERT_EQ(X509_Auth_OpenKeySignHashPss(rsa, X509_Auth_HashType_Sha384, digest.data(),
-                                         X509_AUTH_PSS_SALT_DIGEST, &signature)
-                .code,
-            0)
-      << rec().Dump();
-  ASSERT_NE(signature, nullptr);
-  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
-      EVP_PKEY_CTX_new(X509_get0_pubkey(rsa_.get()), nullptr), EVP_PKEY_CTX_free);
-  ASSERT_EQ(EVP_PKEY_verify_init(context.get()), 1);
-  EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING);
-  EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha384());
-  EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), EVP_sha384());
-  EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), 48);
-  EXPECT_EQ(EVP_PKEY_verify(context.get(), signature->data, signature->length, digest.data(),
-                            digest.size()),
-            1);
-  X509_Auth_Free(signature);
-
-  const Bytes secret = {1, 2, 3, 4, 5, 6, 7, 8};
-  struct Case {
-    uint32_t algorithm;
-    int padding;
-  } cases[] = {{X509_Auth_DecryptAlgorithm_RsaPkcs1, RSA_PKCS1_PADDING},
-               {X509_Auth_DecryptAlgorithm_RsaOaep, RSA_PKCS1_OAEP_PADDING}};
-  for (const Case& c : cases) {
-    const Bytes ciphertext = EncryptToCertificate(rsa_.get(), c.padding, secret);
-    const X509_Auth_ASN_1* plaintext = nullptr;
-    ASSERT_EQ(
-        X509_Auth_OpenKeyDecrypt(rsa, c.algorithm, ciphertext.size(), ciphertext.data(), &plaintext)
-            .code,
-        0)
-        << rec().Dump();
-    ASSERT_NE(plaintext, nullptr);
-    EXPECT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
-    X509_Auth_Free(plaintext);
-  }
+  ASSERT_NO_FATAL_FAILURE(
+      ExpectPssSignatureVerifies(rsa, rsa_.get(), X509_Auth_HashType_Sha384, digest));
+  ASSERT_NO_FATAL_FAILURE(
+      ExpectDecryptsWithBothPaddings(rsa, rsa_.get(), {1, 2, 3, 4, 5, 6, 7, 8}));
 }
 
 TEST_F(HostOpenKeyTest, PasswordIsAskedOncePerOpenAndAgainOnlyAfterTheFileChanges) {

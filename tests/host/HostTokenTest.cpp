@@ -34,10 +34,6 @@ class HostTokenTest : public HostCardTest {
     token_rsa_ = MakeClientCert("Token RSA", rsa_key_.get());
     token_ec_ = MakeClientCert("Token EC", ec_key_.get());
   }
-  void TearDown() override {
-    HostTest::TearDown();
-    hsm_.reset();
-  }
 
   void ImportBoth() {
     hsm_->ImportCertAndKey("Card A", token_rsa_.get(), rsa_key_.get(), "01", "rsa");

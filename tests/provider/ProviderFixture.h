@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -76,6 +77,21 @@ class ProviderTest : public ::testing::Test {
   }
 
   std::filesystem::path CasFile() const { return temp_ / "cas.pem"; }
+
+  // An openssl.cnf loading the module from the build tree with |settings|
+  // in its section.
+  std::filesystem::path WriteOpensslConfig(const std::string& settings) const {
+    const std::filesystem::path cnf = temp_ / "openssl.cnf";
+    std::ofstream(cnf) << "openssl_conf = openssl_init\n"
+                          "[openssl_init]\nproviders = provider_sect\n"
+                          "[provider_sect]\ndefault = default_sect\nx509auth = x509auth_sect\n"
+                          "[default_sect]\nactivate = 1\n"
+                          "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR
+                          "/x509auth.so\n"
+                          "activate = 1\n" +
+                              settings;
+    return cnf;
+  }
 
   // What every openssl child gets: the provider's settings in the
   // environment, and the sanitizer runtime when the module is instrumented.

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <thread>
 
+#include "ShellOutput.h"
 #include "SoftHsmToken.h"
 #include "TlsTestServer.h"
 #include "ToolFixture.h"
@@ -44,15 +45,8 @@ class TerminalTest : public ToolTest {
 
   // Runs tmux on the test's own server socket; returns its output.
   std::string Tmux(const std::string& arguments) {
-    const std::string command =
-        "tmux -S " + Quote((temp_ / "tmux.sock").string()) + " " + arguments + " 2>&1";
-    std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-      char buffer[4096];
-      while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
-      pclose(pipe);
-    }
-    return output;
+    return ShellOutput("tmux -S " + Quote((temp_ / "tmux.sock").string()) + " " + arguments +
+                       " 2>&1");
   }
 
   std::string Screen() { return Tmux("capture-pane -p -t prompt"); }
@@ -294,12 +288,7 @@ TEST_F(TerminalTest, CtrlZAtThePromptGivesEchoBackUntilTheToolGoesOn) {
   while (!tty.empty() && tty.back() == '\n') tty.pop_back();
   bool hidden = false;
   for (int i = 0; i < 200 && !hidden; ++i) {
-    std::string modes;
-    if (FILE* pipe = popen(("stty -a -F " + Quote(tty) + " 2>&1").c_str(), "r")) {
-      char buffer[4096];
-      while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) modes += buffer;
-      pclose(pipe);
-    }
+    const std::string modes = ShellOutput("stty -a -F " + Quote(tty) + " 2>&1");
     hidden = modes.find(" -echo ") != std::string::npos;
     if (!hidden) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
