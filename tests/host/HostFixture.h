@@ -111,6 +111,19 @@ inline TestX509 MakeClientCert(const std::string& name, EVP_PKEY* key,
   return MakeCert(options, key);
 }
 
+// "<name> RSA" and "<name> EC", self-signed client certificates of the
+// shared keys, installed with their unencrypted keys in |base| as rsa.pem
+// and ec.pem.
+inline void InstallRsaAndEcFiles(const std::filesystem::path& base, const std::string& name,
+                                 TestKey* rsa_key, TestX509* rsa, TestKey* ec_key, TestX509* ec) {
+  *rsa_key = SharedKey(KeyKind::k_rsa);
+  *ec_key = SharedKey(KeyKind::k_ec);
+  *rsa = MakeClientCert(name + " RSA", rsa_key->get());
+  *ec = MakeClientCert(name + " EC", ec_key->get());
+  InstallFileCert(base, "rsa.pem", rsa->get(), rsa_key->get());
+  InstallFileCert(base, "ec.pem", ec->get(), ec_key->get());
+}
+
 // A host test beside a SoftHSM2 token store holding one empty card, "Card
 // A"; skipped where SoftHSM2 is missing. A fixture deriving from it returns
 // from its own SetUp when IsSkipped().

@@ -21,12 +21,7 @@ class HostKeyOperationsTest : public HostTest {
  protected:
   void SetUp() override {
     HostTest::SetUp();
-    rsa_key_ = SharedKey(KeyKind::k_rsa);
-    ec_key_ = SharedKey(KeyKind::k_ec);
-    rsa_ = MakeClientCert("Signer RSA", rsa_key_.get());
-    ec_ = MakeClientCert("Signer EC", ec_key_.get());
-    InstallFileCert(Base("base"), "rsa.pem", rsa_.get(), rsa_key_.get());
-    InstallFileCert(Base("base"), "ec.pem", ec_.get(), ec_key_.get());
+    InstallRsaAndEcFiles(Base("base"), "Signer", &rsa_key_, &rsa_, &ec_key_, &ec_);
     Init({Base("base").string()});
     rsa_thumbprint_ = Sha1Thumbprint(rsa_.get());
     ec_thumbprint_ = Sha1Thumbprint(ec_.get());

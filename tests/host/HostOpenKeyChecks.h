@@ -1,13 +1,19 @@
 #pragma once
 // What the open-key tests check of a held key, file or token alike: each
 // signature verified with the certificate's public key, each decryption
-// compared with what was encrypted to the certificate.
+// compared with what was encrypted to the certificate, and how a host that
+// exits with keys held ends.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <functional>
 #include <string>
 
+#include "ForkedChild.h"
 #include "HostFixture.h"
 
 namespace x509auth_test {
@@ -75,6 +81,21 @@ inline void ExpectDecryptsWithBothPaddings(X509_Auth_KeyHandle handle, X509* cer
     EXPECT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
     X509_Auth_Free(plaintext);
   }
+}
+
+// Runs |host| in a host process of its own that ends with std::exit of
+// what |host| returns, so that the library's static objects go as at a real
+// host's exit; watched from a child with a time limit. "exit N" or
+// "signal N".
+inline std::string HostProcessEnd(const std::function<int()>& host) {
+  return RunInChild([&host] {
+    const pid_t pid = fork();
+    if (pid == 0) std::exit(host());
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) return std::string("no host process");
+    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+    return "exit " + std::to_string(WEXITSTATUS(status));
+  });
 }
 
 }  // namespace x509auth_test

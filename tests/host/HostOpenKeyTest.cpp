@@ -31,13 +31,8 @@ class HostOpenKeyTest : public HostTest {
   void SetUp() override {
     HostTest::SetUp();
     ASSERT_EQ(X509_Auth_SetPkcs11Module(""), 0);
-    rsa_key_ = SharedKey(KeyKind::k_rsa);
-    ec_key_ = SharedKey(KeyKind::k_ec);
+    InstallRsaAndEcFiles(Base("base"), "Open", &rsa_key_, &rsa_, &ec_key_, &ec_);
     other_key_ = SharedKey(KeyKind::k_rsa, 1);
-    rsa_ = MakeClientCert("Open RSA", rsa_key_.get());
-    ec_ = MakeClientCert("Open EC", ec_key_.get());
-    InstallFileCert(Base("base"), "rsa.pem", rsa_.get(), rsa_key_.get());
-    InstallFileCert(Base("base"), "ec.pem", ec_.get(), ec_key_.get());
     rsa_key_path_ = Base("base") / "keys" / "rsa.pem.key";
     Init({Base("base").string()});
   }
@@ -322,23 +317,16 @@ TEST_F(HostOpenKeyTest, DeInitAndInitEndEveryOpenKeyAndHandlesAreNeverReused) {
 }
 
 TEST_F(HostOpenKeyTest, KeysLeftOpenAtExitAreFreedWithTheProcessWithoutACrash) {
-  const std::string report = RunInChild([this] {
-    // A host that opens keys, signs and exits without closing them or
-    // calling X509_Auth_DeInit: the kept keys go with the library's static
-    // objects at exit.
-    const pid_t host = fork();
-    if (host == 0) {
-      const X509_Auth_KeyHandle rsa = Open(rsa_.get());
-      const X509_Auth_KeyHandle ec = Open(ec_.get());
-      bool verified = false;
-      const bool signed_both = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified &&
-                               SignVerified(ec, ec_.get(), "exit", &verified) == 0 && verified;
-      std::exit(signed_both ? 0 : 3);
-    }
-    int status = 0;
-    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "exit " + std::to_string(WEXITSTATUS(status));
+  // A host that opens keys, signs and exits without closing them or calling
+  // X509_Auth_DeInit: the kept keys go with the library's static objects at
+  // exit.
+  const std::string report = HostProcessEnd([this] {
+    const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+    const X509_Auth_KeyHandle ec = Open(ec_.get());
+    bool verified = false;
+    const bool signed_both = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified &&
+                             SignVerified(ec, ec_.get(), "exit", &verified) == 0 && verified;
+    return signed_both ? 0 : 3;
   });
   EXPECT_EQ(report, "exit 0");
 }
@@ -350,30 +338,23 @@ TEST_F(HostOpenKeyTest, LibraryEndedByAnExitHandlerAfterItsCachesAreFilledExitsC
   // system's CA directory, whose listing the library keeps.
   const ForeignClient foreign = MakeClientOfUnknownCa("Foreign");
   InstallFileCert(Base("base"), "foreign.pem", foreign.leaf.get(), foreign.leaf_key.get());
-  const std::string report = RunInChild([this] {
-    // The handler is registered before the library fills its process-wide
-    // caches (the CA directory's listing, the plain key kept for
-    // X509_Auth_SignHash), so it runs after their static objects would be
-    // gone, as a provider ended by OpenSSL's cleanup is.
-    const pid_t host = fork();
-    if (host == 0) {
-      std::atexit(EndLibraryAtExit);
-      uint64_t count = 0;
-      const X509_Auth_Certificate* records = nullptr;
-      if (!X509_Auth_LoadClientCertificates(&count, &records)) std::_Exit(3);
-      X509_Auth_Free(records);
-      const Bytes thumbprint = Sha1Thumbprint(rsa_.get());
-      const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "kept");
-      const X509_Auth_Signature* signature = nullptr;
-      const X509_Auth_Result result = X509_Auth_SignHash(
-          thumbprint.data(), 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
-      X509_Auth_Free(signature);
-      std::exit(result.code == 0 ? 0 : 4);
-    }
-    int status = 0;
-    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "exit " + std::to_string(WEXITSTATUS(status));
+  // The handler is registered before the library fills its process-wide
+  // caches (the CA directory's listing, the plain key kept for
+  // X509_Auth_SignHash), so it runs after their static objects would be
+  // gone, as a provider ended by OpenSSL's cleanup is.
+  const std::string report = HostProcessEnd([this] {
+    std::atexit(EndLibraryAtExit);
+    uint64_t count = 0;
+    const X509_Auth_Certificate* records = nullptr;
+    if (!X509_Auth_LoadClientCertificates(&count, &records)) std::_Exit(3);
+    X509_Auth_Free(records);
+    const Bytes thumbprint = Sha1Thumbprint(rsa_.get());
+    const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "kept");
+    const X509_Auth_Signature* signature = nullptr;
+    const X509_Auth_Result result = X509_Auth_SignHash(
+        thumbprint.data(), 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
+    X509_Auth_Free(signature);
+    return result.code == 0 ? 0 : 4;
   });
   EXPECT_EQ(report, "exit 0");
 }

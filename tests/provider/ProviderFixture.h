@@ -28,6 +28,14 @@ namespace x509auth_test {
 enum class KeyForm { k_pem, k_der, k_encrypted };
 inline constexpr const char* k_key_password = "key-file-secret";
 
+// How many times |what| stands in |text|, overlaps included.
+inline std::size_t Count(const std::string& text, const std::string& what) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+    ++count;
+  return count;
+}
+
 class ProviderTest : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -107,6 +107,16 @@ class ProviderInProcessTest : public ProviderTest {
     return infos;
   }
 
+  // An RSA client (chains_[0]) installed with an unencrypted key, and its
+  // key loaded through a new library context into |rsa_key_|; the client's
+  // thumbprint.
+  std::string LoadRsaClient() {
+    const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+    clients_ = Load(base_);
+    rsa_key_.reset(LoadKey(*clients_, rsa, &clients_answer_));
+    return rsa;
+  }
+
   // An RSA client (chains_[0]) and an EC client (chains_[1]) installed
   // with unencrypted keys, and their keys loaded through a new library
   // context into |rsa_key_| and |ec_key_|.
@@ -187,7 +197,8 @@ class ProviderInProcessTest : public ProviderTest {
   }
 
   x509auth_openssl::UiMethodPtr ui_;
-  // LoadRsaAndEcClients's: the keys go before their library context.
+  // LoadRsaClient's and LoadRsaAndEcClients's: the keys go before their
+  // library context.
   std::unique_ptr<Loaded> clients_;
   Answer clients_answer_;
   x509auth_openssl::EvpPkeyPtr rsa_key_, ec_key_;

@@ -86,12 +86,9 @@ TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOther
 }
 
 TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
-  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
-  ASSERT_NE(key, nullptr) << ErrorText();
-  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
+  LoadRsaClient();
+  ASSERT_NE(rsa_key_, nullptr) << ErrorText();
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(clients_->ctx, rsa_key_.get(), nullptr));
   ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
   const unsigned char hash[32] = {1, 2, 3};
   unsigned char signature[512];
@@ -131,17 +128,13 @@ class ProviderSignatureParamsTest : public ProviderInProcessTest {
   void SetUp() override {
     ProviderInProcessTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-    loaded_ = Load(base_);
-    key_.reset(LoadKey(*loaded_, rsa, &answer_));
-    ASSERT_NE(key_, nullptr) << ErrorText();
-    context_.reset(EVP_PKEY_CTX_new_from_pkey(loaded_->ctx, key_.get(), nullptr));
+    LoadRsaClient();
+    ASSERT_NE(rsa_key_, nullptr) << ErrorText();
+    context_.reset(EVP_PKEY_CTX_new_from_pkey(clients_->ctx, rsa_key_.get(), nullptr));
     ASSERT_EQ(EVP_PKEY_sign_init(context_.get()), 1);
   }
   void TearDown() override {
     context_.reset();
-    key_.reset();
-    loaded_.reset();
     ProviderInProcessTest::TearDown();
   }
 
@@ -158,9 +151,6 @@ class ProviderSignatureParamsTest : public ProviderInProcessTest {
     EXPECT_EQ(DigestParam(context_.get(), key), "SHA2-256");
   }
 
-  std::unique_ptr<Loaded> loaded_;
-  Answer answer_;
-  x509auth_openssl::EvpPkeyPtr key_;
   EvpPkeyCtxPtr context_;
 };
 
