@@ -76,6 +76,17 @@ class HostTest : public ::testing::Test {
   ScopedTestEnvironment env_;
 };
 
+// A self-signed client-authentication certificate: its chain is itself.
+inline TestX509 MakeClientCert(const std::string& name, EVP_PKEY* key,
+                               const std::string& eku = "clientAuth",
+                               const std::string& ku = "critical,digitalSignature,keyCertSign") {
+  CertOptions options;
+  options.common_name = name;
+  options.extended_key_usage = eku;
+  options.key_usage = ku;
+  return MakeCert(options, key);
+}
+
 // A host test whose default CA file is |bundle_| (not written yet) and
 // whose default CA directory does not exist: only the test's CAs count.
 class HostCaFileTest : public HostTest {
@@ -93,23 +104,22 @@ class HostCaFileTest : public HostTest {
     return names;
   }
 
+  // "Stranger", a client certificate of |key| issued by "Nobody", a CA no
+  // CA file holds: its chain cannot be built.
+  static TestX509 Stranger(EVP_PKEY* key) {
+    TestX509 nobody = MakeClientCert("Nobody", key);
+    CertOptions unknown;
+    unknown.common_name = "Stranger";
+    unknown.extended_key_usage = "clientAuth";
+    return MakeCert(unknown, key, nobody.get(), key);
+  }
+
   // Files changed more than a second ago are served from the library's
   // cache of parsed certificates, with their kept decisions.
   static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
 
   std::filesystem::path bundle_;
 };
-
-// A self-signed client-authentication certificate: its chain is itself.
-inline TestX509 MakeClientCert(const std::string& name, EVP_PKEY* key,
-                               const std::string& eku = "clientAuth",
-                               const std::string& ku = "critical,digitalSignature,keyCertSign") {
-  CertOptions options;
-  options.common_name = name;
-  options.extended_key_usage = eku;
-  options.key_usage = ku;
-  return MakeCert(options, key);
-}
 
 // "<name> RSA" and "<name> EC", self-signed client certificates of the
 // shared keys, installed with their unencrypted keys in |base| as rsa.pem

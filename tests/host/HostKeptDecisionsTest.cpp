@@ -27,15 +27,6 @@ class HostKeptDecisionsTest : public HostCaFileTest {
         lines.push_back(entry.text);
     return lines;
   }
-  // "Stranger", a client certificate whose issuer, "Nobody", no CA file
-  // holds: its chain cannot be built.
-  static TestX509 Stranger(EVP_PKEY* key) {
-    TestX509 nobody = MakeClientCert("Nobody", key);
-    CertOptions unknown;
-    unknown.common_name = "Stranger";
-    unknown.extended_key_usage = "clientAuth";
-    return MakeCert(unknown, key, nobody.get(), key);
-  }
   static int Add(X509* cert) {
     const std::string pem = CertToPem(cert);
     return X509_Auth_AddAdditionalCertificateAuthorityToStore(

@@ -60,12 +60,7 @@ TEST_F(HostListingFreshnessTest, OneListingLogsEachChainFailureInTheOrderOfItsCe
   expired.not_before = "20000101000000Z";
   expired.not_after = "20010101000000Z";
   TestX509 old = MakeCert(expired, key.get(), chain.root.get(), chain.root_key.get());
-  // Issued by a CA that is nowhere.
-  TestX509 nobody = MakeClientCert("Nobody", key.get());
-  CertOptions unknown;
-  unknown.common_name = "Stranger";
-  unknown.extended_key_usage = "clientAuth";
-  TestX509 stranger = MakeCert(unknown, key.get(), nobody.get(), key.get());
+  TestX509 stranger = Stranger(key.get());
   WriteFile(bundle_, CertToPem(chain.root.get()));
   // One base directory per certificate fixes the order of the listing.
   InstallFileCert(Base("b1"), "a.pem", old.get(), key.get());

@@ -57,6 +57,16 @@ class HostOpenTokenKeyTest : public HostTokenKeysTest {
     hsm_->ImportCertAndKey("Card A", ec_.get(), ec_key_.get(), "02", "ec");
   }
 
+  // The library started with the watch as asked, the RSA key opened into
+  // |rsa| and one signature made with it: the state each change below is
+  // made in.
+  void OpenAndSignOnce(bool watch, X509_Auth_KeyHandle* rsa) {
+    Start(watch);
+    *rsa = Open(rsa_.get());
+    bool verified = false;
+    ASSERT_EQ(SignVerified(*rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
+  }
+
   // Opens |cert|'s key with the PIN scripted for it.
   static X509_Auth_KeyHandle Open(X509* cert) {
     rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
@@ -139,10 +149,9 @@ TEST_F(HostOpenTokenKeyTest, WrongPinAtOpenGivesKeyOpenFailedAndNoHandle) {
 }
 
 TEST_F(HostOpenTokenKeyTest, TokensChangedUnderAnOpenKeyFindItAgainAndAskForThePinAgain) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   {
     LoadedSoftHsm module;
     ASSERT_TRUE(module.Loaded());
@@ -159,10 +168,9 @@ TEST_F(HostOpenTokenKeyTest, TokensChangedUnderAnOpenKeyFindItAgainAndAskForTheP
 }
 
 TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyIsFoundAgainOnceAndTheSignatureSucceeds) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   ASSERT_NO_FATAL_FAILURE(EndEverySession());
   rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified), 0) << rec().Dump();
@@ -177,10 +185,9 @@ TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyIsFoundAgainOnceAndTheSig
 }
 
 TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyFailsWithoutRetryWithTheWatchOff) {
-  Start(false);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(false, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   ASSERT_NO_FATAL_FAILURE(EndEverySession());
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
             X509_Auth_ResultCode_KeyOperationFailed)
@@ -191,10 +198,9 @@ TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyFailsWithoutRetryWithTheW
 }
 
 TEST_F(HostOpenTokenKeyTest, TokenDeletedUnderAnOpenKeyFailsAsNotFoundAfterOneLookup) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   hsm_->DeleteToken("Card A");
   rec().Reset();
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
@@ -211,10 +217,9 @@ TEST_F(HostOpenTokenKeyTest, TokenDeletedUnderAnOpenKeyFailsAsNotFoundAfterOneLo
 }
 
 TEST_F(HostOpenTokenKeyTest, DeInitWithAnOpenTokenKeyLeavesItsHandleInvalid) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   X509_Auth_DeInit();
   Start(true);
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),

@@ -40,6 +40,14 @@ class HostTokenTest : public HostCardTest {
     hsm_->ImportCertAndKey("Card A", token_ec_.get(), ec_key_.get(), "02", "ec");
   }
 
+  // Both certificates on Card A, the library started on the token store,
+  // and the listing.
+  std::vector<const X509_Auth_Certificate*> ImportBothAndList() {
+    ImportBoth();
+    Init({});
+    return List();
+  }
+
   static const X509_Auth_Certificate* Find(const std::vector<const X509_Auth_Certificate*>& records,
                                            const char* name) {
     for (const X509_Auth_Certificate* record : records)
@@ -116,9 +124,7 @@ TEST_F(HostTokenTest, FullSessionListsFilesThenTokenAndSignsOnTheTokenAfterOnePi
 }
 
 TEST_F(HostTokenTest, TokenRsaKeyDecryptsBothPaddings) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* rsa = Find(records, "Token RSA");
   ASSERT_NE(rsa, nullptr) << rec().Dump();
   rec().ScriptAnswer(PinAnswer::Value("1234"));
@@ -135,9 +141,7 @@ TEST_F(HostTokenTest, TokenRsaKeyDecryptsBothPaddings) {
 }
 
 TEST_F(HostTokenTest, WrongPinTellsTheHostAndTheKeyCannotBeOpened) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* ec = Find(records, "Token EC");
   ASSERT_NE(ec, nullptr);
   rec().ScriptAnswer(PinAnswer::Value("0000"));
@@ -162,9 +166,7 @@ TEST_F(HostTokenTest, WrongPinTellsTheHostAndTheKeyCannotBeOpened) {
 }
 
 TEST_F(HostTokenTest, ExportedTokenKeySignsDataThatVerifies) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* rsa = Find(records, "Token RSA");
   ASSERT_NE(rsa, nullptr);
   rec().Reset();
@@ -196,9 +198,7 @@ TEST_F(HostTokenTest, ExportedTokenKeySignsDataThatVerifies) {
 }
 
 TEST_F(HostTokenTest, ExportWithACancelledPinGivesSevenWithTheHostStatus) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   rec().Reset();
   rec().ScriptAnswer(PinAnswer::Status(5));
   void* exported = reinterpret_cast<void*>(0x3);
@@ -231,11 +231,7 @@ TEST_F(HostTokenTest, PssCertificateWithAnRsaKeyOpensButFailsWithSixWhateverTheL
   // A card can hold an RSA-PSS certificate beside a plain RSA key: the key
   // opens as RSA, but the certificate's group is "other".
   TestKey pss_key = MakeKey(KeyKind::k_rsa_pss);
-  CertOptions options;
-  options.common_name = "Token PSS";
-  options.key_usage = "critical,digitalSignature,keyCertSign";
-  options.extended_key_usage = "clientAuth";
-  TestX509 pss_cert = MakeCert(options, pss_key.get());
+  TestX509 pss_cert = MakeClientCert("Token PSS", pss_key.get());
   hsm_->ImportCertAndKey("Card A", pss_cert.get(), rsa_key_.get(), "09", "pss");
   Init({});
   const auto records = List();
@@ -252,9 +248,7 @@ TEST_F(HostTokenTest, PssCertificateWithAnRsaKeyOpensButFailsWithSixWhateverTheL
 }
 
 TEST_F(HostTokenTest, TokenDeletedBetweenListingAndSigningFailsWithoutHanging) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* ec = Find(records, "Token EC");
   ASSERT_NE(ec, nullptr);
   const Bytes thumbprint = ThumbprintOf(ec);

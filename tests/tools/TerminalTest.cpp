@@ -49,6 +49,13 @@ class TerminalTest : public ToolTest {
                        " 2>&1");
   }
 
+  // Runs |script| with sh in a new pane "prompt", |width| columns wide and
+  // 40 lines high; tmux's output, empty when it started.
+  std::string StartPrompt(const std::string& script, int width) {
+    return Tmux("new-session -d -s prompt -x " + std::to_string(width) + " -y 40 " +
+                Quote("sh -c " + Quote(script)));
+  }
+
   std::string Screen() { return Tmux("capture-pane -p -t prompt"); }
 
   // Waits up to 10 s until no tmux server answers on the test's socket.
@@ -88,8 +95,7 @@ TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
                            HexOf(Sha1Thumbprint(cert.get())).substr(0, 12) + " --in " +
                            Quote((temp_ / "message.txt").string()) + " --out " + Quote(signature);
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  const std::string started =
-      Tmux("new-session -d -s prompt -x 160 -y 40 " + Quote("sh -c " + Quote(script)));
+  const std::string started = StartPrompt(script, 160);
   ASSERT_EQ(started, "") << started;
 
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
@@ -122,7 +128,7 @@ TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
   const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
                            " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 250), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   EXPECT_NE(Screen().find("Password for the key file " + key_path + " (input hidden):"),
             std::string::npos)
@@ -154,7 +160,7 @@ TEST_F(TerminalTest, TlsAsksForAKeyFilesPasswordOnceWithACleanPrompt) {
                            HexOf(Sha1Thumbprint(chain.leaf.get())).substr(0, 8) + " --CAfile " +
                            Quote(server_files.CertificateFile().string());
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 250), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   Tmux("send-keys -t prompt -l pw");
   Tmux("send-keys -t prompt Enter");
@@ -176,7 +182,7 @@ TEST_F(TerminalTest, SignReadingTheTerminalSaysSoAndEndsAtCtrlD) {
   const std::string tool = std::string(ToolPath()) + " --dir " + Quote(Base("b").string()) +
                            " sign " + HexOf(Sha1Thumbprint(cert.get())).substr(0, 8);
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(
       WaitForScreen("x509-auth: reading the data to sign from the terminal; end it with Ctrl-D"))
       << Screen();
@@ -202,7 +208,7 @@ TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
   const std::string script = "trap : INT; " + tool +
                              "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
                              "sed 's/^/MODE=/'; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   Tmux("send-keys -t prompt C-c");
   ASSERT_TRUE(WaitForScreen("MODE=")) << Screen();
@@ -237,7 +243,7 @@ TEST_F(TerminalTest, EverySignalThatEndsThePromptRestoresEchoAndEndsByThatSignal
                                Quote((temp_ / "tool.sh").string()) +
                                "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
                                "sed 's/^/MODE=/'; sleep 60";
-    ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+    ASSERT_EQ(StartPrompt(script, 200), "");
     ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
     if (c.keys != nullptr) {
       Tmux(std::string("send-keys -t prompt ") + c.keys);
@@ -275,7 +281,7 @@ TEST_F(TerminalTest, CtrlZAtThePromptGivesEchoBackUntilTheToolGoesOn) {
       "set -m; " + tool +
       "; echo \"STOPPED=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
       "sed 's/^/MODE=/'; fg; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   Tmux("send-keys -t prompt C-z");
   ASSERT_TRUE(WaitForScreen("MODE=")) << Screen();
@@ -310,7 +316,7 @@ TEST_F(TerminalTest, PromptShowsAKeyFileNameWithEscapesAsText) {
   const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
                            " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 250), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   const std::string key_path = (Base("b") / "keys").string() + "/paint\\x1b[31m\\x1b[2J.pem.key";
   EXPECT_NE(Screen().find("Password for the key file " + key_path + " (input hidden):"),
@@ -331,7 +337,7 @@ TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {
   const std::string list =
       std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) + " list";
   const std::string script = list + "; echo DONE1; NO_COLOR=1 " + list + "; echo DONE2; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(WaitForScreen("DONE2")) << Screen();
   const std::string screen = Tmux("capture-pane -e -p -t prompt");
   const std::size_t split = screen.find("DONE1");
