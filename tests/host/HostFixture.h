@@ -104,6 +104,17 @@ class HostCaFileTest : public HostTest {
     return names;
   }
 
+  // The listing's lines about each certificate and its chain.
+  static std::vector<std::string> DecisionLines() {
+    std::vector<std::string> lines;
+    for (const LogEntry& entry : rec().Logs())
+      if (entry.text.find("X509_verify_cert failed") != std::string::npos ||
+          entry.text == "Failed to get CA chain for a certificate" ||
+          entry.text.rfind("cert: [", 0) == 0)
+        lines.push_back(entry.text);
+    return lines;
+  }
+
   // "Stranger", a client certificate of |key| issued by "Nobody", a CA no
   // CA file holds: its chain cannot be built.
   static TestX509 Stranger(EVP_PKEY* key) {

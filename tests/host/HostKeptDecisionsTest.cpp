@@ -17,16 +17,6 @@ class HostKeptDecisionsTest : public HostCaFileTest {
     HostCaFileTest::SetUp();
     WriteFile(bundle_, std::string());
   }
-  // The listing's lines about each certificate and its chain.
-  static std::vector<std::string> DecisionLines() {
-    std::vector<std::string> lines;
-    for (const LogEntry& entry : rec().Logs())
-      if (entry.text.find("X509_verify_cert failed") != std::string::npos ||
-          entry.text == "Failed to get CA chain for a certificate" ||
-          entry.text.rfind("cert: [", 0) == 0)
-        lines.push_back(entry.text);
-    return lines;
-  }
   static int Add(X509* cert) {
     const std::string pem = CertToPem(cert);
     return X509_Auth_AddAdditionalCertificateAuthorityToStore(
