@@ -133,12 +133,7 @@ class HostPssTest : public HostExtensionsTest {
   void SetUp() override {
     HostExtensionsTest::SetUp();
     ASSERT_EQ(X509_Auth_SetPkcs11Module(""), 0);
-    rsa_key_ = SharedKey(KeyKind::k_rsa);
-    ec_key_ = SharedKey(KeyKind::k_ec);
-    rsa_ = MakeClientCert("PSS RSA", rsa_key_.get());
-    ec_ = MakeClientCert("PSS EC", ec_key_.get());
-    InstallFileCert(Base("base"), "rsa.pem", rsa_.get(), rsa_key_.get());
-    InstallFileCert(Base("base"), "ec.pem", ec_.get(), ec_key_.get());
+    InstallRsaAndEcFiles(Base("base"), "PSS", &rsa_key_, &rsa_, &ec_key_, &ec_);
     Init({Base("base").string()});
   }
 

@@ -169,10 +169,6 @@ class HostFindTokenCertificateTest : public HostCardTest {
     file_ = MakeClientCert("File EC", file_key_.get());
     InstallFileCert(Base("base"), "file.pem", file_.get(), file_key_.get());
   }
-  void TearDown() override {
-    HostTest::TearDown();
-    hsm_.reset();
-  }
 
   TestKey token_key_, file_key_;
   TestX509 token_, file_;

@@ -6,10 +6,13 @@
 #include <openssl/evp.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "RecordingCallbacks.h"
@@ -73,6 +76,75 @@ class HostTest : public ::testing::Test {
   ScopedTestEnvironment env_;
 };
 
+// A self-signed client-authentication certificate: its chain is itself.
+inline TestX509 MakeClientCert(const std::string& name, EVP_PKEY* key,
+                               const std::string& eku = "clientAuth",
+                               const std::string& ku = "critical,digitalSignature,keyCertSign") {
+  CertOptions options;
+  options.common_name = name;
+  options.extended_key_usage = eku;
+  options.key_usage = ku;
+  return MakeCert(options, key);
+}
+
+// A host test whose default CA file is |bundle_| (not written yet) and
+// whose default CA directory does not exist: only the test's CAs count.
+class HostCaFileTest : public HostTest {
+ protected:
+  void SetUp() override {
+    HostTest::SetUp();
+    bundle_ = temp_ / "bundle.pem";
+    env_.Set("SSL_CERT_FILE", bundle_.string());
+    env_.Set("SSL_CERT_DIR", (temp_ / "no-dir").string());
+  }
+
+  static std::vector<std::string> Names(const std::vector<const X509_Auth_Certificate*>& records) {
+    std::vector<std::string> names;
+    for (const X509_Auth_Certificate* record : records) names.push_back(record->name);
+    return names;
+  }
+
+  // The listing's lines about each certificate and its chain.
+  static std::vector<std::string> DecisionLines() {
+    std::vector<std::string> lines;
+    for (const LogEntry& entry : rec().Logs())
+      if (entry.text.find("X509_verify_cert failed") != std::string::npos ||
+          entry.text == "Failed to get CA chain for a certificate" ||
+          entry.text.rfind("cert: [", 0) == 0)
+        lines.push_back(entry.text);
+    return lines;
+  }
+
+  // "Stranger", a client certificate of |key| issued by "Nobody", a CA no
+  // CA file holds: its chain cannot be built.
+  static TestX509 Stranger(EVP_PKEY* key) {
+    TestX509 nobody = MakeClientCert("Nobody", key);
+    CertOptions unknown;
+    unknown.common_name = "Stranger";
+    unknown.extended_key_usage = "clientAuth";
+    return MakeCert(unknown, key, nobody.get(), key);
+  }
+
+  // Files changed more than a second ago are served from the library's
+  // cache of parsed certificates, with their kept decisions.
+  static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
+
+  std::filesystem::path bundle_;
+};
+
+// "<name> RSA" and "<name> EC", self-signed client certificates of the
+// shared keys, installed with their unencrypted keys in |base| as rsa.pem
+// and ec.pem.
+inline void InstallRsaAndEcFiles(const std::filesystem::path& base, const std::string& name,
+                                 TestKey* rsa_key, TestX509* rsa, TestKey* ec_key, TestX509* ec) {
+  *rsa_key = SharedKey(KeyKind::k_rsa);
+  *ec_key = SharedKey(KeyKind::k_ec);
+  *rsa = MakeClientCert(name + " RSA", rsa_key->get());
+  *ec = MakeClientCert(name + " EC", ec_key->get());
+  InstallFileCert(base, "rsa.pem", rsa->get(), rsa_key->get());
+  InstallFileCert(base, "ec.pem", ec->get(), ec_key->get());
+}
+
 // A host test beside a SoftHSM2 token store holding one empty card, "Card
 // A"; skipped where SoftHSM2 is missing. A fixture deriving from it returns
 // from its own SetUp when IsSkipped().
@@ -84,20 +156,42 @@ class HostCardTest : public HostTest {
     hsm_.emplace();
     hsm_->InitToken("Card A");
   }
+  // The library lets go of the token store before the store goes.
+  void TearDown() override {
+    HostTest::TearDown();
+    hsm_.reset();
+  }
 
   std::optional<SoftHsmToken> hsm_;
 };
 
-// A self-signed client-authentication certificate: its chain is itself.
-inline TestX509 MakeClientCert(const std::string& name, EVP_PKEY* key,
-                               const std::string& eku = "clientAuth",
-                               const std::string& ku = "critical,digitalSignature,keyCertSign") {
-  CertOptions options;
-  options.common_name = name;
-  options.extended_key_usage = eku;
-  options.key_usage = ku;
-  return MakeCert(options, key);
-}
+// HostCardTest with an RSA and an EC client certificate and their keys,
+// made for Card A but not yet on it, and the library started when a test
+// says so.
+class HostTokenKeysTest : public HostCardTest {
+ protected:
+  HostTokenKeysTest(std::string rsa_name, std::string ec_name)
+      : rsa_name_(std::move(rsa_name)), ec_name_(std::move(ec_name)) {}
+
+  void SetUp() override {
+    HostCardTest::SetUp();
+    if (IsSkipped()) return;
+    rsa_key_ = SharedKey(KeyKind::k_rsa, 1);
+    rsa_ = MakeClientCert(rsa_name_, rsa_key_.get());
+    ec_key_ = SharedKey(KeyKind::k_ec, 2);
+    ec_ = MakeClientCert(ec_name_, ec_key_.get());
+  }
+
+  // The library started on the token store, with the watch as asked.
+  void Start(bool watch) {
+    Init({});
+    ASSERT_EQ(X509_Auth_SetTokenWatch(watch ? 1 : 0), X509_Auth_ResultCode_Success);
+  }
+
+  const std::string rsa_name_, ec_name_;
+  TestKey rsa_key_, ec_key_;
+  TestX509 rsa_, ec_;
+};
 
 // The digest function a hash type names.
 inline const EVP_MD* DigestFor(X509_Auth_HashType type) {

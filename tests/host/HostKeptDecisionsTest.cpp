@@ -11,49 +11,23 @@
 namespace x509auth_test {
 namespace {
 
-class HostKeptDecisionsTest : public HostTest {
+class HostKeptDecisionsTest : public HostCaFileTest {
  protected:
   void SetUp() override {
-    HostTest::SetUp();
-    bundle_ = temp_ / "bundle.pem";
-    env_.Set("SSL_CERT_FILE", bundle_.string());
-    env_.Set("SSL_CERT_DIR", (temp_ / "no-dir").string());
+    HostCaFileTest::SetUp();
     WriteFile(bundle_, std::string());
-  }
-  static std::vector<std::string> Names(const std::vector<const X509_Auth_Certificate*>& records) {
-    std::vector<std::string> names;
-    for (const X509_Auth_Certificate* record : records) names.push_back(record->name);
-    return names;
-  }
-  // The listing's lines about each certificate and its chain.
-  static std::vector<std::string> DecisionLines() {
-    std::vector<std::string> lines;
-    for (const LogEntry& entry : rec().Logs())
-      if (entry.text.find("X509_verify_cert failed") != std::string::npos ||
-          entry.text == "Failed to get CA chain for a certificate" ||
-          entry.text.rfind("cert: [", 0) == 0)
-        lines.push_back(entry.text);
-    return lines;
   }
   static int Add(X509* cert) {
     const std::string pem = CertToPem(cert);
     return X509_Auth_AddAdditionalCertificateAuthorityToStore(
         reinterpret_cast<const unsigned char*>(pem.data()), pem.size());
   }
-  // Files changed more than a second ago are served from the library's
-  // cache of parsed certificates, with their kept decisions.
-  static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
-  std::filesystem::path bundle_;
 };
 
 TEST_F(HostKeptDecisionsTest, ListingsOfUnchangedFilesWriteTheSameLinesAndGiveTheSameRecords) {
   Chain chain = MakeChain(KeyKind::k_ec, "Good");
   TestKey key = SharedKey(KeyKind::k_ec, 3);
-  TestX509 nobody = MakeClientCert("Nobody", key.get());
-  CertOptions unknown;
-  unknown.common_name = "Stranger";
-  unknown.extended_key_usage = "clientAuth";
-  TestX509 stranger = MakeCert(unknown, key.get(), nobody.get(), key.get());
+  TestX509 stranger = Stranger(key.get());
   WriteFile(bundle_, CertToPem(chain.root.get()) + CertToPem(chain.intermediate.get()));
   InstallFileCert(Base("b1"), "a.pem", chain.leaf.get(), chain.leaf_key.get());
   InstallFileCert(Base("b2"), "a.pem", stranger.get(), key.get());
@@ -93,11 +67,7 @@ TEST_F(HostKeptDecisionsTest, AKeptRefusalIsTakenAgainWhenTheHostAddsTheMissingC
 TEST_F(HostKeptDecisionsTest, AKeptDecisionIsTakenAgainWhenTheCertificateFileIsRewritten) {
   Chain chain = MakeChain(KeyKind::k_ec, "Chained");
   TestKey key = SharedKey(KeyKind::k_ec, 3);
-  TestX509 nobody = MakeClientCert("Nobody", key.get());
-  CertOptions unknown;
-  unknown.common_name = "Stranger";
-  unknown.extended_key_usage = "clientAuth";
-  TestX509 stranger = MakeCert(unknown, key.get(), nobody.get(), key.get());
+  TestX509 stranger = Stranger(key.get());
   WriteFile(bundle_, CertToPem(chain.root.get()) + CertToPem(chain.intermediate.get()));
   InstallFileCert(Base("base"), "a.pem", chain.leaf.get(), chain.leaf_key.get());
   Init({Base("base").string()});

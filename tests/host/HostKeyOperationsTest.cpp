@@ -21,12 +21,7 @@ class HostKeyOperationsTest : public HostTest {
  protected:
   void SetUp() override {
     HostTest::SetUp();
-    rsa_key_ = SharedKey(KeyKind::k_rsa);
-    ec_key_ = SharedKey(KeyKind::k_ec);
-    rsa_ = MakeClientCert("Signer RSA", rsa_key_.get());
-    ec_ = MakeClientCert("Signer EC", ec_key_.get());
-    InstallFileCert(Base("base"), "rsa.pem", rsa_.get(), rsa_key_.get());
-    InstallFileCert(Base("base"), "ec.pem", ec_.get(), ec_key_.get());
+    InstallRsaAndEcFiles(Base("base"), "Signer", &rsa_key_, &rsa_, &ec_key_, &ec_);
     Init({Base("base").string()});
     rsa_thumbprint_ = Sha1Thumbprint(rsa_.get());
     ec_thumbprint_ = Sha1Thumbprint(ec_.get());
@@ -37,6 +32,17 @@ class HostKeyOperationsTest : public HostTest {
                                const X509_Auth_Signature** signature) {
     return X509_Auth_SignHash(thumbprint.data(), algorithms.size(), algorithms.data(), type,
                               hash.data(), signature);
+  }
+
+  // A refused decryption: |code| with no detail, no plaintext, and the
+  // error line |format| gave as |text|.
+  static void ExpectDecryptRefused(const X509_Auth_Result& result, const X509_Auth_ASN_1* plaintext,
+                                   int32_t code, const std::string& format,
+                                   const std::string& text) {
+    EXPECT_EQ(result.code, code);
+    EXPECT_EQ(result.detail, 0u);
+    EXPECT_EQ(plaintext, nullptr);
+    EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, format, text)) << rec().Dump();
   }
 
   TestKey rsa_key_, ec_key_;
@@ -197,11 +203,8 @@ TEST_F(HostKeyOperationsTest, DecryptWithAnEcCertificateGivesCodeSix) {
   const X509_Auth_ASN_1* plaintext = reinterpret_cast<const X509_Auth_ASN_1*>(0x1);
   const X509_Auth_Result result =
       X509_Auth_Decrypt(ec_thumbprint_.data(), 1, data.size(), data.data(), &plaintext);
-  EXPECT_EQ(result.code, 6);
-  EXPECT_EQ(result.detail, 0u);
-  EXPECT_EQ(plaintext, nullptr);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "Certificate does not support RSA decryption",
-                        "Certificate does not support RSA decryption"));
+  ExpectDecryptRefused(result, plaintext, 6, "Certificate does not support RSA decryption",
+                       "Certificate does not support RSA decryption");
 }
 
 TEST_F(HostKeyOperationsTest, DecryptAlgorithmAboveTwoThrowsUnimplemented) {
@@ -220,11 +223,8 @@ TEST_F(HostKeyOperationsTest, BadPaddingFailsWithCodeOneAndTheKeysDetail) {
   const X509_Auth_ASN_1* plaintext = nullptr;
   const X509_Auth_Result result =
       X509_Auth_Decrypt(rsa_thumbprint_.data(), 1, garbage.size(), garbage.data(), &plaintext);
-  EXPECT_EQ(result.code, 1);
-  EXPECT_EQ(result.detail, 0u);
-  EXPECT_EQ(plaintext, nullptr);
-  EXPECT_TRUE(rec().Has(X509_Auth_LogPriority_Error, "Failed to decrypt data (error: %d, %lu)",
-                        "Failed to decrypt data (error: 1, 0)"));
+  ExpectDecryptRefused(result, plaintext, 1, "Failed to decrypt data (error: %d, %lu)",
+                       "Failed to decrypt data (error: 1, 0)");
 }
 
 TEST_F(HostKeyOperationsTest, EmptyCiphertextIsPassedOnAndOpenSslDecides) {

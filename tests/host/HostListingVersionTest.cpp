@@ -1,28 +1,21 @@
 // X509_Auth_GetListingVersion: the same number while a listing would give
 // the same records as the latest one, another one after anything that
 // changes them.
-#include <chrono>
-#include <thread>
-
 #include "HostFixture.h"
 
 namespace x509auth_test {
 namespace {
 
-class HostListingVersionTest : public HostTest {
+class HostListingVersionTest : public HostCaFileTest {
  protected:
   void SetUp() override {
-    HostTest::SetUp();
-    env_.Set("SSL_CERT_FILE", (temp_ / "bundle.pem").string());
-    env_.Set("SSL_CERT_DIR", (temp_ / "no-dir").string());
-    WriteFile(temp_ / "bundle.pem", std::string());
+    HostCaFileTest::SetUp();
+    WriteFile(bundle_, std::string());
     key_ = SharedKey(KeyKind::k_ec, 3);
     first_ = MakeClientCert("First", key_.get());
     InstallFileCert(Base("base"), "first.pem", first_.get(), key_.get());
     Init({Base("base").string()});
-    // Files changed more than a second ago are served from the library's
-    // cache of parsed certificates.
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    Settle();
   }
   static uint64_t Version() {
     uint64_t version = 0;

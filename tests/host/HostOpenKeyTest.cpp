@@ -13,11 +13,10 @@
 
 #include "ForkedChild.h"
 #include "HostFixture.h"
+#include "HostOpenKeyChecks.h"
 
 namespace x509auth_test {
 namespace {
-
-constexpr uint32_t k_rsa_and_ec[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
 
 // Puts |content| in place of |path| as a new file (a new inode), as an
 // editor or a renewal tool replaces a key.
@@ -32,13 +31,8 @@ class HostOpenKeyTest : public HostTest {
   void SetUp() override {
     HostTest::SetUp();
     ASSERT_EQ(X509_Auth_SetPkcs11Module(""), 0);
-    rsa_key_ = SharedKey(KeyKind::k_rsa);
-    ec_key_ = SharedKey(KeyKind::k_ec);
+    InstallRsaAndEcFiles(Base("base"), "Open", &rsa_key_, &rsa_, &ec_key_, &ec_);
     other_key_ = SharedKey(KeyKind::k_rsa, 1);
-    rsa_ = MakeClientCert("Open RSA", rsa_key_.get());
-    ec_ = MakeClientCert("Open EC", ec_key_.get());
-    InstallFileCert(Base("base"), "rsa.pem", rsa_.get(), rsa_key_.get());
-    InstallFileCert(Base("base"), "ec.pem", ec_.get(), ec_key_.get());
     rsa_key_path_ = Base("base") / "keys" / "rsa.pem.key";
     Init({Base("base").string()});
   }
@@ -55,23 +49,6 @@ class HostOpenKeyTest : public HostTest {
     EXPECT_EQ(result.code, 0) << rec().Dump();
     EXPECT_NE(handle, 0u);
     return handle;
-  }
-
-  // Signs a SHA-256 digest of |message| with the open key; the result code,
-  // and whether the signature verifies with |cert|.
-  static int32_t SignVerified(X509_Auth_KeyHandle handle, X509* cert, const std::string& message,
-                              bool* verified) {
-    const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, message);
-    const X509_Auth_Signature* signature = nullptr;
-    const X509_Auth_Result result = X509_Auth_OpenKeySignHash(
-        handle, 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
-    *verified = signature != nullptr && VerifiesWithCertificate(cert, EVP_sha256(), digest,
-                                                                signature->data, signature->length);
-    if (result.code != 0) {
-      EXPECT_EQ(signature, nullptr);
-    }
-    X509_Auth_Free(signature);
-    return result.code;
   }
 
   TestKey rsa_key_, ec_key_, other_key_;
@@ -100,43 +77,10 @@ TEST_F(HostOpenKeyTest, OpenKeySignsManyTimesWithRsaAndEcAndEverySignatureVerifi
 TEST_F(HostOpenKeyTest, OpenKeySignsWithPssAndDecryptsWithBothPaddings) {
   const X509_Auth_KeyHandle rsa = Open(rsa_.get());
   const Bytes digest = DigestOf(X509_Auth_HashType_Sha384, "pss");
-  const X509_Auth_Signature* signature = nullptr;
-  ASSERT_EQ(X509_Auth_OpenKeySignHashPss(rsa, X509_Auth_HashType_Sha384, digest.data(),
-                                         X509_AUTH_PSS_SALT_DIGEST, &signature)
-                .code,
-            0)
-      << rec().Dump();
-  ASSERT_NE(signature, nullptr);
-  std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
-      EVP_PKEY_CTX_new(X509_get0_pubkey(rsa_.get()), nullptr), EVP_PKEY_CTX_free);
-  ASSERT_EQ(EVP_PKEY_verify_init(context.get()), 1);
-  EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING);
-  EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha384());
-  EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), EVP_sha384());
-  EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), 48);
-  EXPECT_EQ(EVP_PKEY_verify(context.get(), signature->data, signature->length, digest.data(),
-                            digest.size()),
-            1);
-  X509_Auth_Free(signature);
-
-  const Bytes secret = {1, 2, 3, 4, 5, 6, 7, 8};
-  struct Case {
-    uint32_t algorithm;
-    int padding;
-  } cases[] = {{X509_Auth_DecryptAlgorithm_RsaPkcs1, RSA_PKCS1_PADDING},
-               {X509_Auth_DecryptAlgorithm_RsaOaep, RSA_PKCS1_OAEP_PADDING}};
-  for (const Case& c : cases) {
-    const Bytes ciphertext = EncryptToCertificate(rsa_.get(), c.padding, secret);
-    const X509_Auth_ASN_1* plaintext = nullptr;
-    ASSERT_EQ(
-        X509_Auth_OpenKeyDecrypt(rsa, c.algorithm, ciphertext.size(), ciphertext.data(), &plaintext)
-            .code,
-        0)
-        << rec().Dump();
-    ASSERT_NE(plaintext, nullptr);
-    EXPECT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
-    X509_Auth_Free(plaintext);
-  }
+  ASSERT_NO_FATAL_FAILURE(
+      ExpectPssSignatureVerifies(rsa, rsa_.get(), X509_Auth_HashType_Sha384, digest));
+  ASSERT_NO_FATAL_FAILURE(
+      ExpectDecryptsWithBothPaddings(rsa, rsa_.get(), {1, 2, 3, 4, 5, 6, 7, 8}));
 }
 
 TEST_F(HostOpenKeyTest, PasswordIsAskedOncePerOpenAndAgainOnlyAfterTheFileChanges) {
@@ -373,23 +317,16 @@ TEST_F(HostOpenKeyTest, DeInitAndInitEndEveryOpenKeyAndHandlesAreNeverReused) {
 }
 
 TEST_F(HostOpenKeyTest, KeysLeftOpenAtExitAreFreedWithTheProcessWithoutACrash) {
-  const std::string report = RunInChild([this] {
-    // A host that opens keys, signs and exits without closing them or
-    // calling X509_Auth_DeInit: the kept keys go with the library's static
-    // objects at exit.
-    const pid_t host = fork();
-    if (host == 0) {
-      const X509_Auth_KeyHandle rsa = Open(rsa_.get());
-      const X509_Auth_KeyHandle ec = Open(ec_.get());
-      bool verified = false;
-      const bool signed_both = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified &&
-                               SignVerified(ec, ec_.get(), "exit", &verified) == 0 && verified;
-      std::exit(signed_both ? 0 : 3);
-    }
-    int status = 0;
-    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "exit " + std::to_string(WEXITSTATUS(status));
+  // A host that opens keys, signs and exits without closing them or calling
+  // X509_Auth_DeInit: the kept keys go with the library's static objects at
+  // exit.
+  const std::string report = HostProcessEnd([this] {
+    const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+    const X509_Auth_KeyHandle ec = Open(ec_.get());
+    bool verified = false;
+    const bool signed_both = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified &&
+                             SignVerified(ec, ec_.get(), "exit", &verified) == 0 && verified;
+    return signed_both ? 0 : 3;
   });
   EXPECT_EQ(report, "exit 0");
 }
@@ -401,30 +338,23 @@ TEST_F(HostOpenKeyTest, LibraryEndedByAnExitHandlerAfterItsCachesAreFilledExitsC
   // system's CA directory, whose listing the library keeps.
   const ForeignClient foreign = MakeClientOfUnknownCa("Foreign");
   InstallFileCert(Base("base"), "foreign.pem", foreign.leaf.get(), foreign.leaf_key.get());
-  const std::string report = RunInChild([this] {
-    // The handler is registered before the library fills its process-wide
-    // caches (the CA directory's listing, the plain key kept for
-    // X509_Auth_SignHash), so it runs after their static objects would be
-    // gone, as a provider ended by OpenSSL's cleanup is.
-    const pid_t host = fork();
-    if (host == 0) {
-      std::atexit(EndLibraryAtExit);
-      uint64_t count = 0;
-      const X509_Auth_Certificate* records = nullptr;
-      if (!X509_Auth_LoadClientCertificates(&count, &records)) std::_Exit(3);
-      X509_Auth_Free(records);
-      const Bytes thumbprint = Sha1Thumbprint(rsa_.get());
-      const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "kept");
-      const X509_Auth_Signature* signature = nullptr;
-      const X509_Auth_Result result = X509_Auth_SignHash(
-          thumbprint.data(), 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
-      X509_Auth_Free(signature);
-      std::exit(result.code == 0 ? 0 : 4);
-    }
-    int status = 0;
-    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "exit " + std::to_string(WEXITSTATUS(status));
+  // The handler is registered before the library fills its process-wide
+  // caches (the CA directory's listing, the plain key kept for
+  // X509_Auth_SignHash), so it runs after their static objects would be
+  // gone, as a provider ended by OpenSSL's cleanup is.
+  const std::string report = HostProcessEnd([this] {
+    std::atexit(EndLibraryAtExit);
+    uint64_t count = 0;
+    const X509_Auth_Certificate* records = nullptr;
+    if (!X509_Auth_LoadClientCertificates(&count, &records)) std::_Exit(3);
+    X509_Auth_Free(records);
+    const Bytes thumbprint = Sha1Thumbprint(rsa_.get());
+    const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "kept");
+    const X509_Auth_Signature* signature = nullptr;
+    const X509_Auth_Result result = X509_Auth_SignHash(
+        thumbprint.data(), 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
+    X509_Auth_Free(signature);
+    return result.code == 0 ? 0 : 4;
   });
   EXPECT_EQ(report, "exit 0");
 }

@@ -17,13 +17,13 @@
 
 #include "ForkedChild.h"
 #include "HostFixture.h"
+#include "HostOpenKeyChecks.h"
 #include "LoadedSoftHsm.h"
 #include "SoftHsmToken.h"
 
 namespace x509auth_test {
 namespace {
 
-constexpr uint32_t k_rsa_and_ec[] = {X509_Auth_Algorithm_Rsa, X509_Auth_Algorithm_Ec};
 constexpr const char* k_user_prompt = "Enter pin for token: Card A";
 constexpr const char* k_retry_line =
     "A token or its session went away during the operation; listing the tokens again and trying "
@@ -39,12 +39,6 @@ void EndEverySession() {
   ASSERT_EQ(module.CloseAllSessions(), CKR_OK);
 }
 
-Bytes Sha256(const std::string& message) {
-  Bytes digest(32);
-  EVP_Digest(message.data(), message.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
-  return digest;
-}
-
 std::size_t UserPrompts() {
   const std::vector<PromptEntry>& prompts = RecordingCallbacks::GetInstance().Prompts();
   return static_cast<std::size_t>(
@@ -52,26 +46,25 @@ std::size_t UserPrompts() {
                     [](const PromptEntry& entry) { return entry.prompt == k_user_prompt; }));
 }
 
-class HostOpenTokenKeyTest : public HostCardTest {
+class HostOpenTokenKeyTest : public HostTokenKeysTest {
  protected:
+  HostOpenTokenKeyTest() : HostTokenKeysTest("Token RSA", "Token EC") {}
+
   void SetUp() override {
-    HostCardTest::SetUp();
+    HostTokenKeysTest::SetUp();
     if (IsSkipped()) return;
-    rsa_key_ = SharedKey(KeyKind::k_rsa, 1);
-    rsa_ = MakeClientCert("Token RSA", rsa_key_.get());
-    ec_key_ = SharedKey(KeyKind::k_ec, 2);
-    ec_ = MakeClientCert("Token EC", ec_key_.get());
     hsm_->ImportCertAndKey("Card A", rsa_.get(), rsa_key_.get(), "01", "rsa");
     hsm_->ImportCertAndKey("Card A", ec_.get(), ec_key_.get(), "02", "ec");
   }
-  void TearDown() override {
-    HostTest::TearDown();
-    hsm_.reset();
-  }
 
-  void Start(bool watch) {
-    Init({});
-    ASSERT_EQ(X509_Auth_SetTokenWatch(watch ? 1 : 0), X509_Auth_ResultCode_Success);
+  // The library started with the watch as asked, the RSA key opened into
+  // |rsa| and one signature made with it: the state each change below is
+  // made in.
+  void OpenAndSignOnce(bool watch, X509_Auth_KeyHandle* rsa) {
+    Start(watch);
+    *rsa = Open(rsa_.get());
+    bool verified = false;
+    ASSERT_EQ(SignVerified(*rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   }
 
   // Opens |cert|'s key with the PIN scripted for it.
@@ -83,26 +76,6 @@ class HostOpenTokenKeyTest : public HostCardTest {
     EXPECT_NE(handle, 0u);
     return handle;
   }
-
-  // Signs a SHA-256 digest of |message|; the result code, and whether the
-  // signature verifies with |cert|.
-  static int32_t SignVerified(X509_Auth_KeyHandle handle, X509* cert, const std::string& message,
-                              bool* verified) {
-    const Bytes digest = Sha256(message);
-    const X509_Auth_Signature* signature = nullptr;
-    const X509_Auth_Result result = X509_Auth_OpenKeySignHash(
-        handle, 2, k_rsa_and_ec, X509_Auth_HashType_Sha256, digest.data(), &signature);
-    *verified = signature != nullptr && VerifiesWithCertificate(cert, EVP_sha256(), digest,
-                                                                signature->data, signature->length);
-    if (result.code != 0) {
-      EXPECT_EQ(signature, nullptr);
-    }
-    X509_Auth_Free(signature);
-    return result.code;
-  }
-
-  TestKey rsa_key_, ec_key_;
-  TestX509 rsa_, ec_;
 };
 
 TEST_F(HostOpenTokenKeyTest, ManySignaturesOnOneOpenTokenKeyAskForThePinOnceAndAllVerify) {
@@ -130,51 +103,19 @@ TEST_F(HostOpenTokenKeyTest, ManySignaturesOnOneOpenTokenKeyAskForThePinOnceAndA
 TEST_F(HostOpenTokenKeyTest, OpenTokenKeySignsWithPssAndDecryptsWithBothPaddings) {
   Start(true);
   const X509_Auth_KeyHandle rsa = Open(rsa_.get());
-  const Bytes digest = Sha256("pss");
+  const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "pss");
   for (int i = 0; i < 3; ++i) {
-    const X509_Auth_Signature* signature = nullptr;
-    ASSERT_EQ(X509_Auth_OpenKeySignHashPss(rsa, X509_Auth_HashType_Sha256, digest.data(),
-                                           X509_AUTH_PSS_SALT_DIGEST, &signature)
-                  .code,
-              0)
-        << rec().Dump();
-    ASSERT_NE(signature, nullptr);
-    EvpPkeyCtxPtr context(EVP_PKEY_CTX_new(X509_get0_pubkey(rsa_.get()), nullptr));
-    ASSERT_EQ(EVP_PKEY_verify_init(context.get()), 1);
-    EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING);
-    EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256());
-    EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), EVP_sha256());
-    EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), 32);
-    EXPECT_EQ(EVP_PKEY_verify(context.get(), signature->data, signature->length, digest.data(),
-                              digest.size()),
-              1);
-    X509_Auth_Free(signature);
+    ASSERT_NO_FATAL_FAILURE(
+        ExpectPssSignatureVerifies(rsa, rsa_.get(), X509_Auth_HashType_Sha256, digest));
   }
-  const Bytes secret = {9, 8, 7, 6, 5};
-  struct Case {
-    uint32_t algorithm;
-    int padding;
-  } cases[] = {{X509_Auth_DecryptAlgorithm_RsaPkcs1, RSA_PKCS1_PADDING},
-               {X509_Auth_DecryptAlgorithm_RsaOaep, RSA_PKCS1_OAEP_PADDING}};
-  for (const Case& c : cases) {
-    const Bytes ciphertext = EncryptToCertificate(rsa_.get(), c.padding, secret);
-    const X509_Auth_ASN_1* plaintext = nullptr;
-    ASSERT_EQ(
-        X509_Auth_OpenKeyDecrypt(rsa, c.algorithm, ciphertext.size(), ciphertext.data(), &plaintext)
-            .code,
-        0)
-        << rec().Dump();
-    ASSERT_NE(plaintext, nullptr);
-    EXPECT_EQ(Bytes(plaintext->data, plaintext->data + plaintext->length), secret);
-    X509_Auth_Free(plaintext);
-  }
+  ASSERT_NO_FATAL_FAILURE(ExpectDecryptsWithBothPaddings(rsa, rsa_.get(), {9, 8, 7, 6, 5}));
   EXPECT_EQ(UserPrompts(), 1u);
 }
 
 TEST_F(HostOpenTokenKeyTest, EcOpenTokenKeyRefusesPssAndDecryptionWithAlgorithmNotSupported) {
   Start(true);
   const X509_Auth_KeyHandle ec = Open(ec_.get());
-  const Bytes digest = Sha256("ec");
+  const Bytes digest = DigestOf(X509_Auth_HashType_Sha256, "ec");
   const X509_Auth_Signature* signature = nullptr;
   EXPECT_EQ(X509_Auth_OpenKeySignHashPss(ec, X509_Auth_HashType_Sha256, digest.data(),
                                          X509_AUTH_PSS_SALT_DIGEST, &signature)
@@ -208,10 +149,9 @@ TEST_F(HostOpenTokenKeyTest, WrongPinAtOpenGivesKeyOpenFailedAndNoHandle) {
 }
 
 TEST_F(HostOpenTokenKeyTest, TokensChangedUnderAnOpenKeyFindItAgainAndAskForThePinAgain) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   {
     LoadedSoftHsm module;
     ASSERT_TRUE(module.Loaded());
@@ -228,10 +168,9 @@ TEST_F(HostOpenTokenKeyTest, TokensChangedUnderAnOpenKeyFindItAgainAndAskForTheP
 }
 
 TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyIsFoundAgainOnceAndTheSignatureSucceeds) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   ASSERT_NO_FATAL_FAILURE(EndEverySession());
   rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified), 0) << rec().Dump();
@@ -246,10 +185,9 @@ TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyIsFoundAgainOnceAndTheSig
 }
 
 TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyFailsWithoutRetryWithTheWatchOff) {
-  Start(false);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(false, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   ASSERT_NO_FATAL_FAILURE(EndEverySession());
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
             X509_Auth_ResultCode_KeyOperationFailed)
@@ -260,10 +198,9 @@ TEST_F(HostOpenTokenKeyTest, SessionEndedUnderAnOpenKeyFailsWithoutRetryWithTheW
 }
 
 TEST_F(HostOpenTokenKeyTest, TokenDeletedUnderAnOpenKeyFailsAsNotFoundAfterOneLookup) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   hsm_->DeleteToken("Card A");
   rec().Reset();
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
@@ -280,10 +217,9 @@ TEST_F(HostOpenTokenKeyTest, TokenDeletedUnderAnOpenKeyFailsAsNotFoundAfterOneLo
 }
 
 TEST_F(HostOpenTokenKeyTest, DeInitWithAnOpenTokenKeyLeavesItsHandleInvalid) {
-  Start(true);
-  const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+  X509_Auth_KeyHandle rsa = 0;
+  ASSERT_NO_FATAL_FAILURE(OpenAndSignOnce(true, &rsa));
   bool verified = false;
-  ASSERT_EQ(SignVerified(rsa, rsa_.get(), "before", &verified), 0) << rec().Dump();
   X509_Auth_DeInit();
   Start(true);
   EXPECT_EQ(SignVerified(rsa, rsa_.get(), "after", &verified),
@@ -299,21 +235,14 @@ TEST_F(HostOpenTokenKeyTest, DeInitWithAnOpenTokenKeyLeavesItsHandleInvalid) {
 }
 
 TEST_F(HostOpenTokenKeyTest, TokenKeyLeftOpenAtExitIsFreedWithTheProcessWithoutACrash) {
-  const std::string report = RunInChild([this] {
-    // The host exits without closing the key or ending the library: the
-    // module's own static objects go before the library's.
-    const pid_t host = fork();
-    if (host == 0) {
-      Start(true);
-      const X509_Auth_KeyHandle rsa = Open(rsa_.get());
-      bool verified = false;
-      const bool signed_ok = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified;
-      std::exit(signed_ok ? 0 : 3);
-    }
-    int status = 0;
-    if (host < 0 || waitpid(host, &status, 0) != host) return std::string("no host process");
-    if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
-    return "exit " + std::to_string(WEXITSTATUS(status));
+  // The host exits without closing the key or ending the library: the
+  // module's own static objects go before the library's.
+  const std::string report = HostProcessEnd([this] {
+    Start(true);
+    const X509_Auth_KeyHandle rsa = Open(rsa_.get());
+    bool verified = false;
+    const bool signed_ok = SignVerified(rsa, rsa_.get(), "exit", &verified) == 0 && verified;
+    return signed_ok ? 0 : 3;
   });
   EXPECT_EQ(report, "exit 0");
 }

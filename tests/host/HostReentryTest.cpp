@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "ErrorLineLog.h"
 #include "HostFixture.h"
 
 namespace x509auth_test {
@@ -28,10 +29,7 @@ const unsigned char* g_digest = nullptr;
 std::vector<std::string> g_lines;
 
 void RecordLine(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
-  if (priority < X509_Auth_LogPriority_Error) return;
-  char line[1024];
-  std::vsnprintf(line, sizeof line, format, arguments);
-  g_lines.emplace_back(line);
+  KeepErrorLine(g_lines, priority, format, arguments);
 }
 
 // Answers the password prompt, after calling the library from inside it.

@@ -34,14 +34,18 @@ class HostTokenTest : public HostCardTest {
     token_rsa_ = MakeClientCert("Token RSA", rsa_key_.get());
     token_ec_ = MakeClientCert("Token EC", ec_key_.get());
   }
-  void TearDown() override {
-    HostTest::TearDown();
-    hsm_.reset();
-  }
 
   void ImportBoth() {
     hsm_->ImportCertAndKey("Card A", token_rsa_.get(), rsa_key_.get(), "01", "rsa");
     hsm_->ImportCertAndKey("Card A", token_ec_.get(), ec_key_.get(), "02", "ec");
+  }
+
+  // Both certificates on Card A, the library started on the token store,
+  // and the listing.
+  std::vector<const X509_Auth_Certificate*> ImportBothAndList() {
+    ImportBoth();
+    Init({});
+    return List();
   }
 
   static const X509_Auth_Certificate* Find(const std::vector<const X509_Auth_Certificate*>& records,
@@ -120,9 +124,7 @@ TEST_F(HostTokenTest, FullSessionListsFilesThenTokenAndSignsOnTheTokenAfterOnePi
 }
 
 TEST_F(HostTokenTest, TokenRsaKeyDecryptsBothPaddings) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* rsa = Find(records, "Token RSA");
   ASSERT_NE(rsa, nullptr) << rec().Dump();
   rec().ScriptAnswer(PinAnswer::Value("1234"));
@@ -139,9 +141,7 @@ TEST_F(HostTokenTest, TokenRsaKeyDecryptsBothPaddings) {
 }
 
 TEST_F(HostTokenTest, WrongPinTellsTheHostAndTheKeyCannotBeOpened) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* ec = Find(records, "Token EC");
   ASSERT_NE(ec, nullptr);
   rec().ScriptAnswer(PinAnswer::Value("0000"));
@@ -166,9 +166,7 @@ TEST_F(HostTokenTest, WrongPinTellsTheHostAndTheKeyCannotBeOpened) {
 }
 
 TEST_F(HostTokenTest, ExportedTokenKeySignsDataThatVerifies) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* rsa = Find(records, "Token RSA");
   ASSERT_NE(rsa, nullptr);
   rec().Reset();
@@ -200,9 +198,7 @@ TEST_F(HostTokenTest, ExportedTokenKeySignsDataThatVerifies) {
 }
 
 TEST_F(HostTokenTest, ExportWithACancelledPinGivesSevenWithTheHostStatus) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   rec().Reset();
   rec().ScriptAnswer(PinAnswer::Status(5));
   void* exported = reinterpret_cast<void*>(0x3);
@@ -235,11 +231,7 @@ TEST_F(HostTokenTest, PssCertificateWithAnRsaKeyOpensButFailsWithSixWhateverTheL
   // A card can hold an RSA-PSS certificate beside a plain RSA key: the key
   // opens as RSA, but the certificate's group is "other".
   TestKey pss_key = MakeKey(KeyKind::k_rsa_pss);
-  CertOptions options;
-  options.common_name = "Token PSS";
-  options.key_usage = "critical,digitalSignature,keyCertSign";
-  options.extended_key_usage = "clientAuth";
-  TestX509 pss_cert = MakeCert(options, pss_key.get());
+  TestX509 pss_cert = MakeClientCert("Token PSS", pss_key.get());
   hsm_->ImportCertAndKey("Card A", pss_cert.get(), rsa_key_.get(), "09", "pss");
   Init({});
   const auto records = List();
@@ -256,9 +248,7 @@ TEST_F(HostTokenTest, PssCertificateWithAnRsaKeyOpensButFailsWithSixWhateverTheL
 }
 
 TEST_F(HostTokenTest, TokenDeletedBetweenListingAndSigningFailsWithoutHanging) {
-  ImportBoth();
-  Init({});
-  const auto records = List();
+  const auto records = ImportBothAndList();
   const X509_Auth_Certificate* ec = Find(records, "Token EC");
   ASSERT_NE(ec, nullptr);
   const Bytes thumbprint = ThumbprintOf(ec);

@@ -63,30 +63,13 @@ constexpr const char* k_retry_line =
     "A token or its session went away during the operation; listing the tokens again and trying "
     "once more";
 
-class HostTokenWatchTest : public HostCardTest {
+class HostTokenWatchTest : public HostTokenKeysTest {
  protected:
-  void SetUp() override {
-    HostCardTest::SetUp();
-    if (IsSkipped()) return;
-    key_ = SharedKey(KeyKind::k_rsa, 1);
-    cert_ = MakeClientCert("Token A", key_.get());
-    other_key_ = SharedKey(KeyKind::k_ec, 2);
-    other_cert_ = MakeClientCert("Token B", other_key_.get());
-  }
-  void TearDown() override {
-    HostTest::TearDown();
-    hsm_.reset();
-  }
-
-  // The library started on the store, with the watch as asked.
-  void Start(bool watch) {
-    Init({});
-    ASSERT_EQ(X509_Auth_SetTokenWatch(watch ? 1 : 0), X509_Auth_ResultCode_Success);
-  }
+  HostTokenWatchTest() : HostTokenKeysTest("Token A", "Token B") {}
 
   // Card A with its certificate and key, and the library started on it.
   void StartWithCardA(bool watch) {
-    hsm_->ImportCertAndKey("Card A", cert_.get(), key_.get(), "01", "a");
+    hsm_->ImportCertAndKey("Card A", rsa_.get(), rsa_key_.get(), "01", "a");
     Start(watch);
   }
 
@@ -123,11 +106,8 @@ class HostTokenWatchTest : public HostCardTest {
     LoadedSoftHsm module;
     ASSERT_TRUE(module.Loaded()) << "the library has not loaded SoftHSM2";
     ASSERT_EQ(module.InitFreeToken("Card B"), CKR_OK);
-    ASSERT_EQ(module.CreateCertificate("Card B", other_cert_.get(), "b"), CKR_OK);
+    ASSERT_EQ(module.CreateCertificate("Card B", ec_.get(), "b"), CKR_OK);
   }
-
-  TestKey key_, other_key_;
-  TestX509 cert_, other_cert_;
 };
 
 TEST_F(HostTokenWatchTest, TokenAppearingAfterTheFirstListingIsListedWithTheWatchOn) {
@@ -194,7 +174,7 @@ TEST_F(HostTokenWatchTest, ChangedTokensAskForThePinAgainWithTheWatchOn) {
     rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
     const X509_Auth_Signature* signature = nullptr;
     ASSERT_EQ(Sign(record, digest, &signature).code, 0) << rec().Dump();
-    EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+    EXPECT_TRUE(VerifiesWithCertificate(rsa_.get(), EVP_sha256(), digest, signature->data,
                                         signature->length));
     X509_Auth_Free(signature);
   }
@@ -205,7 +185,7 @@ TEST_F(HostTokenWatchTest, ChangedTokensAskForThePinAgainWithTheWatchOn) {
   rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   const X509_Auth_Signature* signature = nullptr;
   ASSERT_EQ(Sign(record, digest, &signature).code, 0) << rec().Dump();
-  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+  EXPECT_TRUE(VerifiesWithCertificate(rsa_.get(), EVP_sha256(), digest, signature->data,
                                       signature->length));
   EXPECT_EQ(Count(rec().Prompts(), k_user_prompt), 2u);
   X509_Auth_Free(signature);
@@ -235,7 +215,7 @@ TEST_F(HostTokenWatchTest, SessionsEndedUnderTheLibraryAreListedAgainAndAskForTh
   rec().ScriptAnswer(PinAnswer::Value(SoftHsmToken::k_default_pin));
   const Bytes digest = Sha256("two");
   ASSERT_EQ(Sign(record, digest, &signature).code, 0) << rec().Dump();
-  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+  EXPECT_TRUE(VerifiesWithCertificate(rsa_.get(), EVP_sha256(), digest, signature->data,
                                       signature->length));
   EXPECT_EQ(rec()
                 .WithFormat("Token watch: listing the slots again after a token or its session "
@@ -290,8 +270,9 @@ class HostTokenWatchRetryTest : public HostTokenWatchTest {
   // Card A with an always-authenticate key; the library started with the
   // session-ending PIN callback.
   void StartWithKiller(bool watch, int kills, bool on_user_prompt = false) {
-    hsm_->ImportCert("Card A", cert_.get(), "01", "a");
-    hsm_->ImportKey("Card A", key_.get(), "01", "a", SoftHsmToken::k_default_pin, !on_user_prompt);
+    hsm_->ImportCert("Card A", rsa_.get(), "01", "a");
+    hsm_->ImportKey("Card A", rsa_key_.get(), "01", "a", SoftHsmToken::k_default_pin,
+                    !on_user_prompt);
     SessionKiller::on_user_prompt = on_user_prompt;
     X509_Auth_Callbacks callbacks = rec().Callbacks();
     callbacks.pin_entry = SessionKiller::PinEntry;
@@ -324,7 +305,7 @@ TEST_F(HostTokenWatchRetryTest, SignatureThatLosesItsSessionIsTriedOnceMoreAndSu
   const Bytes digest = Sha256("retried");
   const X509_Auth_Signature* signature = nullptr;
   ASSERT_EQ(SignNow(digest, &signature).code, X509_Auth_ResultCode_Success) << rec().Dump();
-  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+  EXPECT_TRUE(VerifiesWithCertificate(rsa_.get(), EVP_sha256(), digest, signature->data,
                                       signature->length));
   EXPECT_EQ(rec().WithFormat(k_retry_line).size(), 1u) << rec().Dump();
   // The retry's fresh listing logged in again.
@@ -357,7 +338,7 @@ TEST_F(HostTokenWatchRetryTest, TokenLostDuringThePinPromptIsReportedAsRemovedNo
   const Bytes digest = Sha256("pin prompt");
   const X509_Auth_Signature* signature = nullptr;
   ASSERT_EQ(SignNow(digest, &signature).code, X509_Auth_ResultCode_Success) << rec().Dump();
-  EXPECT_TRUE(VerifiesWithCertificate(cert_.get(), EVP_sha256(), digest, signature->data,
+  EXPECT_TRUE(VerifiesWithCertificate(rsa_.get(), EVP_sha256(), digest, signature->data,
                                       signature->length));
   ASSERT_EQ(rec().Messages().size(), 1u) << rec().Dump();
   EXPECT_EQ(rec().Messages()[0].message, "The smart card was removed while logging in to: Card A");

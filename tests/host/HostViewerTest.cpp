@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "HostFixture.h"
+#include "ShellOutput.h"
 
 namespace x509auth_test {
 namespace {
@@ -18,16 +19,6 @@ namespace {
 std::string ReadText(const std::filesystem::path& path) {
   std::ifstream in(path);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::string CommandOutput(const std::string& command) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return output;
-  char buffer[4096];
-  while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
-  pclose(pipe);
-  return output;
 }
 
 // The second the library names its viewer file after. It reads the system
@@ -166,7 +157,7 @@ TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
     kill(xvfb, SIGTERM);
     waitpid(xvfb, nullptr, 0);
     GTEST_SKIP() << "no X server could be started (Xvfb gave no display): "
-                 << CommandOutput("cat " + (temp_ / "xvfb.log").string());
+                 << ShellOutput("cat " + (temp_ / "xvfb.log").string());
   }
   const std::string display = ":" + number;
   env_.Set("DISPLAY", display);
@@ -179,8 +170,8 @@ TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
     kill(xvfb, SIGTERM);
     waitpid(xvfb, nullptr, 0);
     GTEST_SKIP() << "the X server on " << display << " never accepted a connection: "
-                 << CommandOutput("xdpyinfo -display " + display + " 2>&1") << "\nXvfb said:\n"
-                 << CommandOutput("cat " + (temp_ / "xvfb.log").string());
+                 << ShellOutput("xdpyinfo -display " + display + " 2>&1") << "\nXvfb said:\n"
+                 << ShellOutput("cat " + (temp_ / "xvfb.log").string());
   }
 
   const long before = SecondsNow();
@@ -194,7 +185,7 @@ TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
     if (!shown) return false;
     after = SecondsNow();
     return WaitFor(30, [&] {
-      tree = CommandOutput("DISPLAY=" + display + " xwininfo -root -tree 2>/dev/null");
+      tree = ShellOutput("DISPLAY=" + display + " xwininfo -root -tree 2>/dev/null");
       for (long s = before; s <= after; ++s) {
         const std::string name = "\"" + ViewerFile(s).filename().string() + "\"";
         if (tree.find(name) != std::string::npos) title = name;
@@ -216,9 +207,8 @@ TEST_F(HostViewerTest, RealViewerOpensAWindowUnderAVirtualXServer) {
         ("DISPLAY=" + display + " import -window root " + shot.string() + " 2>/dev/null").c_str());
   }
   const std::string mean =
-      appeared
-          ? CommandOutput("convert " + shot.string() + " -format '%[fx:mean]' info: 2>/dev/null")
-          : "";
+      appeared ? ShellOutput("convert " + shot.string() + " -format '%[fx:mean]' info: 2>/dev/null")
+               : "";
 
   std::system(("pkill -f '" + (tmp_ / "Quorvant").string() + "' 2>/dev/null").c_str());
   kill(xvfb, SIGTERM);

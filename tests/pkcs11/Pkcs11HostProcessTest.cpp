@@ -60,6 +60,22 @@ class Pkcs11HostProcessTest : public Pkcs11Test {
   }
 };
 
+// The one object of |object_class| whose CKA_ID is |id|, or
+// CK_INVALID_HANDLE when a call fails or not exactly one is found. No gtest
+// assertion: children use it.
+CK_OBJECT_HANDLE FindOne(CK_FUNCTION_LIST* f, CK_SESSION_HANDLE session,
+                         CK_OBJECT_CLASS object_class, const Bytes& id) {
+  CK_ATTRIBUTE templ[] = {{CKA_CLASS, &object_class, sizeof(object_class)},
+                          {CKA_ID, const_cast<unsigned char*>(id.data()), id.size()}};
+  CK_OBJECT_HANDLE found = CK_INVALID_HANDLE;
+  CK_ULONG count = 0;
+  if (f->C_FindObjectsInit(session, templ, 2) != CKR_OK ||
+      f->C_FindObjects(session, &found, 1, &count) != CKR_OK ||
+      f->C_FindObjectsFinal(session) != CKR_OK || count != 1)
+    return CK_INVALID_HANDLE;
+  return found;
+}
+
 // What a child forked from a busy program does: its module is not
 // initialised; once it is, it finds the key and signs. No gtest assertion
 // here: the text returned says what went wrong.
@@ -70,16 +86,8 @@ std::string ChildInitialisesFindsAndSigns(CK_FUNCTION_LIST* f, const InstalledCl
   CK_SESSION_HANDLE session = 0;
   if (f->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK)
     return "C_OpenSession failed";
-  CK_OBJECT_CLASS private_key = CKO_PRIVATE_KEY;
-  CK_ATTRIBUTE templ[] = {
-      {CKA_CLASS, &private_key, sizeof(private_key)},
-      {CKA_ID, const_cast<unsigned char*>(client.thumbprint.data()), client.thumbprint.size()}};
-  CK_OBJECT_HANDLE key = CK_INVALID_HANDLE;
-  CK_ULONG count = 0;
-  if (f->C_FindObjectsInit(session, templ, 2) != CKR_OK ||
-      f->C_FindObjects(session, &key, 1, &count) != CKR_OK ||
-      f->C_FindObjectsFinal(session) != CKR_OK || count != 1)
-    return "the key was not found";
+  const CK_OBJECT_HANDLE key = FindOne(f, session, CKO_PRIVATE_KEY, client.thumbprint);
+  if (key == CK_INVALID_HANDLE) return "the key was not found";
   Bytes digest(32, 0x42);
   Bytes signature(64);
   CK_ULONG length = signature.size();
@@ -238,15 +246,8 @@ TEST_F(Pkcs11HostProcessTest, RunningOutOfMemoryInACallIsHostMemoryAndTheNextCal
     if (f->C_GetInfo(&info) != CKR_CRYPTOKI_NOT_INITIALIZED) return "initialised after failing";
     if (f->C_Initialize(nullptr) != CKR_OK) return "C_Initialize failed with memory again";
     CK_SESSION_HANDLE session = 0;
-    CK_OBJECT_CLASS certificate = CKO_CERTIFICATE;
-    CK_ATTRIBUTE templ[] = {
-        {CKA_CLASS, &certificate, sizeof(certificate)},
-        {CKA_ID, const_cast<unsigned char*>(alice.thumbprint.data()), alice.thumbprint.size()}};
-    CK_OBJECT_HANDLE found = CK_INVALID_HANDLE;
-    CK_ULONG count = 0;
     if (f->C_OpenSession(1, CKF_SERIAL_SESSION, nullptr, nullptr, &session) != CKR_OK ||
-        f->C_FindObjectsInit(session, templ, 2) != CKR_OK ||
-        f->C_FindObjects(session, &found, 1, &count) != CKR_OK || count != 1)
+        FindOne(f, session, CKO_CERTIFICATE, alice.thumbprint) == CK_INVALID_HANDLE)
       return "the certificate was not found";
     f->C_Finalize(nullptr);
     return "";

@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <fstream>
 
+#include "ErrorLineLog.h"
 #include "ForkedChild.h"
 #include "Pkcs11Session.h"
 #include "RecordingCallbacks.h"
@@ -23,10 +24,7 @@ namespace {
 std::vector<std::string> g_host_errors;
 
 void HostLog(X509_Auth_LogPriority priority, const char* format, va_list arguments) {
-  if (priority < X509_Auth_LogPriority_Error) return;
-  char line[1024];
-  std::vsnprintf(line, sizeof line, format, arguments);
-  g_host_errors.emplace_back(line);
+  KeepErrorLine(g_host_errors, priority, format, arguments);
 }
 
 // The providers are unloaded before their library context goes.

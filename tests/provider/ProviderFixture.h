@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,6 +27,14 @@ namespace x509auth_test {
 // How a key file is stored.
 enum class KeyForm { k_pem, k_der, k_encrypted };
 inline constexpr const char* k_key_password = "key-file-secret";
+
+// How many times |what| stands in |text|, overlaps included.
+inline std::size_t Count(const std::string& text, const std::string& what) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+    ++count;
+  return count;
+}
 
 class ProviderTest : public ::testing::Test {
  protected:
@@ -76,6 +85,21 @@ class ProviderTest : public ::testing::Test {
   }
 
   std::filesystem::path CasFile() const { return temp_ / "cas.pem"; }
+
+  // An openssl.cnf loading the module from the build tree with |settings|
+  // in its section.
+  std::filesystem::path WriteOpensslConfig(const std::string& settings) const {
+    const std::filesystem::path cnf = temp_ / "openssl.cnf";
+    std::ofstream(cnf) << "openssl_conf = openssl_init\n"
+                          "[openssl_init]\nproviders = provider_sect\n"
+                          "[provider_sect]\ndefault = default_sect\nx509auth = x509auth_sect\n"
+                          "[default_sect]\nactivate = 1\n"
+                          "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR
+                          "/x509auth.so\n"
+                          "activate = 1\n" +
+                              settings;
+    return cnf;
+  }
 
   // What every openssl child gets: the provider's settings in the
   // environment, and the sanitizer runtime when the module is instrumented.

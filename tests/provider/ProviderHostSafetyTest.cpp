@@ -191,18 +191,15 @@ TEST_F(ProviderHostSafetyTest, FailedStoreLoadsLeaveTheHostsErrorsAndTheProvider
 }
 
 TEST_F(ProviderHostSafetyTest, AFailedSignatureLeavesTheHostsErrorsAndTheProvidersOneError) {
-  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer));
-  ASSERT_NE(key, nullptr) << ErrorText();
+  const std::string thumbprint = LoadRsaClient();
+  ASSERT_NE(rsa_key_, nullptr) << ErrorText();
   // The library reads the key file for each signature: without it, the
   // library's call fails.
   const std::filesystem::path key_file = base_ / "keys" / "RSA Client.pem.key";
   const std::filesystem::path moved = temp_ / "moved.key";
   std::filesystem::rename(key_file, moved);
   QueueApplicationError();
-  EXPECT_FALSE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
+  EXPECT_FALSE(SignsAndVerifies(*clients_, rsa_key_.get(), "SHA256", chains_[0].leaf.get()));
   const std::vector<QueuedError> errors = TakeErrors();
   ASSERT_EQ(errors.size(), 2u) << Describe(errors);
   EXPECT_TRUE(IsApplicationError(errors[0])) << Describe(errors);
@@ -213,19 +210,16 @@ TEST_F(ProviderHostSafetyTest, AFailedSignatureLeavesTheHostsErrorsAndTheProvide
       << Describe(errors);
   // Back in place, the next signature works and queues nothing.
   std::filesystem::rename(moved, key_file);
-  EXPECT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
+  EXPECT_TRUE(SignsAndVerifies(*clients_, rsa_key_.get(), "SHA256", chains_[0].leaf.get()));
   EXPECT_EQ(ERR_peek_error(), 0u) << ErrorText();
 }
 
 TEST_F(ProviderHostSafetyTest, RefusedRequestsLeaveTheHostsErrorsAndTheProvidersOneError) {
-  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer));
-  ASSERT_NE(key, nullptr) << ErrorText();
+  LoadRsaClient();
+  ASSERT_NE(rsa_key_, nullptr) << ErrorText();
   // A digest nobody knows, set on the provider's signature directly: the
   // lines of its failed lookup are not the host's.
-  const EvpPkeyCtxPtr signer(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
+  const EvpPkeyCtxPtr signer(EVP_PKEY_CTX_new_from_pkey(clients_->ctx, rsa_key_.get(), nullptr));
   ASSERT_EQ(EVP_PKEY_sign_init(signer.get()), 1);
   QueueApplicationError();
   char unknown[] = "NO-SUCH-DIGEST";
@@ -240,7 +234,7 @@ TEST_F(ProviderHostSafetyTest, RefusedRequestsLeaveTheHostsErrorsAndTheProviders
   EXPECT_EQ(errors[1].data, "digest NO-SUCH-DIGEST");
   // More than the key can encrypt.
   QueueApplicationError();
-  const EvpPkeyCtxPtr encrypter(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
+  const EvpPkeyCtxPtr encrypter(EVP_PKEY_CTX_new_from_pkey(clients_->ctx, rsa_key_.get(), nullptr));
   ASSERT_EQ(EVP_PKEY_encrypt_init(encrypter.get()), 1);
   const Bytes plain(300, 0x55);
   Bytes cipher(512);
@@ -264,12 +258,9 @@ TEST_F(ProviderHostSafetyTest, ChildrenForkedWhileAThreadIsInsideTheProviderCanU
   GTEST_SKIP() << "AddressSanitizer's allocator lock is not taken around fork(): a child "
                   "forked while the worker allocates hangs in malloc, whatever the provider does";
 #endif
-  const std::string thumbprint = InstallClient(KeyKind::k_rsa, "RSA Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, thumbprint, &answer));
-  ASSERT_NE(key, nullptr) << ErrorText();
-  ASSERT_TRUE(SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()));
+  LoadRsaClient();
+  ASSERT_NE(rsa_key_, nullptr) << ErrorText();
+  ASSERT_TRUE(SignsAndVerifies(*clients_, rsa_key_.get(), "SHA256", chains_[0].leaf.get()));
   std::atomic<bool> stop{false};
   std::atomic<int> rounds{0}, failures{0};
   // The worker signs, which keeps it inside the library most of the time.
@@ -279,7 +270,7 @@ TEST_F(ProviderHostSafetyTest, ChildrenForkedWhileAThreadIsInsideTheProviderCanU
   // does.
   std::thread worker([&] {
     while (!stop) {
-      if (!SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get())) ++failures;
+      if (!SignsAndVerifies(*clients_, rsa_key_.get(), "SHA256", chains_[0].leaf.get())) ++failures;
       ++rounds;
     }
   });
@@ -293,11 +284,12 @@ TEST_F(ProviderHostSafetyTest, ChildrenForkedWhileAThreadIsInsideTheProviderCanU
     const std::string report = RunInChild(
         [&]() -> std::string {
           Answer child_answer;
-          const std::vector<OsslStoreInfoPtr> listed = LoadAll(*loaded, "x509auth:", &child_answer);
+          const std::vector<OsslStoreInfoPtr> listed =
+              LoadAll(*clients_, "x509auth:", &child_answer);
           if (listed.size() != 1) return "listed " + std::to_string(listed.size());
           // What the parent did before: OpenSSL's own method cache may be
           // locked for reading by the worker, which a new entry would wait on.
-          if (!SignsAndVerifies(*loaded, key.get(), "SHA256", chains_[0].leaf.get()))
+          if (!SignsAndVerifies(*clients_, rsa_key_.get(), "SHA256", chains_[0].leaf.get()))
             return "signature failed: " + ErrorText();
           return "ok";
         },

@@ -66,6 +66,9 @@ class ProviderInProcessTest : public ProviderTest {
     ui_.reset(UI_UTIL_wrap_read_pem_callback(PemCallback, 0));
   }
   void TearDown() override {
+    rsa_key_.reset();
+    ec_key_.reset();
+    clients_.reset();
     for (const char* name : {"X509AUTH_LOG", "X509AUTH_DIRS", "X509AUTH_CA_FILES"}) unsetenv(name);
     ProviderTest::TearDown();
   }
@@ -104,6 +107,27 @@ class ProviderInProcessTest : public ProviderTest {
     return infos;
   }
 
+  // An RSA client (chains_[0]) installed with an unencrypted key, and its
+  // key loaded through a new library context into |rsa_key_|; the client's
+  // thumbprint.
+  std::string LoadRsaClient() {
+    const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+    clients_ = Load(base_);
+    rsa_key_.reset(LoadKey(*clients_, rsa, &clients_answer_));
+    return rsa;
+  }
+
+  // An RSA client (chains_[0]) and an EC client (chains_[1]) installed
+  // with unencrypted keys, and their keys loaded through a new library
+  // context into |rsa_key_| and |ec_key_|.
+  void LoadRsaAndEcClients() {
+    const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
+    const std::string ec = InstallClient(KeyKind::k_ec, "EC Client");
+    clients_ = Load(base_);
+    rsa_key_.reset(LoadKey(*clients_, rsa, &clients_answer_));
+    ec_key_.reset(LoadKey(*clients_, ec, &clients_answer_));
+  }
+
   // The private key of |thumbprint|, or null.
   EVP_PKEY* LoadKey(const Loaded& loaded, const std::string& thumbprint, Answer* answer,
                     OsslStoreCtxPtr* keep_open = nullptr) {
@@ -115,23 +139,30 @@ class ProviderInProcessTest : public ProviderTest {
     return key;
   }
 
+  // Feeds |size| bytes of |data| to a digest-sign |context| the caller set
+  // up, and gives the signature; false where any step fails.
+  static bool DigestSign(EVP_MD_CTX* context, const unsigned char* data, std::size_t size,
+                         Bytes* signature) {
+    std::size_t length = 0;
+    if (EVP_DigestSignUpdate(context, data, size) != 1 ||
+        EVP_DigestSignFinal(context, nullptr, &length) != 1)
+      return false;
+    signature->resize(length);
+    const bool ok = EVP_DigestSignFinal(context, signature->data(), &length) == 1;
+    signature->resize(length);
+    return ok;
+  }
+
   // Digest-signs a fixed text with |md| and checks the signature with the
   // certificate's key and OpenSSL's own implementation.
   static bool SignsAndVerifies(const Loaded& loaded, EVP_PKEY* key, const char* md, X509* cert) {
     const EvpMdCtxPtr owned(EVP_MD_CTX_new());
     EVP_MD_CTX* context = owned.get();
-    std::size_t length = 0;
     const unsigned char data[] = "signed through the provider";
     Bytes signature;
-    bool ok = EVP_DigestSignInit_ex(context, nullptr, md, loaded.ctx, nullptr, key, nullptr) == 1 &&
-              EVP_DigestSignUpdate(context, data, sizeof data) == 1 &&
-              EVP_DigestSignFinal(context, nullptr, &length) == 1;
-    if (ok) {
-      signature.resize(length);
-      ok = EVP_DigestSignFinal(context, signature.data(), &length) == 1;
-      signature.resize(length);
-    }
-    if (!ok) return false;
+    if (EVP_DigestSignInit_ex(context, nullptr, md, loaded.ctx, nullptr, key, nullptr) != 1 ||
+        !DigestSign(context, data, sizeof data, &signature))
+      return false;
     const EVP_MD* digest = EVP_get_digestbyname(md);
     Bytes hash(EVP_MAX_MD_SIZE);
     unsigned int hash_length = 0;
@@ -148,32 +179,29 @@ class ProviderInProcessTest : public ProviderTest {
     const EvpMdCtxPtr owned(EVP_MD_CTX_new());
     EVP_MD_CTX* context = owned.get();
     EVP_PKEY_CTX* pctx = nullptr;
-    std::size_t length = 0;
     const unsigned char data[] = "signed with RSA-PSS through the provider";
     Bytes signature;
-    bool ok = EVP_DigestSignInit_ex(context, &pctx, md, loaded.ctx, nullptr, key, nullptr) == 1 &&
-              EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
-              EVP_PKEY_CTX_ctrl_str(pctx, "rsa_pss_saltlen", salt) == 1 &&
-              EVP_DigestSignUpdate(context, data, sizeof data) == 1 &&
-              EVP_DigestSignFinal(context, nullptr, &length) == 1;
-    if (ok) {
-      signature.resize(length);
-      ok = EVP_DigestSignFinal(context, signature.data(), &length) == 1;
-      signature.resize(length);
-    }
-    if (!ok) return false;
+    if (EVP_DigestSignInit_ex(context, &pctx, md, loaded.ctx, nullptr, key, nullptr) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) != 1 ||
+        EVP_PKEY_CTX_ctrl_str(pctx, "rsa_pss_saltlen", salt) != 1 ||
+        !DigestSign(context, data, sizeof data, &signature))
+      return false;
     const EvpMdCtxPtr owned_verify(EVP_MD_CTX_new());
     EVP_MD_CTX* verify = owned_verify.get();
     pctx = nullptr;
-    ok = EVP_DigestVerifyInit_ex(verify, &pctx, md, nullptr, nullptr, certificate_key, nullptr) ==
-             1 &&
-         EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
-         EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, expected_salt) == 1 &&
-         EVP_DigestVerify(verify, signature.data(), signature.size(), data, sizeof data) == 1;
-    return ok;
+    return EVP_DigestVerifyInit_ex(verify, &pctx, md, nullptr, nullptr, certificate_key, nullptr) ==
+               1 &&
+           EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PSS_PADDING) == 1 &&
+           EVP_PKEY_CTX_set_rsa_pss_saltlen(pctx, expected_salt) == 1 &&
+           EVP_DigestVerify(verify, signature.data(), signature.size(), data, sizeof data) == 1;
   }
 
   x509auth_openssl::UiMethodPtr ui_;
+  // LoadRsaClient's and LoadRsaAndEcClients's: the keys go before their
+  // library context.
+  std::unique_ptr<Loaded> clients_;
+  Answer clients_answer_;
+  x509auth_openssl::EvpPkeyPtr rsa_key_, ec_key_;
 };
 
 }  // namespace x509auth_test

@@ -7,28 +7,23 @@ namespace x509auth_test {
 namespace {
 
 TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf) {
-  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-  const std::string ec = InstallClient(KeyKind::k_ec, "EC Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr rsa_key(LoadKey(*loaded, rsa, &answer));
-  x509auth_openssl::EvpPkeyPtr ec_key(LoadKey(*loaded, ec, &answer));
-  ASSERT_NE(rsa_key, nullptr) << ErrorText();
-  ASSERT_NE(ec_key, nullptr) << ErrorText();
-  EXPECT_EQ(answer.asked, 0);  // unencrypted key files
-  EXPECT_TRUE(EVP_PKEY_is_a(rsa_key.get(), "RSA"));
-  EXPECT_TRUE(EVP_PKEY_is_a(ec_key.get(), "EC"));
-  EXPECT_EQ(EVP_PKEY_get_bits(rsa_key.get()), 2048);
-  EXPECT_EQ(EVP_PKEY_get_size(rsa_key.get()), 256);
-  EXPECT_EQ(EVP_PKEY_get_security_bits(rsa_key.get()), 112);
-  EXPECT_EQ(EVP_PKEY_get_bits(ec_key.get()), 256);
+  LoadRsaAndEcClients();
+  ASSERT_NE(rsa_key_, nullptr) << ErrorText();
+  ASSERT_NE(ec_key_, nullptr) << ErrorText();
+  EXPECT_EQ(clients_answer_.asked, 0);  // unencrypted key files
+  EXPECT_TRUE(EVP_PKEY_is_a(rsa_key_.get(), "RSA"));
+  EXPECT_TRUE(EVP_PKEY_is_a(ec_key_.get(), "EC"));
+  EXPECT_EQ(EVP_PKEY_get_bits(rsa_key_.get()), 2048);
+  EXPECT_EQ(EVP_PKEY_get_size(rsa_key_.get()), 256);
+  EXPECT_EQ(EVP_PKEY_get_security_bits(rsa_key_.get()), 112);
+  EXPECT_EQ(EVP_PKEY_get_bits(ec_key_.get()), 256);
   char group[64] = {};
-  EXPECT_EQ(EVP_PKEY_get_utf8_string_param(ec_key.get(), OSSL_PKEY_PARAM_GROUP_NAME, group,
+  EXPECT_EQ(EVP_PKEY_get_utf8_string_param(ec_key_.get(), OSSL_PKEY_PARAM_GROUP_NAME, group,
                                            sizeof group, nullptr),
             1);
   EXPECT_STREQ(group, "prime256v1");
   char digest[64] = {};
-  EXPECT_GE(EVP_PKEY_get_default_digest_name(rsa_key.get(), digest, sizeof digest), 1);
+  EXPECT_GE(EVP_PKEY_get_default_digest_name(rsa_key_.get(), digest, sizeof digest), 1);
   EXPECT_STREQ(digest, "SHA256");
   // The certificate's key and this one are one pair, as libssl checks. (On
   // copies: the comparison caches an export of the certificate's key in this
@@ -36,20 +31,20 @@ TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf
   // test keys, which outlive it.)
   TestX509 rsa_cert(X509_dup(chains_[0].leaf.get()));
   TestX509 ec_cert(X509_dup(chains_[1].leaf.get()));
-  EXPECT_EQ(X509_check_private_key(rsa_cert.get(), rsa_key.get()), 1) << ErrorText();
-  EXPECT_EQ(X509_check_private_key(ec_cert.get(), ec_key.get()), 1) << ErrorText();
-  EXPECT_NE(X509_check_private_key(rsa_cert.get(), ec_key.get()), 1);
+  EXPECT_EQ(X509_check_private_key(rsa_cert.get(), rsa_key_.get()), 1) << ErrorText();
+  EXPECT_EQ(X509_check_private_key(ec_cert.get(), ec_key_.get()), 1) << ErrorText();
+  EXPECT_NE(X509_check_private_key(rsa_cert.get(), ec_key_.get()), 1);
   ERR_clear_error();
   // The public half exports; the private half does not.
   OSSL_PARAM* params = nullptr;
-  EXPECT_EQ(EVP_PKEY_todata(ec_key.get(), EVP_PKEY_PUBLIC_KEY, &params), 1);
+  EXPECT_EQ(EVP_PKEY_todata(ec_key_.get(), EVP_PKEY_PUBLIC_KEY, &params), 1);
   OsslParamPtr public_params(params);
   EXPECT_NE(OSSL_PARAM_locate(params, OSSL_PKEY_PARAM_PUB_KEY), nullptr);
   params = nullptr;
-  EXPECT_NE(EVP_PKEY_todata(rsa_key.get(), EVP_PKEY_KEYPAIR, &params), 1);
+  EXPECT_NE(EVP_PKEY_todata(rsa_key_.get(), EVP_PKEY_KEYPAIR, &params), 1);
   OsslParamPtr private_params(params);
   unsigned char* der = nullptr;
-  const int length = i2d_PUBKEY(ec_key.get(), &der);
+  const int length = i2d_PUBKEY(ec_key_.get(), &der);
   const OpenSslBytesPtr owned_der(der);
   X509_PUBKEY* from_cert = X509_get_X509_PUBKEY(chains_[1].leaf.get());
   unsigned char* expected = nullptr;
@@ -60,21 +55,16 @@ TEST_F(ProviderInProcessTest, KeyAnswersFromTheCertificateAndKeepsItsPrivateHalf
 }
 
 TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOthers) {
-  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-  const std::string ec = InstallClient(KeyKind::k_ec, "EC Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr rsa_key(LoadKey(*loaded, rsa, &answer));
-  x509auth_openssl::EvpPkeyPtr ec_key(LoadKey(*loaded, ec, &answer));
-  ASSERT_NE(rsa_key, nullptr);
-  ASSERT_NE(ec_key, nullptr);
+  LoadRsaAndEcClients();
+  ASSERT_NE(rsa_key_, nullptr);
+  ASSERT_NE(ec_key_, nullptr);
   for (const char* md : {"SHA1", "SHA256", "SHA384", "SHA512"}) {
-    EXPECT_TRUE(SignsAndVerifies(*loaded, rsa_key.get(), md, chains_[0].leaf.get()))
+    EXPECT_TRUE(SignsAndVerifies(*clients_, rsa_key_.get(), md, chains_[0].leaf.get()))
         << md << ErrorText();
-    EXPECT_TRUE(SignsAndVerifies(*loaded, ec_key.get(), md, chains_[1].leaf.get()))
+    EXPECT_TRUE(SignsAndVerifies(*clients_, ec_key_.get(), md, chains_[1].leaf.get()))
         << md << ErrorText();
   }
-  EXPECT_FALSE(SignsAndVerifies(*loaded, ec_key.get(), "SHA224", chains_[1].leaf.get()));
+  EXPECT_FALSE(SignsAndVerifies(*clients_, ec_key_.get(), "SHA224", chains_[1].leaf.get()));
   EXPECT_NE(ErrorText().find("unsupported digest"), std::string::npos);
   // RSA-PSS with every digest and every salt spelling OpenSSL has; each
   // verified by OpenSSL's own implementation with the certificate's key and
@@ -88,19 +78,17 @@ TEST_F(ProviderInProcessTest, SignsWithEveryDigestTheLibraryKnowsAndRefusesOther
       int expected;
     } salts[] = {{"digest", digest_length}, {"max", longest}, {"auto", longest}, {"20", 20}};
     for (const auto& salt : salts) {
-      EXPECT_TRUE(SignsPss(*loaded, rsa_key.get(), md, salt.asked, certificate_key, salt.expected))
+      EXPECT_TRUE(
+          SignsPss(*clients_, rsa_key_.get(), md, salt.asked, certificate_key, salt.expected))
           << md << " salt " << salt.asked << ErrorText();
     }
   }
 }
 
 TEST_F(ProviderInProcessTest, RsaSignatureWithoutADigestIsRefusedClearly) {
-  const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-  auto loaded = Load(base_);
-  Answer answer;
-  x509auth_openssl::EvpPkeyPtr key(LoadKey(*loaded, rsa, &answer));
-  ASSERT_NE(key, nullptr) << ErrorText();
-  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(loaded->ctx, key.get(), nullptr));
+  LoadRsaClient();
+  ASSERT_NE(rsa_key_, nullptr) << ErrorText();
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_pkey(clients_->ctx, rsa_key_.get(), nullptr));
   ASSERT_EQ(EVP_PKEY_sign_init(context.get()), 1);
   const unsigned char hash[32] = {1, 2, 3};
   unsigned char signature[512];
@@ -140,17 +128,13 @@ class ProviderSignatureParamsTest : public ProviderInProcessTest {
   void SetUp() override {
     ProviderInProcessTest::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    const std::string rsa = InstallClient(KeyKind::k_rsa, "RSA Client");
-    loaded_ = Load(base_);
-    key_.reset(LoadKey(*loaded_, rsa, &answer_));
-    ASSERT_NE(key_, nullptr) << ErrorText();
-    context_.reset(EVP_PKEY_CTX_new_from_pkey(loaded_->ctx, key_.get(), nullptr));
+    LoadRsaClient();
+    ASSERT_NE(rsa_key_, nullptr) << ErrorText();
+    context_.reset(EVP_PKEY_CTX_new_from_pkey(clients_->ctx, rsa_key_.get(), nullptr));
     ASSERT_EQ(EVP_PKEY_sign_init(context_.get()), 1);
   }
   void TearDown() override {
     context_.reset();
-    key_.reset();
-    loaded_.reset();
     ProviderInProcessTest::TearDown();
   }
 
@@ -167,9 +151,6 @@ class ProviderSignatureParamsTest : public ProviderInProcessTest {
     EXPECT_EQ(DigestParam(context_.get(), key), "SHA2-256");
   }
 
-  std::unique_ptr<Loaded> loaded_;
-  Answer answer_;
-  x509auth_openssl::EvpPkeyPtr key_;
   EvpPkeyCtxPtr context_;
 };
 

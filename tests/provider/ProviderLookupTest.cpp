@@ -6,13 +6,6 @@
 namespace x509auth_test {
 namespace {
 
-std::size_t Count(const std::string& text, const std::string& line) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
-    ++count;
-  return count;
-}
-
 class ProviderLookupTest : public ProviderTest {};
 
 TEST_F(ProviderLookupTest, SClientWithOneUriForCertAndKeyListsNothingAndLoadsNoModule) {

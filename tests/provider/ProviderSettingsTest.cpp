@@ -16,20 +16,6 @@ constexpr const char* k_marker = "planted-module-was-loaded";
 
 class ProviderSettingsTest : public ProviderTest {
  protected:
-  // An openssl.cnf loading the module with |settings| in its section.
-  std::filesystem::path WriteConfig(const std::string& settings) const {
-    const std::filesystem::path cnf = temp_ / "openssl.cnf";
-    std::ofstream(cnf) << "openssl_conf = openssl_init\n"
-                          "[openssl_init]\nproviders = provider_sect\n"
-                          "[provider_sect]\ndefault = default_sect\nx509auth = x509auth_sect\n"
-                          "[default_sect]\nactivate = 1\n"
-                          "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR
-                          "/x509auth.so\n"
-                          "activate = 1\n" +
-                              settings;
-    return cnf;
-  }
-
   // openssl with only OPENSSL_CONF (and what the token needs) set.
   ChildResult OpensslWithConfig(const std::filesystem::path& cnf,
                                 const std::vector<std::string>& arguments,
@@ -268,8 +254,8 @@ class ProviderTokenSettingsTest : public ProviderSettingsTest {
 
 TEST_F(ProviderTokenSettingsTest, OpensslCnfNamesTheModuleWithNoEnvironmentFromAnEmptyDirectory) {
   const std::filesystem::path cnf =
-      WriteConfig("pkcs11_module = " + SoftHsmToken::ModulePath().string() +
-                  "\nca_files = " + CasFile().string() + "\n");
+      WriteOpensslConfig("pkcs11_module = " + SoftHsmToken::ModulePath().string() +
+                         "\nca_files = " + CasFile().string() + "\n");
   const ChildResult listed = OpensslWithConfig(cnf, {"storeutl", "-noout", "-text", "x509auth:"});
   EXPECT_EQ(listed.status, 0) << listed.err;
   EXPECT_NE(listed.out.find("Subject: CN=Token RSA"), std::string::npos)

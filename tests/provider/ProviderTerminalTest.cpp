@@ -9,13 +9,6 @@
 namespace x509auth_test {
 namespace {
 
-std::size_t Count(const std::string& text, const std::string& what) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-    ++count;
-  return count;
-}
-
 TEST_F(ProviderTest, PasswordTypedAtOpensslsPromptIsAskedOnceAndServesTheHandshake) {
   if (std::system("command -v tmux > /dev/null") != 0) GTEST_SKIP() << "tmux missing";
   const std::string thumbprint =

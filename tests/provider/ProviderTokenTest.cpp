@@ -5,6 +5,7 @@
 
 #include "ProviderFixture.h"
 #include "SoftHsmToken.h"
+#include "TokenClientChains.h"
 
 namespace x509auth_test {
 namespace {
@@ -19,10 +20,7 @@ class ProviderTokenTest : public ProviderTest {
     hsm_ = std::make_unique<SoftHsmToken>(options);
     env_override_["X509AUTH_MODULE"] = SoftHsmToken::ModulePath().string();
     hsm_->InitToken("Card A");
-    rsa_ = MakeChain(KeyKind::k_rsa, "Token RSA");
-    ec_ = MakeChain(KeyKind::k_ec, "Token EC");
-    hsm_->ImportCertAndKey("Card A", rsa_.leaf.get(), rsa_.leaf_key.get(), "01", "rsa");
-    hsm_->ImportCertAndKey("Card A", ec_.leaf.get(), ec_.leaf_key.get(), "02", "ec");
+    ImportTokenClientChains(*hsm_, "Card A", &rsa_, &ec_);
     AddCas(rsa_);
     AddCas(ec_);
   }

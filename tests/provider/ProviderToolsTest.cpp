@@ -1,6 +1,5 @@
 // openssl pkeyutl and storeutl through the provider, and the provider loaded
 // from an openssl.cnf section.
-#include <fstream>
 
 #include "ProviderFixture.h"
 
@@ -109,18 +108,8 @@ TEST_F(ProviderTest, StoreRefusesAnUnrecognisedUri) {
 
 TEST_F(ProviderTest, OpensslCnfSectionLoadsTheProviderWithItsSettings) {
   InstallClient(KeyKind::k_ec, "Configured Client");
-  const std::filesystem::path cnf = temp_ / "openssl.cnf";
-  std::ofstream(cnf) << "openssl_conf = openssl_init\n"
-                        "[openssl_init]\nproviders = provider_sect\n"
-                        "[provider_sect]\ndefault = default_sect\nx509auth = x509auth_sect\n"
-                        "[default_sect]\nactivate = 1\n"
-                        "[x509auth_sect]\nmodule = " X509AUTH_PROVIDER_DIR
-                        "/x509auth.so\n"
-                        "activate = 1\ndirs = " +
-                            base_.string() +
-                            "\n"
-                            "ca_files = " +
-                            CasFile().string() + "\nlog_level = error\n";
+  const std::filesystem::path cnf = WriteOpensslConfig(
+      "dirs = " + base_.string() + "\nca_files = " + CasFile().string() + "\nlog_level = error\n");
   ChildRun run;
   run.argv = {OpensslProgram(), "storeutl", "-noout", "-text", "x509auth:"};
   run.env = SanitizerEnvironment();

@@ -1,8 +1,9 @@
 #include "TmuxPane.h"
 
 #include <chrono>
-#include <cstdio>
 #include <thread>
+
+#include "ShellOutput.h"
 
 namespace x509auth_test {
 
@@ -17,14 +18,7 @@ std::string TmuxPane::Quote(const std::string& text) {
 }
 
 std::string TmuxPane::Run(const std::string& arguments) {
-  const std::string command = "tmux -S " + Quote(socket_.string()) + " " + arguments + " 2>&1";
-  std::string output;
-  if (FILE* pipe = popen(command.c_str(), "r")) {
-    char buffer[4096];
-    while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
-    pclose(pipe);
-  }
-  return output;
+  return ShellOutput("tmux -S " + Quote(socket_.string()) + " " + arguments + " 2>&1");
 }
 
 bool TmuxPane::Start(const std::string& shell_command) {

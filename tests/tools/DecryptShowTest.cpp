@@ -12,19 +12,9 @@
 namespace x509auth_test {
 namespace {
 
-class DecryptShowTest : public ToolTest {
+class DecryptShowTest : public ToolFileKeysTest {
  protected:
-  void SetUp() override {
-    ToolTest::SetUp();
-    rsa_ = SharedKey(KeyKind::k_rsa, 0);
-    ec_ = SharedKey(KeyKind::k_ec, 0);
-    rsa_cert_ = ClientCert("Decrypter RSA", rsa_.get());
-    ec_cert_ = ClientCert("Decrypter EC", ec_.get());
-    InstallFileCert(Base("b"), "rsa.pem", rsa_cert_.get(), rsa_.get());
-    InstallFileCert(Base("b"), "ec.pem", ec_cert_.get(), ec_.get());
-  }
-  TestKey rsa_, ec_;
-  TestX509 rsa_cert_, ec_cert_;
+  DecryptShowTest() : ToolFileKeysTest("Decrypter") {}
 };
 
 TEST_F(DecryptShowTest, DecryptsPkcs1AndOaepToStdoutOrFile) {

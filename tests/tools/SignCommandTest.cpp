@@ -21,21 +21,10 @@ Bytes Digest(const EVP_MD* md, const std::string& message) {
   return digest;
 }
 
-class SignCommandTest : public ToolTest {
+class SignCommandTest : public ToolFileKeysTest {
  protected:
-  void SetUp() override {
-    ToolTest::SetUp();
-    rsa_ = SharedKey(KeyKind::k_rsa, 0);
-    ec_ = SharedKey(KeyKind::k_ec, 0);
-    rsa_cert_ = ClientCert("Signer RSA", rsa_.get());
-    ec_cert_ = ClientCert("Signer EC", ec_.get());
-    InstallFileCert(Base("b"), "rsa.pem", rsa_cert_.get(), rsa_.get());
-    InstallFileCert(Base("b"), "ec.pem", ec_cert_.get(), ec_.get());
-  }
+  SignCommandTest() : ToolFileKeysTest("Signer") {}
   std::string Thumb(X509* cert) const { return HexOf(Sha1Thumbprint(cert)); }
-
-  TestKey rsa_, ec_;
-  TestX509 rsa_cert_, ec_cert_;
 };
 
 TEST_F(SignCommandTest, EveryHashWithBothKeyFamiliesVerifiesWithTheCertificate) {

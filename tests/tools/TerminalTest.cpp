@@ -11,6 +11,7 @@
 #include <ctime>
 #include <thread>
 
+#include "ShellOutput.h"
 #include "SoftHsmToken.h"
 #include "TlsTestServer.h"
 #include "ToolFixture.h"
@@ -44,15 +45,15 @@ class TerminalTest : public ToolTest {
 
   // Runs tmux on the test's own server socket; returns its output.
   std::string Tmux(const std::string& arguments) {
-    const std::string command =
-        "tmux -S " + Quote((temp_ / "tmux.sock").string()) + " " + arguments + " 2>&1";
-    std::string output;
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-      char buffer[4096];
-      while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) output += buffer;
-      pclose(pipe);
-    }
-    return output;
+    return ShellOutput("tmux -S " + Quote((temp_ / "tmux.sock").string()) + " " + arguments +
+                       " 2>&1");
+  }
+
+  // Runs |script| with sh in a new pane "prompt", |width| columns wide and
+  // 40 lines high; tmux's output, empty when it started.
+  std::string StartPrompt(const std::string& script, int width) {
+    return Tmux("new-session -d -s prompt -x " + std::to_string(width) + " -y 40 " +
+                Quote("sh -c " + Quote(script)));
   }
 
   std::string Screen() { return Tmux("capture-pane -p -t prompt"); }
@@ -94,8 +95,7 @@ TEST_F(TerminalTest, PinTypedAtTheNoEchoPromptSignsAndNeverShows) {
                            HexOf(Sha1Thumbprint(cert.get())).substr(0, 12) + " --in " +
                            Quote((temp_ / "message.txt").string()) + " --out " + Quote(signature);
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  const std::string started =
-      Tmux("new-session -d -s prompt -x 160 -y 40 " + Quote("sh -c " + Quote(script)));
+  const std::string started = StartPrompt(script, 160);
   ASSERT_EQ(started, "") << started;
 
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
@@ -128,7 +128,7 @@ TEST_F(TerminalTest, NothingTypedCancelsThePromptAndSaysWhich) {
   const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
                            " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 250), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   EXPECT_NE(Screen().find("Password for the key file " + key_path + " (input hidden):"),
             std::string::npos)
@@ -160,7 +160,7 @@ TEST_F(TerminalTest, TlsAsksForAKeyFilesPasswordOnceWithACleanPrompt) {
                            HexOf(Sha1Thumbprint(chain.leaf.get())).substr(0, 8) + " --CAfile " +
                            Quote(server_files.CertificateFile().string());
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 250), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   Tmux("send-keys -t prompt -l pw");
   Tmux("send-keys -t prompt Enter");
@@ -182,7 +182,7 @@ TEST_F(TerminalTest, SignReadingTheTerminalSaysSoAndEndsAtCtrlD) {
   const std::string tool = std::string(ToolPath()) + " --dir " + Quote(Base("b").string()) +
                            " sign " + HexOf(Sha1Thumbprint(cert.get())).substr(0, 8);
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(
       WaitForScreen("x509-auth: reading the data to sign from the terminal; end it with Ctrl-D"))
       << Screen();
@@ -208,7 +208,7 @@ TEST_F(TerminalTest, CtrlCAtThePromptRestoresEchoAndExitsAs130) {
   const std::string script = "trap : INT; " + tool +
                              "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
                              "sed 's/^/MODE=/'; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   Tmux("send-keys -t prompt C-c");
   ASSERT_TRUE(WaitForScreen("MODE=")) << Screen();
@@ -243,7 +243,7 @@ TEST_F(TerminalTest, EverySignalThatEndsThePromptRestoresEchoAndEndsByThatSignal
                                Quote((temp_ / "tool.sh").string()) +
                                "; echo \"EXIT=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
                                "sed 's/^/MODE=/'; sleep 60";
-    ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+    ASSERT_EQ(StartPrompt(script, 200), "");
     ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
     if (c.keys != nullptr) {
       Tmux(std::string("send-keys -t prompt ") + c.keys);
@@ -281,7 +281,7 @@ TEST_F(TerminalTest, CtrlZAtThePromptGivesEchoBackUntilTheToolGoesOn) {
       "set -m; " + tool +
       "; echo \"STOPPED=$?\"; stty -a | tr ' ' '\\n' | grep -x -- '-*echo' | "
       "sed 's/^/MODE=/'; fg; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   Tmux("send-keys -t prompt C-z");
   ASSERT_TRUE(WaitForScreen("MODE=")) << Screen();
@@ -294,12 +294,7 @@ TEST_F(TerminalTest, CtrlZAtThePromptGivesEchoBackUntilTheToolGoesOn) {
   while (!tty.empty() && tty.back() == '\n') tty.pop_back();
   bool hidden = false;
   for (int i = 0; i < 200 && !hidden; ++i) {
-    std::string modes;
-    if (FILE* pipe = popen(("stty -a -F " + Quote(tty) + " 2>&1").c_str(), "r")) {
-      char buffer[4096];
-      while (std::fgets(buffer, sizeof buffer, pipe) != nullptr) modes += buffer;
-      pclose(pipe);
-    }
+    const std::string modes = ShellOutput("stty -a -F " + Quote(tty) + " 2>&1");
     hidden = modes.find(" -echo ") != std::string::npos;
     if (!hidden) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
@@ -321,7 +316,7 @@ TEST_F(TerminalTest, PromptShowsAKeyFileNameWithEscapesAsText) {
   const std::string tool = std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) +
                            " sign " + HexOf(Sha1Thumbprint(cert.get())) + " --in /dev/null";
   const std::string script = tool + "; echo \"EXIT=$?\"; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 250 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 250), "");
   ASSERT_TRUE(WaitForScreen("(input hidden):")) << Screen();
   const std::string key_path = (Base("b") / "keys").string() + "/paint\\x1b[31m\\x1b[2J.pem.key";
   EXPECT_NE(Screen().find("Password for the key file " + key_path + " (input hidden):"),
@@ -342,7 +337,7 @@ TEST_F(TerminalTest, ListIsColouredOnATerminalUnlessNoColorIsSet) {
   const std::string list =
       std::string(ToolPath()) + " -q --dir " + Quote(Base("b").string()) + " list";
   const std::string script = list + "; echo DONE1; NO_COLOR=1 " + list + "; echo DONE2; sleep 60";
-  ASSERT_EQ(Tmux("new-session -d -s prompt -x 200 -y 40 " + Quote("sh -c " + Quote(script))), "");
+  ASSERT_EQ(StartPrompt(script, 200), "");
   ASSERT_TRUE(WaitForScreen("DONE2")) << Screen();
   const std::string screen = Tmux("capture-pane -e -p -t prompt");
   const std::size_t split = screen.find("DONE1");

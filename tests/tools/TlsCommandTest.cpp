@@ -12,6 +12,7 @@
 #include "SoftHsmToken.h"
 #include "TestPki.h"
 #include "TlsTestServer.h"
+#include "TokenClientChains.h"
 #include "ToolRunner.h"
 
 namespace x509auth_test {
@@ -227,10 +228,7 @@ class TlsTokenTest : public TlsCommandTest {
     TlsCommandTest::SetUp();
     hsm_ = std::make_unique<SoftHsmToken>();
     hsm_->InitToken("Card A");
-    rsa_ = MakeChain(KeyKind::k_rsa, "Token RSA");
-    ec_ = MakeChain(KeyKind::k_ec, "Token EC");
-    hsm_->ImportCertAndKey("Card A", rsa_.leaf.get(), rsa_.leaf_key.get(), "01", "rsa");
-    hsm_->ImportCertAndKey("Card A", ec_.leaf.get(), ec_.leaf_key.get(), "02", "ec");
+    ImportTokenClientChains(*hsm_, "Card A", &rsa_, &ec_);
     AddCas(rsa_);
     AddCas(ec_);
     std::filesystem::create_directories(temp_ / "base");

@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "RecordingCallbacks.h"
@@ -125,5 +126,26 @@ inline std::string CommonNameOf(X509* cert) {
   X509_NAME_get_text_by_NID(X509_get_subject_name(cert), NID_commonName, text, sizeof text);
   return text;
 }
+
+// A tool test with two file certificates in base "b": "<name> RSA"
+// (rsa.pem) and "<name> EC" (ec.pem), each with its unencrypted key.
+class ToolFileKeysTest : public ToolTest {
+ protected:
+  explicit ToolFileKeysTest(std::string name) : name_(std::move(name)) {}
+
+  void SetUp() override {
+    ToolTest::SetUp();
+    rsa_ = SharedKey(KeyKind::k_rsa, 0);
+    ec_ = SharedKey(KeyKind::k_ec, 0);
+    rsa_cert_ = ClientCert(name_ + " RSA", rsa_.get());
+    ec_cert_ = ClientCert(name_ + " EC", ec_.get());
+    InstallFileCert(Base("b"), "rsa.pem", rsa_cert_.get(), rsa_.get());
+    InstallFileCert(Base("b"), "ec.pem", ec_cert_.get(), ec_.get());
+  }
+
+  const std::string name_;
+  TestKey rsa_, ec_;
+  TestX509 rsa_cert_, ec_cert_;
+};
 
 }  // namespace x509auth_test

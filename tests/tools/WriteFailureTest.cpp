@@ -37,6 +37,19 @@ class WriteFailureTest : public ToolTest {
     return run;
   }
 
+  // The command failed with the one line about |out|, did not claim |note|,
+  // and left no file behind.
+  static void ExpectUnwrittenAndUnclaimed(const ToolResult& result,
+                                          const std::filesystem::path& out, const char* note) {
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_EQ(ToolLines(result.err),
+              std::vector<std::string>{"x509-auth: cannot write " + out.string() +
+                                       ": File too large (the incomplete file was removed)"})
+        << result.err;
+    EXPECT_EQ(result.err.find(note), std::string::npos) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(out));
+  }
+
   TestKey rsa_;
   Chain chain_;
   std::string thumb_;
@@ -69,13 +82,7 @@ TEST_F(WriteFailureTest, SignatureThatCannotBeWrittenIsNeitherClaimedNorLeftBehi
   ToolRun run = Run(k_no_file_space, {"sign", thumb_, "--out", out.string()});
   run.input = "data to sign";
   const ToolResult result = RunTool(run);
-  EXPECT_EQ(result.status, 1) << result.err;
-  EXPECT_EQ(ToolLines(result.err),
-            std::vector<std::string>{"x509-auth: cannot write " + out.string() +
-                                     ": File too large (the incomplete file was removed)"})
-      << result.err;
-  EXPECT_EQ(result.err.find("verified"), std::string::npos) << result.err;
-  EXPECT_FALSE(std::filesystem::exists(out));
+  ExpectUnwrittenAndUnclaimed(result, out, "verified");
   // Without the limit the same command writes the signature and says so.
   ToolRun unlimited = Run("", {"sign", thumb_, "--out", out.string()});
   unlimited.input = "data to sign";
@@ -95,13 +102,7 @@ TEST_F(WriteFailureTest, PlaintextThatCannotBeWrittenIsNeitherClaimedNorLeftBehi
       Run(k_no_file_space, {"decrypt", thumb_, "--padding", "oaep", "--out", out.string()});
   run.input.assign(ciphertext.begin(), ciphertext.end());
   const ToolResult result = RunTool(run);
-  EXPECT_EQ(result.status, 1) << result.err;
-  EXPECT_EQ(ToolLines(result.err),
-            std::vector<std::string>{"x509-auth: cannot write " + out.string() +
-                                     ": File too large (the incomplete file was removed)"})
-      << result.err;
-  EXPECT_EQ(result.err.find("decrypted"), std::string::npos) << result.err;
-  EXPECT_FALSE(std::filesystem::exists(out));
+  ExpectUnwrittenAndUnclaimed(result, out, "decrypted");
   // To a full stdout: the same failure, for standard output.
   ToolRun to_stdout = Run(k_full_stdout, {"decrypt", thumb_, "--padding", "oaep"});
   to_stdout.input = run.input;
