@@ -20,7 +20,8 @@ class DigestOperation {
   // Digesting a key means digesting its secret value; no key here has one
   // that leaves the token.
   static CK_RV DigestKey(const TokenObject& key);
-  std::size_t Length() const { return hash_->length; }
+  // The digest's length.
+  std::size_t OutputLength() const { return hash_->length; }
   CK_RV Final(Bytes& digest);
 
  private:

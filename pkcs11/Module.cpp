@@ -460,6 +460,35 @@ CK_RV Module::Update(CK_SESSION_HANDLE handle, CK_BYTE_PTR part, CK_ULONG part_l
   return rv;
 }
 
+template <typename Operation>
+CK_RV Module::AllAtOnce(CK_SESSION_HANDLE handle, CK_BYTE_PTR data, CK_ULONG data_length,
+                        CK_BYTE_PTR output, CK_ULONG_PTR output_length,
+                        SessionOperation<Operation> operation, Finisher finish) {
+  CK_RV rv = CKR_OK;
+  Session* found = Running(
+      handle, (data != nullptr || data_length == 0) && output_length != nullptr, operation, rv);
+  if (found == nullptr) return rv;
+  // A length query must not consume the data: it is given again with the
+  // buffer, so the length is answered before the operation sees any data.
+  OutputBuffer probe(output, output_length);
+  if (!probe.Takes((found->*operation)->OutputLength())) return probe.Answer();
+  rv = (found->*operation)->Update(data, data_length);
+  if (rv != CKR_OK) {
+    (found->*operation).reset();
+    return rv;
+  }
+  return (this->*finish)(*found, output, output_length);
+}
+
+template <typename Operation>
+CK_RV Module::FinishRunning(CK_SESSION_HANDLE handle, CK_BYTE_PTR output,
+                            CK_ULONG_PTR output_length, SessionOperation<Operation> operation,
+                            Finisher finish) {
+  CK_RV rv = CKR_OK;
+  Session* found = Running(handle, output_length != nullptr, operation, rv);
+  return found == nullptr ? rv : (this->*finish)(*found, output, output_length);
+}
+
 CK_RV Module::SignInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
                        CK_OBJECT_HANDLE key) {
   if (const CK_RV rv = Ready(); rv != CKR_OK) return rv;
@@ -508,7 +537,7 @@ CK_RV Module::LibraryFailure(X509_Auth_ResultCode code, const PromptRecord& prom
 
 CK_RV Module::FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR signature_length) {
   OutputBuffer output(signature, signature_length);
-  if (!output.Takes(session.sign->SignatureLength())) return output.Answer();
+  if (!output.Takes(session.sign->OutputLength())) return output.Answer();
   // From here the operation ends, whatever the outcome.
   std::unique_ptr<SignOperation> operation = std::move(session.sign);
   Bytes made;
@@ -528,21 +557,8 @@ CK_RV Module::FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR s
 
 CK_RV Module::Sign(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
                    CK_BYTE_PTR signature, CK_ULONG_PTR signature_length) {
-  CK_RV refused = CKR_OK;
-  Session* found =
-      Running(session, (data != nullptr || data_length == 0) && signature_length != nullptr,
-              &Session::sign, refused);
-  if (found == nullptr) return refused;
-  // A length query must not consume the data: it is given again with the
-  // buffer, so the length is answered before the operation sees any data.
-  OutputBuffer probe(signature, signature_length);
-  if (!probe.Takes(found->sign->SignatureLength())) return probe.Answer();
-  const CK_RV updated = found->sign->Update(data, data_length);
-  if (updated != CKR_OK) {
-    found->sign.reset();
-    return updated;
-  }
-  return FinishSign(*found, signature, signature_length);
+  return AllAtOnce(session, data, data_length, signature, signature_length, &Session::sign,
+                   &Module::FinishSign);
 }
 
 CK_RV Module::SignUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG part_length) {
@@ -551,9 +567,7 @@ CK_RV Module::SignUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG p
 
 CK_RV Module::SignFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR signature,
                         CK_ULONG_PTR signature_length) {
-  CK_RV refused = CKR_OK;
-  Session* found = Running(session, signature_length != nullptr, &Session::sign, refused);
-  return found == nullptr ? refused : FinishSign(*found, signature, signature_length);
+  return FinishRunning(session, signature, signature_length, &Session::sign, &Module::FinishSign);
 }
 
 CK_RV Module::DecryptInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism,
@@ -608,7 +622,7 @@ CK_RV Module::DigestInit(CK_SESSION_HANDLE session, CK_MECHANISM_PTR mechanism) 
 
 CK_RV Module::FinishDigest(Session& session, CK_BYTE_PTR digest, CK_ULONG_PTR digest_length) {
   OutputBuffer output(digest, digest_length);
-  if (!output.Takes(session.digest->Length())) return output.Answer();
+  if (!output.Takes(session.digest->OutputLength())) return output.Answer();
   const std::unique_ptr<DigestOperation> operation = std::move(session.digest);
   Bytes made;
   if (const CK_RV rv = operation->Final(made); rv != CKR_OK) return rv;
@@ -618,20 +632,8 @@ CK_RV Module::FinishDigest(Session& session, CK_BYTE_PTR digest, CK_ULONG_PTR di
 
 CK_RV Module::Digest(CK_SESSION_HANDLE session, CK_BYTE_PTR data, CK_ULONG data_length,
                      CK_BYTE_PTR digest, CK_ULONG_PTR digest_length) {
-  CK_RV refused = CKR_OK;
-  Session* found =
-      Running(session, (data != nullptr || data_length == 0) && digest_length != nullptr,
-              &Session::digest, refused);
-  if (found == nullptr) return refused;
-  // As with C_Sign, the data comes again with the buffer after a length
-  // query, so it is taken only once the buffer is big enough.
-  OutputBuffer probe(digest, digest_length);
-  if (!probe.Takes(found->digest->Length())) return probe.Answer();
-  if (const CK_RV rv = found->digest->Update(data, data_length); rv != CKR_OK) {
-    found->digest.reset();
-    return rv;
-  }
-  return FinishDigest(*found, digest, digest_length);
+  return AllAtOnce(session, data, data_length, digest, digest_length, &Session::digest,
+                   &Module::FinishDigest);
 }
 
 CK_RV Module::DigestUpdate(CK_SESSION_HANDLE session, CK_BYTE_PTR part, CK_ULONG part_length) {
@@ -650,9 +652,7 @@ CK_RV Module::DigestKey(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
 
 CK_RV Module::DigestFinal(CK_SESSION_HANDLE session, CK_BYTE_PTR digest,
                           CK_ULONG_PTR digest_length) {
-  CK_RV refused = CKR_OK;
-  Session* found = Running(session, digest_length != nullptr, &Session::digest, refused);
-  return found == nullptr ? refused : FinishDigest(*found, digest, digest_length);
+  return FinishRunning(session, digest, digest_length, &Session::digest, &Module::FinishDigest);
 }
 
 CK_RV Module::SeedRandom(CK_SESSION_HANDLE session, CK_BYTE_PTR seed, CK_ULONG seed_length) {

@@ -98,6 +98,16 @@ class Module {
   template <typename Operation>
   CK_RV Update(CK_SESSION_HANDLE handle, CK_BYTE_PTR part, CK_ULONG part_length,
                SessionOperation<Operation> operation);
+  using Finisher = CK_RV (Module::*)(Session&, CK_BYTE_PTR, CK_ULONG_PTR);
+  // C_Sign and C_Digest: all the data in one call, then |finish|.
+  template <typename Operation>
+  CK_RV AllAtOnce(CK_SESSION_HANDLE handle, CK_BYTE_PTR data, CK_ULONG data_length,
+                  CK_BYTE_PTR output, CK_ULONG_PTR output_length,
+                  SessionOperation<Operation> operation, Finisher finish);
+  // C_SignFinal and C_DigestFinal: |finish| on the data given so far.
+  template <typename Operation>
+  CK_RV FinishRunning(CK_SESSION_HANDLE handle, CK_BYTE_PTR output, CK_ULONG_PTR output_length,
+                      SessionOperation<Operation> operation, Finisher finish);
   // Ends the signature of |session| with the data given so far.
   CK_RV FinishSign(Session& session, CK_BYTE_PTR signature, CK_ULONG_PTR signature_length);
   // Ends the digest of |session|, unless the buffer only asks the length

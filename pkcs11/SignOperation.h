@@ -23,7 +23,8 @@ class SignOperation {
 
   CK_RV Update(const unsigned char* data, std::size_t length);
   // The length of the signature Sign will make.
-  std::size_t SignatureLength() const { return key_->SignatureLength(); }
+  // The signature's length.
+  std::size_t OutputLength() const { return key_->SignatureLength(); }
   // Signs what Update was given with the key's open key in |keys| (opened
   // now when it is not yet). On a refusal of the library returns
   // CKR_FUNCTION_FAILED and sets |library_code|; other failures are the
