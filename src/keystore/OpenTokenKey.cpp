@@ -81,12 +81,12 @@ std::optional<X509_Auth_Result> OpenTokenKey::EnsureCurrent() {
 
 template <typename Operation>
 auto OpenTokenKey::WithKey(Operation operation) -> decltype(operation(std::declval<Key&>())) {
-  using Outcome = decltype(operation(std::declval<Key&>()));
-  if (auto failure = EnsureCurrent()) return Outcome{nullptr, *failure};
+  using OperationResult = decltype(operation(std::declval<Key&>()));
+  if (auto failure = EnsureCurrent()) return OperationResult{nullptr, *failure};
   return RetryOnceAfterTokenLoss(
       TokenWatch::Enabled() ? key_->TokenContext() : nullptr, [&] { return operation(*key_); },
       [&] {
-        if (auto failure = FindAgain()) return Outcome{nullptr, *failure};
+        if (auto failure = FindAgain()) return OperationResult{nullptr, *failure};
         return operation(*key_);
       });
 }
